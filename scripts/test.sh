@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds with warnings as errors and runs every
+# test; then the same tests under AddressSanitizer+UndefinedBehaviorSanitizer,
+# and the cross-thread tests under ThreadSanitizer.
+#
+#   scripts/test.sh            everything
+#   scripts/test.sh --quick    the plain build and its tests only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+quick=0
+[ "${1:-}" = "--quick" ] && quick=1
+
+bash scripts/install-deps.sh
+
+jobs=$(nproc)
+fixtures="$root/build/fixtures"
+# Tests must not reach a real sound card or depend on the caller's locale.
+export SDL_AUDIODRIVER=disk LC_ALL=C.UTF-8
+
+configure_and_build() {  # dir, extra cmake arguments...
+  local dir=$1
+  shift
+  cmake -S . -B "$dir" -G Ninja -DVARNEL_WERROR=ON -DVARNEL_FIXTURES_DIR="$fixtures" "$@" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+}
+
+echo "== build (warnings as errors)"
+configure_and_build build
+echo "== tests"
+ctest --test-dir build --output-on-failure -j "$jobs"
+
+[ $quick = 1 ] && exit 0
+
+supp="$root/tests/sanitizers"
+echo "== build with AddressSanitizer + UndefinedBehaviorSanitizer"
+configure_and_build build-asan -DVARNEL_SANITIZE=address -DVARNEL_BUILD_BENCH=OFF
+echo "== tests under ASan + UBSan"
+ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:detect_odr_violation=0" \
+LSAN_OPTIONS="suppressions=$supp/lsan.supp:print_suppressions=0" \
+UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+  ctest --test-dir build-asan --output-on-failure -j "$jobs" -E installed_library_links
+
+echo "== build with ThreadSanitizer"
+configure_and_build build-tsan -DVARNEL_SANITIZE=thread -DVARNEL_BUILD_BENCH=OFF
+echo "== cross-thread tests under TSan"
+# The tests whose code runs on more than one thread.
+tsan_tests='SerialQueue|FIFODataBuffer|AudioBuffer|Thread|Mix|Playback|AudioGraph|MovieSeek|MovieQueue'
+TSAN_OPTIONS="suppressions=$supp/tsan.supp:halt_on_error=1:second_deadlock_stack=1" \
+  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R "make_fixtures|$tsan_tests"

@@ -1,0 +1,108 @@
+#include "core/fifo_data_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+
+TEST(FIFODataBufferTest, ReadsInOrderAcrossTheSwap) {
+  VNFIFODataBuffer fifo;
+  uint8_t out[16];
+  std::fill(std::begin(out), std::end(out), 0xEE);
+
+  // Empty: nothing copied, destination untouched.
+  EXPECT_EQ(fifo.readBytes(out, 8), 0u);
+  EXPECT_EQ(out[0], 0xEE);
+  EXPECT_EQ(fifo.readBytes(out, 0), 0u);
+
+  uint8_t ten[10];
+  std::iota(std::begin(ten), std::end(ten), 0);
+  fifo.appendBytes(ten, 10);
+  EXPECT_EQ(fifo.length(), 10u);
+  EXPECT_EQ(fifo.readBytes(out, 4), 4u);
+  EXPECT_EQ(out[3], 3);
+
+  // Bytes appended after a partial read come after the ones still waiting.
+  const uint8_t more[3] = {100, 101, 102};
+  fifo.appendBytes(more, 3);
+  EXPECT_EQ(fifo.readBytes(out, 16), 9u);
+  const uint8_t expected[9] = {4, 5, 6, 7, 8, 9, 100, 101, 102};
+  EXPECT_TRUE(std::equal(expected, expected + 9, out));
+  EXPECT_EQ(out[9], 0xEE);  // short read leaves the rest alone
+  EXPECT_EQ(fifo.length(), 0u);
+}
+
+TEST(FIFODataBufferTest, ShortReadAndClear) {
+  VNFIFODataBuffer fifo;
+  uint8_t ten[10] = {};
+  uint8_t out[10];
+  fifo.appendBytes(ten, 10);
+  EXPECT_EQ(fifo.readBytes(out, 4), 4u);
+  EXPECT_EQ(fifo.readBytes(out, 10), 6u);
+  EXPECT_EQ(fifo.length(), 0u);
+
+  fifo.appendBytes(ten, 10);
+  fifo.clear();
+  EXPECT_EQ(fifo.length(), 0u);
+  const uint8_t abc[3] = {'a', 'b', 'c'};
+  fifo.appendBytes(abc, 3);
+  EXPECT_EQ(fifo.readBytes(out, 3), 3u);
+  EXPECT_EQ(out[0], 'a');
+  EXPECT_EQ(out[2], 'c');
+}
+
+TEST(FIFODataBufferTest, SteadyStateDoesNotAllocate) {
+  VNFIFODataBuffer fifo;
+  std::vector<uint8_t> chunk(16384, 7), out(16384);
+  auto cycle = [&] {
+    fifo.appendBytes(chunk.data(), chunk.size());
+    fifo.appendBytes(chunk.data(), chunk.size() / 2);
+    const bool whole = fifo.readBytes(out.data(), out.size()) == out.size();
+    return fifo.readBytes(out.data(), out.size() / 2) == out.size() / 2 && whole;
+  };
+  for (int i = 0; i < 4; ++i) cycle();  // both arrays grow to the working size
+  const uint64_t before = vn::test::allocationCount();
+  bool allRead = true;
+  for (int i = 0; i < 16; ++i) allRead = cycle() && allRead;
+  EXPECT_EQ(vn::test::allocationCount(), before);
+  EXPECT_TRUE(allRead);
+}
+
+// One writer and one reader move tens of megabytes in random chunk sizes; the
+// reader must see every byte, in order.
+TEST(FIFODataBufferTest, OneWriterOneReaderKeepOrder) {
+  VNFIFODataBuffer fifo;
+  constexpr uint64_t kTotal = 32ull << 20;
+  std::thread writer([&] {
+    std::mt19937 rng(1);
+    std::vector<uint8_t> chunk(65536);
+    uint64_t written = 0;
+    while (written < kTotal) {
+      const uint64_t n = std::min<uint64_t>(kTotal - written, 1 + rng() % chunk.size());
+      for (uint64_t i = 0; i < n; ++i) chunk[i] = static_cast<uint8_t>((written + i) * 131 >> 3);
+      fifo.appendBytes(chunk.data(), n);
+      written += n;
+      if (fifo.length() > (8u << 20)) std::this_thread::yield();
+    }
+  });
+  std::mt19937 rng(2);
+  std::vector<uint8_t> out(65536);
+  uint64_t read = 0;
+  uint64_t mismatches = 0;
+  while (read < kTotal) {
+    const uint64_t n = fifo.readBytes(out.data(), 1 + rng() % out.size());
+    for (uint64_t i = 0; i < n; ++i) {
+      if (out[i] != static_cast<uint8_t>((read + i) * 131 >> 3)) ++mismatches;
+    }
+    read += n;
+    if (n == 0) std::this_thread::yield();
+  }
+  writer.join();
+  EXPECT_EQ(read, kTotal);
+  EXPECT_EQ(mismatches, 0u);
+  EXPECT_EQ(fifo.length(), 0u);
+}

@@ -1,0 +1,66 @@
+#include "core/serial_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
+  vn::SerialQueue queue("test");
+  std::vector<int> order;  // touched only by the worker
+  std::atomic<int> running{0};
+  std::atomic<int> overlaps{0};
+  for (int i = 0; i < 200; ++i) {
+    queue.addOperation([&, i] {
+      if (running.fetch_add(1) != 0) ++overlaps;
+      EXPECT_TRUE(queue.isCurrent());
+      order.push_back(i);
+      running.fetch_sub(1);
+    });
+  }
+  queue.waitUntilAllOperationsAreFinished();
+  EXPECT_FALSE(queue.isCurrent());
+  EXPECT_EQ(overlaps.load(), 0);
+  ASSERT_EQ(order.size(), 200u);
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
+}
+
+TEST(SerialQueueTest, WaitOnOneOperation) {
+  vn::SerialQueue queue("test");
+  int value = 0;
+  auto op = queue.addOperation([&] { value = 42; });
+  op->wait();
+  EXPECT_TRUE(op->isFinished());
+  EXPECT_EQ(value, 42);
+}
+
+// A task may drop the last reference to the queue's owner; the queue must not
+// try to join its own thread.
+TEST(SerialQueueTest, OwnerDestroyedFromItsOwnTask) {
+  struct Owner {
+    vn::SerialQueue queue{"owner"};
+  };
+  auto owner = std::make_shared<Owner>();
+  std::atomic<bool> destroyed{false};
+  auto done = std::make_shared<vn::SerialQueue>("observer");
+  std::shared_ptr<vn::SerialQueue::Operation> op;
+  {
+    auto* raw = owner.get();
+    op = raw->queue.addOperation([owner = std::move(owner), &destroyed]() mutable {
+      owner.reset();  // destroys the queue from its own worker
+      destroyed = true;
+    });
+  }
+  op->wait();
+  EXPECT_TRUE(destroyed.load());
+}
+
+TEST(SerialQueueTest, DestructionRunsPendingWork) {
+  std::atomic<int> ran{0};
+  {
+    vn::SerialQueue queue("test");
+    for (int i = 0; i < 10; ++i) queue.addOperation([&] { ++ran; });
+  }
+  EXPECT_EQ(ran.load(), 10);
+}

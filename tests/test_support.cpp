@@ -1,0 +1,75 @@
+#include "test_support.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace vn::test {
+
+namespace {
+
+std::string quote(const std::string& s) {
+  std::string q = "'";
+  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+}  // namespace
+
+std::string fixture(const std::string& name) {
+  const char* dir = std::getenv("VARNEL_FIXTURES");
+  return std::string(dir && *dir ? dir : VARNEL_FIXTURES_DIR) + "/" + name;
+}
+
+std::string scratchDir() {
+  static const std::string dir = [] {
+    std::string d = std::filesystem::temp_directory_path().string() + "/varnel-test-" +
+                    std::to_string(getpid());
+    std::filesystem::create_directories(d);
+    return d;
+  }();
+  return dir;
+}
+
+std::string runShell(const std::string& command, int* status) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) {
+    if (status) *status = -1;
+    return out;
+  }
+  std::array<char, 4096> buffer;
+  size_t n;
+  while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0) out.append(buffer.data(), n);
+  int rc = pclose(pipe);
+  if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  return out;
+}
+
+CommandResult runVarnel(const std::vector<std::string>& args) {
+  static int counter = 0;
+  const std::string errPath = scratchDir() + "/stderr-" + std::to_string(++counter);
+  std::string command = quote(VARNEL_CLI_PATH);
+  for (const auto& a : args) command += " " + quote(a);
+  command += " 2>" + quote(errPath) + " </dev/null";
+  CommandResult result;
+  result.out = runShell(command, &result.status);
+  result.err = slurp(errPath);
+  std::filesystem::remove(errPath);
+  return result;
+}
+
+}  // namespace vn::test

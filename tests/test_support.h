@@ -1,0 +1,30 @@
+// Helpers shared by the unit and end-to-end tests.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vn::test {
+
+// Path of a generated test medium (tests/fixtures/README.md lists them).
+std::string fixture(const std::string& name);
+
+// A scratch directory of this test run, created on first use.
+std::string scratchDir();
+
+// Runs the varnel binary with the arguments; captures stdout and stderr.
+struct CommandResult {
+  int status = -1;  // exit status, or -1 when it did not exit normally
+  std::string out;
+  std::string err;
+};
+CommandResult runVarnel(const std::vector<std::string>& args);
+
+// Number of operator new calls made so far on the calling thread.
+uint64_t allocationCount();
+
+// Runs a shell command line and returns its stdout; status in *status.
+std::string runShell(const std::string& command, int* status = nullptr);
+
+}  // namespace vn::test

@@ -1,0 +1,30 @@
+// Shared pieces of the varnel command-line front end.
+//
+// Results go to stdout, progress and errors to stderr. Exit status: 0 done,
+// 1 the work failed, 2 bad usage. An error is one line:
+//   varnel: error: <what> '<path>': <reason>
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace varnel_cli {
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+
+// Prints the one error line and returns kExitFailed.
+int fail(const std::string& what, const std::string& path, const std::string& reason);
+
+// A subcommand: adds itself to the application and sets `run` to what it
+// does once the arguments are parsed.
+using Registration = std::function<void(CLI::App& app, std::function<int()>& run)>;
+
+// Every command of the front end, in the order --help lists them.
+std::vector<Registration> allCommands();
+
+}  // namespace varnel_cli

@@ -1,0 +1,47 @@
+// varnel: the command-line front end of libvarnel.
+#include <cstdio>
+#include <exception>
+
+#include "cli.h"
+#include "varnel.h"
+
+namespace varnel_cli {
+
+int fail(const std::string& what, const std::string& path, const std::string& reason) {
+  std::fprintf(stderr, "varnel: error: %s '%s': %s\n", what.c_str(), path.c_str(), reason.c_str());
+  return kExitFailed;
+}
+
+}  // namespace varnel_cli
+
+int main(int argc, char** argv) {
+  using namespace varnel_cli;
+  CLI::App app{"varnel: open, inspect, play and convert media files"};
+  app.set_version_flag("--version", std::string("varnel ") + VARNEL_VERSION);
+  app.require_subcommand(1);
+
+  std::function<int()> run;
+  for (const Registration& add : allCommands()) add(app, run);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(stderr, "varnel: usage: %s\n", e.what());
+    std::fprintf(stderr, "Run 'varnel --help' for the commands and their options.\n");
+    return kExitUsage;
+  }
+  if (!run) return kExitUsage;
+  try {
+    Varnel::initialize();
+    return run();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "varnel: error: %s\n", e.what());
+    return kExitFailed;
+  }
+}
