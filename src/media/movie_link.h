@@ -1,0 +1,22 @@
+// What a media reads of the movie it belongs to.
+//
+// A media keeps a non-owning reference to its movie; the movie implements
+// this interface so that media/ does not depend on movie/.
+#pragma once
+
+#include <cstdint>
+
+class VNMovieLink {
+ public:
+  virtual ~VNMovieLink() = default;
+
+  // The movie clock, microseconds of movie time. Any thread; may be a moment
+  // stale.
+  virtual int64_t currentTime() = 0;
+  // True while the movie is being written to a file: medias then read ahead
+  // relative to what they have read, not to the playback clock.
+  virtual bool exportMovie() = 0;
+  // True when the movie is treated as audio-only: medias report no video and
+  // drop video packets.
+  virtual bool disableVideo() = 0;
+};
