@@ -31,9 +31,12 @@ void TimePitch::applyRate(float rate) {
   // What the stretcher holds was stretched for the old rate; on the way back
   // to 1.0 it is dropped (tens of milliseconds) so the bypass stays exact.
   if (rate == 1.0f) {
-    stretch_->clear();
+    reset();
   } else {
     stretch_->setTempo(rate);
+    // The stretcher gives its output in batches; holding one batch plus a
+    // call's worth back keeps the output flowing between batches.
+    reserve_ = static_cast<unsigned>(stretch_->getSetting(SETTING_NOMINAL_OUTPUT_SEQUENCE));
   }
   appliedRate_ = rate;
 }
@@ -46,26 +49,31 @@ void TimePitch::process(float* out, int32_t frames, Source source, void* context
     source(context, out, frames);
     return;
   }
-  // Pull no more than this call's share of input (plus the last slice), even
-  // while the stretcher is still filling: the source upstream holds only a
-  // few thousand frames and is topped up between calls, not during one.
-  const auto wanted = static_cast<unsigned>(frames);
-  const double share = std::ceil(static_cast<double>(frames) * rate);
-  double pulled = 0;
-  while (stretch_->numSamples() < wanted && pulled < share) {
+  // Input is pulled at a steady pace, rate × frames a call on average, never
+  // in bursts: the source upstream holds only a few thousand frames and is
+  // topped up between calls, not during one.
+  credit_ += static_cast<double>(rate) * frames;
+  while (credit_ >= kSliceFrames) {
     source(context, slice_.data(), kSliceFrames);
     stretch_->putSamples(slice_.data(), kSliceFrames);
-    pulled += kSliceFrames;
+    credit_ -= kSliceFrames;
   }
-  if (stretch_->numSamples() >= wanted) {
-    stretch_->receiveSamples(out, wanted);
-  } else {
-    std::memset(out, 0, static_cast<size_t>(frames) * static_cast<size_t>(channels_) * sizeof(float));
+  const auto wanted = static_cast<unsigned>(frames);
+  if (!flowing_ && stretch_->numSamples() >= reserve_ + wanted) flowing_ = true;
+  unsigned got = 0;
+  if (flowing_) {
+    got = stretch_->receiveSamples(out, wanted);
+    // Ran dry: fill up again before giving more.
+    if (got < wanted) flowing_ = false;
   }
+  std::memset(out + static_cast<size_t>(got) * static_cast<size_t>(channels_), 0,
+              static_cast<size_t>(wanted - got) * static_cast<size_t>(channels_) * sizeof(float));
 }
 
 void TimePitch::reset() {
   stretch_->clear();
+  credit_ = 0;
+  flowing_ = false;
 }
 
 }  // namespace vn

@@ -1,12 +1,12 @@
 // vn::TimePitch: plays interleaved float audio faster or slower without
 // changing its pitch (SoundTouch's time stretch).
 //
-// It pulls: process() asks a source for as many input frames as the wanted
-// output needs at the current rate, in slices of kSliceFrames. At rate 1.0
-// the stretcher is bypassed and the source writes straight into the output,
-// bit for bit. Any other rate first fills the stretcher (about 0.1 s of
-// input; silence is given meanwhile, and each call still takes only its
-// share of input), then gives stretched audio.
+// It pulls: process() asks a source for rate × frames input frames a call on
+// average, in slices of kSliceFrames. At rate 1.0 the stretcher is bypassed
+// and the source writes straight into the output, bit for bit. At any other
+// rate the stretcher first fills up (about 0.1 s; silence is given
+// meanwhile) and then gives stretched audio from a reserve of about one of
+// its processing batches.
 //
 // Threads: setRate and rate on any thread; process and reset on one thread
 // at a time (the audio device's, or the owner's while the device is
@@ -56,9 +56,13 @@ class TimePitch {
 
   const int32_t channels_;
   std::unique_ptr<soundtouch::SoundTouch> stretch_;
-  std::vector<float> slice_;          // one pull of input, kSliceFrames frames
-  std::atomic<float> rate_{1.0f};     // the rate asked for
-  float appliedRate_ = 1.0f;          // the rate process() works at
+  std::vector<float> slice_;  // one pull of input, kSliceFrames frames
+  std::atomic<float> rate_{1.0f};  // the rate asked for
+  // The rest belongs to the thread of process().
+  float appliedRate_ = 1.0f;  // the rate process() works at
+  double credit_ = 0;         // input frames due but not yet pulled
+  unsigned reserve_ = 0;      // output frames held back before giving any
+  bool flowing_ = false;      // the reserve was reached and output flows
 };
 
 }  // namespace vn
