@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <future>
 #include <iterator>
@@ -15,6 +19,7 @@
 #include <vector>
 
 #include "core/serial_queue.h"
+#include "platform/audio_device.h"
 #include "test_support.h"
 
 namespace {
@@ -213,4 +218,215 @@ TEST(AudioGraphTest, ShapesThatCannotRenderAreRefused) {
   graph->start();
   EXPECT_FALSE(graph->isStart());
   EXPECT_EQ(graph->failureReason(), "the audio graph has no output unit");
+}
+
+// ---- playback on the device thread, fed from a decode queue ----------------
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Stands in for the movie during real playback: each request posts one
+// top-up item on a decode queue, which appends a chunk while fewer than a
+// chunk's worth are buffered, until it has made chunkLimit chunks. On the
+// device thread it notes the operator new calls made outside its own post.
+class QueuedMovie : public VNOutputAudioGraphDelegate {
+ public:
+  static constexpr int kRecords = 4096;
+
+  // clearBefore: the index of a chunk before which the buffered samples are
+  // dropped, as a seek does; -1 for none.
+  QueuedMovie(VNOutputAudioGraph* graph, Signal signal, int chunkLimit, int clearBefore)
+      : graph_(graph), signal_(signal), chunkLimit_(chunkLimit), clearBefore_(clearBefore) {}
+
+  void decodeMoreAudioDataToAudioOutput() override {
+    const uint64_t before = vn::test::allocationCount();
+    const int n = requests_.load(std::memory_order_relaxed);
+    queue_.addOperation([this] { topUp(); });
+    const uint64_t after = vn::test::allocationCount();
+    if (n > 0 && n < kRecords) {
+      outside_[n] = before - lastAfter_;
+      inPost_[n] = after - before;
+    }
+    lastAfter_ = after;
+    requests_.store(n + 1, std::memory_order_release);
+  }
+
+  // Waits until the decode queue has served n requests; false after 10 s.
+  bool waitForServed(int n) {
+    std::unique_lock<std::mutex> guard(lock_);
+    return served_changed_.wait_for(guard, 10s, [&] { return served_ >= n; });
+  }
+  // Waits until every chunk was made and played; false after 20 s.
+  bool waitUntilPlayedOut() { return playedOut_.get_future().wait_for(20s) == std::future_status::ready; }
+
+  // After the graph stopped: the allocations noted for requests from..end.
+  uint64_t allocationsOutsidePosts(int from) {
+    uint64_t sum = 0;
+    for (int i = from; i < std::min(requests_.load(std::memory_order_acquire), kRecords); ++i) sum += outside_[i];
+    return sum;
+  }
+  // The largest and the mean number of allocations of one post, from..end.
+  std::pair<uint64_t, double> allocationsInPosts(int from) {
+    const int end = std::min(requests_.load(std::memory_order_acquire), kRecords);
+    uint64_t most = 0, sum = 0;
+    for (int i = from; i < end; ++i) {
+      most = std::max(most, inPost_[i]);
+      sum += inPost_[i];
+    }
+    return {most, end > from ? static_cast<double>(sum) / (end - from) : 0.0};
+  }
+  int requests() const { return requests_.load(std::memory_order_acquire); }
+
+  void finish() { queue_.waitUntilAllOperationsAreFinished(); }
+  const std::vector<float>& producedSamples() const { return produced_; }
+
+ private:
+  void topUp() {  // decode queue
+    if (chunks_ < chunkLimit_ && graph_->bufferFrames() < kChunkFrames) {
+      if (chunks_ == clearBefore_) {
+        graph_->clearBuffer();
+        produced_.clear();
+      }
+      const std::vector<float> chunk = frames(signal_, int64_t{chunks_} * kChunkFrames, kChunkFrames);
+      graph_->writeSample(chunk.data(), kChunkFrames);
+      produced_.insert(produced_.end(), chunk.begin(), chunk.end());
+      ++chunks_;
+    }
+    if (chunks_ == chunkLimit_ && graph_->bufferFrames() == 0 && !playedOutSet_) {
+      playedOutSet_ = true;
+      playedOut_.set_value();
+    }
+    std::lock_guard<std::mutex> guard(lock_);
+    ++served_;
+    served_changed_.notify_all();
+  }
+
+  VNOutputAudioGraph* const graph_;  // outlives this
+  const Signal signal_;
+  const int chunkLimit_;
+  const int clearBefore_;
+  // Device thread.
+  uint64_t lastAfter_ = 0;
+  std::array<uint64_t, kRecords> outside_{};  // allocations between two posts
+  std::array<uint64_t, kRecords> inPost_{};   // allocations of one post
+  std::atomic<int> requests_{0};
+  // Decode queue.
+  int chunks_ = 0;
+  bool playedOutSet_ = false;
+  std::promise<void> playedOut_;
+  std::vector<float> produced_;  // since the last clear
+  // Guarded by lock_.
+  std::mutex lock_;
+  std::condition_variable served_changed_;
+  int served_ = 0;
+  vn::SerialQueue queue_{"test decode"};
+};
+
+class PlaybackDeviceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    recording_ = vn::test::scratchDir() + "/" +
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".raw";
+    // The disk driver records what the device plays, in real time.
+    setenv("SDL_AUDIODRIVER", "disk", 1);
+    setenv("SDL_DISKAUDIOFILE", recording_.c_str(), 1);
+    unsetenv("SDL_DISKAUDIODELAY");
+    graph_ = VNOutputAudioGraph::create();
+  }
+
+  void play(Signal signal, int chunks, int clearBefore = -1) {
+    movie_ = std::make_unique<QueuedMovie>(graph_.get(), signal, chunks, clearBefore);
+    graph_->setDelegate(movie_.get());
+    graph_->start();
+    ASSERT_TRUE(graph_->isStart()) << graph_->failureReason();
+  }
+
+  void TearDown() override {
+    graph_->stop();
+    if (movie_) movie_->finish();
+  }
+
+  // What the device played, from the first sound on.
+  std::vector<float> recorded() {
+    std::ifstream in(recording_, std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<float> samples(bytes.size() / sizeof(float));
+    std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
+    const auto first = std::find_if(samples.begin(), samples.end(), [](float s) { return s != 0; });
+    return std::vector<float>(samples.begin() + (first - samples.begin()) / 2 * 2, samples.end());
+  }
+
+  std::string recording_;
+  std::shared_ptr<VNOutputAudioGraph> graph_;
+  std::unique_ptr<QueuedMovie> movie_;
+};
+
+}  // namespace
+
+// What the device played is exactly what the decode queue made, chunk after
+// chunk with nothing lost or repeated at the joins, and the device thread
+// allocated nothing but the top-up posts.
+TEST_F(PlaybackDeviceTest, PlaysExactlyWhatWasProduced) {
+  constexpr int kChunks = 16;  // about 0.75 s
+  play(ramp, kChunks);
+  ASSERT_TRUE(movie_->waitUntilPlayedOut());
+  graph_->stop();  // closes the recording
+  movie_->finish();
+
+  std::vector<float> played = recorded();
+  const std::vector<float>& produced = movie_->producedSamples();
+  ASSERT_GE(played.size(), produced.size());
+  EXPECT_TRUE(std::equal(produced.begin(), produced.end(), played.begin()));
+  EXPECT_TRUE(std::all_of(played.begin() + static_cast<ptrdiff_t>(produced.size()), played.end(),
+                          [](float s) { return s == 0; }));
+
+  EXPECT_EQ(movie_->allocationsOutsidePosts(10), 0u);
+  const auto [most, mean] = movie_->allocationsInPosts(10);
+  std::printf("a top-up post on the device thread: %.2f operator new calls (at most %llu)\n",
+              mean, static_cast<unsigned long long>(most));
+}
+
+// Stopping keeps the FIFO: what was not played waits, in order, for the next
+// start.
+TEST_F(PlaybackDeviceTest, StopAndPlayAgainKeepTheFifo) {
+  const std::vector<float> data = frames(ramp, 0, 16 * 1024);
+  graph_->writeSample(data.data(), 16 * 1024);
+  play(nullptr, 0);  // the queue makes nothing
+  graph_->stop();
+  EXPECT_FALSE(graph_->isStart());
+  const int requests = movie_->requests();
+  // Each render call took one whole device call's worth.
+  const uint64_t left = graph_->bufferFrames();
+  EXPECT_EQ(left, 16u * 1024 - static_cast<uint64_t>(requests) * vn::AudioDevice::kFramesPerCallback);
+
+  graph_->start();
+  EXPECT_TRUE(graph_->isStart());
+  ASSERT_TRUE(movie_->waitForServed(requests + 2));
+  graph_->stop();
+  const uint64_t leftAfter = graph_->bufferFrames();
+  EXPECT_LT(leftAfter, left);
+  std::vector<float> rest(2 * leftAfter);
+  ASSERT_TRUE(graph_->readSample(rest.data(), static_cast<int32_t>(leftAfter)));
+  EXPECT_EQ(rest, frames(ramp, static_cast<int64_t>(16 * 1024 - leftAfter), static_cast<int32_t>(leftAfter)));
+}
+
+// Stretched, scaled playback with a seek in the middle: the tone keeps its
+// pitch, and once the time-pitch unit has filled, the device thread
+// allocates nothing but the top-up posts.
+TEST_F(PlaybackDeviceTest, RateVolumeAndSeekWhilePlaying) {
+  graph_->setRate(1.5f);
+  graph_->setVolume(0.5f);
+  play(tone440, 24, 12);
+  ASSERT_TRUE(movie_->waitUntilPlayedOut());
+  graph_->stop();
+  movie_->finish();
+
+  EXPECT_EQ(movie_->allocationsOutsidePosts(40), 0u);
+  std::vector<float> played = recorded();
+  ASSERT_GT(played.size(), 2u * kRate / 2);
+  played.resize(2 * kRate / 2);
+  EXPECT_NEAR(frequency(played), 440.0, 4.0);
+  const float peak = *std::max_element(played.begin(), played.end());
+  EXPECT_NEAR(peak, 0.25f, 0.05f);
 }
