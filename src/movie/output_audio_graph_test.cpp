@@ -18,6 +18,7 @@
 #include <numbers>
 #include <vector>
 
+#include "core/log.h"
 #include "core/serial_queue.h"
 #include "platform/audio_device.h"
 #include "test_support.h"
@@ -429,4 +430,17 @@ TEST_F(PlaybackDeviceTest, RateVolumeAndSeekWhilePlaying) {
   EXPECT_NEAR(frequency(played), 440.0, 4.0);
   const float peak = *std::max_element(played.begin(), played.end());
   EXPECT_NEAR(peak, 0.25f, 0.05f);
+}
+
+// A device that cannot open leaves the graph stopped, logs both start steps
+// and keeps the reason for the front end.
+TEST_F(PlaybackDeviceTest, StartFailureIsLoggedAndKept) {
+  setenv("SDL_DISKAUDIOFILE", "/nonexistent-dir/out.raw", 1);
+  std::vector<std::string> lines;
+  vn_set_log_handler([&](const std::string& line) { lines.push_back(line); });
+  graph_->start();
+  vn_set_log_handler(nullptr);
+  EXPECT_FALSE(graph_->isStart());
+  EXPECT_EQ(lines, (std::vector<std::string>{"AUGraphInitialize (graph)", "AUGraphStart(graph)"}));
+  EXPECT_EQ(graph_->failureReason().rfind("no sound device: ", 0), 0u) << graph_->failureReason();
 }
