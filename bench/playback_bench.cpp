@@ -46,7 +46,8 @@ class ToneMovie : public VNOutputAudioGraphDelegate,
 
  private:
   void topUp() {
-    if (graph_->bufferFrames() >= kChunkFrames) return;
+    if (graph_->bufferFrames() >= kChunkFrames)
+      return;
     const size_t at = static_cast<size_t>(produced_ % 44100) * 2;
     const size_t first = std::min<size_t>(kChunkFrames, (tone_.size() - at) / 2);
     graph_->writeSample(tone_.data() + at, static_cast<int32_t>(first));
@@ -55,8 +56,8 @@ class ToneMovie : public VNOutputAudioGraphDelegate,
   }
 
   VNOutputAudioGraph* const graph_;  // outlives this
-  std::vector<float> tone_;           // one second of 441 Hz, whole periods
-  int64_t produced_ = 0;              // decode queue
+  std::vector<float> tone_;          // one second of 441 Hz, whole periods
+  int64_t produced_ = 0;             // decode queue
   vn::SerialQueue queue_{"bench decode"};
 };
 
@@ -72,8 +73,10 @@ double cpuSeconds() {
 int main(int argc, char** argv) {
   const double seconds = argc > 1 ? std::atof(argv[1]) : 10.0;
   std::vector<float> rates;
-  for (int i = 2; i < argc; ++i) rates.push_back(static_cast<float>(std::atof(argv[i])));
-  if (rates.empty()) rates = {1.0f, 1.5f};
+  for (int i = 2; i < argc; ++i)
+    rates.push_back(static_cast<float>(std::atof(argv[i])));
+  if (rates.empty())
+    rates = {1.0f, 1.5f};
   setenv("SDL_AUDIODRIVER", "disk", 0);
   setenv("SDL_DISKAUDIOFILE", "/dev/null", 0);
 
@@ -91,13 +94,16 @@ int main(int argc, char** argv) {
     const auto wallBefore = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     const double cpu = cpuSeconds() - cpuBefore;
-    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallBefore).count();
+    const double wall =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - wallBefore).count();
     graph->stop();
     movie->finish();
-    const double consumed = static_cast<double>(movie->produced()) - static_cast<double>(graph->bufferFrames());
-    std::printf("rate %.2f: %.1f s played, process CPU %.3f s = %.2f %% of one core; "
-                "%.0f source frames consumed (%.3f × real time × rate)\n",
-                rate, wall, cpu, 100.0 * cpu / wall, consumed, consumed / (wall * 44100.0 * rate));
+    const double consumed =
+        static_cast<double>(movie->produced()) - static_cast<double>(graph->bufferFrames());
+    std::printf(
+        "rate %.2f: %.1f s played, process CPU %.3f s = %.2f %% of one core; "
+        "%.0f source frames consumed (%.3f × real time × rate)\n",
+        rate, wall, cpu, 100.0 * cpu / wall, consumed, consumed / (wall * 44100.0 * rate));
     graph->setDelegate(nullptr);
   }
   return 0;

@@ -7,4 +7,5 @@
 #include "core/formats.h"
 #include "core/log.h"
 #include "core/varnel.h"
+#include "movie/output_audio_graph.h"
 #include "output/output_format.h"

@@ -20,9 +20,11 @@ void PushCurrentInputBufferIntoAudioUnit(VNAudioGraph* context,
                                          uint32_t bus,
                                          int32_t frames,
                                          vn::AudioBufferList buffers) {
-  if (context->streamReadSample(bus, buffers, frames)) return;
+  if (context->streamReadSample(bus, buffers, frames))
+    return;
   for (vn::AudioBuffer& buffer : buffers) {
-    if (buffer.data) std::memset(buffer.data, 0, buffer.dataByteSize);
+    if (buffer.data)
+      std::memset(buffer.data, 0, buffer.dataByteSize);
   }
 }
 
@@ -53,7 +55,8 @@ struct VNAudioGraph::Unit {
   void pullInput(float* out, int32_t frames) {
     if (callbackDelegate) {
       vn::AudioBuffer buffer{kChannels, static_cast<uint32_t>(frames) * kBytesPerFrame, out};
-      PushCurrentInputBufferIntoAudioUnit(callbackDelegate, 0, frames, vn::AudioBufferList(&buffer, 1));
+      PushCurrentInputBufferIntoAudioUnit(callbackDelegate, 0, frames,
+                                          vn::AudioBufferList(&buffer, 1));
     } else if (source) {
       source->render(out, frames);
     } else {
@@ -63,8 +66,8 @@ struct VNAudioGraph::Unit {
 
   const uint32_t type;
   const uint32_t subType;
-  Unit* source = nullptr;                     // unit connected to input 0
-  VNAudioGraph* callbackDelegate = nullptr;   // asked by input 0's render callback
+  Unit* source = nullptr;                    // unit connected to input 0
+  VNAudioGraph* callbackDelegate = nullptr;  // asked by input 0's render callback
 };
 
 namespace {
@@ -87,12 +90,14 @@ struct TimePitchUnit final : VNAudioGraph::Unit {
   // An uninitialised unit starts afresh.
   void uninitialize() override { timePitch.reset(); }
   bool setParameter(uint32_t parameter, float value) override {
-    if (parameter != VNAudioGraph::kParameterRate || std::isnan(value)) return false;
+    if (parameter != VNAudioGraph::kParameterRate || std::isnan(value))
+      return false;
     timePitch.setRate(value);
     return true;
   }
   std::optional<float> parameter(uint32_t parameter) const override {
-    if (parameter != VNAudioGraph::kParameterRate) return std::nullopt;
+    if (parameter != VNAudioGraph::kParameterRate)
+      return std::nullopt;
     return timePitch.rate();
   }
 
@@ -113,23 +118,28 @@ struct OutputUnit final : VNAudioGraph::Unit {
   void render(float* out, int32_t frames) override {
     pullInput(out, frames);
     const float level = volume.load(std::memory_order_relaxed);
-    if (level == 1.0f) return;
+    if (level == 1.0f)
+      return;
     const size_t samples = static_cast<size_t>(frames) * VNAudioGraph::kChannels;
-    for (size_t i = 0; i < samples; ++i) out[i] *= level;
+    for (size_t i = 0; i < samples; ++i)
+      out[i] *= level;
   }
   bool initialize(std::string* reason) override {
-    if (device.open()) return true;
+    if (device.open())
+      return true;
     *reason = device.failureReason();
     return false;
   }
   void uninitialize() override { device.close(); }
   bool setParameter(uint32_t parameter, float value) override {
-    if (parameter != VNAudioGraph::kParameterVolume || std::isnan(value)) return false;
+    if (parameter != VNAudioGraph::kParameterVolume || std::isnan(value))
+      return false;
     volume.store(std::clamp(value, 0.0f, 1.0f), std::memory_order_relaxed);
     return true;
   }
   std::optional<float> parameter(uint32_t parameter) const override {
-    if (parameter != VNAudioGraph::kParameterVolume) return std::nullopt;
+    if (parameter != VNAudioGraph::kParameterVolume)
+      return std::nullopt;
     return volume.load(std::memory_order_relaxed);
   }
 
@@ -147,7 +157,8 @@ struct VNAudioGraph::Graph {
   // The output unit the device plays, if the graph has one.
   OutputUnit* output() const {
     for (const auto& [node, unit] : units) {
-      if (unit->type == kTypeOutput) return static_cast<OutputUnit*>(unit.get());
+      if (unit->type == kTypeOutput)
+        return static_cast<OutputUnit*>(unit.get());
     }
     return nullptr;
   }
@@ -174,7 +185,8 @@ void VNAudioGraph::init() {
 }
 
 VNAudioGraph::~VNAudioGraph() {
-  if (!graph_) return;
+  if (!graph_)
+    return;
   stop();
   graph_.reset();
 }
@@ -186,15 +198,20 @@ void VNAudioGraph::configNode() {}
 void VNAudioGraph::start() {
   // As with the platform graph this mirrors, the start is tried even after a
   // failed initialisation, and fails in turn.
-  if (!initialize()) vn_log("AUGraphInitialize (graph)");
-  if (!run()) vn_log("AUGraphStart(graph)");
+  if (!initialize())
+    vn_log("AUGraphInitialize (graph)");
+  if (!run())
+    vn_log("AUGraphStart(graph)");
 }
 
 bool VNAudioGraph::initialize() {
-  if (graph_->initialized) return true;
+  if (graph_->initialized)
+    return true;
   for (auto it = graph_->units.begin(); it != graph_->units.end(); ++it) {
-    if (it->second->initialize(&failureReason_)) continue;
-    for (auto done = graph_->units.begin(); done != it; ++done) done->second->uninitialize();
+    if (it->second->initialize(&failureReason_))
+      continue;
+    for (auto done = graph_->units.begin(); done != it; ++done)
+      done->second->uninitialize();
     return false;
   }
   graph_->initialized = true;
@@ -202,7 +219,8 @@ bool VNAudioGraph::initialize() {
 }
 
 bool VNAudioGraph::run() {
-  if (!graph_->initialized) return false;
+  if (!graph_->initialized)
+    return false;
   OutputUnit* output = graph_->output();
   if (!output) {
     failureReason_ = "the audio graph has no output unit";
@@ -216,13 +234,16 @@ bool VNAudioGraph::run() {
 }
 
 void VNAudioGraph::stop() {
-  if (OutputUnit* output = graph_->output()) output->device.stop();
+  if (OutputUnit* output = graph_->output())
+    output->device.stop();
   uninitialize();
 }
 
 void VNAudioGraph::uninitialize() {
-  if (!graph_->initialized) return;
-  for (auto& [node, unit] : graph_->units) unit->uninitialize();
+  if (!graph_->initialized)
+    return;
+  for (auto& [node, unit] : graph_->units)
+    unit->uninitialize();
   graph_->initialized = false;
 }
 
@@ -232,7 +253,8 @@ bool VNAudioGraph::isStart() const {
 }
 
 int32_t VNAudioGraph::createAUNode(uint32_t type, uint32_t subType) {
-  if (graph_->initialized) return 0;
+  if (graph_->initialized)
+    return 0;
   std::unique_ptr<Unit> unit;
   if (type == kTypeFormatConverter && subType == kSubTypeConverter) {
     unit = std::make_unique<ConverterUnit>();
@@ -250,9 +272,11 @@ int32_t VNAudioGraph::createAUNode(uint32_t type, uint32_t subType) {
 
 void VNAudioGraph::removeAUNode(int32_t node) {
   Unit* unit = audioUnitForNode(node);
-  if (!unit || graph_->initialized) return;
+  if (!unit || graph_->initialized)
+    return;
   for (auto& [other, otherUnit] : graph_->units) {
-    if (otherUnit->source == unit) otherUnit->source = nullptr;
+    if (otherUnit->source == unit)
+      otherUnit->source = nullptr;
   }
   graph_->units.erase(node);
 }
@@ -260,11 +284,13 @@ void VNAudioGraph::removeAUNode(int32_t node) {
 void VNAudioGraph::connectNode(int32_t source, int32_t destination, uint32_t bus) {
   Unit* from = audioUnitForNode(source);
   Unit* to = audioUnitForNode(destination);
-  if (!from || !to || bus != 0 || graph_->initialized) return;
+  if (!from || !to || bus != 0 || graph_->initialized)
+    return;
   // The chain upstream of source must not pass through destination, or a
   // render would pull round the loop for ever.
   for (Unit* up = from; up; up = up->source) {
-    if (up == to) return;
+    if (up == to)
+      return;
   }
   to->source = from;
   to->callbackDelegate = nullptr;
@@ -282,7 +308,8 @@ void VNAudioGraph::setInputCallbackForNode(int32_t node) {
 
 void VNAudioGraph::setInputCallbackForNode(int32_t node, VNAudioGraph* delegate) {
   Unit* unit = audioUnitForNode(node);
-  if (!unit || graph_->initialized) return;
+  if (!unit || graph_->initialized)
+    return;
   unit->callbackDelegate = delegate;
   unit->source = nullptr;
 }
@@ -312,8 +339,10 @@ std::optional<float> VNAudioGraph::parameter(int32_t node, uint32_t parameter) c
 
 bool VNAudioGraph::renderNode(int32_t node, vn::AudioBufferList buffers, int32_t frames) {
   Unit* unit = audioUnitForNode(node);
-  if (!unit || frames < 0 || buffers.empty() || !buffers[0].data || isStart()) return false;
-  if (buffers[0].dataByteSize < static_cast<uint64_t>(frames) * kBytesPerFrame) return false;
+  if (!unit || frames < 0 || buffers.empty() || !buffers[0].data || isStart())
+    return false;
+  if (buffers[0].dataByteSize < static_cast<uint64_t>(frames) * kBytesPerFrame)
+    return false;
   unit->render(static_cast<float*>(buffers[0].data), frames);
   return true;
 }

@@ -69,13 +69,15 @@ bool VNOutputAudioGraph::streamWriteSample(uint32_t /*bus*/,
 
 bool VNOutputAudioGraph::readSample(void* bytes, int32_t frames) {
   decodeMoreAudioDataToAudioOutput();
-  if (frames < 0) return false;
+  if (frames < 0)
+    return false;
   const uint64_t wanted = static_cast<uint64_t>(frames) * kBytesPerFrame;
   return dataBuffer_->readBytes(bytes, wanted) == wanted;
 }
 
 bool VNOutputAudioGraph::writeSample(const void* bytes, int32_t frames) {
-  if (frames > 0) dataBuffer_->appendBytes(bytes, static_cast<uint64_t>(frames) * kBytesPerFrame);
+  if (frames > 0)
+    dataBuffer_->appendBytes(bytes, static_cast<uint64_t>(frames) * kBytesPerFrame);
   return true;
 }
 

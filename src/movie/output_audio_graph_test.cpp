@@ -53,7 +53,8 @@ std::vector<float> frames(Signal signal, int64_t first, int32_t count) {
 double frequency(const std::vector<float>& stereo) {
   int crossings = 0;
   for (size_t i = 2; i < stereo.size(); i += 2) {
-    if (stereo[i - 2] < 0 && stereo[i] >= 0) ++crossings;
+    if (stereo[i - 2] < 0 && stereo[i] >= 0)
+      ++crossings;
   }
   return crossings * static_cast<double>(kRate) / static_cast<double>(stereo.size() / 2);
 }
@@ -64,7 +65,8 @@ double frequency(const std::vector<float>& stereo) {
 struct InlineMovie : VNOutputAudioGraphDelegate {
   void decodeMoreAudioDataToAudioOutput() override {
     ++requests;
-    if (!signal || graph->bufferFrames() >= kChunkFrames) return;
+    if (!signal || graph->bufferFrames() >= kChunkFrames)
+      return;
     const std::vector<float> chunk = frames(signal, produced, kChunkFrames);
     graph->writeSample(chunk.data(), kChunkFrames);
     produced += kChunkFrames;
@@ -103,7 +105,8 @@ class OutputAudioGraphTest : public ::testing::Test {
 
 bool isSilent(const std::vector<float>& out) {
   for (float s : out) {
-    if (s != 0.0f) return false;
+    if (s != 0.0f)
+      return false;
   }
   return true;
 }
@@ -155,7 +158,8 @@ TEST_F(OutputAudioGraphTest, VolumeScalesTheOutput) {
   movie_.signal = ramp;
   const std::vector<float> out = render(512);
   const std::vector<float> in = frames(ramp, 0, 512);
-  for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(out[i], in[i] * 0.25f) << i;
+  for (size_t i = 0; i < in.size(); ++i)
+    ASSERT_EQ(out[i], in[i] * 0.25f) << i;
 
   graph_->setVolume(3.0f);  // a device level is at most 1
   EXPECT_EQ(graph_->volume(), 1.0f);
@@ -170,7 +174,8 @@ TEST_F(OutputAudioGraphTest, RateChangesSpeedNotPitch) {
     graph_->setRate(rate);
     EXPECT_EQ(graph_->rate(), rate);
     // Let the time-pitch unit fill up, then measure over three seconds.
-    for (int i = 0; i < 40; ++i) render(512);
+    for (int i = 0; i < 40; ++i)
+      render(512);
     const int64_t consumedBefore = movie_.produced - static_cast<int64_t>(graph_->bufferFrames());
     std::vector<float> played;
     for (int i = 0; i < 3 * kRate / 512; ++i) {
@@ -189,10 +194,10 @@ TEST_F(OutputAudioGraphTest, RateChangesSpeedNotPitch) {
 TEST(AudioGraphTest, ShapesThatCannotRenderAreRefused) {
   auto graph = VNAudioGraph::create();
   EXPECT_EQ(graph->createAUNode(vn::fourCC("aumx"), vn::fourCC("mcmx")), 0);
-  const int32_t a = graph->createAUNode(VNAudioGraph::kTypeFormatConverter,
-                                        VNAudioGraph::kSubTypeConverter);
-  const int32_t b = graph->createAUNode(VNAudioGraph::kTypeFormatConverter,
-                                        VNAudioGraph::kSubTypeTimePitch);
+  const int32_t a =
+      graph->createAUNode(VNAudioGraph::kTypeFormatConverter, VNAudioGraph::kSubTypeConverter);
+  const int32_t b =
+      graph->createAUNode(VNAudioGraph::kTypeFormatConverter, VNAudioGraph::kSubTypeTimePitch);
   ASSERT_NE(a, 0);
   ASSERT_NE(b, 0);
   graph->connectNode(a, b);
@@ -259,12 +264,15 @@ class QueuedMovie : public VNOutputAudioGraphDelegate {
     return served_changed_.wait_for(guard, 10s, [&] { return served_ >= n; });
   }
   // Waits until every chunk was made and played; false after 20 s.
-  bool waitUntilPlayedOut() { return playedOut_.get_future().wait_for(20s) == std::future_status::ready; }
+  bool waitUntilPlayedOut() {
+    return playedOut_.get_future().wait_for(20s) == std::future_status::ready;
+  }
 
   // After the graph stopped: the allocations noted for requests from..end.
   uint64_t allocationsOutsidePosts(int from) {
     uint64_t sum = 0;
-    for (int i = from; i < std::min(requests_.load(std::memory_order_acquire), kRecords); ++i) sum += outside_[i];
+    for (int i = from; i < std::min(requests_.load(std::memory_order_acquire), kRecords); ++i)
+      sum += outside_[i];
     return sum;
   }
   // The largest and the mean number of allocations of one post, from..end.
@@ -289,7 +297,8 @@ class QueuedMovie : public VNOutputAudioGraphDelegate {
         graph_->clearBuffer();
         produced_.clear();
       }
-      const std::vector<float> chunk = frames(signal_, int64_t{chunks_} * kChunkFrames, kChunkFrames);
+      const std::vector<float> chunk =
+          frames(signal_, int64_t{chunks_} * kChunkFrames, kChunkFrames);
       graph_->writeSample(chunk.data(), kChunkFrames);
       produced_.insert(produced_.end(), chunk.begin(), chunk.end());
       ++chunks_;
@@ -345,7 +354,8 @@ class PlaybackDeviceTest : public ::testing::Test {
 
   void TearDown() override {
     graph_->stop();
-    if (movie_) movie_->finish();
+    if (movie_)
+      movie_->finish();
   }
 
   // What the device played, from the first sound on.
@@ -384,8 +394,8 @@ TEST_F(PlaybackDeviceTest, PlaysExactlyWhatWasProduced) {
 
   EXPECT_EQ(movie_->allocationsOutsidePosts(10), 0u);
   const auto [most, mean] = movie_->allocationsInPosts(10);
-  std::printf("a top-up post on the device thread: %.2f operator new calls (at most %llu)\n",
-              mean, static_cast<unsigned long long>(most));
+  std::printf("a top-up post on the device thread: %.2f operator new calls (at most %llu)\n", mean,
+              static_cast<unsigned long long>(most));
 }
 
 // Stopping keeps the FIFO: what was not played waits, in order, for the next
@@ -399,7 +409,8 @@ TEST_F(PlaybackDeviceTest, StopAndPlayAgainKeepTheFifo) {
   const int requests = movie_->requests();
   // Each render call took one whole device call's worth.
   const uint64_t left = graph_->bufferFrames();
-  EXPECT_EQ(left, 16u * 1024 - static_cast<uint64_t>(requests) * vn::AudioDevice::kFramesPerCallback);
+  EXPECT_EQ(left,
+            16u * 1024 - static_cast<uint64_t>(requests) * vn::AudioDevice::kFramesPerCallback);
 
   graph_->start();
   EXPECT_TRUE(graph_->isStart());
@@ -409,7 +420,8 @@ TEST_F(PlaybackDeviceTest, StopAndPlayAgainKeepTheFifo) {
   EXPECT_LT(leftAfter, left);
   std::vector<float> rest(2 * leftAfter);
   ASSERT_TRUE(graph_->readSample(rest.data(), static_cast<int32_t>(leftAfter)));
-  EXPECT_EQ(rest, frames(ramp, static_cast<int64_t>(16 * 1024 - leftAfter), static_cast<int32_t>(leftAfter)));
+  EXPECT_EQ(rest, frames(ramp, static_cast<int64_t>(16 * 1024 - leftAfter),
+                         static_cast<int32_t>(leftAfter)));
 }
 
 // Stretched, scaled playback with a seek in the middle: the tone keeps its

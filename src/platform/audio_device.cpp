@@ -15,7 +15,8 @@ bool initializeAudio(std::string* reason) {
   static std::mutex lock;
   static bool initialized = false;
   std::lock_guard<std::mutex> guard(lock);
-  if (initialized) return true;
+  if (initialized)
+    return true;
   // The audio subsystem brings up SDL's events, which would otherwise take
   // over SIGINT and SIGTERM from the application.
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
@@ -37,8 +38,10 @@ AudioDevice::~AudioDevice() {
 }
 
 bool AudioDevice::open() {
-  if (isOpen()) return true;
-  if (!initializeAudio(&failureReason_)) return false;
+  if (isOpen())
+    return true;
+  if (!initializeAudio(&failureReason_))
+    return false;
   SDL_AudioSpec want;
   std::memset(&want, 0, sizeof want);
   want.freq = kSampleRate;
@@ -61,7 +64,8 @@ bool AudioDevice::open() {
 
 void AudioDevice::close() {
   const uint32_t id = device_.exchange(0);
-  if (id != 0) SDL_CloseAudioDevice(id);
+  if (id != 0)
+    SDL_CloseAudioDevice(id);
 }
 
 bool AudioDevice::isOpen() const {
@@ -81,7 +85,8 @@ bool AudioDevice::start() {
 void AudioDevice::stop() {
   // SDL pauses under the lock it holds around each render call, so no call
   // is in progress once this returns.
-  if (const uint32_t id = device_.load()) SDL_PauseAudioDevice(id, 1);
+  if (const uint32_t id = device_.load())
+    SDL_PauseAudioDevice(id, 1);
 }
 
 bool AudioDevice::isRunning() const {

@@ -19,7 +19,8 @@ TimePitch::TimePitch(int32_t sampleRate, int32_t channels)
 TimePitch::~TimePitch() = default;
 
 void TimePitch::setRate(float rate) {
-  if (std::isnan(rate)) return;
+  if (std::isnan(rate))
+    return;
   rate_.store(std::clamp(rate, kMinRate, kMaxRate), std::memory_order_relaxed);
 }
 
@@ -42,9 +43,11 @@ void TimePitch::applyRate(float rate) {
 }
 
 void TimePitch::process(float* out, int32_t frames, Source source, void* context) {
-  if (frames <= 0) return;
+  if (frames <= 0)
+    return;
   const float rate = rate_.load(std::memory_order_relaxed);
-  if (rate != appliedRate_) applyRate(rate);
+  if (rate != appliedRate_)
+    applyRate(rate);
   if (rate == 1.0f) {
     source(context, out, frames);
     return;
@@ -59,12 +62,14 @@ void TimePitch::process(float* out, int32_t frames, Source source, void* context
     credit_ -= kSliceFrames;
   }
   const auto wanted = static_cast<unsigned>(frames);
-  if (!flowing_ && stretch_->numSamples() >= reserve_ + wanted) flowing_ = true;
+  if (!flowing_ && stretch_->numSamples() >= reserve_ + wanted)
+    flowing_ = true;
   unsigned got = 0;
   if (flowing_) {
     got = stretch_->receiveSamples(out, wanted);
     // Ran dry: fill up again before giving more.
-    if (got < wanted) flowing_ = false;
+    if (got < wanted)
+      flowing_ = false;
   }
   std::memset(out + static_cast<size_t>(got) * static_cast<size_t>(channels_), 0,
               static_cast<size_t>(wanted - got) * static_cast<size_t>(channels_) * sizeof(float));

@@ -56,7 +56,7 @@ class TimePitch {
 
   const int32_t channels_;
   std::unique_ptr<soundtouch::SoundTouch> stretch_;
-  std::vector<float> slice_;  // one pull of input, kSliceFrames frames
+  std::vector<float> slice_;       // one pull of input, kSliceFrames frames
   std::atomic<float> rate_{1.0f};  // the rate asked for
   // The rest belongs to the thread of process().
   float appliedRate_ = 1.0f;  // the rate process() works at

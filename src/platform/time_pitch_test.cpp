@@ -82,9 +82,11 @@ TEST(TimePitchTest, SteadyStretchingAllocatesNothing) {
     RampSource source;
     std::vector<float> out(2 * 512);
     // Two seconds let the stretcher's buffers grow to their working size.
-    for (int i = 0; i < 172; ++i) stretch.process(out.data(), 512, &RampSource::fill, &source);
+    for (int i = 0; i < 172; ++i)
+      stretch.process(out.data(), 512, &RampSource::fill, &source);
     const uint64_t before = vn::test::allocationCount();
-    for (int i = 0; i < 172; ++i) stretch.process(out.data(), 512, &RampSource::fill, &source);
+    for (int i = 0; i < 172; ++i)
+      stretch.process(out.data(), 512, &RampSource::fill, &source);
     EXPECT_EQ(vn::test::allocationCount(), before) << "rate " << rate;
   }
 }
