@@ -7,6 +7,7 @@
 //   varnel_bench_playback [SECONDS [RATE...]]     default: 10 s at 1.0 and 1.5
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>

@@ -196,6 +196,10 @@ void VNAudioGraph::createNode() {}
 void VNAudioGraph::configNode() {}
 
 void VNAudioGraph::start() {
+  // Initialised but not running means the device went away (unplugged, the
+  // sound server ended) or never started: open it afresh.
+  if (graph_->initialized && !isStart())
+    uninitialize();
   // As with the platform graph this mirrors, the start is tried even after a
   // failed initialisation, and fails in turn.
   if (!initialize())
@@ -339,10 +343,17 @@ std::optional<float> VNAudioGraph::parameter(int32_t node, uint32_t parameter) c
 
 bool VNAudioGraph::renderNode(int32_t node, vn::AudioBufferList buffers, int32_t frames) {
   Unit* unit = audioUnitForNode(node);
-  if (!unit || frames < 0 || buffers.empty() || !buffers[0].data || isStart())
+  void* out = framesIn(buffers, frames);
+  if (!unit || !out || isStart())
     return false;
-  if (buffers[0].dataByteSize < static_cast<uint64_t>(frames) * kBytesPerFrame)
-    return false;
-  unit->render(static_cast<float*>(buffers[0].data), frames);
+  unit->render(static_cast<float*>(out), frames);
   return true;
+}
+
+void* VNAudioGraph::framesIn(vn::AudioBufferList buffers, int32_t frames) {
+  if (frames < 0 || buffers.empty() ||
+      buffers[0].dataByteSize < static_cast<uint64_t>(frames) * kBytesPerFrame) {
+    return nullptr;
+  }
+  return buffers[0].data;
 }

@@ -25,9 +25,10 @@
 // Subclasses build their chain in the hooks createNode() and configNode(),
 // which create() runs. Threads: the application thread for every call,
 // except that streamReadSample is called on the device thread while the
-// graph runs, and parameters may be set and read on any thread. The graph's
-// shape (nodes, connections, callbacks, formats) changes only while it is not
-// initialised; those calls do nothing otherwise.
+// graph runs, and that parameters may be set and read on any thread once the
+// graph's shape is settled. The shape (nodes, connections, callbacks,
+// formats) changes only while the graph is not initialised; those calls do
+// nothing otherwise.
 #pragma once
 
 #include <cstdint>
@@ -134,6 +135,9 @@ class VNAudioGraph {
   VNAudioGraph();
   // Creates the graph and runs the hooks; create() calls it once.
   virtual void init();
+  // The memory of the first buffer when it holds frames frames of the graph
+  // format, else null.
+  static void* framesIn(vn::AudioBufferList buffers, int32_t frames);
 
  private:
   struct Graph;

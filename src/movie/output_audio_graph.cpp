@@ -52,19 +52,15 @@ float VNOutputAudioGraph::volume() const {
 bool VNOutputAudioGraph::streamReadSample(uint32_t /*bus*/,
                                           vn::AudioBufferList buffers,
                                           int32_t frames) {
-  if (buffers.empty() || buffers[0].dataByteSize < static_cast<uint64_t>(frames) * kBytesPerFrame) {
-    return false;
-  }
-  return readSample(buffers[0].data, frames);
+  void* bytes = framesIn(buffers, frames);
+  return bytes && readSample(bytes, frames);
 }
 
 bool VNOutputAudioGraph::streamWriteSample(uint32_t /*bus*/,
                                            vn::AudioBufferList buffers,
                                            int32_t frames) {
-  if (buffers.empty() || buffers[0].dataByteSize < static_cast<uint64_t>(frames) * kBytesPerFrame) {
-    return false;
-  }
-  return writeSample(buffers[0].data, frames);
+  const void* bytes = framesIn(buffers, frames);
+  return bytes && writeSample(bytes, frames);
 }
 
 bool VNOutputAudioGraph::readSample(void* bytes, int32_t frames) {
