@@ -58,40 +58,38 @@ bool AudioDevice::open() {
     failureReason_ = std::string("no sound device: ") + SDL_GetError();
     return false;
   }
-  device_.store(id);
+  device_ = id;
   return true;
 }
 
 void AudioDevice::close() {
-  const uint32_t id = device_.exchange(0);
-  if (id != 0)
-    SDL_CloseAudioDevice(id);
+  if (device_ != 0)
+    SDL_CloseAudioDevice(device_);
+  device_ = 0;
 }
 
 bool AudioDevice::isOpen() const {
-  return device_.load() != 0;
+  return device_ != 0;
 }
 
 bool AudioDevice::start() {
-  const uint32_t id = device_.load();
-  if (id == 0) {
+  if (device_ == 0) {
     failureReason_ = "the sound device is not open";
     return false;
   }
-  SDL_PauseAudioDevice(id, 0);
+  SDL_PauseAudioDevice(device_, 0);
   return true;
 }
 
 void AudioDevice::stop() {
   // SDL pauses under the lock it holds around each render call, so no call
   // is in progress once this returns.
-  if (const uint32_t id = device_.load())
-    SDL_PauseAudioDevice(id, 1);
+  if (device_ != 0)
+    SDL_PauseAudioDevice(device_, 1);
 }
 
 bool AudioDevice::isRunning() const {
-  const uint32_t id = device_.load();
-  return id != 0 && SDL_GetAudioDeviceStatus(id) == SDL_AUDIO_PLAYING;
+  return device_ != 0 && SDL_GetAudioDeviceStatus(device_) == SDL_AUDIO_PLAYING;
 }
 
 void AudioDevice::callback(void* self, uint8_t* stream, int length) {

@@ -16,7 +16,6 @@
 // not run again before start().
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -62,7 +61,7 @@ class AudioDevice {
 
   const Render render_;
   void* const context_;
-  std::atomic<uint32_t> device_{0};  // SDL device id; 0 while closed
+  uint32_t device_ = 0;  // SDL device id; 0 while closed
   std::string failureReason_;
 };
 
