@@ -68,11 +68,14 @@ SerialQueue::~SerialQueue() {
 
 std::shared_ptr<SerialQueue::Operation> SerialQueue::addOperation(Task task) {
   auto operation = std::make_shared<Operation>();
+  // The task may destroy this queue as soon as it is queued: hold the state
+  // for the wake-up.
+  const std::shared_ptr<State> state = state_;
   {
-    std::lock_guard<std::mutex> guard(state_->lock);
-    state_->pending.emplace_back(std::move(task), operation);
+    std::lock_guard<std::mutex> guard(state->lock);
+    state->pending.emplace_back(std::move(task), operation);
   }
-  state_->wake.notify_one();
+  state->wake.notify_one();
   return operation;
 }
 
