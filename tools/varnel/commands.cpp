@@ -3,8 +3,10 @@
 
 namespace varnel_cli {
 
+Registration infoCommand();
+
 std::vector<Registration> allCommands() {
-  return {};
+  return {infoCommand()};
 }
 
 }  // namespace varnel_cli

@@ -1,0 +1,138 @@
+// VNFFMedia: one opened demuxer seen as a set of decodable streams.
+//
+// It owns its source and one VNFFMediaStream per container stream, decides
+// which streams are open and enabled, answers what it holds (audio, video,
+// subtitles, names, duration), and moves packets from the demuxer to the
+// streams. A movie places it on its timeline at movie_position.
+//
+//   created ──open──► open (streams built) ──open again──► new streams appended
+//                        │
+//                        └─ set an index set + updateSelectStreams ──► re-selected
+//
+// Selections: selectStreams keeps container stream indices (null: all);
+// selectAudios and selectSubtitles hold track keys (null: no restriction).
+// A key is the ordinal of the stream among the open audio (or subtitle)
+// streams, and on a DVD source the low four bits of the stream id.
+//
+// Times are microseconds; last_pts is in the file's own clock.
+// Threads: one thread at a time (the movie's decode queue, or the caller's
+// thread for a stand-alone media). Decoder open and close inside take the
+// lock named "avcodec_open/close".
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/formats.h"
+#include "media/index_set.h"
+
+struct AVFormatContext;
+class VNFFMediaStream;
+class VNMediaSource;
+class VNMovieLink;
+
+class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
+ public:
+  using Streams = std::vector<std::shared_ptr<VNFFMediaStream>>;
+
+  // An unopened media without a source.
+  static std::shared_ptr<VNFFMedia> create();
+
+  VNFFMedia(const VNFFMedia&) = delete;
+  VNFFMedia& operator=(const VNFFMedia&) = delete;
+  // Releases the movie reference, closes the streams, then the source.
+  virtual ~VNFFMedia();
+
+  // A new unopened media with the same movie_position, a copy of the source
+  // (unopened, its own demuxer) and the same three selections.
+  virtual std::shared_ptr<VNFFMedia> copy() const;
+
+  // ---- opening and selection ----------------------------------------------
+  // Opens the source and appends a stream for every container stream not
+  // seen yet (decoders opened as selectStreams allows), then re-applies the
+  // selections. May be called again: containers such as program streams
+  // reveal streams while being read.
+  void open();
+  bool isOpen() const;
+  AVFormatContext* formatContext() const;
+  // Re-applies the three selections to the streams: open or close each by
+  // selectStreams, then disable audio and subtitle streams whose key is not
+  // selected (they stay open).
+  void updateSelectStreams();
+
+  // ---- what the media holds -------------------------------------------------
+  const Streams& streams() const { return streams_; }
+  void setStreams(Streams streams) { streams_ = std::move(streams); }
+  // Enabled streams of a kind, in index order.
+  Streams audios() const;
+  Streams videos() const;
+  Streams subtitles() const;
+  // The last of each list; null when empty.
+  std::shared_ptr<VNFFMediaStream> audioStream() const;
+  std::shared_ptr<VNFFMediaStream> videoStream() const;
+  std::shared_ptr<VNFFMediaStream> subtitleStream() const;
+  bool hasAudio() const;
+  // An enabled video stream, unless the movie has video turned off.
+  bool hasVideo() const;
+  bool hasSubtitle() const;
+  // Track names, which the selection keys index: the source's own when it
+  // has them, else the language of every open audio (subtitle) stream.
+  std::vector<std::string> audioNames() const;
+  std::vector<std::string> subtitleNames() const;
+  // The demuxer's start time (0 when unknown) and duration (0 without a
+  // demuxer, else as the demuxer gives it), microseconds.
+  int64_t start_time() const;
+  int64_t duration() const;
+  // The video stream's picture format ({0, 0, 0} without one) and rate (0).
+  VNFFVideoFormat videoFormat() const;
+  float framerate() const;
+  // The stream of a container index; opens again first when the index is
+  // beyond the streams known, so late streams are found. Null when absent.
+  std::shared_ptr<VNFFMediaStream> mediaStreamForStreamIndex(uint32_t index);
+
+  // Content access (the media can always be read; nothing is discarded).
+  bool beginContentAccess() { return true; }
+  void endContentAccess() {}
+  void discardContentIfPossible() {}
+  bool isContentDiscarded() const { return false; }
+
+  // ---- fields ---------------------------------------------------------------
+  int64_t current_pts() const { return current_pts_; }
+  void setCurrent_pts(int64_t value) { current_pts_ = value; }
+  int64_t movie_position() const { return movie_position_; }
+  void setMovie_position(int64_t value) { movie_position_ = value; }
+  int64_t last_pts() const { return last_pts_; }
+  void setLast_pts(int64_t value) { last_pts_ = value; }
+  const std::shared_ptr<VNMediaSource>& source() const { return source_; }
+  void setSource(std::shared_ptr<VNMediaSource> source) { source_ = std::move(source); }
+  // The owning movie, or null for a stand-alone media.
+  std::shared_ptr<VNMovieLink> movie() const { return movie_.lock(); }
+  void setMovie(std::weak_ptr<VNMovieLink> movie) { movie_ = std::move(movie); }
+  const std::optional<VNIndexSet>& selectSubtitles() const { return selectSubtitles_; }
+  void setSelectSubtitles(std::optional<VNIndexSet> keys) { selectSubtitles_ = std::move(keys); }
+  const std::optional<VNIndexSet>& selectStreams() const { return selectStreams_; }
+  void setSelectStreams(std::optional<VNIndexSet> indices) { selectStreams_ = std::move(indices); }
+  const std::optional<VNIndexSet>& selectAudios() const { return selectAudios_; }
+  void setSelectAudios(std::optional<VNIndexSet> keys) { selectAudios_ = std::move(keys); }
+
+ private:
+  VNFFMedia();
+
+  // Enabled streams that pass a test, in index order.
+  template <typename Test>
+  Streams enabledStreams(Test test) const;
+
+  int64_t current_pts_;     // stored for callers
+  Streams streams_;         // index i is container stream i
+  int64_t movie_position_ = 0;  // start on the movie timeline
+  int64_t last_pts_;        // pts of the last packet routed to an enabled stream
+  std::shared_ptr<VNMediaSource> source_;  // where the bytes come from
+  // The movie. Weak: the movie owns its medias.
+  std::weak_ptr<VNMovieLink> movie_;
+  std::optional<VNIndexSet> selectSubtitles_;  // subtitle keys; null: no restriction
+  std::optional<VNIndexSet> selectStreams_;    // container indices to open; null: all
+  std::optional<VNIndexSet> selectAudios_;     // audio keys; null: no restriction
+};

@@ -1,0 +1,109 @@
+// VNMediaSource: where a media's bytes come from, and the demuxer opened on
+// them.
+//
+// The base class reads a file by path; subclasses change where the bytes come
+// from (a DVD title through its own byte reader) or how the source is
+// classified (VNSubtitleSource). The virtual operations are the extension
+// points; the rest of the library calls them only through the source.
+//
+//   unopened ──open──► opened (demuxer held) ──destruction──► demuxer closed
+//
+// A failed open leaves the source unopened and may be retried; its reason is
+// kept for the front end (lastError). There is no explicit close.
+//
+// Threads: one thread at a time (the movie's decode queue, or the caller's
+// thread for a stand-alone source). Stream probing in open holds the lock
+// named "avcodec_open/close".
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ffmpeg/owners.h"
+#include "media/index_set.h"
+
+struct AVIOContext;
+class VNFFMedia;
+
+class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
+ public:
+  using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
+
+  // A new plain VNMediaSource for a path. Always the base class, also when
+  // called as VNSubtitleSource::mediaWithPath (its isSubtitle is then false).
+  static std::shared_ptr<VNMediaSource> mediaWithPath(const std::string& path);
+
+  VNMediaSource(const VNMediaSource&) = delete;
+  VNMediaSource& operator=(const VNMediaSource&) = delete;
+  // Closes the demuxer.
+  virtual ~VNMediaSource();
+
+  // ---- extension points -------------------------------------------------
+  // The path the demuxer opens (base: fullpath).
+  virtual std::string path();
+  // The last path component of path() without its extension.
+  virtual std::string name();
+  virtual bool isDVD();
+  virtual bool isSubtitle();
+  // 16 palette entries 0x00YYVVUU for DVD subpictures, or null (base). The
+  // pointer stays valid while the source lives.
+  virtual const uint32_t* palette();
+  // A byte reader for the demuxer, or null (base: the demuxer opens path()).
+  // Owned by the source.
+  virtual AVIOContext* avio_context();
+  // Size in bytes when the source knows it; 0 (base) otherwise.
+  virtual int64_t filesize();
+  // Track names that replace the ones a media builds from its streams; null
+  // (base) lets the media build them.
+  virtual std::optional<std::vector<std::string>> audioNames();
+  virtual std::optional<std::vector<std::string>> subtitleNames();
+  // The medias this source is read as (base: createMediasWithStreams of no
+  // restriction). Null when the source holds neither video nor audio.
+  virtual std::optional<Medias> createMedias();
+  // A new source of the same class with the same path, unopened: the demuxer
+  // is never shared. Subclasses extend it (copyFieldsTo).
+  virtual std::shared_ptr<VNMediaSource> copy();
+
+  // ---- fixed behaviour --------------------------------------------------
+  // The demuxer; null until open succeeds. Owned by the source.
+  AVFormatContext* formatContext() { return format_context_.get(); }
+  bool isOpen() { return format_context_ != nullptr; }
+
+  // Opens the demuxer and probes its streams (under "avcodec_open/close").
+  // Does nothing when open. No result: test isOpen(); lastError() says why
+  // it failed.
+  void open();
+
+  // Reads the source as medias keeping only the given container streams
+  // (null: all). A source holding video and audio becomes two medias, in
+  // this order: one reading only video (on this source) and one reading only
+  // audio (on a copy, with its own demuxer); subtitle and other streams are
+  // enabled in neither. One medium when only one kind is present; null when
+  // neither is.
+  std::optional<Medias> createMediasWithStreams(std::optional<VNIndexSet> streams);
+
+  // False when the opened container's own index refers to bytes past the end
+  // of the file, as in a cut-off download; lastError() then says so. True
+  // when the source is not open or has no such index to check.
+  bool isComplete();
+
+  // The human-readable reason of the last failure ("No such file or
+  // directory", "file is truncated..."); empty when nothing failed.
+  const std::string& lastError() const { return lastError_; }
+
+  const std::string& fullpath() const { return fullpath_; }
+  void setFullpath(const std::string& path) { fullpath_ = path; }
+
+ protected:
+  VNMediaSource() = default;
+  // Copies what every source has (the path) into a fresh copy.
+  void copyFieldsTo(VNMediaSource& copy) const;
+
+ private:
+  std::string fullpath_;                       // the path given at creation
+  vn::ff::InputFormatContext format_context_;  // the demuxer; null until opened
+  std::string lastError_;                      // reason of the last failure
+};

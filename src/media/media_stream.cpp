@@ -1,0 +1,356 @@
+#include "media/media_stream.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/mathematics.h>
+#include <libswscale/swscale.h>
+}
+
+#include "core/codec_lock.h"
+#include "core/varnel.h"
+#include "media/audio_buffer.h"
+#include "media/media.h"
+#include "media/subtitle_text.h"
+
+namespace {
+
+// A decoder gives a handful of frames per packet; this only guards against
+// one that never stops.
+constexpr int kMaxFramesPerPacket = 4096;
+
+// The palette text takes at most 8 + 16 * 9 + 2 bytes.
+constexpr int kPaletteTextSize = 256;
+
+uint64_t effectiveChannelLayout(const AVChannelLayout& layout) {
+  if (layout.order == AV_CHANNEL_ORDER_NATIVE && layout.u.mask != 0) return layout.u.mask;
+  return vn::defaultChannelLayout(layout.nb_channels);
+}
+
+}  // namespace
+
+std::shared_ptr<VNFFMediaStream> VNFFMediaStream::create(std::weak_ptr<VNFFMedia> media,
+                                                         AVStream* stream) {
+  if (!stream) return nullptr;
+  vn::ff::Frame current = vn::ff::makeFrame();
+  if (!current) return nullptr;
+  std::shared_ptr<VNFFMediaStream> created(
+      new VNFFMediaStream(std::move(media), stream, std::move(current), nullptr));
+  created->codec_ = created->makeCodecContext();
+  if (!created->codec_) return nullptr;
+  return created;
+}
+
+VNFFMediaStream::VNFFMediaStream(std::weak_ptr<VNFFMedia> media, AVStream* stream,
+                                 vn::ff::Frame current, vn::ff::CodecContext codec)
+    : currentFrame_(std::move(current)),
+      media_(std::move(media)),
+      stream_(stream),
+      last_pts_(AV_NOPTS_VALUE),
+      seek_pts_(AV_NOPTS_VALUE),
+      codec_(std::move(codec)) {}
+
+VNFFMediaStream::~VNFFMediaStream() {
+  abuffer_.reset();
+  std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
+  codec_.reset();
+}
+
+vn::ff::CodecContext VNFFMediaStream::makeCodecContext() const {
+  vn::ff::CodecContext context(avcodec_alloc_context3(nullptr));
+  if (!context) return nullptr;
+  if (avcodec_parameters_to_context(context.get(), stream_->codecpar) < 0) return nullptr;
+  context->pkt_timebase = stream_->time_base;
+  if (!palette_.empty()) {
+    av_freep(&context->extradata);
+    context->extradata =
+        static_cast<uint8_t*>(av_mallocz(palette_.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!context->extradata) return nullptr;
+    std::memcpy(context->extradata, palette_.data(), palette_.size());
+    context->extradata_size = static_cast<int>(palette_.size());
+  }
+  return context;
+}
+
+// ---- what the stream is ------------------------------------------------------
+
+int32_t VNFFMediaStream::mediaType() const { return codec_->codec_type; }
+bool VNFFMediaStream::isVideo() const { return mediaType() == AVMEDIA_TYPE_VIDEO; }
+bool VNFFMediaStream::isAudio() const { return mediaType() == AVMEDIA_TYPE_AUDIO; }
+bool VNFFMediaStream::isSubtitle() const { return mediaType() == AVMEDIA_TYPE_SUBTITLE; }
+bool VNFFMediaStream::isOpen() const { return avcodec_is_open(codec_.get()) > 0; }
+
+AVRational VNFFMediaStream::timebase() const {
+  AVRational tb = stream_->time_base;
+  if (tb.num <= 0) tb.num = 1;
+  if (tb.den <= 0) tb.den = 1;
+  return tb;
+}
+
+AVRational VNFFMediaStream::framebase() const {
+  const int32_t rate = audioFormat().sample_rate;
+  return rate > 0 ? AVRational{1, rate} : AVRational{1, 1};
+}
+
+int64_t VNFFMediaStream::startTime() const {
+  return stream_->start_time == AV_NOPTS_VALUE ? 0 : stream_->start_time;
+}
+
+int64_t VNFFMediaStream::duration() const {
+  return stream_->duration == AV_NOPTS_VALUE ? 0 : stream_->duration;
+}
+
+float VNFFMediaStream::framerate() const {
+  const AVRational r = stream_->r_frame_rate;
+  float rate = 0;
+  if (r.num == 24000 && r.den == 1001) {
+    rate = 23.97f;
+  } else if (r.num == 30000 && r.den == 1001) {
+    rate = 29.97f;
+  } else if (r.num > 0 && r.den > 0) {
+    rate = static_cast<float>(r.num / r.den);
+  }
+  if (rate < 1 || rate > 50) {
+    const AVRational avg = stream_->avg_frame_rate;
+    if (avg.num > 0 && avg.den > 0) rate = static_cast<float>(avg.num / avg.den);
+  }
+  if (rate < 1 || rate > 50) rate = 30;
+  return rate;
+}
+
+std::string VNFFMediaStream::language() const {
+  const AVDictionaryEntry* entry = av_dict_get(stream_->metadata, "language", nullptr, 0);
+  const char* code = entry && entry->key && entry->value ? entry->value : "";
+  return Varnel::displayStringForLanguage(code);
+}
+
+std::string VNFFMediaStream::codecName() const {
+  if (!isOpen() || !codec_->codec) return {};
+  return codec_->codec->name;
+}
+
+VNFFAudioFormat VNFFMediaStream::audioFormat() const {
+  if (!isAudio()) return VNFFAudioFormat{-1, 0, 0};
+  return VNFFAudioFormat{codec_->sample_fmt, effectiveChannelLayout(codec_->ch_layout),
+                         codec_->sample_rate};
+}
+
+VNFFVideoFormat VNFFMediaStream::videoFormat() const {
+  if (!isVideo()) return VNFFVideoFormat{-1, 0, 0};
+  return VNFFVideoFormat{codec_->pix_fmt, codec_->width, codec_->height};
+}
+
+// ---- open, close, palette ------------------------------------------------------
+
+void VNFFMediaStream::open() {
+  if (isOpen()) return;
+  if (const AVCodec* decoder = avcodec_find_decoder(codec_->codec_id)) {
+    std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
+    if (avcodec_open2(codec_.get(), decoder, nullptr) < 0) {
+      // A failed open leaves the context half torn down; start afresh so a
+      // later open, and the format queries, see the stream's parameters.
+      if (vn::ff::CodecContext fresh = makeCodecContext()) codec_ = std::move(fresh);
+    }
+  }
+  if (isAudio()) {
+    abuffer_ = VNFFAudioBuffer::create();
+    abuffer_->config(audioFormat());
+  }
+  // An embedded cover picture is not a video track.
+  if (stream_->disposition == AV_DISPOSITION_ATTACHED_PIC) close();
+  seek_pts_ = AV_NOPTS_VALUE;
+}
+
+void VNFFMediaStream::close() {
+  abuffer_.reset();
+  subtitle_.reset();
+  subtitleString_.reset();
+  if (!isOpen()) return;
+  // FFmpeg frees a decoder with its context; a fresh unopened context keeps
+  // the stream's formats readable and lets it open again.
+  vn::ff::CodecContext fresh = makeCodecContext();
+  if (!fresh) return;
+  std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
+  codec_ = std::move(fresh);
+}
+
+void VNFFMediaStream::fillPalette(const uint32_t* palette) {
+  if (!palette) return;
+  char text[kPaletteTextSize] = {};
+  int used = std::snprintf(text, sizeof text, "palette:");
+  for (int i = 0; i < 16; ++i) {
+    const double y = (palette[i] >> 16) & 0xff;
+    const double v = static_cast<double>((palette[i] >> 8) & 0xff) - 128;
+    const double u = static_cast<double>(palette[i] & 0xff) - 128;
+    const int32_t r = static_cast<int32_t>(y + 1.4075 * v);
+    const int32_t g = static_cast<int32_t>(y - 0.3455 * u - 0.7169 * v);
+    const int32_t b = static_cast<int32_t>(y + 1.779 * u);
+    // No clamping: a component out of 0..255 spills into its neighbours,
+    // which is the palette the decoder has always been given.
+    const uint32_t rgb = (static_cast<uint32_t>(r) << 16) | (static_cast<uint32_t>(g) << 8) |
+                         static_cast<uint32_t>(b);
+    used += std::snprintf(text + used, sizeof text - used, "%x,", rgb);
+  }
+  std::snprintf(text + used, sizeof text - used, "\n\r");
+  palette_.assign(text, text + kPaletteTextSize);
+  if (isOpen()) return;
+  if (vn::ff::CodecContext withPalette = makeCodecContext()) codec_ = std::move(withPalette);
+}
+
+// ---- decoding ----------------------------------------------------------------
+
+bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
+  if (!packet || packet->size < 1) return false;
+  vn::ff::Packet copy = vn::ff::makePacket();
+  vn::ff::Frame local = vn::ff::makeFrame();
+  if (!copy || !local || av_packet_ref(copy.get(), packet) < 0) return false;
+
+  bool result = false;
+  int64_t sampleOffset = 0;
+  // Each step either hands the packet to the decoder or takes a frame out,
+  // and a step that does neither abandons the packet, so this ends when the
+  // decoder has nothing more for this packet.
+  for (int pass = 0; pass < kMaxFramesPerPacket; ++pass) {
+    if (!decodePacket(copy.get(), local.get())) {
+      if (copy->size <= 0) break;
+      continue;
+    }
+    result = true;
+    if (isVideo()) {
+      av_frame_unref(currentFrame_.get());
+      av_frame_move_ref(currentFrame_.get(), local.get());
+      hasFrame_ = true;
+    } else if (isSubtitle()) {
+      av_frame_unref(currentFrame_.get());
+      av_frame_move_ref(currentFrame_.get(), local.get());
+    } else if (isAudio()) {
+      const int samples = local->nb_samples;
+      queueAudio(local.get(), sampleOffset);
+      sampleOffset += samples;
+    }
+  }
+  return result;
+}
+
+bool VNFFMediaStream::decodePacket(AVPacket* packet, AVFrame* frame) {
+  av_frame_unref(frame);
+  if (!packet || !frame) return false;
+  if (isSubtitle()) return decodeSubtitle(packet, frame);
+  if ((!isAudio() && !isVideo()) || !isOpen()) {
+    av_packet_unref(packet);
+    return false;
+  }
+  if (packet->size > 0) {
+    // EAGAIN: the decoder is full; the packet stays to be sent again once a
+    // frame has been taken out. Any other answer ends the packet (an error
+    // abandons it).
+    if (avcodec_send_packet(codec_.get(), packet) != AVERROR(EAGAIN)) av_packet_unref(packet);
+  }
+  if (avcodec_receive_frame(codec_.get(), frame) < 0) {
+    // A decoder that neither takes the packet nor gives a frame would hold
+    // the caller forever.
+    av_packet_unref(packet);
+    return false;
+  }
+  if (isAudio()) {
+    // The audio queue is configured with the effective layout; decoders may
+    // report an unordered one.
+    const uint64_t layout = effectiveChannelLayout(frame->ch_layout);
+    AVChannelLayout effective{};
+    if (av_channel_layout_from_mask(&effective, layout) == 0) {
+      av_channel_layout_uninit(&frame->ch_layout);
+      frame->ch_layout = effective;
+    }
+  }
+  if (frame->best_effort_timestamp != AV_NOPTS_VALUE) frame->pts = frame->best_effort_timestamp;
+  return true;
+}
+
+bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
+  if (packet->size <= 0 || !isOpen()) {
+    av_packet_unref(packet);
+    return false;
+  }
+  vn::ff::Subtitle subtitle = vn::ff::makeSubtitle();
+  int got = 0;
+  (void)avcodec_decode_subtitle2(codec_.get(), subtitle.get(), &got, packet);
+  av_packet_unref(packet);
+  if (!got) return false;
+
+  const vn::SubtitleTimes times =
+      vn::subtitleTimes(subtitle->pts, subtitle->start_display_time, subtitle->end_display_time,
+                        timebase());
+  frame->pts = times.pts;
+  frame->pkt_duration = times.duration;
+  frame->pkt_dts = times.pts;
+  for (unsigned i = 0; i < subtitle->num_rects; ++i) {
+    const AVSubtitleRect* rect = subtitle->rects[i];
+    if (!rect) continue;
+    if (rect->type == SUBTITLE_ASS && rect->ass) {
+      subtitleString_ = vn::subtitleTextFromAss(rect->ass);
+    } else if (rect->type == SUBTITLE_BITMAP) {
+      takeBitmap(*rect);
+    }
+  }
+  return true;
+}
+
+void VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) {
+  const int w = rect.w, h = rect.h;
+  if (w <= 0 || h <= 0 || !rect.data[0] || !rect.data[1] || rect.linesize[0] <= 0) return;
+  // Row by row, so a source row wider or narrower than w never makes the
+  // conversion write past the w x h destination.
+  const int columns = std::min(w, rect.linesize[0]);
+  std::vector<uint8_t> bgra(static_cast<size_t>(w) * 4 * h, 0);
+  for (int row = 0; row < h; ++row) {
+    sws_convertPalette8ToPacked32(rect.data[0] + static_cast<size_t>(row) * rect.linesize[0],
+                                  bgra.data() + static_cast<size_t>(row) * w * 4, columns,
+                                  rect.data[1]);
+  }
+  // The palette holds native 0xAARRGGBB words: BGRA in memory.
+  std::optional<vn::FilterImage> image =
+      vn::FilterImage::fromRaster(bgra.data(), w, h, w * 4, vn::FilterImage::ByteOrder::BGRA);
+  if (!image) return;
+  std::shared_ptr<VNFFMedia> owner = media_.lock();
+  const int height = owner ? owner->videoFormat().height : 0;
+  subtitle_ = image->translated(rect.x, height - rect.y - h);
+}
+
+void VNFFMediaStream::queueAudio(AVFrame* frame, int64_t sampleOffset) {
+  const AVRational fb = framebase(), tb = timebase();
+  frame->pkt_duration = av_rescale_q(frame->nb_samples, fb, tb);
+  frame->pts += av_rescale_q(sampleOffset, fb, tb);
+  if (seek_pts_ == AV_NOPTS_VALUE) return;
+  const double ends = static_cast<double>(frame->pts) + 0.5 * static_cast<double>(frame->pkt_duration);
+  if (ends < static_cast<double>(std::max(seek_pts_, last_pts_))) return;
+  const int64_t pts = frame->pts;
+  if (abuffer_) abuffer_->writeFrame(frame);
+  last_pts_ = pts;
+}
+
+void VNFFMediaStream::seek(int64_t t) {
+  if (isOpen()) avcodec_flush_buffers(codec_.get());
+  subtitle_.reset();
+  seek_pts_ = t;
+  sync_pts_ = av_rescale_q(t, timebase(), framebase());
+  last_pts_ = AV_NOPTS_VALUE;
+  if (abuffer_) abuffer_->config(audioFormat());
+  forward();
+}
+
+bool VNFFMediaStream::forward() {
+  if (isAudio()) {
+    frame_buffer_ = abuffer_ ? abuffer_->read() : vn::ff::Frame();
+    av_frame_unref(currentFrame_.get());
+    if (frame_buffer_) av_frame_ref(currentFrame_.get(), frame_buffer_.get());
+    return currentFrame_->nb_samples > 0;
+  }
+  if (isVideo()) av_frame_unref(currentFrame_.get());
+  return false;
+}

@@ -1,0 +1,177 @@
+// VNFFMediaStream: one container stream of a media, with its own decoder.
+//
+// It opens and closes the decoder, decodes the packets its media routes to
+// it, and keeps the results where the rest of the library looks:
+//   video     the last decoded picture in frame(), hasFrame set;
+//   audio     decoded frames queued in abuffer(), taken one at a time into
+//             frame() by forward();
+//   subtitle  the timing of the last subtitle in frame() (pts, pkt_duration),
+//             its text in subtitleString(), its bitmap in subtitle().
+//
+//   created ──open──► open ──decodePacket/forward/seek──► ... ──close──► closed
+//                      ▲                                               │
+//                      └──────────────────── open ─────────────────────┘
+//
+// Times: frame pts, pkt_duration, seek_pts and last_pts are in timebase()
+// units; sync_pts in framebase() units (one audio sample).
+//
+// Threads: driven by one thread at a time, the one that drives its media (a
+// movie's decode queue). Decoder open and close hold "avcodec_open/close".
+// Valid while its media lives: the AVStream belongs to the media's demuxer.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavutil/rational.h>
+}
+
+#include "core/formats.h"
+#include "ffmpeg/owners.h"
+#include "platform/filter_image.h"
+
+struct AVStream;
+struct AVSubtitleRect;
+class VNFFAudioBuffer;
+class VNFFMedia;
+
+class VNFFMediaStream {
+ public:
+  // A stream over container stream `stream` of `media`'s demuxer, decoder
+  // closed. Its codec context is made from the stream's parameters at once,
+  // so the formats are known before open. Null when allocation fails.
+  static std::shared_ptr<VNFFMediaStream> create(std::weak_ptr<VNFFMedia> media, AVStream* stream);
+
+  VNFFMediaStream(const VNFFMediaStream&) = delete;
+  VNFFMediaStream& operator=(const VNFFMediaStream&) = delete;
+  // Closes the decoder.
+  ~VNFFMediaStream();
+
+  // ---- what the stream is -----------------------------------------------
+  // The stream's own codec context (never the demuxer's); never null.
+  AVCodecContext* codecContext() const { return codec_.get(); }
+  int32_t mediaType() const;  // AVMediaType
+  bool isVideo() const;
+  bool isAudio() const;
+  bool isSubtitle() const;
+  bool isValidAudio() const { return false; }
+  // The decoder is open.
+  bool isOpen() const;
+  // The container stream's time base, a part <= 0 replaced by 1.
+  AVRational timebase() const;
+  // One audio sample, {1, sample rate}; {1, 1} without a rate.
+  AVRational framebase() const;
+  // The container stream's start time and duration (timebase units), 0 when
+  // unknown.
+  int64_t startTime() const;
+  int64_t duration() const;
+  // Frames per second: 23.97 and 29.97 for the NTSC rates, else the integer
+  // quotient of the real rate, else of the average rate, else 30.
+  float framerate() const;
+  // Display name of the stream's language tag in the user's locale; an
+  // untagged stream reads as English.
+  std::string language() const;
+  // Short name of the opened decoder; empty when not open.
+  std::string codecName() const;
+  // Audio: {sample format, effective channel mask, rate}; else {-1, 0, 0}.
+  // The mask is the decoder's own when it is a plain mask with the decoder's
+  // channel count, else FFmpeg's default mask for that count.
+  VNFFAudioFormat audioFormat() const;
+  // Video: {pixel format, width, height}; else {-1, 0, 0}.
+  VNFFVideoFormat videoFormat() const;
+  // The current frame; never null, owned by the stream. For audio it is the
+  // buffer last taken by forward().
+  AVFrame* frame() const { return currentFrame_.get(); }
+
+  // ---- decoding -----------------------------------------------------------
+  // Opens the decoder (nothing when open): audio gets a fresh audio buffer,
+  // an attached picture (cover art) is closed again at once, seek_pts is
+  // unset.
+  void open();
+  // Releases the audio buffer, the subtitle image and text, and the decoder.
+  // The current frame stays. May be opened again.
+  void close();
+  // Gives the DVD subpicture decoder its palette, 16 entries 0x00YYVVUU, as a
+  // "palette:" text. Called before open; kept across close and open.
+  void fillPalette(const uint32_t* palette);
+
+  // Decodes one packet (the packet itself is not changed); true when at
+  // least one frame came out. Video: the last picture goes to frame().
+  // Audio: each frame gets the packet's time plus the samples before it, and
+  // is queued when a seek has happened, it does not end more than half a
+  // frame before the seek target and it does not go back before the last
+  // queued frame. Subtitles: see decodePacket(packet, frame). Always ends.
+  bool decodePacket(const AVPacket* packet);
+  // One decoding step: sends `packet` unless it was sent already (its size
+  // drops to 0 once the decoder took it or refused it) and takes one frame
+  // into `frame` (reset first). True when a frame came out. Subtitles are
+  // decoded whole: frame pts and pkt_duration come from the display times,
+  // the text of an ASS line goes to subtitleString(), a bitmap goes to
+  // subtitle() placed at (x, H - y - h) in the media's picture space.
+  bool decodePacket(AVPacket* packet, AVFrame* frame);
+
+  // Flushes the decoder and resets timing for a new position t (timebase
+  // units): drops the subtitle image and the queued audio, sets seek_pts,
+  // sync_pts, unsets last_pts, then forward().
+  void seek(int64_t t);
+  // Audio: takes the next queued frame into frame() (or clears it); true when
+  // it has samples. Video: clears frame(), false. Others: false.
+  bool forward();
+
+  // ---- fields --------------------------------------------------------------
+  const std::optional<std::string>& subtitleString() const { return subtitleString_; }
+  void setSubtitleString(std::optional<std::string> text) { subtitleString_ = std::move(text); }
+  const std::optional<vn::FilterImage>& subtitle() const { return subtitle_; }
+  void setSubtitle(std::optional<vn::FilterImage> image) { subtitle_ = std::move(image); }
+  bool hasFrame() const { return hasFrame_; }
+  void setHasFrame(bool value) { hasFrame_ = value; }
+  std::shared_ptr<VNFFMedia> media() const { return media_.lock(); }
+  void setMedia(std::weak_ptr<VNFFMedia> media) { media_ = std::move(media); }
+  int64_t sync_pts() const { return sync_pts_; }
+  void setSync_pts(int64_t value) { sync_pts_ = value; }
+  AVStream* stream() const { return stream_; }
+  const std::shared_ptr<VNFFAudioBuffer>& abuffer() const { return abuffer_; }
+  void setAbuffer(std::shared_ptr<VNFFAudioBuffer> buffer) { abuffer_ = std::move(buffer); }
+  int64_t last_pts() const { return last_pts_; }
+  void setLast_pts(int64_t value) { last_pts_ = value; }
+  bool enable() const { return enable_; }
+  void setEnable(bool value) { enable_ = value; }
+  int64_t seek_pts() const { return seek_pts_; }
+  void setSeek_pts(int64_t value) { seek_pts_ = value; }
+
+ private:
+  VNFFMediaStream(std::weak_ptr<VNFFMedia> media, AVStream* stream, vn::ff::Frame current,
+                  vn::ff::CodecContext codec);
+
+  // A fresh, unopened codec context from the stream's parameters (and the
+  // palette, if one was given). Null when allocation fails.
+  vn::ff::CodecContext makeCodecContext() const;
+  // Decodes a subtitle packet into frame's times and the text or image.
+  bool decodeSubtitle(AVPacket* packet, AVFrame* frame);
+  // One bitmap rectangle as an image placed in the media's picture space.
+  void takeBitmap(const AVSubtitleRect& rect);
+  // Audio bookkeeping of one decoded frame of a packet; sampleOffset counts
+  // the samples of the frames before it.
+  void queueAudio(AVFrame* frame, int64_t sampleOffset);
+
+  vn::ff::Frame currentFrame_;    // the current frame; never null
+  vn::ff::Frame frame_buffer_;    // the audio frame exposed through currentFrame_
+  std::optional<std::string> subtitleString_;  // text of the last text subtitle
+  std::optional<vn::FilterImage> subtitle_;    // last bitmap subtitle, placed
+  bool hasFrame_ = false;         // a picture was decoded since last cleared
+  // The owning media. Weak: the media owns its streams, but a stream handed
+  // out may outlive it, and then it must not reach a dead media.
+  std::weak_ptr<VNFFMedia> media_;
+  int64_t sync_pts_ = 0;          // running sample clock of the mix (framebase)
+  AVStream* stream_;              // owned by the media's demuxer
+  std::shared_ptr<VNFFAudioBuffer> abuffer_;  // audio queue while open
+  int64_t last_pts_;              // pts of the last queued audio frame
+  bool enable_ = false;           // set by the media: receives packets
+  int64_t seek_pts_;              // target of the last seek; unset before
+  vn::ff::CodecContext codec_;    // the decoder; never null
+  std::vector<uint8_t> palette_;  // "palette:" text for the DVD subpicture decoder
+};

@@ -1,0 +1,13 @@
+// vn::Rect: a rectangle in picture space (origin bottom left, y up).
+#pragma once
+
+namespace vn {
+
+struct Rect {
+  double x = 0;
+  double y = 0;
+  double width = 0;
+  double height = 0;
+};
+
+}  // namespace vn
