@@ -213,6 +213,7 @@ bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
 
   bool result = false;
   int64_t sampleOffset = 0;
+  int64_t packetPts = packet->pts;
   // Each step either hands the packet to the decoder or takes a frame out,
   // and a step that does neither abandons the packet, so this ends when the
   // decoder has nothing more for this packet.
@@ -230,6 +231,10 @@ bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
       av_frame_unref(currentFrame_.get());
       av_frame_move_ref(currentFrame_.get(), local.get());
     } else if (isAudio()) {
+      // FFmpeg times only the first frame of a packet; the ones after it
+      // carry no time and are placed by their sample offset from the packet's.
+      if (local->pts == AV_NOPTS_VALUE) local->pts = packetPts;
+      if (sampleOffset == 0) packetPts = local->pts;
       const int samples = local->nb_samples;
       queueAudio(local.get(), sampleOffset);
       sampleOffset += samples;

@@ -1,0 +1,110 @@
+#include "media/audio_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/frame.h>
+#include <libavutil/samplefmt.h>
+}
+
+namespace {
+
+constexpr VNFFAudioFormat kStereoFloat{AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 44100};
+
+vn::ff::Frame makeAudio(VNFFAudioFormat format, int samples, int64_t pts) {
+  vn::ff::Frame frame = vn::ff::makeFrame();
+  frame->format = format.sample_fmt;
+  frame->sample_rate = format.sample_rate;
+  av_channel_layout_from_mask(&frame->ch_layout, format.channel_layout);
+  frame->nb_samples = samples;
+  frame->pts = pts;
+  if (samples > 0) {
+    EXPECT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
+  }
+  return frame;
+}
+
+void write(VNFFAudioBuffer& buffer, VNFFAudioFormat format, int samples, int64_t pts) {
+  vn::ff::Frame frame = makeAudio(format, samples, pts);
+  buffer.writeFrame(frame.get());
+}
+
+}  // namespace
+
+TEST(AudioBufferTest, QueuesFramesInOrderAndIgnoresEmptyOnes) {
+  VNFFAudioBuffer buffer;
+  EXPECT_FALSE(buffer.read()) << "unconfigured";
+  write(buffer, kStereoFloat, 512, 0);
+  buffer.config(kStereoFloat);
+  EXPECT_FALSE(buffer.read()) << "freshly configured";
+
+  write(buffer, kStereoFloat, 1024, 100);
+  write(buffer, kStereoFloat, 0, 200);
+  write(buffer, kStereoFloat, 333, 300);
+  vn::ff::Frame first = buffer.read();
+  vn::ff::Frame second = buffer.read();
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(first->nb_samples, 1024);
+  EXPECT_EQ(first->pts, 100);
+  EXPECT_EQ(second->nb_samples, 333);
+  EXPECT_EQ(second->pts, 300);
+  EXPECT_EQ(second->format, AV_SAMPLE_FMT_FLT);
+  EXPECT_FALSE(buffer.read());
+}
+
+TEST(AudioBufferTest, ReconfiguringDropsWhatWasQueued) {
+  VNFFAudioBuffer buffer;
+  buffer.config(kStereoFloat);
+  write(buffer, kStereoFloat, 256, 0);
+  const VNFFAudioFormat mono{AV_SAMPLE_FMT_S16P, AV_CH_LAYOUT_MONO, 22050};
+  buffer.config(mono);
+  EXPECT_TRUE(isFFAudioFormatEqual(buffer.audioFormat(), mono));
+  EXPECT_FALSE(buffer.read());
+  // Frames of the old format are refused now; frames of the new one pass.
+  write(buffer, kStereoFloat, 256, 1);
+  write(buffer, mono, 128, 2);
+  vn::ff::Frame frame = buffer.read();
+  ASSERT_TRUE(frame);
+  EXPECT_EQ(frame->pts, 2);
+  EXPECT_FALSE(buffer.read());
+}
+
+TEST(AudioBufferTest, FormatsThatCannotBeBuiltLeaveItUnconfigured) {
+  const VNFFAudioFormat unusable[] = {
+      {AV_SAMPLE_FMT_NONE, AV_CH_LAYOUT_STEREO, 44100},  // no sample format name
+      {AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 0},       // no rate
+      {},                                                // what a missing object yields
+  };
+  for (const VNFFAudioFormat& format : unusable) {
+    VNFFAudioBuffer buffer;
+    buffer.config(format);
+    write(buffer, kStereoFloat, 64, 0);
+    EXPECT_FALSE(buffer.read()) << format.sample_fmt << " " << format.sample_rate;
+  }
+}
+
+TEST(AudioBufferTest, DecoderAndMixerThreadsShareTheQueue) {
+  VNFFAudioBuffer buffer;
+  buffer.config(kStereoFloat);
+  constexpr int kFrames = 400;
+  std::thread decoder([&buffer] {
+    for (int i = 0; i < kFrames; ++i) write(buffer, kStereoFloat, 64, i);
+  });
+  std::vector<int64_t> seen;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (seen.size() < kFrames && std::chrono::steady_clock::now() < deadline) {
+    if (vn::ff::Frame frame = buffer.read()) {
+      seen.push_back(frame->pts);
+    } else {
+      std::this_thread::yield();
+    }
+  }
+  decoder.join();
+  ASSERT_EQ(seen.size(), static_cast<size_t>(kFrames));
+  for (int i = 0; i < kFrames; ++i) EXPECT_EQ(seen[i], i);
+}

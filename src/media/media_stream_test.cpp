@@ -1,0 +1,287 @@
+#include "media/media_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/mathematics.h>
+}
+
+#include "media/media_test_support.h"
+
+namespace {
+
+using vn::test::fixture;
+using vn::test::openWhole;
+
+constexpr AVRational kMicroseconds{1, 1000000};
+
+// A stream of a demuxer that was never opened: only its fields matter.
+struct SyntheticStream {
+  SyntheticStream(AVMediaType type, AVCodecID codec) : context(avformat_alloc_context()) {
+    stream = avformat_new_stream(context.get(), nullptr);
+    stream->codecpar->codec_type = type;
+    stream->codecpar->codec_id = codec;
+  }
+  vn::ff::OutputFormatContext context;
+  AVStream* stream;
+};
+
+// Packs the first `count` packets of a stream into one, timed as the first.
+vn::ff::Packet joinPackets(VNFFMedia& media, int streamIndex, int count) {
+  std::vector<uint8_t> bytes;
+  int64_t pts = AV_NOPTS_VALUE;
+  int joined = 0;
+  vn::test::readPackets(media, [&](VNFFMediaStream& stream, AVPacket* packet) {
+    if (stream.stream()->index != streamIndex || joined == count) return;
+    if (joined++ == 0) pts = packet->pts;
+    bytes.insert(bytes.end(), packet->data, packet->data + packet->size);
+  });
+  vn::ff::Packet packet = vn::ff::makePacket();
+  EXPECT_EQ(av_new_packet(packet.get(), static_cast<int>(bytes.size())), 0);
+  std::memcpy(packet->data, bytes.data(), bytes.size());
+  packet->pts = packet->dts = pts;
+  packet->stream_index = streamIndex;
+  return packet;
+}
+
+// Rewinds a media's demuxer to its start.
+void rewind(VNFFMedia& media) {
+  ASSERT_GE(av_seek_frame(media.formatContext(), -1, 0, AVSEEK_FLAG_BACKWARD), 0);
+}
+
+}  // namespace
+
+TEST(MediaStreamTest, FramerateRules) {
+  const struct {
+    AVRational real, average;
+    float rate;
+  } cases[] = {
+      {{24000, 1001}, {0, 0}, 23.97f},  {{30000, 1001}, {0, 0}, 29.97f},
+      {{2997, 100}, {0, 0}, 29},        {{25, 1}, {0, 0}, 25},
+      {{120, 1}, {24, 1}, 24},          {{0, 0}, {0, 0}, 30},
+      {{0, 0}, {50, 1}, 50},            {{60000, 1001}, {0, 0}, 30},
+      {{60000, 1001}, {30000, 1001}, 29},  // the average is an integer quotient
+      {{1, 2}, {0, 1}, 30},
+  };
+  for (const auto& c : cases) {
+    SyntheticStream s(AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_RAWVIDEO);
+    s.stream->r_frame_rate = c.real;
+    s.stream->avg_frame_rate = c.average;
+    auto stream = VNFFMediaStream::create({}, s.stream);
+    ASSERT_TRUE(stream);
+    EXPECT_EQ(stream->framerate(), c.rate) << c.real.num << "/" << c.real.den;
+  }
+}
+
+TEST(MediaStreamTest, AccessorsOfAStreamWithoutADecoder) {
+  SyntheticStream s(AVMEDIA_TYPE_AUDIO, AV_CODEC_ID_NONE);
+  s.stream->time_base = AVRational{0, -5};
+  s.stream->codecpar->sample_rate = 8000;
+  s.stream->codecpar->format = AV_SAMPLE_FMT_S16;
+  av_channel_layout_default(&s.stream->codecpar->ch_layout, 6);
+  auto stream = VNFFMediaStream::create({}, s.stream);
+  ASSERT_TRUE(stream);
+  stream->open();
+  EXPECT_FALSE(stream->isOpen());
+  EXPECT_EQ(stream->codecName(), "");
+  EXPECT_EQ(stream->timebase().num, 1);
+  EXPECT_EQ(stream->timebase().den, 1);
+  EXPECT_EQ(stream->framebase().den, 8000);
+  EXPECT_EQ(stream->audioFormat().channel_layout, vn::defaultChannelLayout(6));
+  EXPECT_EQ(stream->videoFormat().pix_fmt, -1);
+  EXPECT_EQ(stream->language(), "English");
+  EXPECT_NE(stream->frame(), nullptr);
+  EXPECT_FALSE(stream->forward());
+  EXPECT_NE(stream->abuffer(), nullptr) << "an audio stream gets its queue even without a decoder";
+}
+
+TEST(MediaStreamTest, PaletteTextKeepsTheUnclampedArithmetic) {
+  SyntheticStream s(AVMEDIA_TYPE_SUBTITLE, AV_CODEC_ID_DVD_SUBTITLE);
+  auto stream = VNFFMediaStream::create({}, s.stream);
+  uint32_t palette[16] = {
+      0x00108080,  // black: Y 16, no colour
+      0x00eb8080,  // white
+      0x00ff00ff,  // Y 255, V 0, U 255: green and blue spill into their neighbours
+      0x00ffff00,  // Y 255, V 255, U 0: red spills past its byte
+  };                // the rest: Y 0, V 0, U 0, all components out of range
+  stream->fillPalette(palette);
+  std::string expected = "palette:101010,ebebeb,";
+  // Y 255, U 127, V -128: R 74.84, G 302.88, B 480.93.
+  expected += "4b2fe0,";
+  // Y 255, U -128, V 127: R 433.75, G 208.18, B 27.29.
+  expected += "1b1d01b,";
+  for (int i = 4; i < 16; ++i) expected += "ffffff1d,";
+  expected += "\n\r";
+  AVCodecContext* context = stream->codecContext();
+  ASSERT_EQ(context->extradata_size, 256);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(context->extradata)), expected);
+
+  // The palette survives closing and opening the decoder.
+  stream->open();
+  ASSERT_TRUE(stream->isOpen());
+  stream->close();
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(stream->codecContext()->extradata)), expected);
+}
+
+TEST(MediaStreamTest, AudioFramesOfOnePacketGetIncreasingTimes) {
+  // MPEG audio at 44100 Hz in a program stream (time base 1/90000).
+  const std::string path = vn::test::scratchDir() + "/mp2_44100.mpg";
+  int status = -1;
+  vn::test::runShell("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi "
+                     "-i sine=sample_rate=44100:duration=1 -c:a mp2 -f mpeg '" + path + "'",
+                     &status);
+  ASSERT_EQ(status, 0);
+  std::shared_ptr<VNFFMedia> media = VNFFMedia::create();
+  media->setSource(VNMediaSource::mediaWithPath(path));
+  media->open();
+  std::shared_ptr<VNFFMediaStream> audio = media->audioStream();
+  ASSERT_TRUE(audio);
+  ASSERT_EQ(audio->timebase().den, 90000);
+
+  vn::ff::Packet three = joinPackets(*media, 0, 3);
+  const int64_t p = three->pts;
+  audio->seek(0);
+  ASSERT_TRUE(audio->decodePacket(three.get()));
+  EXPECT_GT(three->size, 0) << "the caller's packet is not consumed";
+  const int64_t expected[] = {p, p + 2351, p + 4702};
+  for (int64_t pts : expected) {
+    ASSERT_TRUE(audio->forward());
+    EXPECT_EQ(audio->frame()->pts, pts);
+    EXPECT_EQ(audio->frame()->nb_samples, 1152);
+    EXPECT_EQ(audio->frame()->pkt_duration, 2351);
+  }
+  EXPECT_FALSE(audio->forward());
+}
+
+TEST(MediaStreamTest, AudioIsQueuedOnlyFromTheSeekTargetOn) {
+  std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
+  std::shared_ptr<VNFFMediaStream> audio = media->audioStream();
+  ASSERT_TRUE(audio);
+  // Before any seek, packets decode but nothing is queued.
+  int decoded = 0;
+  vn::test::readPackets(
+      *media, [&](VNFFMediaStream& s, AVPacket* p) { decoded += s.isAudio() && s.decodePacket(p); },
+      40);
+  EXPECT_GT(decoded, 5);
+  EXPECT_FALSE(audio->forward());
+
+  const int64_t target = av_rescale_q(4000000, kMicroseconds, audio->timebase());
+  audio->seek(target);
+  EXPECT_EQ(audio->seek_pts(), target);
+  EXPECT_EQ(audio->sync_pts(), av_rescale_q(target, audio->timebase(), audio->framebase()));
+  EXPECT_EQ(audio->last_pts(), AV_NOPTS_VALUE);
+  rewind(*media);
+  std::vector<int64_t> queued;
+  vn::test::readPackets(*media, [&](VNFFMediaStream& s, AVPacket* p) {
+    if (!s.isAudio()) return;
+    s.decodePacket(p);
+    while (s.forward()) queued.push_back(s.frame()->pts);
+  });
+  ASSERT_FALSE(queued.empty());
+  // The first frame queued is the one that covers the target (it ends less
+  // than half a frame before it, at most), and times only go forward.
+  const int64_t frame = av_rescale_q(1024, audio->framebase(), audio->timebase());
+  EXPECT_GE(queued.front() + frame / 2, target);
+  EXPECT_LT(queued.front() - frame, target);
+  for (size_t i = 1; i < queued.size(); ++i) EXPECT_GT(queued[i], queued[i - 1]);
+  EXPECT_EQ(audio->last_pts(), queued.back());
+}
+
+TEST(MediaStreamTest, TextSubtitlesKeepTheirTimesAndCleanedText) {
+  struct Cue {
+    int64_t pts, duration;
+    std::string text;
+    bool operator==(const Cue&) const = default;
+  };
+  std::shared_ptr<VNFFMedia> media = openWhole("multitrack.mkv");
+  std::vector<Cue> subrip, ass;
+  vn::test::readPackets(*media, [&](VNFFMediaStream& s, AVPacket* p) {
+    if (!s.isSubtitle() || !s.decodePacket(p)) return;
+    Cue cue{s.frame()->pts, s.frame()->pkt_duration, s.subtitleString().value_or("(none)")};
+    (s.stream()->index == 4 ? subrip : ass).push_back(cue);
+  });
+  // Matroska times are milliseconds. The SubRip track's italic line ends in
+  // a closing tag, so nothing of it is left; commas cut the text.
+  EXPECT_EQ(subrip, (std::vector<Cue>{{2000, 2000, ""}, {4500, 500, " sir"}, {5200, 600, " très bien"}}));
+  EXPECT_EQ(ass, (std::vector<Cue>{{2000, 2000, "Hello\nWorld"}, {4500, 500, " sir"}, {5200, 600, " bien"}}));
+}
+
+TEST(MediaStreamTest, BitmapSubtitlesArePlacedInPictureSpace) {
+  // A 160x48 red block with a white 128x24 centre, 280 pixels from the left
+  // and 400 from the top of a 720x480 picture: its bottom is 32 pixels up.
+  for (const char* name : {"dvdsub.mkv", "dvdsub.mpg"}) {
+    SCOPED_TRACE(name);
+    std::shared_ptr<VNFFMedia> media = openWhole(name);
+    std::shared_ptr<VNFFMediaStream> subpicture = media->subtitleStream();
+    ASSERT_TRUE(subpicture);
+    int64_t shown = AV_NOPTS_VALUE;
+    vn::test::readPackets(*media, [&](VNFFMediaStream& s, AVPacket* p) {
+      if (s.isSubtitle() && s.decodePacket(p) && s.subtitle() && shown == AV_NOPTS_VALUE) {
+        shown = av_rescale_q(s.frame()->pts, s.timebase(), kMicroseconds) - media->start_time();
+      }
+    });
+    ASSERT_TRUE(subpicture->subtitle());
+    const vn::Rect extent = subpicture->subtitle()->extent();
+    EXPECT_EQ(extent.x, 280);
+    EXPECT_EQ(extent.y, 32);
+    EXPECT_EQ(extent.width, 160);
+    EXPECT_EQ(extent.height, 48);
+    EXPECT_NEAR(shown, 2000000, 40000);
+    if (std::string(name) == "dvdsub.mkv") {
+      // This file's palette travels with the track: red and white, opaque.
+      const std::vector<uint8_t> rgba = subpicture->subtitle()->render();
+      ASSERT_EQ(rgba.size(), 160u * 48u * 4u);
+      auto pixel = [&](int x, int y) {
+        const uint8_t* p = &rgba[(y * 160 + x) * 4];
+        return std::vector<int>{p[0], p[1], p[2], p[3]};
+      };
+      EXPECT_EQ(pixel(4, 4), (std::vector<int>{255, 0, 0, 255}));
+      EXPECT_EQ(pixel(80, 24), (std::vector<int>{255, 255, 255, 255}));
+      EXPECT_EQ(pixel(155, 45), (std::vector<int>{255, 0, 0, 255}));
+    }
+  }
+}
+
+TEST(MediaStreamTest, DecodingWholeFilesEndsCleanly) {
+  const struct {
+    const char* name;
+    double seconds;  // of audio and video, 0 when the file is cut short
+    double fps;
+  } cases[] = {
+      {"h264_aac.mp4", 10, 25},    {"multitrack.mkv", 6, 25},   {"aac.m4a", 5, 0},
+      {"mp3_cover.mp3", 5, 0},     {"dvdsub.mkv", 6, 29.97},    {"dvdsub.mpg", 6, 29.97},
+      {"ac3_51.ac3", 5, 0},        {"mpeg2_mp2.mpg", 5, 29.97}, {"h264_23976.mp4", 5, 23.976},
+      {"wmv2_wmav2.wmv", 5, 25},   {"subs.srt", 0, 0},          {"truncated_faststart.mp4", 0, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::shared_ptr<VNFFMedia> media = openWhole(c.name);
+    ASSERT_TRUE(media->isOpen());
+    for (const auto& s : media->streams()) {
+      if (s->isOpen()) s->seek(s->startTime());
+    }
+    int pictures = 0;
+    std::vector<int64_t> samples(media->streams().size(), 0);
+    vn::test::readPackets(*media, [&](VNFFMediaStream& s, AVPacket* p) {
+      if (!s.enable()) return;
+      s.setHasFrame(false);
+      s.decodePacket(p);
+      pictures += s.hasFrame();
+      while (s.forward()) samples[s.stream()->index] += s.frame()->nb_samples;
+    });
+    if (c.seconds == 0) continue;
+    if (c.fps > 0) {
+      EXPECT_NEAR(pictures, c.seconds * c.fps, c.seconds * c.fps * 0.05);
+    }
+    for (const auto& s : media->audios()) {
+      const double rate = s->audioFormat().sample_rate;
+      EXPECT_NEAR(samples[s->stream()->index], c.seconds * rate, 0.05 * c.seconds * rate)
+          << "stream " << s->stream()->index;
+    }
+  }
+}

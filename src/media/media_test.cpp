@@ -1,0 +1,263 @@
+#include "media/media.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "media/media_test_support.h"
+#include "media/subtitle_source.h"
+
+namespace {
+
+using vn::test::fixture;
+using vn::test::openWhole;
+
+// A file source that calls itself a DVD, so tracks are keyed by stream id.
+class DvdKeyedSource : public VNMediaSource {
+ public:
+  static std::shared_ptr<DvdKeyedSource> create(const std::string& path) {
+    std::shared_ptr<DvdKeyedSource> source(new DvdKeyedSource());
+    source->setFullpath(path);
+    return source;
+  }
+  bool isDVD() override { return true; }
+};
+
+std::vector<int> indices(const VNFFMedia::Streams& streams) {
+  std::vector<int> found;
+  for (const auto& s : streams) found.push_back(s->stream()->index);
+  return found;
+}
+
+}  // namespace
+
+TEST(MediaSourceTest, AMissingFileStaysUnopenedWithItsReason) {
+  std::shared_ptr<VNMediaSource> source = VNMediaSource::mediaWithPath(fixture("no-such-file.mp4"));
+  source->open();
+  EXPECT_FALSE(source->isOpen());
+  EXPECT_EQ(source->formatContext(), nullptr);
+  EXPECT_EQ(source->lastError(), "No such file or directory");
+  EXPECT_FALSE(source->createMedias());
+}
+
+TEST(MediaSourceTest, ClassAndCopies) {
+  const std::string path = fixture("subs.srt");
+  // mediaWithPath always makes the plain source, whatever class names it.
+  EXPECT_FALSE(VNSubtitleSource::mediaWithPath(path)->isSubtitle());
+  std::shared_ptr<VNSubtitleSource> subtitles = VNSubtitleSource::create(path);
+  EXPECT_TRUE(subtitles->isSubtitle());
+  EXPECT_EQ(subtitles->name(), "subs");
+  EXPECT_FALSE(subtitles->isDVD());
+  EXPECT_EQ(subtitles->palette(), nullptr);
+
+  subtitles->open();
+  ASSERT_TRUE(subtitles->isOpen());
+  std::shared_ptr<VNMediaSource> copy = subtitles->copy();
+  EXPECT_TRUE(copy->isSubtitle());
+  EXPECT_EQ(copy->path(), path);
+  EXPECT_FALSE(copy->isOpen()) << "a copy has its own, unopened demuxer";
+}
+
+TEST(MediaSourceTest, FilesSplitIntoAVideoAndAnAudioMedia) {
+  const struct {
+    const char* name;
+    std::vector<std::vector<int>> medias;  // enabled streams of each media
+  } cases[] = {
+      {"aac.m4a", {{0}}},
+      {"h264_aac.mp4", {{0}, {1}}},
+      {"multitrack.mkv", {{0}, {1, 2, 3}}},  // subtitles 4 and 5 in neither
+      {"dvdsub.mpg", {{1}, {2}}},            // navigation data and subpictures in neither
+      {"mp3_cover.mp3", {{0}}},              // the cover is never a video track
+      {"subs.srt", {}},
+      {"empty.mp4", {}},
+      {"text.mp4", {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::shared_ptr<VNMediaSource> source = VNMediaSource::mediaWithPath(fixture(c.name));
+    std::optional<VNMediaSource::Medias> medias = source->createMedias();
+    if (c.medias.empty()) {
+      EXPECT_FALSE(medias);
+      continue;
+    }
+    ASSERT_TRUE(medias);
+    ASSERT_EQ(medias->size(), c.medias.size());
+    for (size_t i = 0; i < c.medias.size(); ++i) {
+      VNFFMedia& media = *(*medias)[i];
+      std::vector<int> enabled;
+      for (const auto& s : media.streams()) {
+        if (s->enable()) enabled.push_back(s->stream()->index);
+      }
+      EXPECT_EQ(enabled, c.medias[i]);
+      EXPECT_EQ(media.selectStreams(), VNIndexSet(c.medias[i].begin(), c.medias[i].end()));
+      EXPECT_FALSE(media.hasSubtitle());
+    }
+    EXPECT_EQ((*medias)[0]->source(), source) << "the first media reads the given source";
+    if (medias->size() == 2) {
+      EXPECT_TRUE((*medias)[0]->hasVideo() && !(*medias)[0]->hasAudio());
+      EXPECT_TRUE((*medias)[1]->hasAudio() && !(*medias)[1]->hasVideo());
+      EXPECT_NE((*medias)[1]->formatContext(), source->formatContext()) << "own demuxer";
+      EXPECT_TRUE((*medias)[1]->isOpen());
+    }
+  }
+}
+
+TEST(MediaTest, TrackSelectionsUseOrdinalsOrDvdStreamIds) {
+  std::shared_ptr<VNFFMedia> media = openWhole("multitrack.mkv");
+  EXPECT_EQ(indices(media->audios()), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(indices(media->subtitles()), (std::vector<int>{4, 5}));
+  EXPECT_EQ(media->audioNames(), (std::vector<std::string>{"English", "French", "German"}));
+  EXPECT_EQ(media->subtitleNames(), (std::vector<std::string>{"English", "French"}));
+
+  media->setSelectAudios(VNIndexSet{1});
+  media->setSelectSubtitles(VNIndexSet{0});
+  media->updateSelectStreams();
+  EXPECT_EQ(indices(media->audios()), (std::vector<int>{2}));
+  EXPECT_EQ(media->audioStream()->stream()->index, 2);
+  EXPECT_EQ(indices(media->subtitles()), (std::vector<int>{4}));
+  // Deselected tracks keep their decoders and still count in the names.
+  EXPECT_TRUE(media->streams()[1]->isOpen());
+  EXPECT_EQ(media->audioNames().size(), 3u);
+
+  media->setSelectAudios(VNIndexSet{});
+  media->updateSelectStreams();
+  EXPECT_FALSE(media->hasAudio());
+  EXPECT_EQ(media->audioStream(), nullptr);
+
+}
+
+TEST(MediaTest, DvdTracksAreKeyedByStreamId) {
+  // Two audio tracks whose stream ids (transport stream PIDs) end in 5 and 3.
+  const std::string path = vn::test::scratchDir() + "/two_tracks.ts";
+  int status = -1;
+  vn::test::runShell("ffmpeg -hide_banner -loglevel error -nostdin -y "
+                     "-f lavfi -i sine=duration=1 -f lavfi -i sine=duration=1 -map 0 -map 1 "
+                     "-c:a mp2 -streamid 0:0x105 -streamid 1:0x103 -f mpegts '" + path + "'",
+                     &status);
+  ASSERT_EQ(status, 0);
+  const struct {
+    bool dvd;
+    uint32_t key;
+    std::vector<int> selected;
+  } cases[] = {
+      {false, 1, {1}}, {false, 5, {}},  // keys are ordinals among the audio tracks
+      {true, 1, {}}, {true, 5, {0}}, {true, 3, {1}},  // keys are ids & 15
+  };
+  for (const auto& c : cases) {
+    std::shared_ptr<VNFFMedia> media = VNFFMedia::create();
+    media->setSource(c.dvd ? DvdKeyedSource::create(path) : VNMediaSource::mediaWithPath(path));
+    media->setSelectAudios(VNIndexSet{c.key});
+    media->open();
+    ASSERT_EQ(media->streams().size(), 2u);
+    EXPECT_EQ(indices(media->audios()), c.selected) << c.dvd << " " << c.key;
+  }
+}
+
+TEST(MediaTest, SelectStreamsOpensAndClosesDecoders) {
+  std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
+  ASSERT_TRUE(media->hasVideo() && media->hasAudio());
+  media->setSelectStreams(VNIndexSet{1});
+  media->updateSelectStreams();
+  EXPECT_FALSE(media->streams()[0]->isOpen());
+  EXPECT_EQ(media->streams()[0]->codecName(), "");
+  EXPECT_FALSE(media->hasVideo());
+  EXPECT_EQ(media->videoFormat().width, 0);
+  EXPECT_EQ(media->framerate(), 0.0f);
+  media->setSelectStreams(std::nullopt);
+  media->updateSelectStreams();
+  EXPECT_TRUE(media->streams()[0]->isOpen());
+  EXPECT_EQ(media->streams()[0]->codecName(), "h264");
+}
+
+TEST(MediaTest, TheMoviesDisableVideoHidesTheVideo) {
+  std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
+  EXPECT_TRUE(media->hasVideo()) << "a stand-alone media reports its video";
+  auto movie = std::make_shared<vn::test::FakeMovie>();
+  media->setMovie(movie);
+  EXPECT_TRUE(media->hasVideo());
+  movie->noVideo = true;
+  EXPECT_FALSE(media->hasVideo());
+  EXPECT_NE(media->videoStream(), nullptr) << "the stream itself stays enabled";
+  movie.reset();
+  EXPECT_EQ(media->movie(), nullptr);
+  EXPECT_TRUE(media->hasVideo());
+}
+
+TEST(MediaTest, WhatAMediaHolds) {
+  const struct {
+    const char* name;
+    int64_t startTime;  // microseconds, to the millisecond
+    int64_t duration;
+    VNFFVideoFormat video;
+    float framerate;
+  } cases[] = {
+      {"h264_aac.mp4", 0, 10000000, {0 /* yuv420p */, 320, 240}, 25},
+      {"h264_23976.mp4", 0, 5005000, {0, 320, 240}, 23.97f},
+      {"mpeg2_mp2.mpg", 523000, 5015000, {0, 720, 480}, 29.97f},
+      {"aac.m4a", 0, 5000000, {0, 0, 0}, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::shared_ptr<VNFFMedia> media = openWhole(c.name);
+    EXPECT_NEAR(media->start_time(), c.startTime, 1000);
+    EXPECT_NEAR(media->duration(), c.duration, 1000);
+    EXPECT_EQ(media->videoFormat().pix_fmt, c.video.pix_fmt);
+    EXPECT_EQ(media->videoFormat().width, c.video.width);
+    EXPECT_EQ(media->videoFormat().height, c.video.height);
+    EXPECT_EQ(media->framerate(), c.framerate);
+  }
+  std::shared_ptr<VNFFMedia> none = VNFFMedia::create();
+  none->open();
+  EXPECT_FALSE(none->isOpen());
+  EXPECT_EQ(none->duration(), 0);
+  EXPECT_EQ(none->start_time(), 0);
+  EXPECT_EQ(none->mediaStreamForStreamIndex(0), nullptr);
+}
+
+TEST(MediaTest, CopiesShareSelectionsButNotTheDemuxer) {
+  std::shared_ptr<VNFFMedia> media = openWhole("multitrack.mkv");
+  media->setMovie_position(1500000);
+  media->setSelectAudios(VNIndexSet{2});
+  media->setLast_pts(77);
+  std::shared_ptr<VNFFMedia> copy = media->copy();
+  EXPECT_EQ(copy->movie_position(), 1500000);
+  EXPECT_EQ(copy->selectAudios(), media->selectAudios());
+  EXPECT_EQ(copy->selectStreams(), std::nullopt);
+  EXPECT_TRUE(copy->streams().empty());
+  EXPECT_FALSE(copy->isOpen());
+  EXPECT_NE(copy->last_pts(), 77);
+  copy->open();
+  EXPECT_EQ(indices(copy->audios()), (std::vector<int>{3}));
+  EXPECT_NE(copy->formatContext(), media->formatContext());
+}
+
+TEST(MediaTest, StreamsFoundLateAreAddedWhileReading) {
+  // A program stream whose audio starts 21 s in, past everything the probe
+  // reads (5 MB of 3 Mbit/s video).
+  const std::string path = vn::test::scratchDir() + "/late_audio.mpg";
+  int status = -1;
+  vn::test::runShell(
+      "ffmpeg -hide_banner -loglevel error -nostdin -y "
+      "-f lavfi -i testsrc2=size=320x240:rate=25:duration=24 "
+      "-itsoffset 21 -f lavfi -i sine=sample_rate=44100:duration=1 "
+      "-c:v mpeg2video -b:v 3M -minrate 3M -maxrate 3M -bufsize 1M -c:a mp2 -f mpeg '" +
+          path + "'",
+      &status);
+  ASSERT_EQ(status, 0);
+  std::shared_ptr<VNFFMedia> media = VNFFMedia::create();
+  media->setSource(VNMediaSource::mediaWithPath(path));
+  media->open();
+  ASSERT_EQ(media->streams().size(), 1u);
+  EXPECT_EQ(media->mediaStreamForStreamIndex(1), nullptr);
+
+  bool sawAudio = false;
+  vn::test::readPackets(*media, [&](VNFFMediaStream& stream, AVPacket*) {
+    sawAudio = sawAudio || stream.isAudio();
+  });
+  EXPECT_TRUE(sawAudio);
+  std::shared_ptr<VNFFMediaStream> audio = media->mediaStreamForStreamIndex(1);
+  ASSERT_NE(audio, nullptr);
+  EXPECT_TRUE(audio->isAudio());
+  EXPECT_TRUE(audio->isOpen() && audio->enable());
+  EXPECT_EQ(media->streams().size(), 2u);
+}

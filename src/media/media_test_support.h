@@ -1,0 +1,54 @@
+// Helpers of the media tests.
+#pragma once
+
+#include <memory>
+#include <string>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include "ffmpeg/owners.h"
+#include "media/media.h"
+#include "media/media_source.h"
+#include "media/media_stream.h"
+#include "media/movie_link.h"
+#include "test_support.h"
+
+namespace vn::test {
+
+// A media over a fixture with every stream it can decode open and enabled.
+inline std::shared_ptr<VNFFMedia> openWhole(const std::string& name) {
+  std::shared_ptr<VNFFMedia> media = VNFFMedia::create();
+  media->setSource(VNMediaSource::mediaWithPath(fixture(name)));
+  media->open();
+  return media;
+}
+
+// Reads packets from the media's demuxer and hands each to its stream
+// unchanged (not through the media's own routing), until the end or
+// `limit` packets. Returns the number read.
+template <typename Visit>
+int readPackets(VNFFMedia& media, Visit visit, int limit = 100000) {
+  vn::ff::Packet packet = vn::ff::makePacket();
+  int count = 0;
+  while (count < limit && av_read_frame(media.formatContext(), packet.get()) >= 0) {
+    ++count;
+    std::shared_ptr<VNFFMediaStream> stream = media.mediaStreamForStreamIndex(packet->stream_index);
+    if (stream) visit(*stream, packet.get());
+    av_packet_unref(packet.get());
+  }
+  return count;
+}
+
+// A movie as a media sees it.
+struct FakeMovie : VNMovieLink {
+  int64_t now = 0;
+  bool exporting = false;
+  bool noVideo = false;
+  int64_t currentTime() override { return now; }
+  bool exportMovie() override { return exporting; }
+  bool disableVideo() override { return noVideo; }
+};
+
+}  // namespace vn::test
