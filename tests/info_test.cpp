@@ -1,0 +1,154 @@
+// End-to-end: `varnel info` against ffprobe on every generated medium.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "core/varnel.h"
+#include "test_support.h"
+
+namespace {
+
+using nlohmann::json;
+using vn::test::fixture;
+
+// Inputs varnel refuses, with the start of the reason it gives.
+const std::set<std::string> kBroken = {"empty.mp4", "text.mp4", "truncated.mp4",
+                                       "truncated_faststart.mp4"};
+
+std::vector<std::string> fixtureNames() {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(fixture(""))) {
+    const std::string name = entry.path().filename().string();
+    if (entry.is_regular_file() && name[0] != '.' && !kBroken.count(name)) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+json ffprobe(const std::string& path) {
+  int status = -1;
+  std::string out = vn::test::runShell(
+      "ffprobe -v error -show_streams -show_format -of json '" + path + "'", &status);
+  EXPECT_EQ(status, 0) << path;
+  return json::parse(out, nullptr, false);
+}
+
+}  // namespace
+
+TEST(InfoTest, AgreesWithFfprobeOnEveryFixture) {
+  const std::vector<std::string> names = fixtureNames();
+  ASSERT_GE(names.size(), 10u) << "fixtures missing in " << fixture("");
+  for (const std::string& name : names) {
+    SCOPED_TRACE(name);
+    const std::string path = fixture(name);
+    vn::test::CommandResult info = vn::test::runVarnel({"info", path, "--json"});
+    ASSERT_EQ(info.status, 0) << info.err;
+    const json ours = json::parse(info.out, nullptr, false);
+    const json theirs = ffprobe(path);
+    ASSERT_FALSE(ours.is_discarded() || theirs.is_discarded());
+
+    EXPECT_EQ(ours["path"], path);
+    EXPECT_EQ(ours["format"], theirs["format"]["format_name"]);
+    if (theirs["format"].contains("duration")) {
+      EXPECT_NEAR(ours["duration"].get<double>(),
+                  std::stod(theirs["format"]["duration"].get<std::string>()), 0.0005);
+    } else {
+      EXPECT_TRUE(ours["duration"].is_null());
+    }
+    if (theirs["format"].contains("start_time")) {
+      EXPECT_NEAR(ours["start_time"].get<double>(),
+                  std::stod(theirs["format"]["start_time"].get<std::string>()), 0.0005);
+    }
+
+    const json& streams = ours["streams"];
+    ASSERT_EQ(streams.size(), theirs["streams"].size());
+    for (size_t i = 0; i < streams.size(); ++i) {
+      const json& a = streams[i];
+      const json& b = theirs["streams"][i];
+      SCOPED_TRACE("stream " + std::to_string(i));
+      EXPECT_EQ(a["index"], b["index"]);
+      EXPECT_EQ(a["type"], b["codec_type"]);
+      EXPECT_EQ(a["codec"], b["codec_name"]);
+      const std::string tag = b.contains("tags") && b["tags"].contains("language")
+                                  ? b["tags"]["language"].get<std::string>()
+                                  : "";
+      EXPECT_EQ(a["language"], Varnel::displayStringForLanguage(tag));
+      if (a["type"] == "video") {
+        EXPECT_EQ(a["width"], b["width"]);
+        EXPECT_EQ(a["height"], b["height"]);
+        EXPECT_EQ(a["pix_fmt"], b["pix_fmt"]);
+      } else if (a["type"] == "audio") {
+        EXPECT_EQ(a["sample_rate"].get<int>(), std::stoi(b["sample_rate"].get<std::string>()));
+        EXPECT_EQ(a["channels"], b["channels"]);
+        EXPECT_EQ(a["sample_fmt"], b["sample_fmt"]);
+      }
+      // Cover pictures are never a video track.
+      const bool cover = b.contains("disposition") && b["disposition"]["attached_pic"] == 1;
+      if (cover) {
+        EXPECT_EQ(a["enabled"], false);
+      }
+    }
+
+    // Every enabled stream belongs to exactly one media, and each media
+    // reads one kind.
+    std::multiset<int> inMedias;
+    for (const json& media : ours["medias"]) {
+      for (const json& index : media["streams"]) {
+        inMedias.insert(index.get<int>());
+        EXPECT_EQ(streams[index.get<int>()]["type"], media["kind"]);
+      }
+    }
+    for (const json& s : streams) {
+      const bool played = s["type"] == "video" || s["type"] == "audio";
+      if (!ours["medias"].empty()) {
+        EXPECT_EQ(inMedias.count(s["index"].get<int>()), s["enabled"] == true ? 1u : 0u);
+        if (!played) {
+          EXPECT_EQ(s["enabled"], false);
+        }
+      }
+    }
+  }
+}
+
+TEST(InfoTest, TableOfAFileWithSeveralTracks) {
+  vn::test::CommandResult info = vn::test::runVarnel({"info", fixture("multitrack.mkv")});
+  ASSERT_EQ(info.status, 0) << info.err;
+  EXPECT_TRUE(info.err.empty());
+  for (const char* expected : {"matroska,webm, 6.000 s", "pcm_s16le", "French", "German",
+                               "22050 Hz mono", "video  at 0.000 s, streams 0",
+                               "audio  at 0.000 s, streams 1,2,3",
+                               "audio names:    English, French, German"}) {
+    EXPECT_NE(info.out.find(expected), std::string::npos) << expected << "\n" << info.out;
+  }
+}
+
+TEST(InfoTest, UnreadableInputsGiveOneErrorLine) {
+  const struct {
+    std::string path;
+    const char* reason;
+  } cases[] = {
+      {fixture("no-such-file.mp4"), "No such file or directory"},
+      {fixture("empty.mp4"), "Invalid data found when processing input"},
+      {fixture("text.mp4"), "Invalid data found when processing input"},
+      {fixture("truncated.mp4"), "Invalid data found when processing input"},
+      {fixture("truncated_faststart.mp4"), "file is truncated"},
+  };
+  for (const auto& c : cases) {
+    for (bool json : {false, true}) {
+      vn::test::CommandResult info =
+          vn::test::runVarnel(json ? std::vector<std::string>{"info", c.path, "--json"}
+                                   : std::vector<std::string>{"info", c.path});
+      EXPECT_EQ(info.status, 1) << c.path;
+      EXPECT_TRUE(info.out.empty()) << info.out;
+      EXPECT_EQ(info.err.rfind("varnel: error: ", 0), 0u) << info.err;
+      EXPECT_NE(info.err.find("'" + c.path + "': " + c.reason), std::string::npos) << info.err;
+      EXPECT_EQ(std::count(info.err.begin(), info.err.end(), '\n'), 1) << info.err;
+    }
+  }
+  EXPECT_EQ(vn::test::runVarnel({"info"}).status, 2);
+}
