@@ -7,8 +7,6 @@
 #include <unicode/locid.h>
 #include <unicode/unistr.h>
 
-#include "platform/filter_image.h"
-
 extern "C" {
 #include <libavutil/log.h>
 }
@@ -63,6 +61,5 @@ void Varnel::initialize() {
       dlclose(handle);
     }
     av_log_set_level(AV_LOG_FATAL);
-    vn::FilterImage::initializeLibrary();
   });
 }
