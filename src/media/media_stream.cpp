@@ -244,8 +244,8 @@ bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
 }
 
 bool VNFFMediaStream::decodePacket(AVPacket* packet, AVFrame* frame) {
-  av_frame_unref(frame);
   if (!packet || !frame) return false;
+  av_frame_unref(frame);
   if (isSubtitle()) return decodeSubtitle(packet, frame);
   if ((!isAudio() && !isVideo()) || !isOpen()) {
     av_packet_unref(packet);
