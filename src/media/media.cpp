@@ -131,26 +131,23 @@ bool VNFFMedia::hasVideo() const {
 
 bool VNFFMedia::hasSubtitle() const { return subtitleStream() != nullptr; }
 
-std::vector<std::string> VNFFMedia::audioNames() const {
-  if (source_) {
-    if (auto names = source_->audioNames()) return *names;
-  }
+std::vector<std::string> VNFFMedia::trackNames(std::optional<std::vector<std::string>> given,
+                                               bool (VNFFMediaStream::*isKind)() const) const {
+  if (given) return *given;
   std::vector<std::string> names;
   for (const auto& stream : streams_) {
-    if (stream->isOpen() && stream->isAudio()) names.push_back(stream->language());
+    if (stream->isOpen() && ((*stream).*isKind)()) names.push_back(stream->language());
   }
   return names;
 }
 
+std::vector<std::string> VNFFMedia::audioNames() const {
+  return trackNames(source_ ? source_->audioNames() : std::nullopt, &VNFFMediaStream::isAudio);
+}
+
 std::vector<std::string> VNFFMedia::subtitleNames() const {
-  if (source_) {
-    if (auto names = source_->subtitleNames()) return *names;
-  }
-  std::vector<std::string> names;
-  for (const auto& stream : streams_) {
-    if (stream->isOpen() && stream->isSubtitle()) names.push_back(stream->language());
-  }
-  return names;
+  return trackNames(source_ ? source_->subtitleNames() : std::nullopt,
+                    &VNFFMediaStream::isSubtitle);
 }
 
 int64_t VNFFMedia::start_time() const {

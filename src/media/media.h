@@ -124,6 +124,9 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // Enabled streams that pass a test, in index order.
   template <typename Test>
   Streams enabledStreams(Test test) const;
+  // The given names, or else the language of every open stream of a kind.
+  std::vector<std::string> trackNames(std::optional<std::vector<std::string>> given,
+                                      bool (VNFFMediaStream::*isKind)() const) const;
 
   int64_t current_pts_;     // stored for callers
   Streams streams_;         // index i is container stream i
