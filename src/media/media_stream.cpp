@@ -214,14 +214,11 @@ bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
   bool result = false;
   int64_t sampleOffset = 0;
   int64_t packetPts = packet->pts;
-  // Each step either hands the packet to the decoder or takes a frame out,
-  // and a step that does neither abandons the packet, so this ends when the
-  // decoder has nothing more for this packet.
+  // Each step either gives a frame or leaves the packet consumed (a step
+  // that could do neither abandons it), so the first step without a frame
+  // means the decoder has nothing more for this packet.
   for (int pass = 0; pass < kMaxFramesPerPacket; ++pass) {
-    if (!decodePacket(copy.get(), local.get())) {
-      if (copy->size <= 0) break;
-      continue;
-    }
+    if (!decodePacket(copy.get(), local.get())) break;
     result = true;
     if (isVideo()) {
       av_frame_unref(currentFrame_.get());
