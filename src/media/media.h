@@ -21,13 +21,16 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "core/formats.h"
+#include "ffmpeg/owners.h"
 #include "media/index_set.h"
+#include "platform/filter_image.h"
 
 struct AVFormatContext;
 class VNFFMediaStream;
@@ -93,6 +96,48 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // beyond the streams known, so late streams are found. Null when absent.
   std::shared_ptr<VNFFMediaStream> mediaStreamForStreamIndex(uint32_t index);
 
+  // ---- reading -------------------------------------------------------------
+  // Times given here are microseconds from the media's own start (movie time
+  // minus movie_position); the media adds its start_time to reach the file's
+  // clock. End of file is not a state: each call that reads returns false.
+
+  // Reads one packet and routes it; false at the end of the file or on a
+  // read error.
+  bool forwardNextPacket();
+  // Routes one packet to its stream's decoder: dropped when the stream is
+  // missing or disabled, or is video while the movie has video turned off.
+  // A packet with a time sets last_pts first. The packet is not changed.
+  void forwardPacket(AVPacket* packet);
+  // Advances one stream by reading packets, at most two seconds past a base:
+  // what has been read, or, while the movie plays (not exports) and unless
+  // forced, the playback clock if that is earlier. Audio: true as soon as a
+  // queued frame is taken into its frame(); in a media with video an audio
+  // or subtitle stream is never read for (false when nothing is queued).
+  // Video: true once a picture was decoded. False at the end of the file.
+  bool forwardStream(const std::shared_ptr<VNFFMediaStream>& stream);
+  bool forwardStream(const std::shared_ptr<VNFFMediaStream>& stream, bool force);
+  // Moves every open stream and the demuxer to t, then reads up to t (at
+  // most 1001 packets; an MP3 reads on until its audio has a frame) and
+  // takes the first queued audio of each audio stream. Negative times and
+  // times past the end are not refused: the streams take t as their target.
+  void seek(int64_t t);
+  // The video stream's current frame once it reaches t, advancing it at most
+  // ten times; it may still end before t (the latest frame there is). Owned
+  // by the stream. Null without a video stream.
+  AVFrame* videoFrameAtTime(int64_t t);
+  // The bitmap subtitle shown at t (strictly after its start and before its
+  // end), without reading; null when none.
+  std::optional<vn::FilterImage> subtitleAtTime(int64_t t);
+  // The text subtitle shown at t, reading ahead as far as needed (for a
+  // subtitle-only media, such as an external subtitle file); null when none.
+  std::optional<std::string> subtitleStringAtTime(int64_t t);
+  // Seeks to t and calls block once, synchronously, with the video stream's
+  // frame (decoding one picture if the seek left none). Never calls back
+  // without a video stream.
+  void thumbnailAtTime(int64_t t, const std::function<void(AVFrame*)>& block);
+  // Texts of a decoded subtitle: always null (text is taken while decoding).
+  std::optional<std::vector<std::string>> textsFromAVSubtitle(AVSubtitle* subtitle);
+
   // Content access (the media can always be read; nothing is discarded).
   bool beginContentAccess() { return true; }
   void endContentAccess() {}
@@ -124,6 +169,9 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // Enabled streams that pass a test, in index order.
   template <typename Test>
   Streams enabledStreams(Test test) const;
+  // Whether a subtitle stream's current frame is shown at `want` (its
+  // timebase units): strictly after its start and before its end.
+  static bool shows(const VNFFMediaStream& subtitle, int64_t want);
   // The given names, or else the language of every open stream of a kind.
   std::vector<std::string> trackNames(std::optional<std::vector<std::string>> given,
                                       bool (VNFFMediaStream::*isKind)() const) const;
@@ -138,4 +186,5 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   std::optional<VNIndexSet> selectSubtitles_;  // subtitle keys; null: no restriction
   std::optional<VNIndexSet> selectStreams_;    // container indices to open; null: all
   std::optional<VNIndexSet> selectAudios_;     // audio keys; null: no restriction
+  vn::ff::Packet packet_;   // reused by forwardNextPacket; made on first use
 };

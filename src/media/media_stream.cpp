@@ -220,24 +220,42 @@ bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
   for (int pass = 0; pass < kMaxFramesPerPacket; ++pass) {
     if (!decodePacket(copy.get(), local.get())) break;
     result = true;
-    if (isVideo()) {
-      av_frame_unref(currentFrame_.get());
-      av_frame_move_ref(currentFrame_.get(), local.get());
-      hasFrame_ = true;
-    } else if (isSubtitle()) {
-      av_frame_unref(currentFrame_.get());
-      av_frame_move_ref(currentFrame_.get(), local.get());
-    } else if (isAudio()) {
-      // FFmpeg times only the first frame of a packet; the ones after it
-      // carry no time and are placed by their sample offset from the packet's.
-      if (local->pts == AV_NOPTS_VALUE) local->pts = packetPts;
-      if (sampleOffset == 0) packetPts = local->pts;
-      const int samples = local->nb_samples;
-      queueAudio(local.get(), sampleOffset);
-      sampleOffset += samples;
-    }
+    takeFrame(local.get(), sampleOffset, packetPts);
   }
   return result;
+}
+
+void VNFFMediaStream::takeFrame(AVFrame* frame, int64_t& sampleOffset, int64_t& packetPts) {
+  if (isVideo()) {
+    av_frame_unref(currentFrame_.get());
+    av_frame_move_ref(currentFrame_.get(), frame);
+    hasFrame_ = true;
+  } else if (isSubtitle()) {
+    av_frame_unref(currentFrame_.get());
+    av_frame_move_ref(currentFrame_.get(), frame);
+  } else if (isAudio()) {
+    // FFmpeg times only the first frame of a packet; the ones after it
+    // carry no time and are placed by their sample offset from the packet's.
+    if (frame->pts == AV_NOPTS_VALUE) frame->pts = packetPts;
+    if (sampleOffset == 0) packetPts = frame->pts;
+    const int samples = frame->nb_samples;
+    queueAudio(frame, sampleOffset);
+    sampleOffset += samples;
+  }
+}
+
+bool VNFFMediaStream::drain() {
+  if (!isOpen() || (!isVideo() && !isAudio())) return false;
+  if (!draining_) {
+    draining_ = true;
+    if (avcodec_send_packet(codec_.get(), nullptr) < 0) return false;
+  }
+  vn::ff::Frame frame = vn::ff::makeFrame();
+  if (!frame || avcodec_receive_frame(codec_.get(), frame.get()) < 0) return false;
+  finishFrame(frame.get());
+  int64_t sampleOffset = 0, pts = frame->pts;
+  takeFrame(frame.get(), sampleOffset, pts);
+  return true;
 }
 
 bool VNFFMediaStream::decodePacket(AVPacket* packet, AVFrame* frame) {
@@ -260,6 +278,11 @@ bool VNFFMediaStream::decodePacket(AVPacket* packet, AVFrame* frame) {
     av_packet_unref(packet);
     return false;
   }
+  finishFrame(frame);
+  return true;
+}
+
+void VNFFMediaStream::finishFrame(AVFrame* frame) {
   if (isAudio()) {
     // The audio queue is configured with the effective layout; decoders may
     // report an unordered one.
@@ -271,7 +294,6 @@ bool VNFFMediaStream::decodePacket(AVPacket* packet, AVFrame* frame) {
     }
   }
   if (frame->best_effort_timestamp != AV_NOPTS_VALUE) frame->pts = frame->best_effort_timestamp;
-  return true;
 }
 
 bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
@@ -338,6 +360,7 @@ void VNFFMediaStream::queueAudio(AVFrame* frame, int64_t sampleOffset) {
 
 void VNFFMediaStream::seek(int64_t t) {
   if (isOpen()) avcodec_flush_buffers(codec_.get());
+  draining_ = false;
   subtitle_.reset();
   seek_pts_ = t;
   sync_pts_ = av_rescale_q(t, timebase(), framebase());

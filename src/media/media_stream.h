@@ -114,6 +114,12 @@ class VNFFMediaStream {
   // subtitle() placed at (x, H - y - h) in the media's picture space.
   bool decodePacket(AVPacket* packet, AVFrame* frame);
 
+  // At the end of the input: takes out the next frame the decoder still
+  // holds (pictures held back for reordering, for one), telling the decoder
+  // once that no more packets come. The frame is handled as a decoded one.
+  // False when the decoder holds none. A seek ends the draining.
+  bool drain();
+
   // Flushes the decoder and resets timing for a new position t (timebase
   // units): drops the subtitle image and the queued audio, sets seek_pts,
   // sync_pts, unsets last_pts, then forward().
@@ -150,6 +156,13 @@ class VNFFMediaStream {
   // A fresh, unopened codec context from the stream's parameters (and the
   // palette, if one was given). Null when allocation fails.
   vn::ff::CodecContext makeCodecContext() const;
+  // What every decoded audio or video frame gets: the effective channel
+  // layout (audio) and the best time the decoder has for it.
+  void finishFrame(AVFrame* frame);
+  // Keeps a decoded frame where its kind goes: the current picture, the
+  // current subtitle timing, or the audio queue (placed sampleOffset samples
+  // after packetPts when the decoder gave it no time).
+  void takeFrame(AVFrame* frame, int64_t& sampleOffset, int64_t& packetPts);
   // Decodes a subtitle packet into frame's times and the text or image.
   bool decodeSubtitle(AVPacket* packet, AVFrame* frame);
   // One bitmap rectangle as an image placed in the media's picture space.
@@ -174,4 +187,5 @@ class VNFFMediaStream {
   int64_t seek_pts_;              // target of the last seek; unset before
   vn::ff::CodecContext codec_;    // the decoder; never null
   std::vector<uint8_t> palette_;  // "palette:" text for the DVD subpicture decoder
+  bool draining_ = false;         // the decoder was told the input ended
 };

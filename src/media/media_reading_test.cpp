@@ -1,0 +1,278 @@
+// The reading half of VNFFMedia: routing, seeking and lookups at a time.
+#include "media/media.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+extern "C" {
+#include <libavformat/avio.h>
+#include <libavutil/mathematics.h>
+}
+
+#include "media/media_test_support.h"
+
+namespace {
+
+using vn::test::fixture;
+using vn::test::openWhole;
+
+constexpr AVRational kMicroseconds{1, 1000000};
+
+// The medias a movie would read of a fixture: [video, audio] or one.
+VNMediaSource::Medias mediasOf(const std::string& path) {
+  auto medias = VNMediaSource::mediaWithPath(path)->createMedias();
+  EXPECT_TRUE(medias) << path;
+  return medias.value_or(VNMediaSource::Medias{});
+}
+
+// Presentation times of every video frame, in display order, as ffprobe
+// decodes them (stream time base units).
+std::vector<int64_t> ffprobeFramePts(const std::string& path) {
+  int status = -1;
+  std::istringstream out(vn::test::runShell(
+      "ffprobe -v error -select_streams v:0 -show_entries frame=pts -of csv=p=0 '" + path + "'",
+      &status));
+  EXPECT_EQ(status, 0);
+  std::vector<int64_t> pts;
+  for (std::string line; std::getline(out, line);) {
+    line = line.substr(0, line.find(','));  // side data adds empty fields
+    if (!line.empty() && line.find_first_not_of("-0123456789") == std::string::npos) {
+      pts.push_back(std::stoll(line));
+    }
+  }
+  std::sort(pts.begin(), pts.end());
+  return pts;
+}
+
+int64_t microseconds(double seconds) { return static_cast<int64_t>(seconds * 1e6); }
+
+}  // namespace
+
+TEST(MediaReadingTest, SeekToANegativeTimeDropsNothingFromTheStart) {
+  VNMediaSource::Medias medias = mediasOf(fixture("h264_aac.mp4"));
+  ASSERT_EQ(medias.size(), 2u);
+  VNFFMedia& sound = *medias[1];
+  std::shared_ptr<VNFFMediaStream> audio = sound.audioStream();
+  sound.seek(0);
+  if (audio->frame()->nb_samples == 0) {
+    ASSERT_TRUE(sound.forwardStream(audio));
+  }
+  const int64_t firstAtZero = audio->frame()->pts;
+
+  sound.seek(-1000000);
+  EXPECT_EQ(audio->seek_pts(), av_rescale_q(-1000000, kMicroseconds, audio->timebase()));
+  // The first packet's samples are the encoder's priming, which the decoder
+  // drops: the first frame comes with the next read.
+  if (audio->frame()->nb_samples == 0) {
+    ASSERT_TRUE(sound.forwardStream(audio));
+  }
+  EXPECT_LE(audio->frame()->pts, firstAtZero);
+  EXPECT_LE(audio->frame()->pts, 0);
+}
+
+TEST(MediaReadingTest, SeekPastTheEndShowsTheLastFrame) {
+  const std::string path = fixture("h264_aac.mp4");
+  VNMediaSource::Medias medias = mediasOf(path);
+  VNFFMedia& pictures = *medias[0];
+  pictures.seek(20000000);
+  AVFrame* frame = pictures.videoFrameAtTime(20000000);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(frame->pts, ffprobeFramePts(path).back());
+  EXPECT_EQ(pictures.videoFrameAtTime(25000000)->pts, frame->pts) << "nothing after the last";
+}
+
+TEST(MediaReadingTest, MediasWithoutVideo) {
+  std::shared_ptr<VNFFMedia> sound = openWhole("aac.m4a");
+  EXPECT_EQ(sound->videoFrameAtTime(1000000), nullptr);
+  int calls = 0;
+  sound->thumbnailAtTime(1000000, [&](AVFrame*) { ++calls; });
+  EXPECT_EQ(calls, 0);
+  EXPECT_FALSE(sound->subtitleAtTime(1000000));
+  EXPECT_FALSE(sound->subtitleStringAtTime(1000000));
+
+  VNMediaSource::Medias medias = mediasOf(fixture("h264_aac.mp4"));
+  VNFFMedia& pictures = *medias[0];
+  std::vector<int64_t> shown;
+  pictures.thumbnailAtTime(3000000, [&](AVFrame* f) {
+    ASSERT_NE(f->data[0], nullptr);
+    shown.push_back(f->pts);
+  });
+  ASSERT_EQ(shown.size(), 1u);
+  EXPECT_LE(av_rescale_q(shown[0], pictures.videoStream()->timebase(), kMicroseconds), 3000000);
+}
+
+TEST(MediaReadingTest, SubtitleTextIsShownStrictlyInsideItsTimes) {
+  std::shared_ptr<VNFFMedia> ass = openWhole("subs.ass");
+  ASSERT_TRUE(ass->hasSubtitle());
+  ass->seek(0);
+  const struct {
+    double at;
+    std::optional<std::string> text;
+  } asked[] = {
+      {3.0, "Hello\nWorld"}, {2.0, std::nullopt}, {4.0, std::nullopt},   {4.7, " sir"},
+      {5.1, std::nullopt},   {5.5, " bien"},      {100, std::nullopt},
+  };
+  for (const auto& a : asked) EXPECT_EQ(ass->subtitleStringAtTime(microseconds(a.at)), a.text) << a.at;
+  // A rewind reads the file again from its start.
+  ass->seek(0);
+  EXPECT_EQ(ass->subtitleStringAtTime(3000000), "Hello\nWorld");
+
+  // SubRip: the italic cue ends in a closing tag, which leaves an empty text.
+  std::shared_ptr<VNFFMedia> srt = openWhole("subs.srt");
+  EXPECT_EQ(srt->subtitleStringAtTime(3000000), "");
+  EXPECT_EQ(srt->subtitleStringAtTime(5500000), " très bien");
+}
+
+TEST(MediaReadingTest, BitmapSubtitleOfThePictureMedia) {
+  std::shared_ptr<VNFFMedia> media = openWhole("dvdsub.mkv");
+  media->seek(0);
+  // Reading the picture decodes the subpicture on the way; as in playback,
+  // the picture is asked for often, each time advancing a few frames.
+  for (int64_t t = 0; t <= 1000000; t += 100000) media->videoFrameAtTime(t);
+  EXPECT_FALSE(media->subtitleAtTime(1000000));
+  for (int64_t t = 1000000; t <= 3000000; t += 100000) media->videoFrameAtTime(t);
+  std::optional<vn::FilterImage> image = media->subtitleAtTime(3000000);
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->extent().x, 280);
+  EXPECT_FALSE(media->subtitleAtTime(2000000)) << "not at its exact start";
+}
+
+TEST(MediaReadingTest, AudioBesideVideoIsNeverReadFor) {
+  std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
+  std::shared_ptr<VNFFMediaStream> audio = media->audioStream();
+  const int64_t position = avio_tell(media->formatContext()->pb);
+  EXPECT_FALSE(media->forwardStream(audio));
+  EXPECT_EQ(avio_tell(media->formatContext()->pb), position);
+  EXPECT_EQ(media->last_pts(), AV_NOPTS_VALUE);
+}
+
+TEST(MediaReadingTest, ReadingAheadFollowsThePlaybackClock) {
+  VNMediaSource::Medias medias = mediasOf(fixture("h264_aac.mp4"));
+  VNFFMedia& sound = *medias[1];
+  auto movie = std::make_shared<vn::test::FakeMovie>();
+  sound.setMovie(movie);
+  sound.seek(0);
+  std::shared_ptr<VNFFMediaStream> audio = sound.audioStream();
+  // While playing at 0 s, reading stops two seconds ahead.
+  int advanced = 0;
+  while (advanced < 10000 && sound.forwardStream(audio)) ++advanced;
+  EXPECT_GE(sound.last_pts(), 2000000);
+  EXPECT_LT(sound.last_pts(), 2100000);
+  // Forced, or while exporting, it goes on from what was read.
+  EXPECT_TRUE(sound.forwardStream(audio, true));
+  movie->exporting = true;
+  while (advanced < 10000 && sound.forwardStream(audio)) ++advanced;
+  EXPECT_GT(sound.last_pts(), 9900000) << "to the end of the file";
+
+  // A movie with video turned off gets no pictures decoded.
+  std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
+  media->setMovie(movie);
+  movie->noVideo = true;
+  for (int i = 0; i < 50; ++i) media->forwardNextPacket();
+  EXPECT_FALSE(media->streams()[0]->hasFrame());
+}
+
+TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
+  // The middle 40 % of a file overwritten with noise.
+  const std::string damaged = vn::test::scratchDir() + "/damaged.mp4";
+  std::filesystem::copy_file(fixture("h264_aac.mp4"), damaged,
+                             std::filesystem::copy_options::overwrite_existing);
+  {
+    const auto size = std::filesystem::file_size(damaged);
+    std::fstream file(damaged, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(size * 3 / 10));
+    std::mt19937 noise(7);
+    for (auto i = size * 3 / 10; i < size * 7 / 10; ++i) file.put(static_cast<char>(noise()));
+  }
+  for (const std::string& path : {damaged, fixture("truncated_faststart.mp4"),
+                                  fixture("mpeg2_mp2.mpg"), fixture("ac3_51.ac3")}) {
+    SCOPED_TRACE(path);
+    for (const auto& media : mediasOf(path)) {
+      for (int64_t t : {5000000, -3000000, 60000000, 1000000}) {
+        media->seek(t);
+        media->videoFrameAtTime(t);
+        media->subtitleStringAtTime(t);
+      }
+      int reads = 0;
+      for (const auto& s : media->streams()) {
+        while (s->enable() && reads < 100000 && media->forwardStream(s)) ++reads;
+      }
+      EXPECT_LT(reads, 100000);
+    }
+  }
+  // A subtitle stream in a media with video is never read for; the lookup
+  // still returns.
+  std::shared_ptr<VNFFMedia> whole = openWhole("multitrack.mkv");
+  EXPECT_FALSE(whole->subtitleStringAtTime(3000000));
+}
+
+// For 50 random times per file, a seek and videoFrameAtTime give the frame
+// that covers the time, as ffprobe lists the frames. Prints the figures.
+//
+// Decoders that hold frames back for reordering (H.264 with B-frames) land
+// exactly: the seek stops reading at the first packet at or after t, before
+// the frame covering t has come out, and the lookup steps up to it. A time
+// within half a millisecond after a frame boundary in a millisecond time base
+// rounds onto the boundary, where the frame ending there is taken (-1).
+// Decoders without that delay (WMV2, RV20, H.264 without B-frames) have
+// already shown the frame starting after t when the seek stops: one late.
+// Program streams land after the target and between keyframes; measured only.
+TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
+  const struct {
+    const char* name;
+    int minimumExact;
+    int earliest, latest;  // allowed misses, in frames
+    bool measuredOnly;
+  } files[] = {
+      {"h264_aac.mp4", 50, 0, 0, false},   {"multitrack.mkv", 48, -1, 0, false},
+      {"h264_23976.mp4", 48, -1, 0, false}, {"wmv2_wmav2.wmv", 0, 0, 1, false},
+      {"rv20_ac3.rm", 0, 0, 1, false},      {"long_1080p.mp4", 0, 0, 1, false},
+      {"mpeg2_mp2.mpg", 0, 0, 0, true},
+  };
+  for (const auto& f : files) {
+    const std::string path = fixture(f.name);
+    if (!std::filesystem::exists(path)) continue;
+    SCOPED_TRACE(f.name);
+    VNMediaSource::Medias medias = mediasOf(path);
+    std::shared_ptr<VNFFMedia> media = medias[0];
+    std::shared_ptr<VNFFMediaStream> video = media->videoStream();
+    ASSERT_TRUE(video);
+    const std::vector<int64_t> frames = ffprobeFramePts(path);
+    ASSERT_GT(frames.size(), 10u);
+    const AVRational tb = video->timebase();
+    const int64_t last = av_rescale_q(frames.back(), tb, kMicroseconds) - media->start_time();
+    std::mt19937 random(2024);
+    std::uniform_int_distribution<int64_t> pick(0, last);
+    int exact = 0;
+    std::string missText;
+    for (int i = 0; i < 50; ++i) {
+      const int64_t t = pick(random);
+      media->seek(t);
+      AVFrame* frame = media->videoFrameAtTime(t);
+      // The last frame that starts at or before t, compared exactly.
+      const int64_t want = media->start_time() + t;
+      const auto covering = std::partition_point(frames.begin(), frames.end(), [&](int64_t pts) {
+                              return av_compare_ts(pts, tb, want, kMicroseconds) <= 0;
+                            }) - 1;
+      const auto got = std::lower_bound(frames.begin(), frames.end(), frame->pts);
+      const int off = static_cast<int>(got - covering);
+      if (off == 0) {
+        ++exact;
+        continue;
+      }
+      missText += " " + std::to_string(off);
+      if (!f.measuredOnly) {
+        EXPECT_TRUE(off >= f.earliest && off <= f.latest) << "t " << t << " off by " << off;
+      }
+    }
+    std::printf("[ seek     ] %-16s %2d/50 exact; misses in frames:%s\n", f.name, exact,
+                missText.empty() ? " none" : missText.c_str());
+    EXPECT_GE(exact, f.minimumExact);
+  }
+}
