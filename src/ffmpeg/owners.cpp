@@ -11,7 +11,11 @@ extern "C" {
 namespace vn::ff {
 
 void InputFormatDeleter::operator()(AVFormatContext* p) const { avformat_close_input(&p); }
-void OutputFormatDeleter::operator()(AVFormatContext* p) const { avformat_free_context(p); }
+void OutputFormatDeleter::operator()(AVFormatContext* p) const {
+  // A file the muxer opened belongs to the context too.
+  if (p && p->oformat && !(p->oformat->flags & AVFMT_NOFILE)) avio_closep(&p->pb);
+  avformat_free_context(p);
+}
 void CodecContextDeleter::operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
 void FrameDeleter::operator()(AVFrame* p) const { av_frame_free(&p); }
 void PacketDeleter::operator()(AVPacket* p) const { av_packet_free(&p); }

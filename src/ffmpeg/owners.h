@@ -17,7 +17,7 @@ struct AVSubtitle;
 namespace vn::ff {
 
 struct InputFormatDeleter { void operator()(AVFormatContext* p) const; };   // avformat_close_input
-struct OutputFormatDeleter { void operator()(AVFormatContext* p) const; };  // avformat_free_context
+struct OutputFormatDeleter { void operator()(AVFormatContext* p) const; };  // avio_closep + avformat_free_context
 struct CodecContextDeleter { void operator()(AVCodecContext* p) const; };   // avcodec_free_context
 struct FrameDeleter { void operator()(AVFrame* p) const; };                 // av_frame_free
 struct PacketDeleter { void operator()(AVPacket* p) const; };               // av_packet_free

@@ -1,0 +1,67 @@
+#include "output/movie_file_output.h"
+
+#include <new>
+
+#include "output/movie_file_output_internal.h"
+
+std::shared_ptr<VNFFMovieFileOutput> VNFFMovieFileOutput::create() {
+  try {
+    auto internal = VNFFMovieFileOutputInternal::create();
+    if (!internal) return nullptr;
+    return std::shared_ptr<VNFFMovieFileOutput>(new VNFFMovieFileOutput(std::move(internal)));
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+VNFFMovieFileOutput::VNFFMovieFileOutput(std::shared_ptr<VNFFMovieFileOutputInternal> internal)
+    : internal_(std::move(internal)) {}
+
+VNFFMovieFileOutput::~VNFFMovieFileOutput() = default;
+
+std::string VNFFMovieFileOutput::path() const { return internal_->path(); }
+void VNFFMovieFileOutput::setPath(const std::string& path) { internal_->setPath(path); }
+VNFFMovieFileOutputFormat VNFFMovieFileOutput::movieFormat() const {
+  return internal_->movieFormat();
+}
+void VNFFMovieFileOutput::setMovieFormat(VNFFMovieFileOutputFormat format) {
+  internal_->setMovieFormat(format);
+}
+VNFFAudioFormat VNFFMovieFileOutput::audioInputFormat() const {
+  return internal_->audioInputFormat();
+}
+void VNFFMovieFileOutput::setAudioInputFormat(VNFFAudioFormat format) {
+  internal_->setAudioInputFormat(format);
+}
+VNFFAudioFormat VNFFMovieFileOutput::outputAudioFormat() const {
+  return internal_->outputAudioFormat();
+}
+VNFFVideoFormat VNFFMovieFileOutput::outputVideoFormat() const {
+  return internal_->outputVideoFormat();
+}
+void VNFFMovieFileOutput::openAudio() { internal_->openAudio(); }
+void VNFFMovieFileOutput::openVideo() { internal_->openVideo(); }
+bool VNFFMovieFileOutput::isAudioOpen() const { return internal_->isAudioOpen(); }
+bool VNFFMovieFileOutput::isVideoOpen() const { return internal_->isVideoOpen(); }
+bool VNFFMovieFileOutput::isMovieOpen() const { return internal_->isMovieOpen(); }
+bool VNFFMovieFileOutput::startOutput() { return internal_->startOutput(); }
+void VNFFMovieFileOutput::stopOutput() { internal_->stopOutput(); }
+void VNFFMovieFileOutput::writeAudioData(const void* bytes, uint64_t length) {
+  internal_->writeAudioData(bytes, length);
+}
+void VNFFMovieFileOutput::writeImage(const vn::BitmapImage& image) {
+  internal_->writeImage(image);
+}
+void VNFFMovieFileOutput::writeCGContext(const vn::BitmapContext& context) {
+  internal_->writeCGContext(context);
+}
+void VNFFMovieFileOutput::writeCGContext(const vn::BitmapContext& context, int32_t duration) {
+  internal_->writeCGContext(context, duration);
+}
+std::shared_ptr<vn::BitmapContext> VNFFMovieFileOutput::createCGContext() const {
+  return internal_->createCGContext();
+}
+void VNFFMovieFileOutput::drawImage(const vn::BitmapImage& image, vn::BitmapContext& context) {
+  internal_->drawImage(image, context);
+}
+std::string VNFFMovieFileOutput::failureReason() const { return internal_->failureReason(); }

@@ -1,0 +1,462 @@
+#include "output/movie_file_output_internal.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <new>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
+#include <libavutil/samplefmt.h>
+}
+
+#include "core/codec_lock.h"
+#include "effects/image_colorspace_converter.h"
+#include "ffmpeg/error.h"
+#include "output/audio_converter.h"
+#include "platform/bitmap_context.h"
+
+namespace {
+
+// Samples always left in the audio converter: they are encoded only when
+// more audio follows, so an export ends up to 512 + frame size - 1 samples
+// short. Intended.
+constexpr int kAudioReserve = 512;
+
+// Frame size for encoders that take any number of samples.
+constexpr int kDefaultAudioFrameSize = 1024;
+
+// How far the muxer may hold packets back to interleave them, microseconds.
+constexpr int kMaxInterleaveDelay = 700000;
+
+// Bound on the packets taken out of an encoder in one call, far above what
+// any encoder buffers.
+constexpr int kMaxPacketsPerCall = 1 << 16;
+
+std::string lowercase(std::string s) {
+  std::transform(s.begin(), s.end(), s.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return s;
+}
+
+// "mp4" for "/a/b.MP4"; "" without an extension.
+std::string extensionOf(const std::string& path) {
+  std::string ext = std::filesystem::path(path).extension().string();
+  return ext.empty() ? ext : ext.substr(1);
+}
+
+uint64_t maskOf(const AVChannelLayout& layout) {
+  return layout.order == AV_CHANNEL_ORDER_NATIVE ? layout.u.mask : 0;
+}
+
+}  // namespace
+
+std::shared_ptr<VNFFMovieFileOutputInternal> VNFFMovieFileOutputInternal::create() {
+  try {
+    auto writer = std::shared_ptr<VNFFMovieFileOutputInternal>(new VNFFMovieFileOutputInternal());
+    if (!writer->audioConverter_ || !writer->videoConverter_ || !writer->audioFrame_ ||
+        !writer->videoFrame_ || !writer->packet_)
+      return nullptr;
+    return writer;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+VNFFMovieFileOutputInternal::VNFFMovieFileOutputInternal()
+    : audioConverter_(VNFFMpegAudioConverter::create()),
+      videoConverter_(VNFFImageColorspaceConverter::create()),
+      audioFrame_(vn::ff::makeFrame()),
+      videoFrame_(vn::ff::makeFrame()),
+      packet_(vn::ff::makePacket()) {
+  movieFileOutputFormatToDefaults(&movieFormat_);
+  audioInputFormat_ = {AV_SAMPLE_FMT_FLT, vn::defaultChannelLayout(2), 44100};
+}
+
+VNFFMovieFileOutputInternal::~VNFFMovieFileOutputInternal() {
+  freeEncoders();
+  // The container's owner closes a file left open.
+}
+
+VNFFMovieFileOutputFormat VNFFMovieFileOutputInternal::movieFormat() const {
+  std::lock_guard lock(formatLock_);
+  return movieFormat_;
+}
+
+void VNFFMovieFileOutputInternal::setMovieFormat(VNFFMovieFileOutputFormat format) {
+  std::lock_guard lock(formatLock_);
+  movieFormat_ = format;
+}
+
+VNFFAudioFormat VNFFMovieFileOutputInternal::audioInputFormat() const {
+  std::lock_guard lock(formatLock_);
+  return audioInputFormat_;
+}
+
+void VNFFMovieFileOutputInternal::setAudioInputFormat(VNFFAudioFormat format) {
+  std::lock_guard lock(formatLock_);
+  audioInputFormat_ = format;
+}
+
+AVCodecContext* VNFFMovieFileOutputInternal::codecOf(const AVStream* stream) const {
+  if (!stream) return nullptr;
+  for (const Encoder& e : encoders_) {
+    if (e.stream == stream) return e.codec.get();
+  }
+  return nullptr;
+}
+
+VNFFAudioFormat VNFFMovieFileOutputInternal::outputAudioFormat() const {
+  const AVCodecContext* c = codecOf(audioStream_);
+  if (!c) return {};
+  return {c->sample_fmt, maskOf(c->ch_layout), c->sample_rate};
+}
+
+VNFFVideoFormat VNFFMovieFileOutputInternal::outputVideoFormat() const {
+  const AVCodecContext* c = codecOf(videoStream_);
+  if (!c) return {};
+  return {c->pix_fmt, c->width, c->height};
+}
+
+void VNFFMovieFileOutputInternal::createMovieOutput() {
+  if (formatContext_ || spent_) return;
+  // Ringtones get the container of .m4a; the file keeps its own name.
+  const std::string extension = lowercase(extensionOf(path_));
+  const std::string guessName = extension == "m4r" ? "filename.m4a" : path_;
+  const AVOutputFormat* guessed = av_guess_format(nullptr, guessName.c_str(), nullptr);
+  // FFmpeg's description stays untouched: the codec choice is ours.
+  const VNFFMovieFileOutputFormat format = movieFormat();
+  if (guessed) {
+    videoCodec_ = format.video_codec ? format.video_codec : guessed->video_codec;
+    audioCodec_ = format.audio_codec ? format.audio_codec : guessed->audio_codec;
+  }
+  AVFormatContext* context = nullptr;
+  const int status =
+      avformat_alloc_output_context2(&context, guessed, nullptr, path_.c_str());
+  formatContext_.reset(context);
+  if (!formatContext_) {
+    if (!guessed && status == AVERROR(EINVAL))
+      fail(extension.empty() ? "no file extension to choose a container by"
+                             : "unknown container for extension ." + extensionOf(path_));
+    else
+      fail(vn::ff::callError("avformat_alloc_output_context2", status));
+    return;
+  }
+  if (!guessed) {
+    // FFmpeg guessed again from the path: its defaults, no overrides.
+    videoCodec_ = formatContext_->oformat->video_codec;
+    audioCodec_ = formatContext_->oformat->audio_codec;
+  }
+  formatContext_->max_delay = kMaxInterleaveDelay;
+}
+
+void VNFFMovieFileOutputInternal::openAudio() {
+  createMovieOutput();
+  if (!formatContext_) return;
+  audioStream_ = openOutputStream(
+      audioCodec_, [this](AVStream*, AVCodecContext* c, const AVCodec* e) { configureAudio(c, e); });
+}
+
+void VNFFMovieFileOutputInternal::openVideo() {
+  createMovieOutput();
+  if (!formatContext_) return;
+  videoStream_ = openOutputStream(
+      videoCodec_, [this](AVStream*, AVCodecContext* c, const AVCodec* e) { configureVideo(c, e); });
+}
+
+AVStream* VNFFMovieFileOutputInternal::openOutputStream(int32_t codecId,
+                                                        const StreamConfiguration& configure) {
+  if (!formatContext_) return nullptr;
+  const AVOutputFormat* container = formatContext_->oformat;
+  const auto id = static_cast<AVCodecID>(codecId);
+  const AVCodec* encoder = avcodec_find_encoder(id);
+  if (!encoder) {
+    fail(std::string("no encoder for codec ") + avcodec_get_name(id));
+    return nullptr;
+  }
+  AVStream* stream = avformat_new_stream(formatContext_.get(), encoder);
+  if (!stream) {
+    fail(vn::ff::callError("avformat_new_stream", AVERROR(ENOMEM)));
+    return nullptr;
+  }
+  stream->id = stream->index + 1;
+  try {
+    encoders_.push_back({stream, vn::ff::CodecContext(avcodec_alloc_context3(encoder))});
+  } catch (const std::bad_alloc&) {
+    fail(vn::ff::callError("avcodec_alloc_context3", AVERROR(ENOMEM)));
+    return nullptr;
+  }
+  AVCodecContext* c = encoders_.back().codec.get();
+  if (!c) {
+    // Without a context the stream stays as it is: neither configured nor opened.
+    fail(vn::ff::callError("avcodec_alloc_context3", AVERROR(ENOMEM)));
+    return stream;
+  }
+  if (container->flags & AVFMT_GLOBALHEADER) c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  if (encoder->capabilities & AV_CODEC_CAP_EXPERIMENTAL)
+    c->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
+  configure(stream, c, encoder);
+  int status;
+  {
+    std::lock_guard lock(vn::codecLock());
+    status = avcodec_open2(c, encoder, nullptr);
+  }
+  // The stream describes its encoder whether or not it opened, as the
+  // container would see it either way.
+  avcodec_parameters_from_context(stream->codecpar, c);
+  stream->time_base = c->time_base;
+  if (status != 0) {
+    fail(std::string("cannot open the ") + encoder->name + " encoder: " +
+         vn::ff::errorText(status));
+    return nullptr;
+  }
+  return stream;
+}
+
+void VNFFMovieFileOutputInternal::configureAudio(AVCodecContext* c, const AVCodec* encoder) {
+  const VNFFMovieFileOutputFormat format = movieFormat();
+  // An encoder that lists no sample format gets the one we are given.
+  c->sample_fmt = encoder->sample_fmts
+                      ? encoder->sample_fmts[0]
+                      : static_cast<AVSampleFormat>(audioInputFormat().sample_fmt);
+  c->bit_rate = format.audio_bitrate;
+  c->sample_rate = format.sample_rate;
+  av_channel_layout_uninit(&c->ch_layout);
+  av_channel_layout_from_mask(&c->ch_layout, format.channel_layout);
+  // Audio timestamps count samples.
+  c->time_base = AVRational{1, format.sample_rate};
+}
+
+void VNFFMovieFileOutputInternal::configureVideo(AVCodecContext* c, const AVCodec* encoder) {
+  const VNFFMovieFileOutputFormat format = movieFormat();
+  c->codec_id = static_cast<AVCodecID>(videoCodec_);
+  c->bit_rate = format.video_bitrate;
+  c->width = format.width;
+  c->height = format.height;
+  c->pix_fmt = encoder->pix_fmts ? encoder->pix_fmts[0] : AV_PIX_FMT_YUV420P;
+  c->time_base = movieFormatTimebase();
+  c->gop_size = 12;
+  switch (c->codec_id) {
+    case AV_CODEC_ID_MPEG1VIDEO:
+    case AV_CODEC_ID_MPEG2VIDEO:
+    case AV_CODEC_ID_MSMPEG4V3:  // deliberately in this set
+      c->mb_decision = FF_MB_DECISION_RD;
+      break;
+    case AV_CODEC_ID_H264:
+      av_opt_set(c->priv_data, "preset", "fast", 0);
+      av_opt_set(c->priv_data, "profile", "Main", 0);
+      break;
+    default:
+      break;
+  }
+}
+
+AVRational VNFFMovieFileOutputInternal::movieFormatTimebase() const {
+  const VNFFMovieFileOutputFormat format = movieFormat();
+  return AVRational{format.frameTime, format.framerate};
+}
+
+AVRational VNFFMovieFileOutputInternal::movieFrameDuration() const {
+  return movieFormatTimebase();
+}
+
+bool VNFFMovieFileOutputInternal::startOutput() {
+  if (!formatContext_) {
+    if (spent_) fail("the writer has finished its file already");
+    return false;
+  }
+  if (audioStream_) audioConverter_->convertFrom(audioInputFormat(), outputAudioFormat());
+  if (videoStream_) videoConverter_->setOutputFormat(outputVideoFormat());
+  AVFormatContext* context = formatContext_.get();
+  if (context->oformat->flags & AVFMT_NOFILE) {
+    fail(std::string("the ") + context->oformat->name + " container writes no file of its own");
+    return false;
+  }
+  if (headerWritten_) return true;
+  if (!context->pb) {
+    const int status = avio_open(&context->pb, context->url, AVIO_FLAG_WRITE);
+    if (status < 0) {
+      fail(vn::ff::errorText(status));
+      return false;
+    }
+  }
+  if (!context->pb) return true;
+  const int status = avformat_write_header(context, nullptr);
+  if (status < 0) {
+    fail(headerFailure(status));
+    return false;
+  }
+  headerWritten_ = true;
+  return true;
+}
+
+std::string VNFFMovieFileOutputInternal::headerFailure(int status) const {
+  const AVOutputFormat* container = formatContext_->oformat;
+  for (unsigned i = 0; i < formatContext_->nb_streams; ++i) {
+    const AVCodecID id = formatContext_->streams[i]->codecpar->codec_id;
+    if (id != AV_CODEC_ID_NONE && avformat_query_codec(container, id, FF_COMPLIANCE_NORMAL) == 0)
+      return std::string("the ") + container->name + " container cannot hold " +
+             avcodec_get_name(id);
+  }
+  return vn::ff::callError("avformat_write_header", status);
+}
+
+void VNFFMovieFileOutputInternal::stopOutput() {
+  if (!formatContext_) return;
+  if (headerWritten_) {
+    // Each call drains whatever the encoder still holds; the second finds
+    // it empty.
+    for (int i = 0; i < kMaxPacketsPerCall && writeFrame(nullptr, audioStream_); ++i) {
+    }
+    for (int i = 0; i < kMaxPacketsPerCall && writeFrame(nullptr, videoStream_); ++i) {
+    }
+    av_interleaved_write_frame(formatContext_.get(), nullptr);
+    av_write_trailer(formatContext_.get());
+  }
+  freeEncoders();
+  if (!(formatContext_->oformat->flags & AVFMT_NOFILE)) avio_closep(&formatContext_->pb);
+  videoStream_ = nullptr;
+  audioStream_ = nullptr;
+  encoders_.clear();
+  formatContext_.reset();
+  headerWritten_ = false;
+  spent_ = true;
+}
+
+void VNFFMovieFileOutputInternal::freeEncoders() {
+  for (Encoder& e : encoders_) {
+    std::lock_guard lock(vn::codecLock());
+    e.codec.reset();
+  }
+}
+
+void VNFFMovieFileOutputInternal::writeAudioData(const void* bytes, uint64_t length) {
+  audioConverter_->writeData(bytes, length);
+  const AVCodecContext* c = codecOf(audioStream_);
+  if (!c) return;
+  AVFrame* frame = audioFrame_.get();
+  const int samples = c->frame_size > 0 ? c->frame_size : kDefaultAudioFrameSize;
+  const VNFFAudioFormat out = audioConverter_->outFormat();
+  const int size = av_samples_get_buffer_size(
+      nullptr, vn_get_channel_layout_nb_channels(out.channel_layout), samples,
+      static_cast<AVSampleFormat>(out.sample_fmt), 1);
+  if (size <= 0) return;
+  try {
+    // Grows once to the encoder's frame; later calls reuse it.
+    if (audioSamples_.size() < static_cast<size_t>(size)) audioSamples_.resize(size);
+  } catch (const std::bad_alloc&) {
+    return;
+  }
+  frame->nb_samples = samples;
+  frame->format = c->sample_fmt;
+  frame->sample_rate = c->sample_rate;
+  if (av_channel_layout_copy(&frame->ch_layout, &c->ch_layout) < 0 ||
+      avcodec_fill_audio_frame(frame, c->ch_layout.nb_channels, c->sample_fmt,
+                               audioSamples_.data(), size, 1) < 0) {
+    av_frame_unref(frame);
+    return;
+  }
+  while (readAudioFrameFromBuffer(frame)) {
+    frame->pts = audio_pts_;
+    audio_pts_ += frame->nb_samples;
+    writeFrame(frame, audioStream_);
+  }
+  av_frame_unref(frame);
+}
+
+bool VNFFMovieFileOutputInternal::readAudioFrameFromBuffer(AVFrame* frame) {
+  if (!frame || frame->nb_samples <= 0) return false;
+  if (audioConverter_->outputBufferFrames() < kAudioReserve + frame->nb_samples) return false;
+  const int got = audioConverter_->convertFrom(nullptr, 0, frame->extended_data, frame->nb_samples);
+  // The reserve keeps the resampler ahead of us, so a short pull should not
+  // happen; if it does, the rest of the frame is silence rather than stale
+  // samples of the previous frame.
+  if (got < frame->nb_samples) {
+    av_samples_set_silence(frame->extended_data, got, frame->nb_samples - got,
+                           frame->ch_layout.nb_channels, static_cast<AVSampleFormat>(frame->format));
+  }
+  return true;
+}
+
+void VNFFMovieFileOutputInternal::writeVideoFrame(const AVFrame* frame) {
+  videoConverter_->convertFrame(frame);
+  writeVideoFrameDuration(movieFrameDuration());
+}
+
+void VNFFMovieFileOutputInternal::writeImage(const vn::BitmapImage& image) {
+  videoConverter_->convertImage(image);
+  writeVideoFrameDuration(movieFrameDuration());
+}
+
+void VNFFMovieFileOutputInternal::writeCGContext(const vn::BitmapContext& context) {
+  videoConverter_->convertContext(context);
+  writeVideoFrameDuration(movieFrameDuration());
+}
+
+void VNFFMovieFileOutputInternal::writeCGContext(const vn::BitmapContext& context,
+                                                 int32_t duration) {
+  videoConverter_->convertContext(context);
+  writeVideoFrameDuration(AVRational{duration, movieFormat().framerate});
+}
+
+std::shared_ptr<vn::BitmapContext> VNFFMovieFileOutputInternal::createCGContext() const {
+  return videoConverter_->createCGContext();
+}
+
+void VNFFMovieFileOutputInternal::drawImage(const vn::BitmapImage& image,
+                                            vn::BitmapContext& context) {
+  videoConverter_->drawImage(image, context);
+}
+
+void VNFFMovieFileOutputInternal::writeVideoFrameDuration(AVRational duration) {
+  const AVCodecContext* c = codecOf(videoStream_);
+  if (!c || videoConverter_->isOutputEmpty()) return;
+  const AVFrame* picture = videoConverter_->outputFrame();
+  // The converter was sized from this encoder at startOutput; anything else
+  // would be read past its planes.
+  if (picture->width != c->width || picture->height != c->height || picture->format != c->pix_fmt)
+    return;
+  const int64_t length = av_rescale_q(1, duration, c->time_base);
+  // A view of the converter's planes; the encoder copies what it keeps.
+  AVFrame* frame = videoFrame_.get();
+  av_frame_unref(frame);
+  std::copy(std::begin(picture->data), std::end(picture->data), std::begin(frame->data));
+  std::copy(std::begin(picture->linesize), std::end(picture->linesize),
+            std::begin(frame->linesize));
+  frame->extended_data = frame->data;
+  frame->width = picture->width;
+  frame->height = picture->height;
+  frame->format = picture->format;
+  frame->pts = video_pts_;
+  video_pts_ += length;
+  writeFrame(frame, videoStream_);
+  av_frame_unref(frame);
+}
+
+bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
+  if (!stream) return false;
+  AVCodecContext* c = codecOf(stream);
+  if (!c) return false;
+  if (c->codec_type != AVMEDIA_TYPE_AUDIO && c->codec_type != AVMEDIA_TYPE_VIDEO) return false;
+  AVFrame* input = frame && frame->data[0] ? frame : nullptr;
+  // Raising every audio timestamp by the encoder's delay is deliberate: the
+  // encoder moves its packets back by that much, so the first starts at 0.
+  if (input && c->codec_type == AVMEDIA_TYPE_AUDIO) input->pts += c->initial_padding;
+  // A refused frame is skipped; its timestamp is spent all the same.
+  avcodec_send_frame(c, input);
+  bool wrote = false;
+  AVPacket* packet = packet_.get();
+  for (int i = 0; i < kMaxPacketsPerCall && avcodec_receive_packet(c, packet) == 0; ++i) {
+    wrote = true;
+    packet->stream_index = stream->index;
+    av_packet_rescale_ts(packet, c->time_base, stream->time_base);
+    // Before the header is written (or after it was refused) the packet
+    // has nowhere to go.
+    if (headerWritten_) av_interleaved_write_frame(formatContext_.get(), packet);
+    av_packet_unref(packet);
+  }
+  return wrote;
+}
