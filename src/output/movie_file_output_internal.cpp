@@ -36,6 +36,9 @@ constexpr int kMaxInterleaveDelay = 700000;
 // any encoder buffers.
 constexpr int kMaxPacketsPerCall = 1 << 16;
 
+// Bound on the frame lengths remembered for frames inside the video encoder.
+constexpr size_t kMaxPendingVideoFrames = 1024;
+
 std::string lowercase(std::string s) {
   std::transform(s.begin(), s.end(), s.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -431,6 +434,11 @@ void VNFFMovieFileOutputInternal::writeVideoFrameDuration(AVRational duration) {
   frame->height = picture->height;
   frame->format = picture->format;
   frame->pts = video_pts_;
+  // Video encoders give their packets no duration; without one the muxer
+  // gives the last frame none and players drop it.
+  if (videoDurations_.size() >= kMaxPendingVideoFrames)
+    videoDurations_.erase(videoDurations_.begin());
+  videoDurations_[video_pts_] = length;
   video_pts_ += length;
   writeFrame(frame, videoStream_);
   av_frame_unref(frame);
@@ -451,6 +459,13 @@ bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
   AVPacket* packet = packet_.get();
   for (int i = 0; i < kMaxPacketsPerCall && avcodec_receive_packet(c, packet) == 0; ++i) {
     wrote = true;
+    if (c->codec_type == AVMEDIA_TYPE_VIDEO) {
+      const auto length = videoDurations_.find(packet->pts);
+      if (length != videoDurations_.end()) {
+        if (packet->duration == 0) packet->duration = length->second;
+        videoDurations_.erase(length);
+      }
+    }
     packet->stream_index = stream->index;
     av_packet_rescale_ts(packet, c->time_base, stream->time_base);
     // Before the header is written (or after it was refused) the packet

@@ -23,6 +23,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -212,4 +213,6 @@ class VNFFMovieFileOutputInternal {
   std::vector<uint8_t> audioSamples_;          // its sample buffer
   vn::ff::Frame videoFrame_;                   // reused view of the converter's picture
   vn::ff::Packet packet_;                      // reused for encoder output
+  std::map<int64_t, int64_t> videoDurations_;  // length of each frame in the video
+                                               // encoder, by timestamp
 };

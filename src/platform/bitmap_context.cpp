@@ -1,11 +1,7 @@
 #include "platform/bitmap_context.h"
 
 #include <new>
-
-extern "C" {
-#include <libavutil/pixfmt.h>
-#include <libswscale/swscale.h>
-}
+#include <vector>
 
 #include "platform/bitmap_image.h"
 
@@ -42,44 +38,60 @@ BitmapContext::~BitmapContext() = default;
 
 void BitmapContext::drawImage(const BitmapImage& image, Composite mode) {
   if (image.isEmpty()) return;
-  const uint8_t* src = image.data();
-  int srcStride = image.bytesPerRow();
-  if (image.width() != width_ || image.height() != height_) {
-    try {
-      scaled_.resize(pixels_.size());
-    } catch (const std::bad_alloc&) {
-      return;
+  // Bilinear resampling in premultiplied space (so transparent pixels lend
+  // no colour to their neighbours), with 8-bit fixed-point weights; at equal
+  // sizes every weight is 0 and the pixels are copied exactly.
+  struct Tap {
+    int first;      // left (top) source pixel
+    int second;     // right (bottom) source pixel
+    unsigned frac;  // weight of the second, 0..256
+  };
+  auto taps = [](int from, int to) {
+    std::vector<Tap> result(to);
+    for (int i = 0; i < to; ++i) {
+      double pos = (i + 0.5) * from / to - 0.5;
+      if (pos < 0) pos = 0;
+      int first = static_cast<int>(pos);
+      if (first > from - 1) first = from - 1;
+      const int second = first + 1 < from ? first + 1 : first;
+      result[i] = {first, second, static_cast<unsigned>((pos - first) * 256 + 0.5)};
     }
-    SwsContext* scaler = scaler_.release();
-    scaler = sws_getCachedContext(scaler, image.width(), image.height(), AV_PIX_FMT_RGBA,
-                                  width_, height_, AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr,
-                                  nullptr, nullptr);
-    scaler_.reset(scaler);
-    if (!scaler) return;
-    const uint8_t* srcPlanes[4] = {src, nullptr, nullptr, nullptr};
-    const int srcStrides[4] = {srcStride, 0, 0, 0};
-    uint8_t* dstPlanes[4] = {scaled_.data(), nullptr, nullptr, nullptr};
-    const int dstStrides[4] = {bytesPerRow(), 0, 0, 0};
-    sws_scale(scaler, srcPlanes, srcStrides, 0, image.height(), dstPlanes, dstStrides);
-    src = scaled_.data();
-    srcStride = bytesPerRow();
+    return result;
+  };
+  std::vector<Tap> columns;
+  std::vector<Tap> rows;
+  try {
+    columns = taps(image.width(), width_);
+    rows = taps(image.height(), height_);
+  } catch (const std::bad_alloc&) {
+    return;
   }
 
-  // The image is straight alpha, the context premultiplied (or opaque), so
-  // both modes premultiply the source; source-over then adds what shows
-  // through.
   const bool hasAlpha = alpha_ == Alpha::kPremultipliedLast;
   for (int y = 0; y < height_; ++y) {
-    const uint8_t* s = src + static_cast<size_t>(y) * srcStride;
+    const Tap& ty = rows[y];
+    const uint8_t* top = image.row(ty.first);
+    const uint8_t* bottom = image.row(ty.second);
     uint8_t* d = pixels_.data() + static_cast<size_t>(y) * bytesPerRow();
-    for (int x = 0; x < width_; ++x, s += 4, d += 4) {
-      const unsigned a = s[3];
+    for (int x = 0; x < width_; ++x, d += 4) {
+      const Tap& tx = columns[x];
+      const uint8_t* p[4] = {top + tx.first * 4, top + tx.second * 4, bottom + tx.first * 4,
+                             bottom + tx.second * 4};
+      const unsigned w[4] = {(256 - tx.frac) * (256 - ty.frac), tx.frac * (256 - ty.frac),
+                             (256 - tx.frac) * ty.frac, tx.frac * ty.frac};
+      unsigned premultiplied[4];
+      for (int c = 0; c < 4; ++c) {
+        unsigned sum = 0;
+        for (int k = 0; k < 4; ++k) sum += w[k] * (c == 3 ? p[k][3] : mul255(p[k][c], p[k][3]));
+        premultiplied[c] = (sum + 32768) >> 16;
+      }
+      const unsigned a = premultiplied[3];
       if (mode == Composite::kCopy || a == 255) {
-        for (int c = 0; c < 3; ++c) d[c] = mul255(s[c], a);
+        for (int c = 0; c < 3; ++c) d[c] = static_cast<uint8_t>(premultiplied[c]);
         d[3] = hasAlpha ? static_cast<uint8_t>(a) : 255;
       } else {
         const unsigned keep = 255 - a;
-        for (int c = 0; c < 3; ++c) d[c] = static_cast<uint8_t>(mul255(s[c], a) + mul255(d[c], keep));
+        for (int c = 0; c < 3; ++c) d[c] = static_cast<uint8_t>(premultiplied[c] + mul255(d[c], keep));
         d[3] = hasAlpha ? static_cast<uint8_t>(a + mul255(d[3], keep)) : 255;
       }
     }

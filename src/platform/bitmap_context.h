@@ -14,8 +14,6 @@
 #include <memory>
 #include <vector>
 
-#include "ffmpeg/owners.h"
-
 namespace vn {
 
 class BitmapImage;
@@ -40,8 +38,8 @@ class BitmapContext {
   BitmapContext& operator=(const BitmapContext&) = delete;
   ~BitmapContext();
 
-  // Draws image stretched over the whole context (bilinear), composited as
-  // mode says. An empty image draws nothing.
+  // Draws image stretched over the whole context (bilinear, in premultiplied
+  // space), composited as mode says. An empty image draws nothing.
   void drawImage(const BitmapImage& image, Composite mode);
 
   int width() const { return width_; }
@@ -60,9 +58,7 @@ class BitmapContext {
   int width_;                     // pixels
   int height_;                    // rows
   Alpha alpha_;                   // meaning of the fourth byte
-  std::vector<uint8_t> pixels_;   // the surface
-  std::vector<uint8_t> scaled_;   // an image resized to the context, reused between draws
-  vn::ff::Sws scaler_;            // cached resizer for drawImage
+  std::vector<uint8_t> pixels_;  // the surface
 };
 
 }  // namespace vn
