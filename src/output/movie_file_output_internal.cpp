@@ -4,12 +4,14 @@
 #include <cctype>
 #include <filesystem>
 #include <new>
+#include <string_view>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
 #include <libavutil/samplefmt.h>
 }
 
@@ -242,6 +244,7 @@ void VNFFMovieFileOutputInternal::configureVideo(AVCodecContext* c, const AVCode
   c->pix_fmt = encoder->pix_fmts ? encoder->pix_fmts[0] : AV_PIX_FMT_YUV420P;
   c->time_base = movieFormatTimebase();
   c->gop_size = 12;
+  tagColours(c);
   switch (c->codec_id) {
     case AV_CODEC_ID_MPEG1VIDEO:
     case AV_CODEC_ID_MPEG2VIDEO:
@@ -255,6 +258,17 @@ void VNFFMovieFileOutputInternal::configureVideo(AVCodecContext* c, const AVCode
     default:
       break;
   }
+}
+
+void VNFFMovieFileOutputInternal::tagColours(AVCodecContext* c) {
+  // The colour-space converter writes YUV with swscale's default BT.601
+  // matrix, limited range unless the format is a full-range ("J") one.
+  // Saying so keeps players from assuming BT.709 for HD sizes.
+  const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(c->pix_fmt);
+  if (!descriptor || (descriptor->flags & AV_PIX_FMT_FLAG_RGB) || descriptor->nb_components < 3)
+    return;
+  c->colorspace = AVCOL_SPC_SMPTE170M;
+  if (!std::string_view(descriptor->name).starts_with("yuvj")) c->color_range = AVCOL_RANGE_MPEG;
 }
 
 AVRational VNFFMovieFileOutputInternal::movieFormatTimebase() const {
@@ -423,6 +437,8 @@ void VNFFMovieFileOutputInternal::writeVideoFrameDuration(AVRational duration) {
   if (picture->width != c->width || picture->height != c->height || picture->format != c->pix_fmt)
     return;
   const int64_t length = av_rescale_q(1, duration, c->time_base);
+  // A negative duration gives no usable length (FFmpeg answers INT64_MIN).
+  if (length < 0) return;
   // A view of the converter's planes; the encoder copies what it keeps.
   AVFrame* frame = videoFrame_.get();
   av_frame_unref(frame);

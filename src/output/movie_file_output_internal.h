@@ -185,6 +185,8 @@ class VNFFMovieFileOutputInternal {
   AVCodecContext* codecOf(const AVStream* stream) const;
   void configureAudio(AVCodecContext* codec, const AVCodec* encoder);
   void configureVideo(AVCodecContext* codec, const AVCodec* encoder);
+  // Tags a YUV encoder with the matrix and range the converter writes.
+  static void tagColours(AVCodecContext* codec);
   // Encoders freed under the codec lock, one lock per stream.
   void freeEncoders();
   // A reason for a refused header: the first stream the container cannot

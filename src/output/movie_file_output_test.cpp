@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -95,9 +94,10 @@ double psnr(const std::string& path, const std::string& reference) {
       " -i " + quote(reference) +
       " -lavfi '[0:v]settb=1/25,setpts=N[a];[1:v]settb=1/25,setpts=N[b];[a][b]psnr'"
       " -f null - 2>&1");
-  std::smatch m;
-  if (!std::regex_search(out, m, std::regex("average:([0-9.]+|inf)"))) return 0;
-  return m[1] == "inf" ? INFINITY : std::stod(m[1]);
+  const size_t at = out.find("average:");
+  if (at == std::string::npos) return 0;
+  const std::string value = out.substr(at + 8, out.find(' ', at) - at - 8);
+  return value == "inf" ? INFINITY : std::atof(value.c_str());
 }
 
 struct Tone {
@@ -222,6 +222,7 @@ void checkMovie(const Case& c, const std::string& path, const std::string& refer
   EXPECT_EQ(video->value("codec_name", ""), c.expectVideo);
   if (video->value("codec_name", "") == "h264") {
     EXPECT_EQ(video->value("profile", ""), "Main");
+    EXPECT_EQ(video->value("color_space", ""), "smpte170m");
   }
   EXPECT_EQ(video->value("width", 0), kWidth);
   EXPECT_EQ(video->value("height", 0), kHeight);
