@@ -35,37 +35,47 @@ void VNFFImageColorspaceConverter::setOutputFormat(VNFFVideoFormat format) {
   outputFormat_ = format;
 }
 
-const AVFrame* VNFFImageColorspaceConverter::outputFrame() const { return outputFrame_.get(); }
+const AVFrame* VNFFImageColorspaceConverter::outputFrame() const {
+  return outputFrame_.get();
+}
 
 bool VNFFImageColorspaceConverter::isOutputEmpty() const {
   return !outputFrame_ || !outputFrame_->data[0];
 }
 
 void VNFFImageColorspaceConverter::convertFrame(const AVFrame* src) {
-  if (!src) return;
+  if (!src)
+    return;
   scale(src->data, src->linesize, src->width, src->height, src->format);
 }
 
 void VNFFImageColorspaceConverter::convertBytes(const uint8_t* bytes, int32_t format) {
-  if (!bytes) return;
+  if (!bytes)
+    return;
   const VNFFVideoFormat output = outputFormat();
   const auto pixFmt = static_cast<AVPixelFormat>(format);
   uint8_t* planes[4] = {};
   int linesizes[4] = {};
-  if (av_image_fill_linesizes(linesizes, pixFmt, output.width) < 0) return;
+  if (av_image_fill_linesizes(linesizes, pixFmt, output.width) < 0)
+    return;
   if (av_image_fill_pointers(planes, pixFmt, output.height, const_cast<uint8_t*>(bytes),
                              linesizes) < 0)
     return;
   scale(planes, linesizes, output.width, output.height, format);
 }
 
-void VNFFImageColorspaceConverter::scale(const uint8_t* const planes[], const int linesizes[],
-                                         int width, int height, int format) {
-  if (!outputFrame_) return;
+void VNFFImageColorspaceConverter::scale(const uint8_t* const planes[],
+                                         const int linesizes[],
+                                         int width,
+                                         int height,
+                                         int format) {
+  if (!outputFrame_)
+    return;
   AVFrame* out = outputFrame_.get();
   if (!out->data[0]) {
     const VNFFVideoFormat output = outputFormat();
-    if (output.width <= 0 || output.height <= 0) return;
+    if (output.width <= 0 || output.height <= 0)
+      return;
     const auto pixFmt = static_cast<AVPixelFormat>(output.pix_fmt);
     if (av_image_alloc(out->data, out->linesize, output.width, output.height, pixFmt, 16) < 0)
       return;
@@ -77,13 +87,15 @@ void VNFFImageColorspaceConverter::scale(const uint8_t* const planes[], const in
   }
 
   const auto srcFmt = static_cast<AVPixelFormat>(format);
-  if (!planes[0] || !sws_isSupportedInput(srcFmt)) return;
+  if (!planes[0] || !sws_isSupportedInput(srcFmt))
+    return;
   SwsContext* scaler = swscontext_.release();
   scaler = sws_getCachedContext(scaler, width, height, srcFmt, out->width, out->height,
                                 static_cast<AVPixelFormat>(out->format), SWS_BILINEAR, nullptr,
                                 nullptr, nullptr);
   swscontext_.reset(scaler);
-  if (!scaler) return;
+  if (!scaler)
+    return;
   sws_scale(scaler, planes, linesizes, 0, height, out->data, out->linesize);
 }
 
@@ -95,12 +107,14 @@ void VNFFImageColorspaceConverter::convertContext(const vn::BitmapContext& conte
     // counts as 0 × 0.
     const int ownWidth = cgcontext_ ? cgcontext_->width() : 0;
     const int ownHeight = cgcontext_ ? cgcontext_->height() : 0;
-    if (ownWidth != output.width && ownHeight != output.height) return;
+    if (ownWidth != output.width && ownHeight != output.height)
+      return;
   }
   // The pixels are read as a packed RGBA picture of the output size; a
   // smaller context would be read past its end.
   const int needed = av_image_get_buffer_size(AV_PIX_FMT_RGBA, output.width, output.height, 1);
-  if (needed < 0 || context.byteCount() < static_cast<size_t>(needed)) return;
+  if (needed < 0 || context.byteCount() < static_cast<size_t>(needed))
+    return;
   convertBytes(context.data(), AV_PIX_FMT_RGBA);
 }
 
@@ -111,19 +125,22 @@ std::shared_ptr<vn::BitmapContext> VNFFImageColorspaceConverter::createCGContext
 }
 
 void VNFFImageColorspaceConverter::createContext() {
-  if (!cgcontext_) cgcontext_ = createCGContext();
+  if (!cgcontext_)
+    cgcontext_ = createCGContext();
 }
 
 void VNFFImageColorspaceConverter::convertBitmapImage(const vn::BitmapImage& image) {
   createContext();
-  if (!cgcontext_) return;
+  if (!cgcontext_)
+    return;
   cgcontext_->drawImage(image, vn::BitmapContext::Composite::kSourceOver);
   convertContext(*cgcontext_);
 }
 
 void VNFFImageColorspaceConverter::convertImage(const vn::BitmapImage& image) {
   createContext();
-  if (!cgcontext_) return;
+  if (!cgcontext_)
+    return;
   drawImage(image, *cgcontext_);
   convertContext(*cgcontext_);
 }
@@ -134,10 +151,12 @@ void VNFFImageColorspaceConverter::drawImage(const vn::BitmapImage& image,
 }
 
 std::optional<vn::BitmapImage> VNFFImageColorspaceConverter::outputImage() {
-  if (isOutputEmpty()) return std::nullopt;
+  if (isOutputEmpty())
+    return std::nullopt;
   const AVFrame* out = outputFrame_.get();
   vn::BitmapImage image = vn::BitmapImage::borrow(out->data[0], out->width, out->height,
                                                   out->linesize[0], shared_from_this());
-  if (image.isEmpty()) return std::nullopt;
+  if (image.isEmpty())
+    return std::nullopt;
   return image;
 }

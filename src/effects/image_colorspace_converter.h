@@ -105,7 +105,10 @@ class VNFFImageColorspaceConverter
 
   // Allocates the output on first use, then scales the source picture
   // (planes of an AVPixelFormat) into it.
-  void scale(const uint8_t* const planes[], const int linesizes[], int width, int height,
+  void scale(const uint8_t* const planes[],
+             const int linesizes[],
+             int width,
+             int height,
              int format);
 
   mutable std::mutex formatLock_;

@@ -40,8 +40,7 @@ std::vector<uint8_t> outputPixels(VNFFImageColorspaceConverter& c) {
 
 class ImageColorspaceConverterTest : public ::testing::Test {
  protected:
-  std::shared_ptr<VNFFImageColorspaceConverter> converter =
-      VNFFImageColorspaceConverter::create();
+  std::shared_ptr<VNFFImageColorspaceConverter> converter = VNFFImageColorspaceConverter::create();
   void setOutput(int pixFmt, int width, int height) {
     converter->setOutputFormat({pixFmt, width, height});
   }
@@ -88,7 +87,8 @@ TEST_F(ImageColorspaceConverterTest, FramesAreScaledAndConverted) {
   // Left half white, right half black.
   for (int y = 0; y < 16; ++y)
     for (int x = 0; x < 16; ++x)
-      for (int c = 0; c < 4; ++c) frame->data[0][y * frame->linesize[0] + x * 4 + c] = x < 8 ? 255 : (c == 3 ? 255 : 0);
+      for (int c = 0; c < 4; ++c)
+        frame->data[0][y * frame->linesize[0] + x * 4 + c] = x < 8 ? 255 : (c == 3 ? 255 : 0);
   converter->convertFrame(frame.get());
   const AVFrame* out = converter->outputFrame();
   ASSERT_EQ(out->format, AV_PIX_FMT_YUV420P);

@@ -15,7 +15,8 @@ namespace {
 // makes swr_init fail.
 AVChannelLayout layoutOf(uint64_t mask) {
   AVChannelLayout layout{};
-  if (av_channel_layout_from_mask(&layout, mask) < 0) layout = AVChannelLayout{};
+  if (av_channel_layout_from_mask(&layout, mask) < 0)
+    layout = AVChannelLayout{};
   return layout;
 }
 
@@ -48,18 +49,23 @@ void VNFFMpegAudioConverter::convertFrom(VNFFAudioFormat in, VNFFAudioFormat out
       static_cast<AVSampleFormat>(in.sample_fmt), in.sample_rate, 0, nullptr);
   context_.reset(swr);
   // Re-initialising drops whatever the old configuration held.
-  if (status < 0 || swr_init(context_.get()) < 0) context_.reset();
+  if (status < 0 || swr_init(context_.get()) < 0)
+    context_.reset();
 }
 
 void VNFFMpegAudioConverter::writeData(const void* bytes, uint64_t length) {
-  if (!context_ || !bytes) return;
+  if (!context_ || !bytes)
+    return;
   const auto format = static_cast<AVSampleFormat>(inFormat_.sample_fmt);
   const int channels = vn_get_channel_layout_nb_channels(inFormat_.channel_layout);
-  if (channels <= 0 || channels > kMaxPlanes) return;
+  if (channels <= 0 || channels > kMaxPlanes)
+    return;
   int frameBytes = av_get_bytes_per_sample(format) * channels;
-  if (frameBytes < 1) frameBytes = 1;
+  if (frameBytes < 1)
+    frameBytes = 1;
   const uint64_t samples = length / static_cast<uint64_t>(frameBytes);
-  if (samples == 0 || samples > INT32_MAX) return;
+  if (samples == 0 || samples > INT32_MAX)
+    return;
   // The planes point into the caller's chunk; only swr copies.
   uint8_t* planes[kMaxPlanes] = {};
   if (av_samples_fill_arrays(planes, nullptr, static_cast<const uint8_t*>(bytes), channels,
@@ -73,18 +79,24 @@ void VNFFMpegAudioConverter::convertFrame(const AVFrame* in, AVFrame* out) {
               out ? out->extended_data : nullptr, out ? out->nb_samples : 0);
 }
 
-int32_t VNFFMpegAudioConverter::convertFrom(const uint8_t* const* in, int32_t inCount,
-                                            uint8_t* const* out, int32_t outCount) {
-  if (!context_) return 0;
-  if (in && !in[0]) in = nullptr;
-  if (out && !out[0]) out = nullptr;
+int32_t VNFFMpegAudioConverter::convertFrom(const uint8_t* const* in,
+                                            int32_t inCount,
+                                            uint8_t* const* out,
+                                            int32_t outCount) {
+  if (!context_)
+    return 0;
+  if (in && !in[0])
+    in = nullptr;
+  if (out && !out[0])
+    out = nullptr;
   // A null input would make swr_convert flush the resampler, which pads what
   // it holds with reflected samples: a click at every pull when the rates
   // differ. An input of no samples drains without flushing.
   static const uint8_t* const* const kNoInput = [] {
     static const uint8_t nothing[1] = {};
     static const uint8_t* planes[kMaxPlanes];
-    for (auto& plane : planes) plane = nothing;
+    for (auto& plane : planes)
+      plane = nothing;
     return planes;
   }();
   if (!in) {
@@ -98,14 +110,17 @@ int32_t VNFFMpegAudioConverter::convertFrom(const uint8_t* const* in, int32_t in
 }
 
 int32_t VNFFMpegAudioConverter::outputBufferFrames() const {
-  if (!context_) return 0;
+  if (!context_)
+    return 0;
   return static_cast<int32_t>(swr_get_delay(context_.get(), outFormat_.sample_rate));
 }
 
 void VNFFMpegAudioConverter::clear() {
-  if (context_) swr_drop_output(context_.get(), outputBufferFrames());
+  if (context_)
+    swr_drop_output(context_.get(), outputBufferFrames());
 }
 
 void VNFFMpegAudioConverter::appendSilenceSample(int32_t count) {
-  if (context_) swr_inject_silence(context_.get(), count);
+  if (context_)
+    swr_inject_silence(context_.get(), count);
 }

@@ -53,7 +53,9 @@ class VNFFMpegAudioConverter {
   // output planes, at most outCount per channel, and returns how many were
   // written per channel (0 on failure). Null planes (or a null first plane)
   // mean no input or no output.
-  int32_t convertFrom(const uint8_t* const* in, int32_t inCount, uint8_t* const* out,
+  int32_t convertFrom(const uint8_t* const* in,
+                      int32_t inCount,
+                      uint8_t* const* out,
                       int32_t outCount);
 
   // Samples held, in units of the output sample rate.

@@ -146,7 +146,8 @@ TEST_F(AudioConverterTest, PullsWhileResamplingLeaveNoClicks) {
     converter->writeData(in.data(), in.size() * sizeof(float));
     while (converter->outputBufferFrames() >= 1536) {
       ASSERT_EQ(converter->convertFrom(nullptr, 0, planes, 1024), 1024);
-      for (int i = 0; i < 1024; ++i) mono.push_back(frame[2 * i]);
+      for (int i = 0; i < 1024; ++i)
+        mono.push_back(frame[2 * i]);
     }
   }
   ASSERT_GT(mono.size(), 50000u);

@@ -7,7 +7,8 @@
 std::shared_ptr<VNFFMovieFileOutput> VNFFMovieFileOutput::create() {
   try {
     auto internal = VNFFMovieFileOutputInternal::create();
-    if (!internal) return nullptr;
+    if (!internal)
+      return nullptr;
     return std::shared_ptr<VNFFMovieFileOutput>(new VNFFMovieFileOutput(std::move(internal)));
   } catch (const std::bad_alloc&) {
     return nullptr;
@@ -19,8 +20,12 @@ VNFFMovieFileOutput::VNFFMovieFileOutput(std::shared_ptr<VNFFMovieFileOutputInte
 
 VNFFMovieFileOutput::~VNFFMovieFileOutput() = default;
 
-std::string VNFFMovieFileOutput::path() const { return internal_->path(); }
-void VNFFMovieFileOutput::setPath(const std::string& path) { internal_->setPath(path); }
+std::string VNFFMovieFileOutput::path() const {
+  return internal_->path();
+}
+void VNFFMovieFileOutput::setPath(const std::string& path) {
+  internal_->setPath(path);
+}
 VNFFMovieFileOutputFormat VNFFMovieFileOutput::movieFormat() const {
   return internal_->movieFormat();
 }
@@ -39,13 +44,27 @@ VNFFAudioFormat VNFFMovieFileOutput::outputAudioFormat() const {
 VNFFVideoFormat VNFFMovieFileOutput::outputVideoFormat() const {
   return internal_->outputVideoFormat();
 }
-void VNFFMovieFileOutput::openAudio() { internal_->openAudio(); }
-void VNFFMovieFileOutput::openVideo() { internal_->openVideo(); }
-bool VNFFMovieFileOutput::isAudioOpen() const { return internal_->isAudioOpen(); }
-bool VNFFMovieFileOutput::isVideoOpen() const { return internal_->isVideoOpen(); }
-bool VNFFMovieFileOutput::isMovieOpen() const { return internal_->isMovieOpen(); }
-bool VNFFMovieFileOutput::startOutput() { return internal_->startOutput(); }
-void VNFFMovieFileOutput::stopOutput() { internal_->stopOutput(); }
+void VNFFMovieFileOutput::openAudio() {
+  internal_->openAudio();
+}
+void VNFFMovieFileOutput::openVideo() {
+  internal_->openVideo();
+}
+bool VNFFMovieFileOutput::isAudioOpen() const {
+  return internal_->isAudioOpen();
+}
+bool VNFFMovieFileOutput::isVideoOpen() const {
+  return internal_->isVideoOpen();
+}
+bool VNFFMovieFileOutput::isMovieOpen() const {
+  return internal_->isMovieOpen();
+}
+bool VNFFMovieFileOutput::startOutput() {
+  return internal_->startOutput();
+}
+void VNFFMovieFileOutput::stopOutput() {
+  internal_->stopOutput();
+}
 void VNFFMovieFileOutput::writeAudioData(const void* bytes, uint64_t length) {
   internal_->writeAudioData(bytes, length);
 }
@@ -64,4 +83,6 @@ std::shared_ptr<vn::BitmapContext> VNFFMovieFileOutput::createCGContext() const 
 void VNFFMovieFileOutput::drawImage(const vn::BitmapImage& image, vn::BitmapContext& context) {
   internal_->drawImage(image, context);
 }
-std::string VNFFMovieFileOutput::failureReason() const { return internal_->failureReason(); }
+std::string VNFFMovieFileOutput::failureReason() const {
+  return internal_->failureReason();
+}

@@ -107,27 +107,32 @@ void VNFFMovieFileOutputInternal::setAudioInputFormat(VNFFAudioFormat format) {
 }
 
 AVCodecContext* VNFFMovieFileOutputInternal::codecOf(const AVStream* stream) const {
-  if (!stream) return nullptr;
+  if (!stream)
+    return nullptr;
   for (const Encoder& e : encoders_) {
-    if (e.stream == stream) return e.codec.get();
+    if (e.stream == stream)
+      return e.codec.get();
   }
   return nullptr;
 }
 
 VNFFAudioFormat VNFFMovieFileOutputInternal::outputAudioFormat() const {
   const AVCodecContext* c = codecOf(audioStream_);
-  if (!c) return {};
+  if (!c)
+    return {};
   return {c->sample_fmt, maskOf(c->ch_layout), c->sample_rate};
 }
 
 VNFFVideoFormat VNFFMovieFileOutputInternal::outputVideoFormat() const {
   const AVCodecContext* c = codecOf(videoStream_);
-  if (!c) return {};
+  if (!c)
+    return {};
   return {c->pix_fmt, c->width, c->height};
 }
 
 void VNFFMovieFileOutputInternal::createMovieOutput() {
-  if (formatContext_ || spent_) return;
+  if (formatContext_ || spent_)
+    return;
   // Ringtones get the container of .m4a; the file keeps its own name.
   const std::string extension = lowercase(extensionOf(path_));
   const std::string guessName = extension == "m4r" ? "filename.m4a" : path_;
@@ -139,8 +144,7 @@ void VNFFMovieFileOutputInternal::createMovieOutput() {
     audioCodec_ = format.audio_codec ? format.audio_codec : guessed->audio_codec;
   }
   AVFormatContext* context = nullptr;
-  const int status =
-      avformat_alloc_output_context2(&context, guessed, nullptr, path_.c_str());
+  const int status = avformat_alloc_output_context2(&context, guessed, nullptr, path_.c_str());
   formatContext_.reset(context);
   if (!formatContext_) {
     if (!guessed && status == AVERROR(EINVAL))
@@ -160,23 +164,30 @@ void VNFFMovieFileOutputInternal::createMovieOutput() {
 
 void VNFFMovieFileOutputInternal::openAudio() {
   createMovieOutput();
-  if (!formatContext_) return;
-  audioStream_ = openOutputStream(
-      audioCodec_, [this](AVStream*, AVCodecContext* c, const AVCodec* e) { configureAudio(c, e); });
+  if (!formatContext_)
+    return;
+  audioStream_ = openOutputStream(audioCodec_, [this](AVStream*, AVCodecContext* c,
+                                                      const AVCodec* e) { configureAudio(c, e); });
 }
 
 void VNFFMovieFileOutputInternal::openVideo() {
   createMovieOutput();
-  if (!formatContext_) return;
-  videoStream_ = openOutputStream(
-      videoCodec_, [this](AVStream*, AVCodecContext* c, const AVCodec* e) { configureVideo(c, e); });
+  if (!formatContext_)
+    return;
+  videoStream_ = openOutputStream(videoCodec_, [this](AVStream*, AVCodecContext* c,
+                                                      const AVCodec* e) { configureVideo(c, e); });
 }
 
 AVStream* VNFFMovieFileOutputInternal::openOutputStream(int32_t codecId,
                                                         const StreamConfiguration& configure) {
-  if (!formatContext_) return nullptr;
+  if (!formatContext_)
+    return nullptr;
   const AVOutputFormat* container = formatContext_->oformat;
   const auto id = static_cast<AVCodecID>(codecId);
+  if (id == AV_CODEC_ID_NONE) {
+    fail(std::string("the ") + container->name + " container has no codec for this stream");
+    return nullptr;
+  }
   const AVCodec* encoder = avcodec_find_encoder(id);
   if (!encoder) {
     fail(std::string("no encoder for codec ") + avcodec_get_name(id));
@@ -200,7 +211,8 @@ AVStream* VNFFMovieFileOutputInternal::openOutputStream(int32_t codecId,
     fail(vn::ff::callError("avcodec_alloc_context3", AVERROR(ENOMEM)));
     return stream;
   }
-  if (container->flags & AVFMT_GLOBALHEADER) c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  if (container->flags & AVFMT_GLOBALHEADER)
+    c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   if (encoder->capabilities & AV_CODEC_CAP_EXPERIMENTAL)
     c->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
   configure(stream, c, encoder);
@@ -214,8 +226,8 @@ AVStream* VNFFMovieFileOutputInternal::openOutputStream(int32_t codecId,
   avcodec_parameters_from_context(stream->codecpar, c);
   stream->time_base = c->time_base;
   if (status != 0) {
-    fail(std::string("cannot open the ") + encoder->name + " encoder: " +
-         vn::ff::errorText(status));
+    fail(std::string("cannot open the ") + encoder->name +
+         " encoder: " + vn::ff::errorText(status));
     return nullptr;
   }
   return stream;
@@ -224,9 +236,8 @@ AVStream* VNFFMovieFileOutputInternal::openOutputStream(int32_t codecId,
 void VNFFMovieFileOutputInternal::configureAudio(AVCodecContext* c, const AVCodec* encoder) {
   const VNFFMovieFileOutputFormat format = movieFormat();
   // An encoder that lists no sample format gets the one we are given.
-  c->sample_fmt = encoder->sample_fmts
-                      ? encoder->sample_fmts[0]
-                      : static_cast<AVSampleFormat>(audioInputFormat().sample_fmt);
+  c->sample_fmt = encoder->sample_fmts ? encoder->sample_fmts[0]
+                                       : static_cast<AVSampleFormat>(audioInputFormat().sample_fmt);
   c->bit_rate = format.audio_bitrate;
   c->sample_rate = format.sample_rate;
   av_channel_layout_uninit(&c->ch_layout);
@@ -268,7 +279,8 @@ void VNFFMovieFileOutputInternal::tagColours(AVCodecContext* c) {
   if (!descriptor || (descriptor->flags & AV_PIX_FMT_FLAG_RGB) || descriptor->nb_components < 3)
     return;
   c->colorspace = AVCOL_SPC_SMPTE170M;
-  if (!std::string_view(descriptor->name).starts_with("yuvj")) c->color_range = AVCOL_RANGE_MPEG;
+  if (!std::string_view(descriptor->name).starts_with("yuvj"))
+    c->color_range = AVCOL_RANGE_MPEG;
 }
 
 AVRational VNFFMovieFileOutputInternal::movieFormatTimebase() const {
@@ -282,17 +294,21 @@ AVRational VNFFMovieFileOutputInternal::movieFrameDuration() const {
 
 bool VNFFMovieFileOutputInternal::startOutput() {
   if (!formatContext_) {
-    if (spent_) fail("the writer has finished its file already");
+    if (spent_)
+      fail("the writer has finished its file already");
     return false;
   }
-  if (audioStream_) audioConverter_->convertFrom(audioInputFormat(), outputAudioFormat());
-  if (videoStream_) videoConverter_->setOutputFormat(outputVideoFormat());
+  if (audioStream_)
+    audioConverter_->convertFrom(audioInputFormat(), outputAudioFormat());
+  if (videoStream_)
+    videoConverter_->setOutputFormat(outputVideoFormat());
   AVFormatContext* context = formatContext_.get();
   if (context->oformat->flags & AVFMT_NOFILE) {
     fail(std::string("the ") + context->oformat->name + " container writes no file of its own");
     return false;
   }
-  if (headerWritten_) return true;
+  if (headerWritten_)
+    return true;
   if (!context->pb) {
     const int status = avio_open(&context->pb, context->url, AVIO_FLAG_WRITE);
     if (status < 0) {
@@ -300,7 +316,8 @@ bool VNFFMovieFileOutputInternal::startOutput() {
       return false;
     }
   }
-  if (!context->pb) return true;
+  if (!context->pb)
+    return true;
   const int status = avformat_write_header(context, nullptr);
   if (status < 0) {
     fail(headerFailure(status));
@@ -322,7 +339,8 @@ std::string VNFFMovieFileOutputInternal::headerFailure(int status) const {
 }
 
 void VNFFMovieFileOutputInternal::stopOutput() {
-  if (!formatContext_) return;
+  if (!formatContext_)
+    return;
   if (headerWritten_) {
     // Each call drains whatever the encoder still holds; the second finds
     // it empty.
@@ -334,7 +352,8 @@ void VNFFMovieFileOutputInternal::stopOutput() {
     av_write_trailer(formatContext_.get());
   }
   freeEncoders();
-  if (!(formatContext_->oformat->flags & AVFMT_NOFILE)) avio_closep(&formatContext_->pb);
+  if (!(formatContext_->oformat->flags & AVFMT_NOFILE))
+    avio_closep(&formatContext_->pb);
   videoStream_ = nullptr;
   audioStream_ = nullptr;
   encoders_.clear();
@@ -353,17 +372,20 @@ void VNFFMovieFileOutputInternal::freeEncoders() {
 void VNFFMovieFileOutputInternal::writeAudioData(const void* bytes, uint64_t length) {
   audioConverter_->writeData(bytes, length);
   const AVCodecContext* c = codecOf(audioStream_);
-  if (!c) return;
+  if (!c)
+    return;
   AVFrame* frame = audioFrame_.get();
   const int samples = c->frame_size > 0 ? c->frame_size : kDefaultAudioFrameSize;
   const VNFFAudioFormat out = audioConverter_->outFormat();
-  const int size = av_samples_get_buffer_size(
-      nullptr, vn_get_channel_layout_nb_channels(out.channel_layout), samples,
-      static_cast<AVSampleFormat>(out.sample_fmt), 1);
-  if (size <= 0) return;
+  const int size =
+      av_samples_get_buffer_size(nullptr, vn_get_channel_layout_nb_channels(out.channel_layout),
+                                 samples, static_cast<AVSampleFormat>(out.sample_fmt), 1);
+  if (size <= 0)
+    return;
   try {
     // Grows once to the encoder's frame; later calls reuse it.
-    if (audioSamples_.size() < static_cast<size_t>(size)) audioSamples_.resize(size);
+    if (audioSamples_.size() < static_cast<size_t>(size))
+      audioSamples_.resize(size);
   } catch (const std::bad_alloc&) {
     return;
   }
@@ -371,8 +393,8 @@ void VNFFMovieFileOutputInternal::writeAudioData(const void* bytes, uint64_t len
   frame->format = c->sample_fmt;
   frame->sample_rate = c->sample_rate;
   if (av_channel_layout_copy(&frame->ch_layout, &c->ch_layout) < 0 ||
-      avcodec_fill_audio_frame(frame, c->ch_layout.nb_channels, c->sample_fmt,
-                               audioSamples_.data(), size, 1) < 0) {
+      avcodec_fill_audio_frame(frame, c->ch_layout.nb_channels, c->sample_fmt, audioSamples_.data(),
+                               size, 1) < 0) {
     av_frame_unref(frame);
     return;
   }
@@ -385,15 +407,18 @@ void VNFFMovieFileOutputInternal::writeAudioData(const void* bytes, uint64_t len
 }
 
 bool VNFFMovieFileOutputInternal::readAudioFrameFromBuffer(AVFrame* frame) {
-  if (!frame || frame->nb_samples <= 0) return false;
-  if (audioConverter_->outputBufferFrames() < kAudioReserve + frame->nb_samples) return false;
+  if (!frame || frame->nb_samples <= 0)
+    return false;
+  if (audioConverter_->outputBufferFrames() < kAudioReserve + frame->nb_samples)
+    return false;
   const int got = audioConverter_->convertFrom(nullptr, 0, frame->extended_data, frame->nb_samples);
   // The reserve keeps the resampler ahead of us, so a short pull should not
   // happen; if it does, the rest of the frame is silence rather than stale
   // samples of the previous frame.
   if (got < frame->nb_samples) {
     av_samples_set_silence(frame->extended_data, got, frame->nb_samples - got,
-                           frame->ch_layout.nb_channels, static_cast<AVSampleFormat>(frame->format));
+                           frame->ch_layout.nb_channels,
+                           static_cast<AVSampleFormat>(frame->format));
   }
   return true;
 }
@@ -430,7 +455,8 @@ void VNFFMovieFileOutputInternal::drawImage(const vn::BitmapImage& image,
 
 void VNFFMovieFileOutputInternal::writeVideoFrameDuration(AVRational duration) {
   const AVCodecContext* c = codecOf(videoStream_);
-  if (!c || videoConverter_->isOutputEmpty()) return;
+  if (!c || videoConverter_->isOutputEmpty())
+    return;
   const AVFrame* picture = videoConverter_->outputFrame();
   // The converter was sized from this encoder at startOutput; anything else
   // would be read past its planes.
@@ -438,7 +464,8 @@ void VNFFMovieFileOutputInternal::writeVideoFrameDuration(AVRational duration) {
     return;
   const int64_t length = av_rescale_q(1, duration, c->time_base);
   // A negative duration gives no usable length (FFmpeg answers INT64_MIN).
-  if (length < 0) return;
+  if (length < 0)
+    return;
   // A view of the converter's planes; the encoder copies what it keeps.
   AVFrame* frame = videoFrame_.get();
   av_frame_unref(frame);
@@ -461,14 +488,18 @@ void VNFFMovieFileOutputInternal::writeVideoFrameDuration(AVRational duration) {
 }
 
 bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
-  if (!stream) return false;
+  if (!stream)
+    return false;
   AVCodecContext* c = codecOf(stream);
-  if (!c) return false;
-  if (c->codec_type != AVMEDIA_TYPE_AUDIO && c->codec_type != AVMEDIA_TYPE_VIDEO) return false;
+  if (!c)
+    return false;
+  if (c->codec_type != AVMEDIA_TYPE_AUDIO && c->codec_type != AVMEDIA_TYPE_VIDEO)
+    return false;
   AVFrame* input = frame && frame->data[0] ? frame : nullptr;
   // Raising every audio timestamp by the encoder's delay is deliberate: the
   // encoder moves its packets back by that much, so the first starts at 0.
-  if (input && c->codec_type == AVMEDIA_TYPE_AUDIO) input->pts += c->initial_padding;
+  if (input && c->codec_type == AVMEDIA_TYPE_AUDIO)
+    input->pts += c->initial_padding;
   // A refused frame is skipped; its timestamp is spent all the same.
   avcodec_send_frame(c, input);
   bool wrote = false;
@@ -478,7 +509,8 @@ bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
     if (c->codec_type == AVMEDIA_TYPE_VIDEO) {
       const auto length = videoDurations_.find(packet->pts);
       if (length != videoDurations_.end()) {
-        if (packet->duration == 0) packet->duration = length->second;
+        if (packet->duration == 0)
+          packet->duration = length->second;
         videoDurations_.erase(length);
       }
     }
@@ -486,7 +518,8 @@ bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
     av_packet_rescale_ts(packet, c->time_base, stream->time_base);
     // Before the header is written (or after it was refused) the packet
     // has nowhere to go.
-    if (headerWritten_) av_interleaved_write_frame(formatContext_.get(), packet);
+    if (headerWritten_)
+      av_interleaved_write_frame(formatContext_.get(), packet);
     av_packet_unref(packet);
   }
   return wrote;

@@ -178,8 +178,8 @@ class VNFFMovieFileOutputInternal {
 
   // One per stream of the container, in index order.
   struct Encoder {
-    AVStream* stream;           // borrowed from formatContext_
-    vn::ff::CodecContext codec; // its encoder; freed under the codec lock
+    AVStream* stream;            // borrowed from formatContext_
+    vn::ff::CodecContext codec;  // its encoder; freed under the codec lock
   };
 
   AVCodecContext* codecOf(const AVStream* stream) const;
@@ -194,16 +194,16 @@ class VNFFMovieFileOutputInternal {
   std::string headerFailure(int status) const;
   void fail(std::string reason) { failureReason_ = std::move(reason); }
 
-  vn::ff::OutputFormatContext formatContext_;  // the container; null until made
-  int32_t videoCodec_ = 0;                     // chosen video AVCodecID
-  int32_t audioCodec_ = 0;                     // chosen audio AVCodecID
-  std::vector<Encoder> encoders_;              // every stream's encoder, by index
-  AVStream* audioStream_ = nullptr;            // the open audio stream
-  AVStream* videoStream_ = nullptr;            // the open video stream
-  std::shared_ptr<VNFFMpegAudioConverter> audioConverter_;        // audio queue
+  vn::ff::OutputFormatContext formatContext_;               // the container; null until made
+  int32_t videoCodec_ = 0;                                  // chosen video AVCodecID
+  int32_t audioCodec_ = 0;                                  // chosen audio AVCodecID
+  std::vector<Encoder> encoders_;                           // every stream's encoder, by index
+  AVStream* audioStream_ = nullptr;                         // the open audio stream
+  AVStream* videoStream_ = nullptr;                         // the open video stream
+  std::shared_ptr<VNFFMpegAudioConverter> audioConverter_;  // audio queue
   std::shared_ptr<VNFFImageColorspaceConverter> videoConverter_;  // picture converter
-  int64_t video_pts_ = 0;                      // next video timestamp, video time base
-  int64_t audio_pts_ = 0;                      // next audio timestamp, samples
+  int64_t video_pts_ = 0;  // next video timestamp, video time base
+  int64_t audio_pts_ = 0;  // next audio timestamp, samples
   mutable std::mutex formatLock_;
   VNFFMovieFileOutputFormat movieFormat_;      // guarded by formatLock_
   VNFFAudioFormat audioInputFormat_;           // guarded by formatLock_

@@ -35,9 +35,13 @@ constexpr int kSamples = kFrames * kSamplesPerFrame;
 constexpr double kToneHz = 440;
 constexpr double kToneAmplitude = 0.5;  // RMS 0.354, -9.0 dBFS
 
-std::string quote(const std::string& s) { return "'" + s + "'"; }
+std::string quote(const std::string& s) {
+  return "'" + s + "'";
+}
 
-std::string scratch(const std::string& name) { return vn::test::scratchDir() + "/" + name; }
+std::string scratch(const std::string& name) {
+  return vn::test::scratchDir() + "/" + name;
+}
 
 // A smooth picture that moves a good deal from one frame to the next (so a
 // frame out of place costs far more than the codecs' loss), RGBX.
@@ -73,14 +77,17 @@ nlohmann::json probe(const std::string& path) {
 
 const nlohmann::json* streamOfType(const nlohmann::json& probed, const std::string& type) {
   const auto streams = probed.find("streams");
-  if (streams == probed.end()) return nullptr;
+  if (streams == probed.end())
+    return nullptr;
   for (const auto& s : *streams)
-    if (s.value("codec_type", "") == type) return &s;
+    if (s.value("codec_type", "") == type)
+      return &s;
   return nullptr;
 }
 
 int64_t asInt(const nlohmann::json& s, const char* key) {
-  if (!s.contains(key)) return -1;
+  if (!s.contains(key))
+    return -1;
   return s[key].is_string() ? std::stoll(s[key].get<std::string>()) : s[key].get<int64_t>();
 }
 
@@ -95,7 +102,8 @@ double psnr(const std::string& path, const std::string& reference) {
       " -lavfi '[0:v]settb=1/25,setpts=N[a];[1:v]settb=1/25,setpts=N[b];[a][b]psnr'"
       " -f null - 2>&1");
   const size_t at = out.find("average:");
-  if (at == std::string::npos) return 0;
+  if (at == std::string::npos)
+    return 0;
   const std::string value = out.substr(at + 8, out.find(' ', at) - at - 8);
   return value == "inf" ? INFINITY : std::atof(value.c_str());
 }
@@ -113,7 +121,8 @@ Tone measureTone(const std::string& path) {
   const float* s = reinterpret_cast<const float*>(pcm.data());
   tone.samples = pcm.size() / sizeof(float);
   const size_t begin = kRate / 5;  // past encoder priming and fades
-  if (tone.samples < 2 * begin + kRate / 2) return tone;
+  if (tone.samples < 2 * begin + kRate / 2)
+    return tone;
   const size_t end = tone.samples - begin;
   int first = -1;
   int last = -1;
@@ -122,13 +131,15 @@ Tone measureTone(const std::string& path) {
   for (size_t i = begin; i < end; ++i) {
     sum += double(s[i]) * s[i];
     if (s[i - 1] < 0 && s[i] >= 0) {
-      if (first < 0) first = static_cast<int>(i);
+      if (first < 0)
+        first = static_cast<int>(i);
       last = static_cast<int>(i);
       ++crossings;
     }
   }
   tone.rms = std::sqrt(sum / double(end - begin));
-  if (crossings > 1) tone.hz = (crossings - 1) * double(kRate) / (last - first);
+  if (crossings > 1)
+    tone.hz = (crossings - 1) * double(kRate) / (last - first);
   return tone;
 }
 
@@ -141,8 +152,8 @@ struct Case {
   bool video;
   const char* expectVideo;  // ffprobe codec names
   const char* expectAudio;
-  int audioFrameSize;       // the encoder's frame size
-  int codecShortfall;       // samples the codec itself loses at the end
+  int audioFrameSize;  // the encoder's frame size
+  int codecShortfall;  // samples the codec itself loses at the end
   double minPsnr;
   Pictures pictures;
 };
@@ -160,7 +171,8 @@ void writeMovie(Writer& writer, const Case& c, const std::string& reference) {
   format.video_codec = vn_get_codec_id_by_name(c.videoCodec);
   format.audio_codec = vn_get_codec_id_by_name(c.audioCodec);
   writer.setMovieFormat(format);
-  if (c.video) writer.openVideo();
+  if (c.video)
+    writer.openVideo();
   writer.openAudio();
   ASSERT_EQ(writer.isVideoOpen(), c.video) << writer.failureReason();
   ASSERT_TRUE(writer.isAudioOpen()) << writer.failureReason();
@@ -177,8 +189,8 @@ void writeMovie(Writer& writer, const Case& c, const std::string& reference) {
       if (c.pictures == Pictures::kContext) {
         writer.writeCGContext(*context);
       } else if (c.pictures == Pictures::kImage) {
-        writer.writeImage(vn::BitmapImage::copyOf(context->data(), kWidth, kHeight,
-                                                  context->bytesPerRow()));
+        writer.writeImage(
+            vn::BitmapImage::copyOf(context->data(), kWidth, kHeight, context->bytesPerRow()));
       } else if constexpr (std::is_same_v<Writer, VNFFMovieFileOutputInternal>) {
         auto frame = vn::ff::makeFrame();
         frame->format = AV_PIX_FMT_RGBA;
@@ -271,15 +283,19 @@ TEST_P(MovieFileOutputRoundTrip, WritesWhatWasAsked) {
     writer->setPath(path);
     writeMovie(*writer, c, reference);
   }
-  if (HasFatalFailure()) return;
+  if (HasFatalFailure())
+    return;
   checkMovie(c, path, reference);
 }
 
-INSTANTIATE_TEST_SUITE_P(Containers, MovieFileOutputRoundTrip, ::testing::ValuesIn(kCases),
+INSTANTIATE_TEST_SUITE_P(Containers,
+                         MovieFileOutputRoundTrip,
+                         ::testing::ValuesIn(kCases),
                          [](const auto& test) {
                            std::string name = test.param.file;
                            for (char& ch : name)
-                             if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+                             if (!std::isalnum(static_cast<unsigned char>(ch)))
+                               ch = '_';
                            return name;
                          });
 
@@ -288,7 +304,9 @@ class MovieFileOutputTest : public ::testing::Test {
   std::shared_ptr<VNFFMovieFileOutputInternal> writer = VNFFMovieFileOutputInternal::create();
 
   // Size, rate and codecs on top of the defaults.
-  void setFormat(int32_t videoCodec = 0, int32_t audioCodec = 0, int framerate = kFps,
+  void setFormat(int32_t videoCodec = 0,
+                 int32_t audioCodec = 0,
+                 int framerate = kFps,
                  int frameTime = 1) {
     VNFFMovieFileOutputFormat format;
     movieFileOutputFormatToDefaults(&format);
@@ -311,17 +329,20 @@ class MovieFileOutputTest : public ::testing::Test {
 TEST_F(MovieFileOutputTest, ContainerAndCodecChoice) {
   const struct {
     const char* file;
-    AVCodecID video, audio;                  // asked for; NONE = container default
-    const char* container;                   // null: no container
+    AVCodecID video, audio;  // asked for; NONE = container default
+    const char* container;   // null: no container
     AVCodecID chosenVideo, chosenAudio;
     const char* reason;
   } cases[] = {
       {"a.mp4", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, "mp4", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
       {"b.mp4", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP3, "mp4", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP3, ""},
       {"c.mov", AV_CODEC_ID_QTRLE, AV_CODEC_ID_NONE, "mov", AV_CODEC_ID_QTRLE, AV_CODEC_ID_AAC, ""},
-      {"ring.m4r", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, "ipod", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
-      {"RING.M4R", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, "ipod", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
-      {"ring.m4r.mp3", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, "mp3", AV_CODEC_ID_PNG, AV_CODEC_ID_MP3, ""},
+      {"ring.m4r", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, "ipod", AV_CODEC_ID_H264, AV_CODEC_ID_AAC,
+       ""},
+      {"RING.M4R", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, "ipod", AV_CODEC_ID_H264, AV_CODEC_ID_AAC,
+       ""},
+      {"ring.m4r.mp3", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, "mp3", AV_CODEC_ID_PNG, AV_CODEC_ID_MP3,
+       ""},
       {"d.xyz", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, nullptr, AV_CODEC_ID_NONE, AV_CODEC_ID_NONE,
        "unknown container for extension .xyz"},
       {"noextension", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, nullptr, AV_CODEC_ID_NONE,
@@ -364,7 +385,8 @@ TEST_F(MovieFileOutputTest, StreamsInOpeningOrder) {
   ASSERT_TRUE(writer->isVideoOpen() && writer->isAudioOpen());
   const AVFormatContext* container = writer->formatContext();
   ASSERT_EQ(container->nb_streams, 3u);
-  for (unsigned i = 0; i < 3; ++i) EXPECT_EQ(container->streams[i]->id, int(i) + 1);
+  for (unsigned i = 0; i < 3; ++i)
+    EXPECT_EQ(container->streams[i]->id, int(i) + 1);
   EXPECT_EQ(writer->videoStream()->index, 0);
   EXPECT_EQ(writer->audioStream()->index, 2);
   ASSERT_TRUE(writer->startOutput());
@@ -395,8 +417,8 @@ TEST_F(MovieFileOutputTest, AudioFramesKeepAReserve) {
       int write;
       int64_t pts;
       int held;
-    } steps[] = {{1535, 0, 1535}, {1, 1024, 512}, {1023, 1024, 1535}, {1, 2048, 512},
-                 {4096, 6144, 512}};
+    } steps[] = {
+        {1535, 0, 1535}, {1, 1024, 512}, {1023, 1024, 1535}, {1, 2048, 512}, {4096, 6144, 512}};
     for (const auto& step : steps) {
       writeSamples(step.write);
       EXPECT_EQ(writer->audio_pts(), step.pts);
@@ -408,7 +430,8 @@ TEST_F(MovieFileOutputTest, AudioFramesKeepAReserve) {
   // which the encoder takes off again: the first AAC packet is at 0.
   const std::string first = vn::test::runShell(
       "ffprobe -v error -select_streams a:0 -show_entries packet=pts -read_intervals %+#1 "
-      "-of csv=p=0 " + quote(scratch("framing.m4a")));
+      "-of csv=p=0 " +
+      quote(scratch("framing.m4a")));
   EXPECT_EQ(first, "0\n");
 }
 
@@ -421,7 +444,11 @@ TEST_F(MovieFileOutputTest, VideoTimestamps) {
     std::vector<int64_t> pts;    // video_pts after each picture
     const char* times;           // picture times read back from the file
   } cases[] = {
-      {25, 1, {0, 0, 0, 3, 0}, {1, 2, 3, 6, 7}, "0.000000\n0.040000\n0.080000\n0.120000\n0.240000\n"},
+      {25,
+       1,
+       {0, 0, 0, 3, 0},
+       {1, 2, 3, 6, 7},
+       "0.000000\n0.040000\n0.080000\n0.120000\n0.240000\n"},
       {30000, 1001, {0, 2002, 0}, {1, 3, 4}, "0.000000\n0.033000\n0.100000\n"},
   };
   for (const auto& c : cases) {
@@ -443,7 +470,8 @@ TEST_F(MovieFileOutputTest, VideoTimestamps) {
     }
     writer->stopOutput();
     EXPECT_EQ(vn::test::runShell("ffprobe -v error -select_streams v:0 -show_entries "
-                                 "frame=best_effort_timestamp_time -of csv=p=0 " + quote(path)),
+                                 "frame=best_effort_timestamp_time -of csv=p=0 " +
+                                 quote(path)),
               c.times);
   }
 }
@@ -454,7 +482,7 @@ TEST_F(MovieFileOutputTest, FailuresKeepAReason) {
   const struct {
     const char* path;  // under the scratch directory unless absolute
     AVCodecID video, audio;
-    bool opens;        // the streams open
+    bool opens;  // the streams open
     const char* reason;
   } cases[] = {
       {"frames.png", AV_CODEC_ID_NONE, AV_CODEC_ID_NONE, true,
@@ -487,7 +515,8 @@ TEST_F(MovieFileOutputTest, FailuresKeepAReason) {
     EXPECT_EQ(writer->failureReason(), c.reason);
     // Nothing that follows may crash or write.
     writeSamples(4096);
-    if (auto context = writer->createCGContext()) writer->writeCGContext(*context);
+    if (auto context = writer->createCGContext())
+      writer->writeCGContext(*context);
     writer->stopOutput();
     if (c.path[0] != '/' && std::string(c.path) != "wma.mp4") {
       EXPECT_FALSE(std::filesystem::exists(path));

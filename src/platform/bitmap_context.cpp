@@ -18,7 +18,8 @@ inline uint8_t mul255(unsigned x, unsigned a) {
 }  // namespace
 
 std::shared_ptr<BitmapContext> BitmapContext::create(int width, int height, Alpha alpha) {
-  if (width <= 0 || height <= 0 || width > (1 << 28) / height) return nullptr;
+  if (width <= 0 || height <= 0 || width > (1 << 28) / height)
+    return nullptr;
   try {
     return std::shared_ptr<BitmapContext>(new BitmapContext(width, height, alpha));
   } catch (const std::bad_alloc&) {
@@ -30,14 +31,16 @@ BitmapContext::BitmapContext(int width, int height, Alpha alpha)
     : width_(width), height_(height), alpha_(alpha) {
   pixels_.assign(static_cast<size_t>(width) * height * 4, 0);
   if (alpha_ == Alpha::kNoneSkipLast) {
-    for (size_t i = 3; i < pixels_.size(); i += 4) pixels_[i] = 255;
+    for (size_t i = 3; i < pixels_.size(); i += 4)
+      pixels_[i] = 255;
   }
 }
 
 BitmapContext::~BitmapContext() = default;
 
 void BitmapContext::drawImage(const BitmapImage& image, Composite mode) {
-  if (image.isEmpty()) return;
+  if (image.isEmpty())
+    return;
   // Bilinear resampling in premultiplied space (so transparent pixels lend
   // no colour to their neighbours), with 8-bit fixed-point weights; at equal
   // sizes every weight is 0 and the pixels are copied exactly.
@@ -50,9 +53,11 @@ void BitmapContext::drawImage(const BitmapImage& image, Composite mode) {
     std::vector<Tap> result(to);
     for (int i = 0; i < to; ++i) {
       double pos = (i + 0.5) * from / to - 0.5;
-      if (pos < 0) pos = 0;
+      if (pos < 0)
+        pos = 0;
       int first = static_cast<int>(pos);
-      if (first > from - 1) first = from - 1;
+      if (first > from - 1)
+        first = from - 1;
       const int second = first + 1 < from ? first + 1 : first;
       result[i] = {first, second, static_cast<unsigned>((pos - first) * 256 + 0.5)};
     }
@@ -82,16 +87,19 @@ void BitmapContext::drawImage(const BitmapImage& image, Composite mode) {
       unsigned premultiplied[4];
       for (int c = 0; c < 4; ++c) {
         unsigned sum = 0;
-        for (int k = 0; k < 4; ++k) sum += w[k] * (c == 3 ? p[k][3] : mul255(p[k][c], p[k][3]));
+        for (int k = 0; k < 4; ++k)
+          sum += w[k] * (c == 3 ? p[k][3] : mul255(p[k][c], p[k][3]));
         premultiplied[c] = (sum + 32768) >> 16;
       }
       const unsigned a = premultiplied[3];
       if (mode == Composite::kCopy || a == 255) {
-        for (int c = 0; c < 3; ++c) d[c] = static_cast<uint8_t>(premultiplied[c]);
+        for (int c = 0; c < 3; ++c)
+          d[c] = static_cast<uint8_t>(premultiplied[c]);
         d[3] = hasAlpha ? static_cast<uint8_t>(a) : 255;
       } else {
         const unsigned keep = 255 - a;
-        for (int c = 0; c < 3; ++c) d[c] = static_cast<uint8_t>(premultiplied[c] + mul255(d[c], keep));
+        for (int c = 0; c < 3; ++c)
+          d[c] = static_cast<uint8_t>(premultiplied[c] + mul255(d[c], keep));
         d[3] = hasAlpha ? static_cast<uint8_t>(a + mul255(d[3], keep)) : 255;
       }
     }

@@ -31,7 +31,8 @@ class BitmapContext {
 
   // A context of the given size; null when a size is not positive or memory
   // runs out.
-  static std::shared_ptr<BitmapContext> create(int width, int height,
+  static std::shared_ptr<BitmapContext> create(int width,
+                                               int height,
                                                Alpha alpha = Alpha::kNoneSkipLast);
 
   BitmapContext(const BitmapContext&) = delete;
@@ -55,9 +56,9 @@ class BitmapContext {
  private:
   BitmapContext(int width, int height, Alpha alpha);
 
-  int width_;                     // pixels
-  int height_;                    // rows
-  Alpha alpha_;                   // meaning of the fourth byte
+  int width_;                    // pixels
+  int height_;                   // rows
+  Alpha alpha_;                  // meaning of the fourth byte
   std::vector<uint8_t> pixels_;  // the surface
 };
 

@@ -30,9 +30,11 @@ TEST(BitmapContextTest, CompositingModes) {
     int red, fourth;
   } cases[] = {
       {vn::BitmapContext::Alpha::kNoneSkipLast, vn::BitmapContext::Composite::kCopy, 128, 255},
-      {vn::BitmapContext::Alpha::kNoneSkipLast, vn::BitmapContext::Composite::kSourceOver, 128, 255},
+      {vn::BitmapContext::Alpha::kNoneSkipLast, vn::BitmapContext::Composite::kSourceOver, 128,
+       255},
       {vn::BitmapContext::Alpha::kPremultipliedLast, vn::BitmapContext::Composite::kCopy, 128, 128},
-      {vn::BitmapContext::Alpha::kPremultipliedLast, vn::BitmapContext::Composite::kSourceOver, 128, 128},
+      {vn::BitmapContext::Alpha::kPremultipliedLast, vn::BitmapContext::Composite::kSourceOver, 128,
+       128},
   };
   for (const auto& c : cases) {
     auto context = vn::BitmapContext::create(2, 2, c.alpha);

@@ -14,7 +14,10 @@ bool validLayout(const uint8_t* rgba, int width, int height, int bytesPerRow) {
 
 }  // namespace
 
-BitmapImage::BitmapImage(const uint8_t* data, int width, int height, int bytesPerRow,
+BitmapImage::BitmapImage(const uint8_t* data,
+                         int width,
+                         int height,
+                         int bytesPerRow,
                          std::shared_ptr<const void> owner)
     : data_(data),
       width_(width),
@@ -23,7 +26,8 @@ BitmapImage::BitmapImage(const uint8_t* data, int width, int height, int bytesPe
       owner_(std::move(owner)) {}
 
 BitmapImage BitmapImage::copyOf(const uint8_t* rgba, int width, int height, int bytesPerRow) {
-  if (!validLayout(rgba, width, height, bytesPerRow)) return {};
+  if (!validLayout(rgba, width, height, bytesPerRow))
+    return {};
   const size_t rowBytes = static_cast<size_t>(width) * 4;
   std::shared_ptr<std::vector<uint8_t>> pixels;
   try {
@@ -39,9 +43,13 @@ BitmapImage BitmapImage::copyOf(const uint8_t* rgba, int width, int height, int 
   return BitmapImage(first, width, height, static_cast<int>(rowBytes), std::move(pixels));
 }
 
-BitmapImage BitmapImage::borrow(const uint8_t* rgba, int width, int height, int bytesPerRow,
+BitmapImage BitmapImage::borrow(const uint8_t* rgba,
+                                int width,
+                                int height,
+                                int bytesPerRow,
                                 std::shared_ptr<const void> owner) {
-  if (!validLayout(rgba, width, height, bytesPerRow)) return {};
+  if (!validLayout(rgba, width, height, bytesPerRow))
+    return {};
   return BitmapImage(rgba, width, height, bytesPerRow, std::move(owner));
 }
 

@@ -30,7 +30,10 @@ class BitmapImage {
   // (which may be null when the caller guarantees the memory outlives every
   // copy of the image) is kept alive as long as the image. The same checks
   // as copyOf apply.
-  static BitmapImage borrow(const uint8_t* rgba, int width, int height, int bytesPerRow,
+  static BitmapImage borrow(const uint8_t* rgba,
+                            int width,
+                            int height,
+                            int bytesPerRow,
                             std::shared_ptr<const void> owner);
 
   bool isEmpty() const { return data_ == nullptr; }
@@ -42,7 +45,10 @@ class BitmapImage {
   const uint8_t* row(int y) const { return data_ + static_cast<size_t>(y) * bytesPerRow_; }
 
  private:
-  BitmapImage(const uint8_t* data, int width, int height, int bytesPerRow,
+  BitmapImage(const uint8_t* data,
+              int width,
+              int height,
+              int bytesPerRow,
               std::shared_ptr<const void> owner);
 
   const uint8_t* data_ = nullptr;      // first pixel of the top row
