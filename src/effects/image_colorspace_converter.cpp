@@ -1,6 +1,8 @@
 #include "effects/image_colorspace_converter.h"
 
+#include <cmath>
 #include <new>
+#include <vector>
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -11,6 +13,7 @@ extern "C" {
 
 #include "platform/bitmap_context.h"
 #include "platform/bitmap_image.h"
+#include "platform/filter_image.h"
 
 std::shared_ptr<VNFFImageColorspaceConverter> VNFFImageColorspaceConverter::create() {
   try {
@@ -148,6 +151,31 @@ void VNFFImageColorspaceConverter::convertImage(const vn::BitmapImage& image) {
 void VNFFImageColorspaceConverter::drawImage(const vn::BitmapImage& image,
                                              vn::BitmapContext& context) {
   context.drawImage(image, vn::BitmapContext::Composite::kCopy);
+}
+
+void VNFFImageColorspaceConverter::convertImage(const vn::FilterImage& image) {
+  createContext();
+  if (!cgcontext_)
+    return;
+  drawImage(image, *cgcontext_);
+  convertContext(*cgcontext_);
+}
+
+void VNFFImageColorspaceConverter::drawImage(const vn::FilterImage& image,
+                                             vn::BitmapContext& context) {
+  const vn::Rect extent = image.extent();
+  if (!std::isfinite(extent.width) || !std::isfinite(extent.height))
+    return;
+  const int width = static_cast<int>(extent.width);
+  const int height = static_cast<int>(extent.height);
+  if (width <= 0 || height <= 0)
+    return;
+  const std::vector<uint8_t> pixels = image.render();
+  if (pixels.size() != static_cast<size_t>(width) * height * 4)
+    return;
+  // The rendered rows outlive the draw, so the bitmap may borrow them.
+  context.drawImage(vn::BitmapImage::borrow(pixels.data(), width, height, width * 4, nullptr),
+                    vn::BitmapContext::Composite::kSourceOver);
 }
 
 std::optional<vn::BitmapImage> VNFFImageColorspaceConverter::outputImage() {

@@ -1,11 +1,11 @@
 // VNFFImageColorspaceConverter: turns pictures of any kind into one picture
 // buffer of a fixed size and FFmpeg pixel format.
 //
-// Takes decoded FFmpeg frames, raw pixel bytes, bitmap contexts and bitmap
-// images; the movie file writer owns one to feed its video encoder. The
-// output buffer is allocated once, at the first conversion, at the size and
-// pixel format outputFormat holds at that moment, and is reused by every
-// later conversion: set outputFormat before converting.
+// Takes decoded FFmpeg frames, raw pixel bytes, bitmap contexts, bitmap
+// images and filter images; the movie file writer owns one to feed its video
+// encoder. The output buffer is allocated once, at the first conversion, at
+// the size and pixel format outputFormat holds at that moment, and is reused
+// by every later conversion: set outputFormat before converting.
 //
 //   empty --(first conversion with a non-zero output size)--> allocated
 //
@@ -31,6 +31,7 @@ struct AVFrame;
 namespace vn {
 class BitmapContext;
 class BitmapImage;
+class FilterImage;
 }  // namespace vn
 
 class VNFFImageColorspaceConverter
@@ -84,15 +85,15 @@ class VNFFImageColorspaceConverter
   // Draws image over the converter's own context with drawImage and converts
   // the context.
   void convertImage(const vn::BitmapImage& image);
-  // Filter images (the lazily evaluated images of the effect layer) get the
-  // same pair of calls, convertImage(const vn::FilterImage&) and
-  // drawImage(const vn::FilterImage&, vn::BitmapContext&), which render the
-  // image's extent stretched over the whole context. They are added with
-  // vn::FilterImage; until then only bitmap images are drawn.
+  void convertImage(const vn::FilterImage& image);
 
-  // Draws image stretched over the whole of context, replacing what it held
-  // (transparent parts included).
+  // Draws a bitmap image stretched over the whole of context, replacing what
+  // it held (transparent parts included).
   void drawImage(const vn::BitmapImage& image, vn::BitmapContext& context);
+  // Renders a filter image's extent and draws it stretched over the whole of
+  // context, laid over what it held. An image that does not render (an
+  // infinite extent, a libvips failure) draws nothing.
+  void drawImage(const vn::FilterImage& image, vn::BitmapContext& context);
 
   // An RGBA image over the output buffer, without copying: it keeps this
   // converter alive and shows whatever the next conversion writes. None

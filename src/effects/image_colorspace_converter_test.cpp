@@ -12,6 +12,7 @@ extern "C" {
 
 #include "platform/bitmap_context.h"
 #include "platform/bitmap_image.h"
+#include "platform/filter_image.h"
 
 namespace {
 
@@ -146,6 +147,25 @@ TEST_F(ImageColorspaceConverterTest, ImagesAreDrawnOverOrReplace) {
   EXPECT_NEAR(copy[2], 128, 1);  // premultiplied onto nothing: darkened
   EXPECT_EQ(over.size(), 64u);
   EXPECT_EQ(copy[60], copy[0]);  // stretched over the whole context
+}
+
+// A filter image's extent is rendered and laid over the context, stretched.
+TEST_F(ImageColorspaceConverterTest, FilterImagesAreLaidOver) {
+  setOutput(AV_PIX_FMT_RGBA, 4, 4);
+  const uint8_t red[4] = {255, 0, 0, 255};
+  converter->convertImage(vn::BitmapImage::copyOf(red, 1, 1, 4));
+  // 2 x 1, placed away from the origin: half-transparent blue, opaque green.
+  const uint8_t pixels[8] = {0, 0, 255, 128, 0, 255, 0, 255};
+  auto image = vn::FilterImage::fromRaster(pixels, 2, 1, 8, vn::FilterImage::ByteOrder::RGBA);
+  ASSERT_TRUE(image);
+  converter->convertImage(image->translated(50, -20));
+  const auto out = outputPixels(*converter);
+  EXPECT_NEAR(out[0], 127, 1);  // red under half blue
+  EXPECT_NEAR(out[2], 128, 1);
+  EXPECT_EQ(out[3], 255);
+  const uint8_t* bottomRight = &out[(3 * 4 + 3) * 4];
+  EXPECT_EQ(bottomRight[0], 0);
+  EXPECT_EQ(bottomRight[1], 255);
 }
 
 TEST_F(ImageColorspaceConverterTest, OutputImageSharesTheBuffer) {

@@ -71,6 +71,9 @@ void VNFFMovieFileOutput::writeAudioData(const void* bytes, uint64_t length) {
 void VNFFMovieFileOutput::writeImage(const vn::BitmapImage& image) {
   internal_->writeImage(image);
 }
+void VNFFMovieFileOutput::writeImage(const vn::FilterImage& image) {
+  internal_->writeImage(image);
+}
 void VNFFMovieFileOutput::writeCGContext(const vn::BitmapContext& context) {
   internal_->writeCGContext(context);
 }
@@ -81,6 +84,9 @@ std::shared_ptr<vn::BitmapContext> VNFFMovieFileOutput::createCGContext() const 
   return internal_->createCGContext();
 }
 void VNFFMovieFileOutput::drawImage(const vn::BitmapImage& image, vn::BitmapContext& context) {
+  internal_->drawImage(image, context);
+}
+void VNFFMovieFileOutput::drawImage(const vn::FilterImage& image, vn::BitmapContext& context) {
   internal_->drawImage(image, context);
 }
 std::string VNFFMovieFileOutput::failureReason() const {

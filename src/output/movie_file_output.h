@@ -24,6 +24,7 @@
 namespace vn {
 class BitmapContext;
 class BitmapImage;
+class FilterImage;
 }  // namespace vn
 
 class VNFFMovieFileOutputInternal;
@@ -84,14 +85,17 @@ class VNFFMovieFileOutput {
   // Each picture lasts one frame (frameTime ticks of framerate), or
   // duration ticks of framerate.
   void writeImage(const vn::BitmapImage& image);
+  void writeImage(const vn::FilterImage& image);
   void writeCGContext(const vn::BitmapContext& context);
   void writeCGContext(const vn::BitmapContext& context, int32_t duration);
 
   // A new RGBX bitmap context of the picture size (known once startOutput
   // has run; null before), owned by the caller, to draw a picture into.
   std::shared_ptr<vn::BitmapContext> createCGContext() const;
-  // Draws image stretched over context, replacing what it held.
+  // Draws image stretched over context: a bitmap image replaces what the
+  // context held, a filter image (its extent) is laid over it.
   void drawImage(const vn::BitmapImage& image, vn::BitmapContext& context);
+  void drawImage(const vn::FilterImage& image, vn::BitmapContext& context);
 
   // Why the last failure happened, as one line for a user ("unknown
   // container for extension .xyz", "Permission denied", "the mp4 container

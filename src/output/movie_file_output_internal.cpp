@@ -433,6 +433,11 @@ void VNFFMovieFileOutputInternal::writeImage(const vn::BitmapImage& image) {
   writeVideoFrameDuration(movieFrameDuration());
 }
 
+void VNFFMovieFileOutputInternal::writeImage(const vn::FilterImage& image) {
+  videoConverter_->convertImage(image);
+  writeVideoFrameDuration(movieFrameDuration());
+}
+
 void VNFFMovieFileOutputInternal::writeCGContext(const vn::BitmapContext& context) {
   videoConverter_->convertContext(context);
   writeVideoFrameDuration(movieFrameDuration());
@@ -449,6 +454,11 @@ std::shared_ptr<vn::BitmapContext> VNFFMovieFileOutputInternal::createCGContext(
 }
 
 void VNFFMovieFileOutputInternal::drawImage(const vn::BitmapImage& image,
+                                            vn::BitmapContext& context) {
+  videoConverter_->drawImage(image, context);
+}
+
+void VNFFMovieFileOutputInternal::drawImage(const vn::FilterImage& image,
                                             vn::BitmapContext& context) {
   videoConverter_->drawImage(image, context);
 }

@@ -40,6 +40,7 @@ struct AVStream;
 namespace vn {
 class BitmapContext;
 class BitmapImage;
+class FilterImage;
 }  // namespace vn
 
 class VNFFImageColorspaceConverter;
@@ -115,17 +116,18 @@ class VNFFMovieFileOutputInternal {
   // of framerate.
   void writeVideoFrame(const AVFrame* frame);
   void writeImage(const vn::BitmapImage& image);
+  void writeImage(const vn::FilterImage& image);
   void writeCGContext(const vn::BitmapContext& context);
   void writeCGContext(const vn::BitmapContext& context, int32_t duration);
-  // Filter images get writeImage(const vn::FilterImage&), converted with the
-  // colour-space converter's filter-image path, when vn::FilterImage lands.
 
   // A new bitmap context of the picture size (the video encoder's once
   // startOutput has run), owned by the caller; null before that size is
   // known.
   std::shared_ptr<vn::BitmapContext> createCGContext() const;
-  // Draws image stretched over context, replacing what it held.
+  // Draws image stretched over context: a bitmap image replaces what the
+  // context held, a filter image (its extent) is laid over it.
   void drawImage(const vn::BitmapImage& image, vn::BitmapContext& context);
+  void drawImage(const vn::FilterImage& image, vn::BitmapContext& context);
 
   // Why the last failing operation failed: "unknown container for extension
   // .xyz", FFmpeg's error text for an unwritable file, a refused codec...

@@ -21,6 +21,7 @@ extern "C" {
 #include "output/movie_file_output_internal.h"
 #include "platform/bitmap_context.h"
 #include "platform/bitmap_image.h"
+#include "platform/filter_image.h"
 #include "test_support.h"
 
 namespace {
@@ -143,7 +144,7 @@ Tone measureTone(const std::string& path) {
   return tone;
 }
 
-enum class Pictures { kContext, kImage, kFrame };
+enum class Pictures { kContext, kImage, kFilterImage, kFrame };
 
 struct Case {
   const char* file;
@@ -191,6 +192,12 @@ void writeMovie(Writer& writer, const Case& c, const std::string& reference) {
       } else if (c.pictures == Pictures::kImage) {
         writer.writeImage(
             vn::BitmapImage::copyOf(context->data(), kWidth, kHeight, context->bytesPerRow()));
+      } else if (c.pictures == Pictures::kFilterImage) {
+        auto image =
+            vn::FilterImage::fromRaster(context->data(), kWidth, kHeight, context->bytesPerRow(),
+                                        vn::FilterImage::ByteOrder::RGBA);
+        ASSERT_TRUE(image);
+        writer.writeImage(*image);
       } else if constexpr (std::is_same_v<Writer, VNFFMovieFileOutputInternal>) {
         auto frame = vn::ff::makeFrame();
         frame->format = AV_PIX_FMT_RGBA;
@@ -260,7 +267,7 @@ const Case kCases[] = {
     {"movie.mkv", "", "", true, "h264", "vorbis", 64, 0, 35, Pictures::kImage},
     {"movie.mov", "animation", "alac", true, "qtrle", "alac", 4096, 0, 60, Pictures::kFrame},
     {"movie.avi", "", "", true, "mpeg4", "mp3", 1152, 0, 35, Pictures::kContext},
-    {"movie.mpg", "", "", true, "mpeg1video", "mp2", 1152, 0, 35, Pictures::kContext},
+    {"movie.mpg", "", "", true, "mpeg1video", "mp2", 1152, 0, 35, Pictures::kFilterImage},
     {"movie2.mpg", "mpeg2", "", true, "mpeg2video", "mp2", 1152, 0, 35, Pictures::kFrame},
     {"movie.wmv", "", "wma2", true, "msmpeg4v3", "wmav2", 2048, 2048, 35, Pictures::kContext},
     {"tone.m4a", "", "", false, "", "aac", 1024, 0, 0, Pictures::kContext},
