@@ -132,33 +132,32 @@ void VNFFImageColorspaceConverter::createContext() {
     cgcontext_ = createCGContext();
 }
 
-void VNFFImageColorspaceConverter::convertBitmapImage(const vn::BitmapImage& image) {
+void VNFFImageColorspaceConverter::convertDrawing(
+    const std::function<void(vn::BitmapContext&)>& draw) {
   createContext();
   if (!cgcontext_)
     return;
-  cgcontext_->drawImage(image, vn::BitmapContext::Composite::kSourceOver);
+  draw(*cgcontext_);
   convertContext(*cgcontext_);
 }
 
+void VNFFImageColorspaceConverter::convertBitmapImage(const vn::BitmapImage& image) {
+  convertDrawing([&image](vn::BitmapContext& context) {
+    context.drawImage(image, vn::BitmapContext::Composite::kSourceOver);
+  });
+}
+
 void VNFFImageColorspaceConverter::convertImage(const vn::BitmapImage& image) {
-  createContext();
-  if (!cgcontext_)
-    return;
-  drawImage(image, *cgcontext_);
-  convertContext(*cgcontext_);
+  convertDrawing([this, &image](vn::BitmapContext& context) { drawImage(image, context); });
+}
+
+void VNFFImageColorspaceConverter::convertImage(const vn::FilterImage& image) {
+  convertDrawing([this, &image](vn::BitmapContext& context) { drawImage(image, context); });
 }
 
 void VNFFImageColorspaceConverter::drawImage(const vn::BitmapImage& image,
                                              vn::BitmapContext& context) {
   context.drawImage(image, vn::BitmapContext::Composite::kCopy);
-}
-
-void VNFFImageColorspaceConverter::convertImage(const vn::FilterImage& image) {
-  createContext();
-  if (!cgcontext_)
-    return;
-  drawImage(image, *cgcontext_);
-  convertContext(*cgcontext_);
 }
 
 void VNFFImageColorspaceConverter::drawImage(const vn::FilterImage& image,

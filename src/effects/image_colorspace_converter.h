@@ -19,6 +19,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -103,6 +104,10 @@ class VNFFImageColorspaceConverter
 
  private:
   VNFFImageColorspaceConverter();
+
+  // Creates the own context if needed, lets draw paint into it and converts
+  // it.
+  void convertDrawing(const std::function<void(vn::BitmapContext&)>& draw);
 
   // Allocates the output on first use, then scales the source picture
   // (planes of an AVPixelFormat) into it.
