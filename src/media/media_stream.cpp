@@ -151,6 +151,14 @@ VNFFVideoFormat VNFFMediaStream::videoFormat() const {
 void VNFFMediaStream::open() {
   if (isOpen()) return;
   if (const AVCodec* decoder = avcodec_find_decoder(codec_->codec_id)) {
+    if (isVideo()) {
+      // Two frame threads: pictures decode in parallel, and each comes out
+      // one packet later. A seek stops reading at the first packet at or
+      // after its target, so the picture covering the target is then the
+      // one shown, not the one after it.
+      codec_->thread_count = 2;
+      codec_->thread_type = FF_THREAD_FRAME;
+    }
     std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
     if (avcodec_open2(codec_.get(), decoder, nullptr) < 0) {
       // A failed open leaves the context half torn down; start afresh so a
