@@ -1,0 +1,346 @@
+#include "movie/effect_audio_stream.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+extern "C" {
+#include <libavfilter/avfilter.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/frame.h>
+#include <libavutil/mathematics.h>
+#include <libavutil/opt.h>
+#include <libavutil/samplefmt.h>
+}
+
+#include "media/media.h"
+#include "media/media_stream.h"
+
+namespace {
+
+constexpr int kMaxMixedStreams = 32;
+constexpr int kSilenceSamples = 1024;
+// A read feeds sources at most this many rounds before it gives up and
+// returns silence: every round gives each starved source one frame, so a
+// chunk needs a handful; the bound only matters for a graph that never
+// produces.
+constexpr int kMaxFeedRounds = 256;
+
+struct LayoutName {
+  const char* name;
+  uint64_t mask;
+};
+
+// FFmpeg's layout names, searched in this order; the first equal mask wins.
+constexpr LayoutName kLayoutNames[] = {
+    {"mono", 0x4},           {"stereo", 0x3},        {"2.1", 0xb},
+    {"3.0", 0x7},            {"3.0(back)", 0x103},   {"4.0", 0x107},
+    {"quad", 0x33},          {"quad(side)", 0x603},  {"3.1", 0xf},
+    {"5.0", 0x37},           {"5.0(side)", 0x607},   {"4.1", 0x10f},
+    {"5.1", 0x3f},           {"5.1(side)", 0x60f},   {"6.0", 0x707},
+    {"6.0(front)", 0x6c3},   {"hexagonal", 0x137},   {"6.1", 0x70f},
+    {"6.1", 0x13f},          {"6.1(front)", 0x6cb},  {"7.0", 0x637},
+    {"7.0(front)", 0x6c7},   {"7.1", 0x63f},         {"7.1(wide)", 0x6cf},
+    {"octagonal", 0x737},    {"downmix", 0x60000000},
+};
+
+int channelsOf(uint64_t mask) { return vn_get_channel_layout_nb_channels(mask); }
+
+void setLayout(AVFrame* frame, uint64_t mask) {
+  av_channel_layout_uninit(&frame->ch_layout);
+  if (av_channel_layout_from_mask(&frame->ch_layout, mask) < 0) {
+    av_channel_layout_default(&frame->ch_layout, 1);
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<VNFFEffectAudioStream> VNFFEffectAudioStream::create() {
+  return std::make_shared<VNFFEffectAudioStream>();
+}
+
+VNFFEffectAudioStream::VNFFEffectAudioStream()
+    : pulled_(vn::ff::makeFrame()), feed_(vn::ff::makeFrame()), target_(vn::ff::makeFrame()) {}
+
+VNFFEffectAudioStream::~VNFFEffectAudioStream() { free_graph(); }
+
+VNFFAudioFormat VNFFEffectAudioStream::outputParam() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return outputParam_;
+}
+
+void VNFFEffectAudioStream::setOutputParam(VNFFAudioFormat format) {
+  std::lock_guard<std::mutex> guard(lock_);
+  outputParam_ = format;
+}
+
+std::vector<std::shared_ptr<VNFFMedia>> VNFFEffectAudioStream::inputs() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return inputs_;
+}
+
+double VNFFEffectAudioStream::volume() { return volume_.load(); }
+
+void VNFFEffectAudioStream::setVolume(double volume) {
+  volume_.store(volume);
+  volumeChanged_.store(true);
+}
+
+std::string VNFFEffectAudioStream::channelLayoutName(uint64_t layout) {
+  for (const LayoutName& row : kLayoutNames) {
+    if (row.mask == layout) return row.name;
+  }
+  return {};
+}
+
+void VNFFEffectAudioStream::free_graph() {
+  buffersink_ = nullptr;
+  volumeAdjust_ = nullptr;
+  sources_.clear();
+  graph_.reset();
+  std::lock_guard<std::mutex> guard(lock_);
+  inputs_.clear();
+}
+
+AVFilterContext* VNFFEffectAudioStream::createInputMediaStreamFilter(VNFFMediaStream* stream,
+                                                                     int index) {
+  const VNFFAudioFormat format = stream->audioFormat();
+  const AVRational tb = stream->timebase();
+  const char* fmtName = av_get_sample_fmt_name(static_cast<AVSampleFormat>(format.sample_fmt));
+  if (!fmtName || format.sample_rate <= 0) return nullptr;
+  char args[256];
+  std::snprintf(args, sizeof args,
+                "time_base=%d/%d:sample_rate=%d:sample_fmt=%s:channel_layout=0x%" PRIx64, tb.num,
+                tb.den, format.sample_rate, fmtName, format.channel_layout);
+  // Instance names must be unique in a graph; every source shares the base
+  // name and carries its input number.
+  const std::string name = "avfilter_vn_ff_media_audio" + (index ? "_" + std::to_string(index) : "");
+  AVFilterContext* source = nullptr;
+  if (avfilter_graph_create_filter(&source, avfilter_get_by_name("abuffer"), name.c_str(), args,
+                                   nullptr, graph_.get()) < 0) {
+    return nullptr;
+  }
+  return source;
+}
+
+void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VNFFMedia>>& medias) {
+  // Every enabled audio stream, media by media, at most 32.
+  std::vector<VNFFMediaStream*> streams;
+  for (const auto& media : medias) {
+    for (const auto& stream : media->audios()) streams.push_back(stream.get());
+  }
+  const int n = std::min<int>(static_cast<int>(streams.size()), kMaxMixedStreams);
+
+  free_graph();
+  graph_.reset(avfilter_graph_alloc());
+  if (!graph_) return;
+  AVFilterGraph* graph = graph_.get();
+  const VNFFAudioFormat out = outputParam();
+
+  avfilter_graph_create_filter(&buffersink_, avfilter_get_by_name("abuffersink"), "buffersink",
+                               nullptr, nullptr, graph);
+
+  char text[256];
+  std::snprintf(text, sizeof text, "%d", n);
+  AVFilterContext* volumeFix = nullptr;
+  avfilter_graph_create_filter(&volumeFix, avfilter_get_by_name("volume"), "volumeFix", text,
+                               nullptr, graph);
+  if (volumeFix && buffersink_) avfilter_link(volumeFix, 0, buffersink_, 0);
+
+  std::snprintf(text, sizeof text, "%f", static_cast<double>(static_cast<float>(volume_.load())));
+  avfilter_graph_create_filter(&volumeAdjust_, avfilter_get_by_name("volume"), "volume", text,
+                               nullptr, graph);
+  volumeChanged_.store(false);
+  if (volumeAdjust_ && volumeFix) avfilter_link(volumeAdjust_, 0, volumeFix, 0);
+
+  const char* fmtName = av_get_sample_fmt_name(static_cast<AVSampleFormat>(out.sample_fmt));
+  std::snprintf(text, sizeof text, "sample_fmts=%s:channel_layouts=%s:sample_rates=%d",
+                fmtName ? fmtName : "", channelLayoutName(out.channel_layout).c_str(),
+                out.sample_rate);
+  AVFilterContext* format = nullptr;
+  avfilter_graph_create_filter(&format, avfilter_get_by_name("aformat"), "format", text, nullptr,
+                               graph);
+  if (format && volumeAdjust_) avfilter_link(format, 0, volumeAdjust_, 0);
+
+  AVFilterContext* mixer = format;
+  if (n > 1) {
+    std::snprintf(text, sizeof text, "inputs=%d", n);
+    AVFilterContext* amix = nullptr;
+    if (avfilter_graph_create_filter(&amix, avfilter_get_by_name("amix"), "amix", text, nullptr,
+                                     graph) >= 0 &&
+        amix) {
+      if (format) avfilter_link(amix, 0, format, 0);
+      mixer = amix;
+    }
+  }
+
+  for (int i = 0; i < n; ++i) {
+    AVFilterContext* source = createInputMediaStreamFilter(streams[i], i);
+    if (!source) continue;
+    if (mixer) avfilter_link(source, 0, mixer, static_cast<unsigned>(i));
+    sources_.push_back({source, streams[i]});
+  }
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    inputs_ = medias;
+  }
+  if (!buffersink_ || avfilter_graph_config(graph, nullptr) < 0) free_graph();
+}
+
+std::string VNFFEffectAudioStream::stageArguments(const std::string& instanceName) {
+  if (!graph_) return {};
+  AVFilterContext* filter = avfilter_graph_get_filter(graph_.get(), instanceName.c_str());
+  if (!filter) return {};
+  const char* option = nullptr;
+  if (instanceName == "amix") option = "inputs";
+  else if (instanceName == "volume" || instanceName == "volumeFix") option = "volume";
+  if (!option) {
+    // aformat: its three options in argument order.
+    uint8_t* fmts = nullptr;
+    uint8_t* layouts = nullptr;
+    uint8_t* rates = nullptr;
+    av_opt_get(filter->priv, "sample_fmts", 0, &fmts);
+    av_opt_get(filter->priv, "channel_layouts", 0, &layouts);
+    av_opt_get(filter->priv, "sample_rates", 0, &rates);
+    std::string text = std::string("sample_fmts=") + (fmts ? (char*)fmts : "") +
+                       ":channel_layouts=" + (layouts ? (char*)layouts : "") +
+                       ":sample_rates=" + (rates ? (char*)rates : "");
+    av_free(fmts);
+    av_free(layouts);
+    av_free(rates);
+    return text;
+  }
+  uint8_t* value = nullptr;
+  if (av_opt_get(filter->priv, option, 0, &value) < 0 || !value) return {};
+  std::string text(reinterpret_cast<char*>(value));
+  av_free(value);
+  return text;
+}
+
+void VNFFEffectAudioStream::requestFrame(Source& source) {
+  VNFFMediaStream* stream = source.stream;
+  const VNFFAudioFormat format = stream->audioFormat();
+  AVFrame* local = feed_.get();
+  av_frame_unref(local);
+
+  // Pull the stream's next frame only once the running position has passed
+  // the end of its current one; until then the source gives silence.
+  const AVFrame* current = stream->frame();
+  bool pull = current->pts == AV_NOPTS_VALUE;
+  if (!pull) {
+    const int64_t end = av_rescale_q(current->pts, stream->timebase(), stream->framebase()) +
+                        current->nb_samples;
+    pull = stream->sync_pts() > end;
+  }
+  int nbSamples = 0;
+  int64_t pts = AV_NOPTS_VALUE;
+  const uint8_t* samples = nullptr;
+  if (pull) {
+    if (VNFFMedia* media = stream->media()) media->forwardStream(stream);
+    const AVFrame* next = stream->frame();
+    nbSamples = next->nb_samples;
+    pts = next->pts;
+    samples = next->data[0];
+  }
+
+  const int channels = std::max(1, channelsOf(format.channel_layout));
+  const auto sampleFmt = static_cast<AVSampleFormat>(format.sample_fmt);
+  const int size = nbSamples > 0 && samples
+                       ? av_samples_get_buffer_size(nullptr, channels, nbSamples, sampleFmt, 1)
+                       : 0;
+  stream->setSync_pts(stream->sync_pts() + (nbSamples > 0 ? nbSamples : kSilenceSamples));
+
+  local->format = format.sample_fmt;
+  local->sample_rate = format.sample_rate;
+  setLayout(local, format.channel_layout);
+  local->nb_samples = nbSamples > 0 ? nbSamples : kSilenceSamples;
+  if (av_frame_get_buffer(local, 0) < 0) return;
+  if (size >= 1) {
+    // Packed formats only, as decoded audio is forced into the stream's
+    // format: plane 0 holds every channel.
+    std::memcpy(local->data[0], samples, static_cast<size_t>(size));
+  } else {
+    av_samples_set_silence(local->extended_data, 0, local->nb_samples, channels, sampleFmt);
+  }
+  local->pts = pts;
+  av_buffersrc_add_frame_flags(source.filter, local, AV_BUFFERSRC_FLAG_KEEP_REF);
+  av_frame_unref(local);
+}
+
+bool VNFFEffectAudioStream::feedStarvedSources() {
+  bool fed = false;
+  for (Source& source : sources_) {
+    if (av_buffersrc_get_nb_failed_requests(source.filter) > 0) {
+      requestFrame(source);
+      fed = true;
+    }
+  }
+  return fed;
+}
+
+void VNFFEffectAudioStream::applyPendingVolume() {
+  if (!volumeChanged_.exchange(false) || !volumeAdjust_) return;
+  char text[64];
+  std::snprintf(text, sizeof text, "%f", volume_.load());
+  // Sent to this one instance: the graph-wide command would also reach
+  // "volumeFix", which is a volume filter too.
+  avfilter_process_command(volumeAdjust_, "volume", text, nullptr, 0, 0);
+}
+
+bool VNFFEffectAudioStream::readFrame(AVFrame* frame) {
+  const int nb = frame->nb_samples;
+  const auto format = static_cast<AVSampleFormat>(frame->format);
+  const int channels = std::max(1, frame->ch_layout.nb_channels);
+  AVFrame* pulled = pulled_.get();
+  av_frame_unref(pulled);
+
+  bool got = false;
+  if (buffersink_ && nb > 0) {
+    applyPendingVolume();
+    for (int round = 0; round < kMaxFeedRounds; ++round) {
+      const int r = av_buffersink_get_samples(buffersink_, pulled, nb);
+      if (r >= 0) {
+        got = true;
+        break;
+      }
+      if (r != AVERROR(EAGAIN) || !feedStarvedSources()) break;
+    }
+  }
+  if (got && pulled->nb_samples == nb && pulled->format == frame->format &&
+      av_channel_layout_compare(&pulled->ch_layout, &frame->ch_layout) == 0) {
+    std::memcpy(frame->data[0], pulled->data[0],
+                static_cast<size_t>(channels) * nb * av_get_bytes_per_sample(format));
+  } else if (nb > 0) {
+    av_samples_set_silence(frame->data, 0, nb, channels, format);
+  }
+  av_frame_unref(pulled);
+  return true;
+}
+
+bool VNFFEffectAudioStream::readSample(void* bytes, int32_t frames) {
+  const VNFFAudioFormat out = outputParam();
+  AVFrame* frame = target_.get();
+  av_frame_unref(frame);
+  frame->nb_samples = frames;
+  frame->format = out.sample_fmt;
+  frame->sample_rate = out.sample_rate;
+  setLayout(frame, out.channel_layout);
+  const int channels = frame->ch_layout.nb_channels;
+  // Point the frame at the caller's bytes: packed samples.
+  const int size = av_samples_get_buffer_size(nullptr, channels, frames,
+                                              static_cast<AVSampleFormat>(out.sample_fmt), 1);
+  if (size <= 0 || av_samples_fill_arrays(frame->data, frame->linesize,
+                                          static_cast<uint8_t*>(bytes), channels, frames,
+                                          static_cast<AVSampleFormat>(out.sample_fmt), 1) < 0) {
+    av_frame_unref(frame);
+    return true;
+  }
+  const bool result = readFrame(frame);
+  // The frame only borrowed the caller's memory (it holds no buffer
+  // reference), so unref forgets the pointers without freeing anything.
+  av_frame_unref(frame);
+  return result;
+}

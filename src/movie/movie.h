@@ -1,0 +1,168 @@
+// VNFFMovie: the object an application drives.
+//
+// It holds opened medias laid on one timeline (each at its movie_position),
+// an optional external subtitle media, the audio mix of every enabled audio
+// stream, the playback output, and one serial decode queue on which all
+// decoding work runs, one item at a time. The clock is driven by audio: it
+// advances only as mixed audio is produced, less what still waits in the
+// output buffer.
+//
+// Threads: every public call comes from the application's thread. Seek,
+// top-up and picture items run on the decode queue; the audio device thread
+// only asks for top-ups. Work items hold the movie, so it outlives them.
+//
+//   empty ──openMedias──► opened ──play/pause──► playing/paused ──close──► empty
+//                          (seeks in any state)
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/formats.h"
+#include "media/media.h"
+#include "media/movie_link.h"
+#include "movie/output_audio_graph_delegate.h"
+
+namespace vn {
+class SerialQueue;
+}
+class VNFFEffectAudioStream;
+class VNOutputAudioGraph;
+
+class VNFFMovie : public VNMovieLink,
+                  public VNOutputAudioGraphDelegate,
+                  public std::enable_shared_from_this<VNFFMovie> {
+ public:
+  using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
+
+  static std::shared_ptr<VNFFMovie> create();
+  VNFFMovie();
+  VNFFMovie(const VNFFMovie&) = delete;
+  VNFFMovie& operator=(const VNFFMovie&) = delete;
+  // Pauses playback and closes; does not wait for the decode queue.
+  ~VNFFMovie() override;
+
+  // --- opening -------------------------------------------------------------
+  // Opens each media (a media that fails to open stays in the set), keeps
+  // the set, computes the duration and configures the audio output.
+  void openMedias(Medias medias);
+  // Opens an external subtitle file; true when it holds a subtitle stream.
+  // The subtitle media is not on the timeline.
+  bool openSubtitle(const std::string& path);
+  // Forgets the medias, the output and the subtitle media.
+  void close();
+
+  // --- the media set ---------------------------------------------------------
+  Medias medias();
+  std::shared_ptr<VNFFMedia> subtitle();
+  int64_t duration();  // microseconds
+  void getMaxMediaDuration();
+  bool hasAudio();
+  bool hasVideo();
+  bool hasSubtitle();
+  Medias audios();
+  Medias videos();
+  std::shared_ptr<VNFFMedia> videoMediaAtTime(int64_t time);
+  // The first media of the array with movie_position <= time < end.
+  static std::shared_ptr<VNFFMedia> medias(const Medias& array, int64_t time);
+
+  // Stream names and selections. Getters read the first media only, setters
+  // write every media; the mix is not rebuilt by a selection change.
+  std::vector<std::string> audioStreams();
+  std::vector<std::string> subtitleStreams();
+  std::optional<VNIndexSet> selectAudioStreams();
+  std::optional<VNIndexSet> selectSubtitleStreams();
+  void setSelectAudioStreams(const std::optional<VNIndexSet>& streams);
+  void setSelectSubtitleStreams(const std::optional<VNIndexSet>& streams);
+  bool forward() { return true; }
+
+  // --- clock and seeking -----------------------------------------------------
+  // seek point + the frames produced since, less those still buffered.
+  int64_t currentTime() override;
+  // Counts frames of mixed audio produced (played or read for export).
+  void forwardAudioDecodeTime(double frames);
+  // Sets the clock at once and seeks every media on the decode queue; an
+  // item superseded by a newer seek does nothing.
+  void seek(int64_t time);
+  void setCurrentTime(int64_t time) { seek(time); }
+  // Holds the caller until every queued item has run.
+  void flushOperation();
+
+  // --- flags -------------------------------------------------------------------
+  bool exportMovie() override { return exportMovie_.load(); }
+  void setExportMovie(bool value) { exportMovie_.store(value); }
+  bool disableVideo() override { return disableVideo_.load(); }
+  void setDisableVideo(bool value) { disableVideo_.store(value); }
+  // An application object stored for the application; never called.
+  std::weak_ptr<void> delegate() { return delegate_; }
+  void setDelegate(std::weak_ptr<void> delegate) { delegate_ = std::move(delegate); }
+
+  // --- audio format of the mix -------------------------------------------------
+  // The playback format: packed float, stereo, 44100 Hz.
+  static VNFFAudioFormat defaultOutputFormat();
+  // Sets the mix's format and rebuilds it over the medias with audio.
+  void configOutputFormat(VNFFAudioFormat format);
+  // Switches the mix to the playback format when it is in another one.
+  void configDefaultOutputFormat();
+  // The mix level (also applies to export).
+  void setVolume(double volume);
+  double volume();
+
+  // The application's audio pull while it writes a file: counts the frames
+  // on the clock, then reads them from the mix. Always true.
+  bool readSample(void* bytes, int32_t frames);
+
+  // --- playback ----------------------------------------------------------------
+  // Switches the mix to the playback format and starts the output.
+  void play();
+  // Stops the output; what is buffered stays.
+  void pause();
+  void stop() { pause(); }
+  bool isPlay();
+  // Playback speed (1.0 normal); the clock then tells media time.
+  void setRate(float rate);
+  float rate();
+  // The device output level, 0..1.
+  void setPlayVolume(double volume);
+  double playVolume();
+  // Device thread: queues one top-up item (it holds the movie).
+  void decodeMoreAudioDataToAudioOutput() override;
+  // Decode queue: tops the output up by one chunk while it holds less than
+  // one.
+  void decodeMoreAudioDataToAudioOutputHelper();
+  // Decode queue: mixes one 2048-frame chunk into the output and counts it
+  // on the clock. False when the mix is not in the playback format.
+  bool decodeAudioToAudioOutput();
+  std::shared_ptr<VNOutputAudioGraph> audioOutputGraph();
+
+  // The decode queue: every item that decodes runs here.
+  vn::SerialQueue& decodeQueue() { return *decodeQueue_; }
+  VNFFEffectAudioStream& audioEffectStream() { return *audioEffectStream_; }
+
+ private:
+  void openAudioOutput();
+  // Runs work on the decode queue and waits for it; inline when already
+  // there.
+  void runOnDecodeQueue(const std::function<void()>& work);
+
+  std::atomic<double> decode_samples_{0};  // frames produced since the last seek
+  std::atomic<int64_t> duration_{0};
+  std::atomic<int64_t> seek_point_{0};     // the clock's origin
+  std::shared_ptr<VNFFEffectAudioStream> audioEffectStream_;
+  std::atomic<bool> exportMovie_{false};
+  std::atomic<bool> disableVideo_{false};
+  std::weak_ptr<void> delegate_;
+  std::unique_ptr<vn::SerialQueue> decodeQueue_;
+
+  std::mutex lock_;
+  // Guarded by lock_: replaced whole, read as a copy.
+  std::shared_ptr<VNFFMedia> subtitle_;
+  Medias medias_;
+  std::shared_ptr<VNOutputAudioGraph> audioOutputGraph_;
+};

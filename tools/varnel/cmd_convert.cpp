@@ -1,0 +1,296 @@
+// varnel convert INPUT OUTPUT [options]: converts through a movie and the
+// movie file writer.
+//
+// The movie reads the input (a file with video and audio is two medias, each
+// with its own demuxer); the mix delivers the selected audio tracks in the
+// writer's input format and decoded pictures are taken at the output frame
+// rate. The file is written under a temporary name beside OUTPUT and renamed
+// when it is complete, so an interrupted or failed run leaves nothing.
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "input.h"
+#include "varnel.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/samplefmt.h>
+}
+
+namespace varnel_cli {
+namespace {
+
+volatile sig_atomic_t gInterrupted = 0;
+
+void onInterrupt(int) { gInterrupted = 1; }
+
+struct ConvertOptions {
+  std::string input;
+  std::string output;
+  std::string vcodec;
+  std::string acodec;
+  std::string size;
+  std::string fps;
+  int64_t vbitrate = 0;
+  int64_t abitrate = 0;
+  int sampleRate = 0;
+  int channels = 0;
+  std::string audioTracks;
+  double start = 0;
+  double duration = 0;
+  std::string progress;
+};
+
+// Progress on stderr: one rewritten line on a terminal, JSON lines when
+// asked (or when stderr is not a terminal and JSON was requested).
+class Progress {
+ public:
+  Progress(bool json, double total) : json_(json), total_(total), tty_(isatty(2)) {
+    start_ = std::chrono::steady_clock::now();
+  }
+
+  void update(double done, int64_t frames, bool force = false) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!force && now - last_ < std::chrono::milliseconds(json_ ? 1000 : 200)) return;
+    last_ = now;
+    const double elapsed = std::chrono::duration<double>(now - start_).count();
+    const double fraction = total_ > 0 ? std::min(1.0, done / total_) : 0;
+    const double fps = elapsed > 0 ? frames / elapsed : 0;
+    const double eta = fraction > 0 ? elapsed * (1 - fraction) / fraction : 0;
+    if (json_) {
+      std::fprintf(stderr,
+                   "{\"percent\":%.1f,\"time\":%.3f,\"frames\":%" PRId64
+                   ",\"fps\":%.1f,\"eta\":%.1f}\n",
+                   fraction * 100, done, frames, fps, eta);
+    } else if (tty_) {
+      std::fprintf(stderr, "\r%5.1f%%  %6.1f frames/s  ETA %d:%02d   ", fraction * 100, fps,
+                   static_cast<int>(eta) / 60, static_cast<int>(eta) % 60);
+    }
+  }
+
+  void finish() {
+    if (!json_ && tty_) std::fprintf(stderr, "\n");
+  }
+
+ private:
+  bool json_;
+  double total_;
+  bool tty_;
+  std::chrono::steady_clock::time_point start_;
+  std::chrono::steady_clock::time_point last_{};
+};
+
+bool parseSize(const std::string& text, int* w, int* h) {
+  return std::sscanf(text.c_str(), "%dx%d", w, h) == 2 && *w > 0 && *h > 0 && *w % 2 == 0 &&
+         *h % 2 == 0;
+}
+
+bool parseRate(const std::string& text, int* num, int* den) {
+  *den = 1;
+  const int n = std::sscanf(text.c_str(), "%d/%d", num, den);
+  return n >= 1 && *num > 0 && *den > 0;
+}
+
+// A name in the same directory with the same extension (the container is
+// chosen from it), hidden while it is being written.
+std::string temporaryPath(const std::string& output) {
+  const std::filesystem::path out(output);
+  const std::string name = "." + out.stem().string() + ".varnel-" + std::to_string(getpid()) +
+                           out.extension().string();
+  return (out.parent_path() / name).string();
+}
+
+int run(const ConvertOptions& o) {
+  namespace fs = std::filesystem;
+  VNFFMovieFileOutputFormat format;
+  movieFileOutputFormatToDefaults(&format);
+  if (!o.vcodec.empty() && !(format.video_codec = vn_get_codec_id_by_name(o.vcodec))) {
+    return fail("unknown video codec", o.vcodec, "use one of h264 mpeg4 mpeg1 mpeg2 animation");
+  }
+  if (!o.acodec.empty() && !(format.audio_codec = vn_get_codec_id_by_name(o.acodec))) {
+    return fail("unknown audio codec", o.acodec,
+                "use one of mp2 mp3 aac alac ac3 vorbis wma1 wma2");
+  }
+  std::error_code ec;
+  if (fs::exists(o.output, ec) && fs::exists(o.input, ec) && fs::equivalent(o.input, o.output, ec)) {
+    return fail("cannot write", o.output, "the output is the input");
+  }
+
+  Input input;
+  if (std::string reason; !input.open(o.input, &reason)) return fail("cannot open", o.input, reason);
+  VNFFMovie& movie = *input.movie;
+  if (!o.audioTracks.empty()) {
+    std::optional<VNIndexSet> tracks;
+    if (std::string reason; !parseIndexList(o.audioTracks, &tracks, &reason)) {
+      return fail("bad --audio-tracks", o.audioTracks, reason);
+    }
+    movie.setSelectAudioStreams(tracks);
+  }
+
+  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
+  const bool hasAudio = movie.hasAudio();
+
+  // Sizes and rates default to the input's.
+  if (video) {
+    const VNFFVideoFormat vf = video->videoFormat();
+    format.width = vf.width & ~1;
+    format.height = vf.height & ~1;
+    const AVRational rate = input.videoFrameRate();
+    format.framerate = rate.num;
+    format.frameTime = rate.den;
+  }
+  if (!o.size.empty() && !parseSize(o.size, &format.width, &format.height)) {
+    return fail("bad --size", o.size, "expected WxH with even, positive numbers");
+  }
+  if (!o.fps.empty() && !parseRate(o.fps, &format.framerate, &format.frameTime)) {
+    return fail("bad --fps", o.fps, "expected N or N/D");
+  }
+  if (o.vbitrate > 0) format.video_bitrate = static_cast<int32_t>(o.vbitrate);
+  if (o.abitrate > 0) format.audio_bitrate = static_cast<int32_t>(o.abitrate);
+  if (o.sampleRate > 0) format.sample_rate = o.sampleRate;
+  if (o.channels > 0) format.channel_layout = vn::defaultChannelLayout(o.channels);
+  if (!format.channel_layout) return fail("bad --channels", std::to_string(o.channels), "no layout");
+
+  const double inputSeconds = vn_ff_time_to_double(movie.duration());
+  double endSeconds = inputSeconds;
+  if (o.duration > 0) endSeconds = std::min(endSeconds, o.start + o.duration);
+  if (o.start < 0 || o.start >= endSeconds) {
+    return fail("bad --start", o.input, "the start is not inside the input");
+  }
+
+  const std::string temp = temporaryPath(o.output);
+  auto writer = VNFFMovieFileOutput::create();
+  writer->setPath(temp);
+  writer->setMovieFormat(format);
+  // The mix delivers packed float at the output's rate and layout; the
+  // writer's converter only changes the sample format for the encoder.
+  const VNFFAudioFormat mixFormat{AV_SAMPLE_FMT_FLT, format.channel_layout, format.sample_rate};
+  writer->setAudioInputFormat(mixFormat);
+  bool wantVideo = video != nullptr;
+  if (wantVideo) writer->openVideo();
+  if (hasAudio) writer->openAudio();
+  auto cleanup = [&] { fs::remove(temp, ec); };
+  if (!writer->isMovieOpen()) {
+    return fail("cannot write", o.output, writer->lastError());
+  }
+  if (wantVideo && !writer->isVideoOpen()) {
+    cleanup();
+    return fail("cannot write", o.output, writer->lastError());
+  }
+  if (hasAudio && !writer->isAudioOpen()) {
+    cleanup();
+    return fail("cannot write", o.output, writer->lastError());
+  }
+  if (!writer->isVideoOpen() && !writer->isAudioOpen()) {
+    cleanup();
+    return fail("cannot write", o.output, "the input has nothing this container can hold");
+  }
+  if (!writer->startOutput()) {
+    std::string reason = writer->lastError();
+    writer->stopOutput();
+    cleanup();
+    return fail("cannot write", o.output, reason);
+  }
+
+  movie.configOutputFormat(mixFormat);
+  movie.setExportMovie(true);
+  const int64_t startUs = static_cast<int64_t>(std::llround(o.start * 1e6));
+  movie.seek(startUs);
+  movie.flushOperation();
+
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+
+  Progress progress(o.progress == "json", endSeconds - o.start);
+  const int channels = vn_get_channel_layout_nb_channels(format.channel_layout);
+  const int bytesPerFrame = channels * static_cast<int>(sizeof(float));
+  constexpr int kChunk = 1024;
+  std::vector<float> audio(static_cast<size_t>(kChunk) * channels);
+  int64_t audioFrames = 0;  // written so far
+  const double span = endSeconds - o.start;
+  const int64_t audioTotal = static_cast<int64_t>(std::llround(span * format.sample_rate));
+
+  auto writeAudioUntil = [&](int64_t target) {
+    target = std::min(target, audioTotal);
+    while (audioFrames < target && !gInterrupted) {
+      const int n = static_cast<int>(std::min<int64_t>(kChunk, target - audioFrames));
+      movie.readSample(audio.data(), n);
+      writer->writeAudioData(audio.data(), static_cast<uint64_t>(n) * bytesPerFrame);
+      audioFrames += n;
+    }
+  };
+
+  int64_t videoFrames = 0;
+  if (writer->isVideoOpen()) {
+    const double frameSeconds = static_cast<double>(format.frameTime) / format.framerate;
+    const int64_t total = std::max<int64_t>(1, std::llround(span / frameSeconds));
+    for (; videoFrames < total && !gInterrupted; ++videoFrames) {
+      const double t = o.start + videoFrames * frameSeconds;
+      const int64_t local = static_cast<int64_t>(std::llround(t * 1e6)) - video->movie_position();
+      if (AVFrame* frame = video->videoFrameAtTime(local)) writer->writeVideoFrame(frame);
+      if (writer->isAudioOpen()) {
+        writeAudioUntil(static_cast<int64_t>(std::llround((videoFrames + 1) * frameSeconds *
+                                                          format.sample_rate)));
+      }
+      progress.update((videoFrames + 1) * frameSeconds, videoFrames + 1);
+    }
+  }
+  if (writer->isAudioOpen()) {
+    while (audioFrames < audioTotal && !gInterrupted) {
+      writeAudioUntil(audioFrames + format.sample_rate);
+      progress.update(static_cast<double>(audioFrames) / format.sample_rate, videoFrames);
+    }
+  }
+  progress.update(span, videoFrames, true);
+  progress.finish();
+
+  writer->stopOutput();
+  if (gInterrupted) {
+    cleanup();
+    return fail("interrupted", o.output, "the conversion was stopped; nothing was written");
+  }
+  fs::rename(temp, o.output, ec);
+  if (ec) {
+    cleanup();
+    return fail("cannot write", o.output, ec.message());
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
+void addConvertCommand(CLI::App& app, std::function<int()>& run_) {
+  auto o = std::make_shared<ConvertOptions>();
+  CLI::App* sub = app.add_subcommand("convert", "Convert INPUT into OUTPUT (container from its extension)");
+  sub->add_option("INPUT", o->input, "Input media file")->required();
+  sub->add_option("OUTPUT", o->output, "Output file: .mp4 .mkv .mov .avi .mpg .wmv .m4a .m4r .mp3 ...")
+      ->required();
+  sub->add_option("--vcodec", o->vcodec, "h264 mpeg4 mpeg1 mpeg2 animation (default: the container's)");
+  sub->add_option("--acodec", o->acodec, "mp2 mp3 aac alac ac3 vorbis wma1 wma2 (default: the container's)");
+  sub->add_option("--size", o->size, "Output picture size WxH (default: the input's)");
+  sub->add_option("--fps", o->fps, "Output frame rate N or N/D (default: the input's exact rate)");
+  sub->add_option("--vbitrate", o->vbitrate, "Video bit rate, bits/s (default 20000000)");
+  sub->add_option("--abitrate", o->abitrate, "Audio bit rate, bits/s (default 192000)");
+  sub->add_option("--sample-rate", o->sampleRate, "Audio sample rate, Hz (default 44100)");
+  sub->add_option("--channels", o->channels, "Audio channels (default 2)");
+  sub->add_option("--audio-tracks", o->audioTracks, "Audio tracks to mix, e.g. 0,2 (default: all)");
+  sub->add_option("--start", o->start, "Start time in seconds");
+  sub->add_option("--duration", o->duration, "Duration in seconds (default: to the end)");
+  sub->add_option("--progress", o->progress, "Progress as 'json' lines on stderr")
+      ->check(CLI::IsMember({"json", "line"}));
+  sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
+}
+
+}  // namespace varnel_cli

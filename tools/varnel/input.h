@@ -1,0 +1,35 @@
+// Opening an input the way every command does: a media source, the medias it
+// splits into, and a movie over them.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+extern "C" {
+#include <libavutil/rational.h>
+}
+
+#include "varnel.h"
+
+namespace varnel_cli {
+
+struct Input {
+  std::shared_ptr<VNMediaSource> source;
+  std::shared_ptr<VNFFMovie> movie;
+
+  // Opens path; false with a one-line reason when it is missing, empty or
+  // holds no audio or video that can be decoded.
+  bool open(const std::string& path, std::string* reason);
+  // The first media with video, or null.
+  std::shared_ptr<VNFFMedia> videoMedia();
+  // The exact frame rate of the video (30000/1001 stays 30000/1001); 25/1
+  // when the container gives none.
+  AVRational videoFrameRate();
+};
+
+// "0,2" -> {0, 2}; "all" or "" -> no restriction. False with a reason on
+// anything else.
+bool parseIndexList(const std::string& text, std::optional<VNIndexSet>* out, std::string* reason);
+
+}  // namespace varnel_cli
