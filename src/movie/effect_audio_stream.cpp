@@ -105,10 +105,10 @@ void VNFFEffectAudioStream::free_graph() {
   inputs_.clear();
 }
 
-AVFilterContext* VNFFEffectAudioStream::createInputMediaStreamFilter(VNFFMediaStream* stream,
+AVFilterContext* VNFFEffectAudioStream::createInputMediaStreamFilter(const VNFFMediaStream& stream,
                                                                      int index) {
-  const VNFFAudioFormat format = stream->audioFormat();
-  const AVRational tb = stream->timebase();
+  const VNFFAudioFormat format = stream.audioFormat();
+  const AVRational tb = stream.timebase();
   const char* fmtName = av_get_sample_fmt_name(static_cast<AVSampleFormat>(format.sample_fmt));
   if (!fmtName || format.sample_rate <= 0) return nullptr;
   char args[256];
@@ -128,9 +128,9 @@ AVFilterContext* VNFFEffectAudioStream::createInputMediaStreamFilter(VNFFMediaSt
 
 void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VNFFMedia>>& medias) {
   // Every enabled audio stream, media by media, at most 32.
-  std::vector<VNFFMediaStream*> streams;
+  std::vector<std::shared_ptr<VNFFMediaStream>> streams;
   for (const auto& media : medias) {
-    for (const auto& stream : media->audios()) streams.push_back(stream.get());
+    for (const auto& stream : media->audios()) streams.push_back(stream);
   }
   const int n = std::min<int>(static_cast<int>(streams.size()), kMaxMixedStreams);
 
@@ -178,7 +178,7 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
   }
 
   for (int i = 0; i < n; ++i) {
-    AVFilterContext* source = createInputMediaStreamFilter(streams[i], i);
+    AVFilterContext* source = createInputMediaStreamFilter(*streams[i], i);
     if (!source) continue;
     if (mixer) avfilter_link(source, 0, mixer, static_cast<unsigned>(i));
     sources_.push_back({source, streams[i]});
@@ -221,7 +221,7 @@ std::string VNFFEffectAudioStream::stageArguments(const std::string& instanceNam
 }
 
 void VNFFEffectAudioStream::requestFrame(Source& source) {
-  VNFFMediaStream* stream = source.stream;
+  VNFFMediaStream* stream = source.stream.get();
   const VNFFAudioFormat format = stream->audioFormat();
   AVFrame* local = feed_.get();
   av_frame_unref(local);
@@ -239,7 +239,7 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   int64_t pts = AV_NOPTS_VALUE;
   const uint8_t* samples = nullptr;
   if (pull) {
-    if (VNFFMedia* media = stream->media()) media->forwardStream(stream);
+    if (auto media = stream->media()) media->forwardStream(source.stream);
     const AVFrame* next = stream->frame();
     nbSamples = next->nb_samples;
     pts = next->pts;

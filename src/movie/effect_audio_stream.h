@@ -74,11 +74,11 @@ class VNFFEffectAudioStream {
  private:
   struct Source {
     AVFilterContext* filter = nullptr;  // owned by graph_
-    VNFFMediaStream* stream = nullptr;  // kept alive by inputs_
+    std::shared_ptr<VNFFMediaStream> stream;
   };
 
   // Creates one source for a stream; null on failure.
-  AVFilterContext* createInputMediaStreamFilter(VNFFMediaStream* stream, int index);
+  AVFilterContext* createInputMediaStreamFilter(const VNFFMediaStream& stream, int index);
   // Gives the source one frame by the pull rules: the stream's next frame
   // once its running position has passed the current one, else silence.
   void requestFrame(Source& source);

@@ -9,6 +9,7 @@ extern "C" {
 #include "core/serial_queue.h"
 #include "core/varnel.h"
 #include "media/media_source.h"
+#include "media/subtitle_source.h"
 #include "movie/effect_audio_stream.h"
 #include "movie/output_audio_graph.h"
 
@@ -56,7 +57,8 @@ bool VNFFMovie::openSubtitle(const std::string& path) {
     std::lock_guard<std::mutex> guard(lock_);
     subtitle_.reset();
   }
-  auto media = VNFFMedia::create(VNSubtitleSource::mediaWithPath(path));
+  auto media = VNFFMedia::create();
+  media->setSource(VNSubtitleSource::mediaWithPath(path));
   media->open();
   if (!media->hasSubtitle()) return false;
   std::lock_guard<std::mutex> guard(lock_);

@@ -181,22 +181,22 @@ int run(const ConvertOptions& o) {
   if (hasAudio) writer->openAudio();
   auto cleanup = [&] { fs::remove(temp, ec); };
   if (!writer->isMovieOpen()) {
-    return fail("cannot write", o.output, writer->lastError());
+    return fail("cannot write", o.output, writer->failureReason());
   }
   if (wantVideo && !writer->isVideoOpen()) {
     cleanup();
-    return fail("cannot write", o.output, writer->lastError());
+    return fail("cannot write", o.output, writer->failureReason());
   }
   if (hasAudio && !writer->isAudioOpen()) {
     cleanup();
-    return fail("cannot write", o.output, writer->lastError());
+    return fail("cannot write", o.output, writer->failureReason());
   }
   if (!writer->isVideoOpen() && !writer->isAudioOpen()) {
     cleanup();
     return fail("cannot write", o.output, "the input has nothing this container can hold");
   }
   if (!writer->startOutput()) {
-    std::string reason = writer->lastError();
+    std::string reason = writer->failureReason();
     writer->stopOutput();
     cleanup();
     return fail("cannot write", o.output, reason);
@@ -271,7 +271,8 @@ int run(const ConvertOptions& o) {
 
 }  // namespace
 
-void addConvertCommand(CLI::App& app, std::function<int()>& run_) {
+Registration convertCommand() {
+  return [](CLI::App& app, std::function<int()>& run_) {
   auto o = std::make_shared<ConvertOptions>();
   CLI::App* sub = app.add_subcommand("convert", "Convert INPUT into OUTPUT (container from its extension)");
   sub->add_option("INPUT", o->input, "Input media file")->required();
@@ -291,6 +292,7 @@ void addConvertCommand(CLI::App& app, std::function<int()>& run_) {
   sub->add_option("--progress", o->progress, "Progress as 'json' lines on stderr")
       ->check(CLI::IsMember({"json", "line"}));
   sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
+  };
 }
 
 }  // namespace varnel_cli

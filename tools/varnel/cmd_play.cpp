@@ -164,7 +164,8 @@ int run(const PlayOptions& o) {
 
 }  // namespace
 
-void addPlayCommand(CLI::App& app, std::function<int()>& run_) {
+Registration playCommand() {
+  return [](CLI::App& app, std::function<int()>& run_) {
   auto o = std::make_shared<PlayOptions>();
   CLI::App* sub = app.add_subcommand("play", "Play the audio of INPUT on the default sound device");
   sub->add_option("INPUT", o->input, "Input media file")->required();
@@ -174,6 +175,7 @@ void addPlayCommand(CLI::App& app, std::function<int()>& run_) {
   sub->add_option("--audio-tracks", o->audioTracks, "Audio tracks to mix, e.g. 0,2 (default: all)");
   sub->footer("Keys: space pause, left/right seek 10 s, +/- speed, q quit.");
   sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
+  };
 }
 
 }  // namespace varnel_cli

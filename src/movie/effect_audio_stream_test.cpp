@@ -1,0 +1,171 @@
+#include "movie/effect_audio_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/samplefmt.h>
+}
+
+#include "audio_analysis.h"
+#include "media/media.h"
+#include "media/media_source.h"
+#include "media/media_stream.h"
+#include "movie/movie.h"
+#include "test_support.h"
+
+namespace {
+
+using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
+
+const VNFFAudioFormat kPlayback{AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 44100};
+
+// The medias of a fixture, opened and sought to 0 (audio is queued only after
+// a first seek).
+Medias openFixture(const std::string& name) {
+  auto medias = VNMediaSource::mediaWithPath(vn::test::fixture(name))->createMedias();
+  if (!medias) return {};
+  for (auto& media : *medias) media->seek(0);
+  return *medias;
+}
+
+// The audio media of a fixture (the last of its medias).
+std::shared_ptr<VNFFMedia> audioMedia(const std::string& name) {
+  Medias medias = openFixture(name);
+  return medias.empty() ? nullptr : medias.back();
+}
+
+vn::test::Samples read(VNFFEffectAudioStream& mix, int frames) {
+  vn::test::Samples s;
+  s.data.assign(static_cast<size_t>(frames) * 2, 123.0f);
+  EXPECT_TRUE(mix.readSample(s.data.data(), frames));
+  return s;
+}
+
+}  // namespace
+
+TEST(MixGraphTest, StagesFollowTheStreamCount) {
+  VNFFEffectAudioStream mix;
+  mix.setOutputParam(kPlayback);
+
+  // One stream: no mixer, no compensation.
+  mix.setInputStreams({audioMedia("aac.m4a")});
+  EXPECT_EQ(mix.sourceCount(), 1);
+  EXPECT_EQ(mix.stageArguments("amix"), "");
+  EXPECT_EQ(mix.stageArguments("volumeFix"), "1");
+  EXPECT_EQ(mix.stageArguments("volume"), "1.000000");
+  EXPECT_EQ(mix.stageArguments("format"),
+            "sample_fmts=flt:channel_layouts=stereo:sample_rates=44100");
+
+  // Forty streams: only the first 32 are mixed, and the level is made up
+  // for all 32.
+  Medias forty;
+  for (int i = 0; i < 40; ++i) forty.push_back(audioMedia("aac.m4a"));
+  mix.setInputStreams(forty);
+  EXPECT_EQ(mix.sourceCount(), 32);
+  EXPECT_EQ(mix.stageArguments("amix"), "32");
+  EXPECT_EQ(mix.stageArguments("volumeFix"), "32");
+  EXPECT_EQ(mix.inputs().size(), 40u);
+
+  // No stream: the graph cannot be configured; reads give silence.
+  mix.setInputStreams({});
+  EXPECT_EQ(mix.sourceCount(), 0);
+  vn::test::Samples silence = read(mix, 512);
+  EXPECT_EQ(vn::test::rms(silence.data), 0.0);
+}
+
+TEST(MixGraphTest, LayoutNames) {
+  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x3), "stereo");
+  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x4), "mono");
+  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x3f), "5.1");
+  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x60f), "5.1(side)");
+  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x13f), "6.1");
+  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x60000000), "downmix");
+  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x1), "");
+
+  // A layout without a name leaves the format stage unconfigurable: silence.
+  VNFFEffectAudioStream mix;
+  mix.setOutputParam({AV_SAMPLE_FMT_FLT, 0x1, 44100});
+  mix.setInputStreams({audioMedia("aac.m4a")});
+  EXPECT_EQ(mix.sourceCount(), 0);
+}
+
+TEST(MixGraphTest, VolumeChangesTheNextSamples) {
+  VNFFEffectAudioStream mix;
+  mix.setOutputParam(kPlayback);
+  mix.setInputStreams({audioMedia("aac.m4a")});
+  read(mix, 8192);  // past the start of the stream
+  const double full = vn::test::rms(read(mix, 8192).data);
+  ASSERT_GT(full, 0.05);
+  mix.setVolume(0.5);
+  EXPECT_EQ(mix.volume(), 0.5);
+  const double half = vn::test::rms(read(mix, 8192).data);
+  EXPECT_EQ(mix.stageArguments("volume"), "0.500000");
+  EXPECT_NEAR(half / full, 0.5, 0.02);
+}
+
+// A stream with nothing more to give yields blocks of 1024 silent samples,
+// and its running position moves on by 1024 each time.
+TEST(MixGraphTest, ExhaustedStreamGivesSilenceInBlocksOf1024) {
+  auto media = audioMedia("aac.m4a");
+  media->seek(60 * 1000000LL);  // far past the end
+  VNFFEffectAudioStream mix;
+  mix.setOutputParam(kPlayback);
+  mix.setInputStreams({media});
+  auto stream = media->audios().front();
+  const int64_t before = stream->sync_pts();
+  vn::test::Samples s = read(mix, 4096);
+  EXPECT_EQ(vn::test::rms(s.data), 0.0);
+  const int64_t advanced = stream->sync_pts() - before;
+  EXPECT_GE(advanced, 4096);
+  EXPECT_EQ(advanced % 1024, 0);
+}
+
+// Three tones on three tracks at three rates mixed: the same as FFmpeg's own
+// amix of the same tracks, without its level normalisation, and the level is
+// the sum of the tracks.
+TEST(MixGraphTest, MixMatchesFfmpegAmixWithoutNormalisation) {
+  auto media = audioMedia("multitrack.mkv");
+  ASSERT_TRUE(media);
+  ASSERT_EQ(media->audios().size(), 3u);
+  VNFFEffectAudioStream mix;
+  mix.setOutputParam(kPlayback);
+  mix.setInputStreams({media});
+  ASSERT_EQ(mix.sourceCount(), 3);
+  read(mix, 44100);  // skip the first second: start-up differs by design
+  vn::test::Samples ours = read(mix, 3 * 44100);
+
+  vn::test::Samples theirs = vn::test::decodeWithFfmpeg(
+      vn::test::fixture("multitrack.mkv"),
+      "-filter_complex '[0:a:0][0:a:1][0:a:2]amix=inputs=3:normalize=0' -ss 1 -t 3", 2, 44100);
+  ASSERT_GT(theirs.frames(), 44100u);
+
+  const auto left = ours.channel(0), refLeft = theirs.channel(0);
+  for (double hz : {440.0, 660.0, 880.0}) {
+    const double a = vn::test::toneAmplitude(left, 44100, hz);
+    const double b = vn::test::toneAmplitude(refLeft, 44100, hz);
+    EXPECT_GT(a, 0.05) << hz;
+    EXPECT_NEAR(a / b, 1.0, 0.05) << hz << " Hz: ours " << a << ", ffmpeg " << b;
+  }
+  EXPECT_NEAR(vn::test::rms(left) / vn::test::rms(refLeft), 1.0, 0.05);
+}
+
+// Playback format, mix, clock: what the movie counts as produced.
+TEST(MixGraphTest, MovieReadSampleCountsOnTheClock) {
+  auto movie = VNFFMovie::create();
+  auto medias = VNMediaSource::mediaWithPath(vn::test::fixture("aac.m4a"))->createMedias();
+  ASSERT_TRUE(medias);
+  movie->openMedias(*medias);
+  movie->configOutputFormat(kPlayback);
+  movie->seek(1000000);
+  movie->flushOperation();
+  std::vector<float> chunk(2 * 22050);
+  movie->readSample(chunk.data(), 22050);
+  // No output buffer holds anything: half a second of samples read is half
+  // a second on the clock.
+  EXPECT_EQ(movie->currentTime(), 1500000);
+  EXPECT_GT(vn::test::rms(chunk), 0.05);
+}

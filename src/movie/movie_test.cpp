@@ -1,0 +1,181 @@
+#include "movie/movie.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <vector>
+
+#include "core/serial_queue.h"
+#include "media/media.h"
+#include "media/media_source.h"
+#include "movie/output_audio_graph.h"
+#include "test_support.h"
+
+namespace {
+
+using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
+
+Medias mediasOf(const std::string& name) {
+  auto medias = VNMediaSource::mediaWithPath(vn::test::fixture(name))->createMedias();
+  return medias ? *medias : Medias{};
+}
+
+// A media that counts the seeks it performs.
+class CountingMedia : public VNFFMedia {
+ public:
+  void seek(int64_t time) override {
+    seeks.push_back(time);
+    VNFFMedia::seek(time);
+  }
+  std::vector<int64_t> seeks;
+};
+
+std::shared_ptr<CountingMedia> countingMedia(const std::string& name) {
+  auto media = std::make_shared<CountingMedia>();
+  media->setSource(VNMediaSource::mediaWithPath(vn::test::fixture(name)));
+  return media;
+}
+
+}  // namespace
+
+TEST(MovieTest, EmptyMovie) {
+  auto movie = VNFFMovie::create();
+  EXPECT_EQ(movie->duration(), 0);
+  EXPECT_FALSE(movie->hasAudio());
+  EXPECT_FALSE(movie->hasVideo());
+  EXPECT_FALSE(movie->hasSubtitle());
+  EXPECT_EQ(VNFFMovie::medias(movie->medias(), 0), nullptr);
+  EXPECT_TRUE(movie->audioStreams().empty());
+  EXPECT_FALSE(movie->selectAudioStreams());
+  movie->seek(2000000);
+  movie->flushOperation();
+  EXPECT_EQ(movie->currentTime(), 2000000);
+}
+
+TEST(MovieTest, MediasOnTheTimeline) {
+  auto movie = VNFFMovie::create();
+  Medias a = mediasOf("aac.m4a");          // 5 s
+  Medias b = mediasOf("h264_aac.mp4");     // 10 s: video + audio
+  ASSERT_EQ(a.size(), 1u);
+  ASSERT_EQ(b.size(), 2u);
+  const int64_t lengthA = 5000000;
+  a[0]->setMovie_position(10000000);
+  for (auto& m : b) m->setMovie_position(12000000);
+  Medias all = {a[0], b[0], b[1]};
+  movie->openMedias(all);
+  ASSERT_NEAR(a[0]->duration(), lengthA, 50000);
+
+  EXPECT_EQ(movie->duration(), 12000000 + b[0]->duration());
+  EXPECT_TRUE(movie->hasAudio());
+  EXPECT_TRUE(movie->hasVideo());
+  EXPECT_EQ(movie->audios().size(), 2u);
+  ASSERT_EQ(movie->videos().size(), 1u);
+
+  const int64_t endA = 10000000 + a[0]->duration();
+  EXPECT_EQ(VNFFMovie::medias(all, 9999999), nullptr);
+  EXPECT_EQ(VNFFMovie::medias(all, 10000000), a[0]);
+  EXPECT_EQ(VNFFMovie::medias(all, endA - 1), a[0]);  // overlap: the earlier wins
+  EXPECT_EQ(VNFFMovie::medias(all, endA), b[0]);
+  EXPECT_EQ(movie->videoMediaAtTime(11000000), nullptr);
+  EXPECT_EQ(movie->videoMediaAtTime(13000000), b[0]);
+
+  movie->setDisableVideo(true);
+  EXPECT_FALSE(movie->hasVideo());
+  EXPECT_TRUE(movie->videos().empty());
+
+  movie->close();
+  EXPECT_TRUE(movie->medias().empty());
+  EXPECT_FALSE(movie->hasAudio());
+}
+
+TEST(MovieTest, SelectionGoesToEveryMediaAndIsReadFromTheFirst) {
+  auto movie = VNFFMovie::create();
+  Medias medias = mediasOf("multitrack.mkv");
+  ASSERT_EQ(medias.size(), 2u);
+  movie->openMedias(medias);
+  EXPECT_EQ(medias[1]->audios().size(), 3u);
+  movie->setSelectAudioStreams(VNIndexSet{1});
+  EXPECT_EQ(movie->selectAudioStreams(), VNIndexSet{1});
+  EXPECT_EQ(medias[1]->selectAudios(), VNIndexSet{1});
+  ASSERT_EQ(medias[1]->audios().size(), 1u);
+  EXPECT_EQ(medias[1]->audios()[0]->language(), "French");
+  movie->setSelectAudioStreams(std::nullopt);
+  EXPECT_EQ(medias[1]->audios().size(), 3u);
+}
+
+// Only the newest of a burst of seeks does any work.
+TEST(MovieSeekTest, OnlyTheLastOfQuickSeeksSeeksTheMedias) {
+  auto movie = VNFFMovie::create();
+  auto media = countingMedia("aac.m4a");
+  movie->openMedias({media});
+  movie->flushOperation();
+  media->seeks.clear();
+
+  // Hold the queue so that the three seeks wait behind each other.
+  std::promise<void> release;
+  auto gate = release.get_future().share();
+  movie->decodeQueue().addOperation([gate] { gate.wait(); });
+  movie->seek(1000000);
+  movie->seek(2000000);
+  movie->seek(3000000);
+  EXPECT_EQ(movie->currentTime(), 3000000);  // the clock moves at once
+  release.set_value();
+  movie->flushOperation();
+  EXPECT_EQ(media->seeks, std::vector<int64_t>{3000000});
+}
+
+TEST(MovieSeekTest, EveryMediaIsSoughtToItsLocalTime) {
+  auto movie = VNFFMovie::create();
+  auto first = countingMedia("aac.m4a");
+  auto second = countingMedia("aac.m4a");
+  second->setMovie_position(4000000);
+  movie->openMedias({first, second});
+  movie->flushOperation();
+  first->seeks.clear();
+  second->seeks.clear();
+  movie->seek(3000000);
+  movie->flushOperation();
+  EXPECT_EQ(first->seeks, std::vector<int64_t>{3000000});
+  EXPECT_EQ(second->seeks, std::vector<int64_t>{-1000000});  // passed on as it is
+}
+
+// The clock is the seek point plus the frames produced, less those that wait
+// in the output.
+TEST(MovieSeekTest, ClockSubtractsBufferedFrames) {
+  auto movie = VNFFMovie::create();
+  movie->openMedias(mediasOf("aac.m4a"));
+  movie->seek(5000000);
+  movie->flushOperation();
+  EXPECT_EQ(movie->currentTime(), 5000000);
+  auto graph = movie->audioOutputGraph();
+  ASSERT_TRUE(graph);
+  std::vector<float> frames(4410 * 2);
+  graph->writeSample(frames.data(), 4410);
+  movie->forwardAudioDecodeTime(44100);
+  EXPECT_EQ(movie->currentTime(), 5000000 + 900000);
+}
+
+TEST(MovieTest, ExternalSubtitle) {
+  auto movie = VNFFMovie::create();
+  EXPECT_TRUE(movie->openSubtitle(vn::test::fixture("subs.srt")));
+  EXPECT_TRUE(movie->hasSubtitle());
+  ASSERT_TRUE(movie->subtitle());
+  EXPECT_EQ(movie->subtitle()->subtitleStringAtTime(3000000).value_or(""), "Hello\nWorld");
+  EXPECT_FALSE(movie->openSubtitle(vn::test::fixture("aac.m4a")));
+  EXPECT_FALSE(movie->subtitle());
+  EXPECT_FALSE(movie->hasSubtitle());
+}
+
+// Seeks from the application thread while the decode queue reads and mixes.
+TEST(MovieSeekTest, SeeksWhileTheQueueMixes) {
+  auto movie = VNFFMovie::create();
+  movie->openMedias(mediasOf("h264_aac.mp4"));
+  for (int i = 0; i < 40; ++i) {
+    movie->seek(static_cast<int64_t>(i % 9) * 1000000);
+    movie->decodeQueue().addOperation([movie] { movie->decodeAudioToAudioOutput(); });
+    (void)movie->currentTime();
+  }
+  movie->flushOperation();
+  EXPECT_EQ(movie->currentTime() / 1000000, 39 % 9 + 0);
+}

@@ -1,0 +1,83 @@
+#include "audio_analysis.h"
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "test_support.h"
+
+namespace vn::test {
+
+std::vector<float> Samples::channel(int which) const {
+  std::vector<float> out(frames());
+  for (size_t i = 0; i < out.size(); ++i) {
+    if (which >= 0) {
+      out[i] = data[i * channels + which];
+    } else {
+      float sum = 0;
+      for (int c = 0; c < channels; ++c) sum += data[i * channels + c];
+      out[i] = sum / channels;
+    }
+  }
+  return out;
+}
+
+double rms(const std::vector<float>& signal) {
+  if (signal.empty()) return 0;
+  double sum = 0;
+  for (float s : signal) sum += double(s) * s;
+  return std::sqrt(sum / signal.size());
+}
+
+double toneAmplitude(const std::vector<float>& signal, int rate, double hz) {
+  if (signal.empty()) return 0;
+  const double w = 2 * M_PI * hz / rate;
+  const double coeff = 2 * std::cos(w);
+  double s1 = 0, s2 = 0;
+  for (float x : signal) {
+    const double s0 = x + coeff * s1 - s2;
+    s2 = s1;
+    s1 = s0;
+  }
+  const double power = s1 * s1 + s2 * s2 - coeff * s1 * s2;
+  return 2 * std::sqrt(std::max(0.0, power)) / signal.size();
+}
+
+double zeroCrossingFrequency(const std::vector<float>& signal, int rate) {
+  size_t crossings = 0;
+  size_t first = 0, last = 0;
+  for (size_t i = 1; i < signal.size(); ++i) {
+    if (signal[i - 1] < 0 && signal[i] >= 0) {
+      if (!crossings) first = i;
+      last = i;
+      ++crossings;
+    }
+  }
+  if (crossings < 2) return 0;
+  return double(crossings - 1) * rate / double(last - first);
+}
+
+Samples readRawFloat(const std::string& path, int channels, int rate) {
+  Samples s;
+  s.channels = channels;
+  s.rate = rate;
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  s.data.resize(bytes.size() / sizeof(float));
+  std::memcpy(s.data.data(), bytes.data(), s.data.size() * sizeof(float));
+  return s;
+}
+
+Samples decodeWithFfmpeg(const std::string& input, const std::string& extraArgs, int channels,
+                         int rate) {
+  const std::string out = scratchDir() + "/decoded-" + std::to_string(std::hash<std::string>{}(input + extraArgs)) + ".f32";
+  const std::string command = "ffmpeg -hide_banner -loglevel error -y -i '" + input + "' " +
+                              extraArgs + " -f f32le -ac " + std::to_string(channels) + " -ar " +
+                              std::to_string(rate) + " '" + out + "'";
+  runShell(command);
+  return readRawFloat(out, channels, rate);
+}
+
+}  // namespace vn::test

@@ -1,0 +1,40 @@
+// Measuring test audio: level, tone strength and pitch of interleaved float
+// samples.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace vn::test {
+
+// Interleaved float samples with their layout.
+struct Samples {
+  std::vector<float> data;
+  int channels = 2;
+  int rate = 44100;
+
+  size_t frames() const { return channels ? data.size() / channels : 0; }
+  // One channel, or the mean of all channels when channel < 0.
+  std::vector<float> channel(int channel) const;
+};
+
+// Root mean square of a signal.
+double rms(const std::vector<float>& signal);
+
+// Amplitude of the frequency hz in a signal (Goertzel), in the same units
+// as the samples: a sine of amplitude A gives about A.
+double toneAmplitude(const std::vector<float>& signal, int rate, double hz);
+
+// Pitch from the rate of upward zero crossings.
+double zeroCrossingFrequency(const std::vector<float>& signal, int rate);
+
+// Reads raw interleaved float32 samples from a file.
+Samples readRawFloat(const std::string& path, int channels, int rate);
+
+// Decodes any audio file to interleaved float32 with the ffmpeg command line
+// (extra_args go before the output, e.g. a filter graph).
+Samples decodeWithFfmpeg(const std::string& input, const std::string& extraArgs, int channels,
+                         int rate);
+
+}  // namespace vn::test
