@@ -30,13 +30,6 @@ std::vector<std::string> fixtureNames() {
   return names;
 }
 
-json ffprobe(const std::string& path) {
-  int status = -1;
-  std::string out = vn::test::runShell(
-      "ffprobe -v error -show_streams -show_format -of json '" + path + "'", &status);
-  EXPECT_EQ(status, 0) << path;
-  return json::parse(out, nullptr, false);
-}
 
 }  // namespace
 
@@ -49,7 +42,7 @@ TEST(InfoTest, AgreesWithFfprobeOnEveryFixture) {
     vn::test::CommandResult info = vn::test::runVarnel({"info", path, "--json"});
     ASSERT_EQ(info.status, 0) << info.err;
     const json ours = json::parse(info.out, nullptr, false);
-    const json theirs = ffprobe(path);
+    const json theirs = vn::test::ffprobe(path);
     ASSERT_FALSE(ours.is_discarded() || theirs.is_discarded());
 
     EXPECT_EQ(ours["path"], path);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -59,10 +60,13 @@ std::string runShell(const std::string& command, int* status) {
   return out;
 }
 
-CommandResult runVarnel(const std::vector<std::string>& args) {
-  static int counter = 0;
+CommandResult runVarnel(const std::vector<std::string>& args,
+                        const std::map<std::string, std::string>& env) {
+  static std::atomic<int> counter{0};
   const std::string errPath = scratchDir() + "/stderr-" + std::to_string(++counter);
-  std::string command = quote(VARNEL_CLI_PATH);
+  std::string command;
+  for (const auto& [name, value] : env) command += name + "=" + quote(value) + " ";
+  command += quote(VARNEL_CLI_PATH);
   for (const auto& a : args) command += " " + quote(a);
   command += " 2>" + quote(errPath) + " </dev/null";
   CommandResult result;
@@ -70,6 +74,12 @@ CommandResult runVarnel(const std::vector<std::string>& args) {
   result.err = slurp(errPath);
   std::filesystem::remove(errPath);
   return result;
+}
+
+nlohmann::json ffprobe(const std::string& path) {
+  const std::string out =
+      runShell("ffprobe -v error -show_streams -show_format -of json " + quote(path));
+  return nlohmann::json::parse(out, nullptr, false);
 }
 
 }  // namespace vn::test

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace vn::test {
 
@@ -19,7 +22,12 @@ struct CommandResult {
   std::string out;
   std::string err;
 };
-CommandResult runVarnel(const std::vector<std::string>& args);
+CommandResult runVarnel(const std::vector<std::string>& args,
+                        const std::map<std::string, std::string>& env = {});
+
+// ffprobe's -show_streams -show_format of a file as JSON (discarded on
+// failure).
+nlohmann::json ffprobe(const std::string& path);
 
 // Number of operator new calls made so far on the calling thread.
 uint64_t allocationCount();

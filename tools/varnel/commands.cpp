@@ -4,9 +4,11 @@
 namespace varnel_cli {
 
 Registration infoCommand();
+Registration convertCommand();
+Registration playCommand();
 
 std::vector<Registration> allCommands() {
-  return {infoCommand()};
+  return {infoCommand(), convertCommand(), playCommand()};
 }
 
 }  // namespace varnel_cli

@@ -1,0 +1,224 @@
+// End-to-end: `varnel convert` on the generated media, checked with ffprobe
+// and the ffmpeg command line.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "audio_analysis.h"
+#include "test_support.h"
+
+namespace {
+
+using nlohmann::json;
+using vn::test::fixture;
+namespace fs = std::filesystem;
+
+std::string out(const std::string& name) { return vn::test::scratchDir() + "/" + name; }
+
+const json* streamOf(const json& probe, const std::string& type) {
+  for (const auto& s : probe["streams"]) {
+    if (s["codec_type"] == type) return &s;
+  }
+  return nullptr;
+}
+
+double number(const json& value) {
+  return value.is_string() ? std::stod(value.get<std::string>()) : value.get<double>();
+}
+
+double rate(const json& stream) {
+  int num = 0, den = 1;
+  std::sscanf(stream["r_frame_rate"].get<std::string>().c_str(), "%d/%d", &num, &den);
+  return den ? double(num) / den : 0;
+}
+
+int videoFrames(const std::string& path) {
+  return std::atoi(vn::test::runShell("ffprobe -v error -select_streams v:0 -count_packets "
+                                      "-show_entries stream=nb_read_packets -of csv=p=0 '" +
+                                      path + "'")
+                       .c_str());
+}
+
+// Mean PSNR of the output's pictures against the input's, both brought to
+// the output size; frames are compared in order.
+double psnr(const std::string& output, const std::string& input, int w, int h) {
+  const std::string log = vn::test::runShell(
+      "ffmpeg -hide_banner -nostats -i '" + output + "' -i '" + input +
+      "' -lavfi \"[0:v]format=yuv420p[a];[1:v]scale=" + std::to_string(w) + ":" +
+      std::to_string(h) + ",format=yuv420p[b];[a][b]psnr\" -f null - 2>&1");
+  const auto at = log.find("average:");
+  return at == std::string::npos ? 0 : std::atof(log.c_str() + at + 8);
+}
+
+// Nothing but the finished outputs in the scratch folder: no temporary file
+// of an interrupted or failed run.
+bool noTemporaryFiles() {
+  for (const auto& entry : fs::directory_iterator(vn::test::scratchDir())) {
+    if (entry.path().filename().string().find(".varnel-") != std::string::npos) return false;
+  }
+  return true;
+}
+
+struct RoundTrip {
+  const char* input;
+  const char* output;
+  const char* vcodec;  // "" keeps the container's
+  const char* acodec;
+  const char* expectVideo;  // ffprobe codec name, "" for no video
+  const char* expectAudio;
+  double minPsnr;
+};
+
+// PSNR floors: 20 Mb/s is far above what these small pictures need, so a
+// lossy codec keeps well over 30 dB on a moving test pattern; the lossless
+// RGB codec loses only the colour conversion. A wrong size, a shifted or
+// dropped frame gives under 15 dB on this pattern.
+const RoundTrip kRoundTrips[] = {
+    {"h264_aac.mp4", "h264.mp4", "h264", "aac", "h264", "aac", 32},
+    {"multitrack.mkv", "default.mkv", "", "", "h264", "vorbis", 32},
+    {"h264_aac.mp4", "animation.mov", "animation", "alac", "qtrle", "alac", 35},
+    {"h264_aac.mp4", "mpeg4.avi", "mpeg4", "mp3", "mpeg4", "mp3", 30},
+    {"mpeg2_mp2.mpg", "mpeg2.mpg", "mpeg2", "mp2", "mpeg2video", "mp2", 30},
+    {"h264_23976.mp4", "mpeg1.mpg", "mpeg1", "mp2", "mpeg1video", "mp2", 30},
+    {"wmv2_wmav2.wmv", "wma.wmv", "", "wma2", "msmpeg4v3", "wmav2", 30},
+    {"aac.m4a", "audio.m4a", "", "", "", "aac", 0},
+    {"aac.m4a", "ringtone.M4R", "", "", "", "aac", 0},
+    {"mp3_cover.mp3", "audio.mp3", "", "", "", "mp3", 0},
+};
+
+}  // namespace
+
+TEST(ConvertTest, RoundTripsKeepCodecsSizeRateDurationPictureAndSound) {
+  for (const RoundTrip& t : kRoundTrips) {
+    SCOPED_TRACE(std::string(t.input) + " -> " + t.output);
+    const std::string in = fixture(t.input), o = out(t.output);
+    std::vector<std::string> args = {"convert", in, o};
+    if (*t.vcodec) args.insert(args.end(), {"--vcodec", t.vcodec});
+    if (*t.acodec) args.insert(args.end(), {"--acodec", t.acodec});
+    vn::test::CommandResult r = vn::test::runVarnel(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    const json src = vn::test::ffprobe(in), dst = vn::test::ffprobe(o);
+    const json* v = streamOf(dst, "video");
+    const json* a = streamOf(dst, "audio");
+    if (*t.expectVideo) {
+      ASSERT_TRUE(v);
+      const json* sv = streamOf(src, "video");
+      EXPECT_EQ((*v)["codec_name"], t.expectVideo);
+      EXPECT_EQ((*v)["width"], (*sv)["width"]);
+      EXPECT_EQ((*v)["height"], (*sv)["height"]);
+      EXPECT_NEAR(rate(*v), rate(*sv), 0.01);
+      // As long as the input's video, within one frame.
+      EXPECT_NEAR(videoFrames(o), videoFrames(in), 1);
+      EXPECT_GT(psnr(o, in, (*v)["width"], (*v)["height"]), t.minPsnr);
+    } else {
+      EXPECT_FALSE(v && (*v)["disposition"]["attached_pic"] != 1);
+    }
+    ASSERT_TRUE(a);
+    EXPECT_EQ((*a)["codec_name"], t.expectAudio);
+    EXPECT_EQ(number((*a)["sample_rate"]), 44100);
+    EXPECT_EQ((*a)["channels"], 2);
+
+    if (std::string(t.input) == "multitrack.mkv") continue;  // three tones, mixed
+    // The tone and its level survive.
+    const auto before = vn::test::decodeWithFfmpeg(in, "-map 0:a:0 -t 3", 1, 44100).channel(0);
+    const auto after = vn::test::decodeWithFfmpeg(o, "-t 3", 1, 44100).channel(0);
+    ASSERT_GT(after.size(), 44100u);
+    EXPECT_NEAR(vn::test::zeroCrossingFrequency(after, 44100),
+                vn::test::zeroCrossingFrequency(before, 44100), 3);
+    EXPECT_NEAR(vn::test::rms(after) / vn::test::rms(before), 1.0, 0.1);
+  }
+  EXPECT_TRUE(noTemporaryFiles());
+}
+
+TEST(ConvertTest, SizeRateStartAndDuration) {
+  const std::string o = out("cut.mp4");
+  vn::test::CommandResult r =
+      vn::test::runVarnel({"convert", fixture("h264_aac.mp4"), o, "--size", "160x120", "--fps",
+                           "30000/1001", "--start", "2", "--duration", "3", "--sample-rate",
+                           "48000", "--channels", "1", "--progress", "json"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const json dst = vn::test::ffprobe(o);
+  const json* v = streamOf(dst, "video");
+  const json* a = streamOf(dst, "audio");
+  ASSERT_TRUE(v && a);
+  EXPECT_EQ((*v)["width"], 160);
+  EXPECT_EQ((*v)["height"], 120);
+  EXPECT_EQ((*v)["r_frame_rate"], "30000/1001");
+  EXPECT_NEAR(number(dst["format"]["duration"]), 3.0, 0.1);
+  EXPECT_EQ(number((*a)["sample_rate"]), 48000);
+  EXPECT_EQ((*a)["channels"], 1);
+  // Progress comes as JSON lines on stderr, the last at 100 %.
+  const auto last = r.err.rfind("{\"percent\":");
+  ASSERT_NE(last, std::string::npos) << r.err;
+  const json line = json::parse(r.err.substr(last, r.err.find('\n', last) - last), nullptr, false);
+  EXPECT_DOUBLE_EQ(line["percent"].get<double>(), 100.0);
+}
+
+TEST(ConvertTest, FailuresAreOneLineAndLeaveNothing) {
+  const std::string in = fixture("h264_aac.mp4");
+  const struct {
+    std::vector<std::string> args;
+    std::string target;
+  } cases[] = {
+      {{"convert", in, out("x.xyz")}, out("x.xyz")},
+      {{"convert", in, "/nonexistent/dir/x.mp4"}, "/nonexistent/dir/x.mp4"},
+      {{"convert", in, in}, in},
+      {{"convert", in, out("wma.mp4"), "--acodec", "wma2"}, out("wma.mp4")},
+      {{"convert", fixture("truncated.mp4"), out("t.mp4")}, out("t.mp4")},
+      {{"convert", fixture("missing.mp4"), out("m.mp4")}, out("m.mp4")},
+      {{"convert", in, out("v.mp4"), "--vcodec", "h.264"}, out("v.mp4")},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[2]);
+    vn::test::CommandResult r = vn::test::runVarnel(c.args);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_EQ(r.err.rfind("varnel: error: ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    if (c.target != in) EXPECT_FALSE(fs::exists(c.target));
+  }
+  EXPECT_TRUE(fs::exists(in));
+  EXPECT_TRUE(noTemporaryFiles());
+  EXPECT_EQ(vn::test::runVarnel({"convert", in}).status, 2);
+}
+
+TEST(ConvertTest, VideoOnlyInput) {
+  const std::string in = out("video-only.mp4");
+  vn::test::runShell("ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=160x120:rate=25:duration=2 "
+                     "-c:v libx264 -preset ultrafast '" + in + "'");
+  const std::string o = out("video-only.mkv");
+  vn::test::CommandResult r = vn::test::runVarnel({"convert", in, o});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const json dst = vn::test::ffprobe(o);
+  EXPECT_TRUE(streamOf(dst, "video"));
+  EXPECT_FALSE(streamOf(dst, "audio"));
+  EXPECT_NEAR(number(dst["format"]["duration"]), 2.0, 0.1);
+}
+
+// Ctrl-C stops the conversion and removes what was written.
+TEST(ConvertTest, InterruptRemovesThePartialFile) {
+  const std::string o = out("interrupted.mkv");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const std::string in = fixture("multitrack.mkv");
+    execl(VARNEL_CLI_PATH, "varnel", "convert", in.c_str(), o.c_str(), "--size", "1920x1080",
+          "--vcodec", "mpeg4", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  kill(pid, SIGINT);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_FALSE(fs::exists(o));
+  EXPECT_TRUE(noTemporaryFiles());
+}
