@@ -9,7 +9,14 @@ cmake --build build -j "$(nproc)"
 demo=build/demo
 bash scripts/make-sample.sh "$demo/sample.mp4"
 echo "== varnel info $demo/sample.mp4"
-build/varnel info "$demo/sample.mp4" | tee "$demo/sample-info.txt"
-build/varnel info --json "$demo/sample.mp4" > "$demo/sample-info.json"
+build/varnel info "$demo/sample.mp4"
 echo
-echo "Results: $demo/sample-info.txt and $demo/sample-info.json (sample: $demo/sample.mp4)"
+echo "== varnel convert $demo/sample.mp4 $demo/sample-converted.mkv --size 320x180 --vcodec mpeg4 --acodec mp3"
+build/varnel convert "$demo/sample.mp4" "$demo/sample-converted.mkv" --size 320x180 \
+  --vcodec mpeg4 --acodec mp3
+echo
+echo "== varnel info $demo/sample-converted.mkv"
+build/varnel info "$demo/sample-converted.mkv" | tee "$demo/sample-converted-info.txt"
+echo
+echo "Results: $demo/sample-converted.mkv (both audio tracks mixed into one),"
+echo "         $demo/sample-converted-info.txt; the sample itself is $demo/sample.mp4"

@@ -14,7 +14,7 @@ packages=(
   libicu-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
-  locales
+  locales time bc
 )
 
 missing=()
