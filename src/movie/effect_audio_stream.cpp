@@ -266,7 +266,9 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
     av_samples_set_silence(local->extended_data, 0, local->nb_samples, channels, sampleFmt);
   }
   local->pts = pts;
-  av_buffersrc_add_frame_flags(source.filter, local, AV_BUFFERSRC_FLAG_KEEP_REF);
+  // A refused frame only leaves the source starved; the next read feeds it
+  // again.
+  (void)!av_buffersrc_add_frame_flags(source.filter, local, 0);
   av_frame_unref(local);
 }
 
