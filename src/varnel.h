@@ -15,6 +15,8 @@
 #include "media/media_stream.h"
 #include "media/movie_link.h"
 #include "media/subtitle_source.h"
+#include "movie/effect_audio_stream.h"
+#include "movie/movie.h"
 #include "movie/output_audio_graph.h"
 #include "output/audio_converter.h"
 #include "output/movie_file_output.h"
