@@ -183,7 +183,9 @@ TEST(ConvertTest, FailuresAreOneLineAndLeaveNothing) {
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_EQ(r.err.rfind("varnel: error: ", 0), 0u) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    if (c.target != in) EXPECT_FALSE(fs::exists(c.target));
+    if (c.target != in) {
+      EXPECT_FALSE(fs::exists(c.target));
+    }
   }
   EXPECT_TRUE(fs::exists(in));
   EXPECT_TRUE(noTemporaryFiles());
