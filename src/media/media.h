@@ -120,7 +120,7 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // most 1001 packets; an MP3 reads on until its audio has a frame) and
   // takes the first queued audio of each audio stream. Negative times and
   // times past the end are not refused: the streams take t as their target.
-  void seek(int64_t t);
+  virtual void seek(int64_t t);
   // The video stream's current frame once it reaches t, advancing it at most
   // ten times; it may still end before t (the latest frame there is). Owned
   // by the stream. Null without a video stream.
@@ -163,8 +163,11 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   const std::optional<VNIndexSet>& selectAudios() const { return selectAudios_; }
   void setSelectAudios(std::optional<VNIndexSet> keys) { selectAudios_ = std::move(keys); }
 
- private:
+ protected:
+  // For create() and for medias that refine reading (tests count seeks).
   VNFFMedia();
+
+ private:
 
   // Enabled streams that pass a test, in index order.
   template <typename Test>

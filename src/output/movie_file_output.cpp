@@ -68,6 +68,9 @@ void VNFFMovieFileOutput::stopOutput() {
 void VNFFMovieFileOutput::writeAudioData(const void* bytes, uint64_t length) {
   internal_->writeAudioData(bytes, length);
 }
+void VNFFMovieFileOutput::writeVideoFrame(const AVFrame* frame) {
+  internal_->writeVideoFrame(frame);
+}
 void VNFFMovieFileOutput::writeImage(const vn::BitmapImage& image) {
   internal_->writeImage(image);
 }

@@ -28,6 +28,7 @@ class FilterImage;
 }  // namespace vn
 
 class VNFFMovieFileOutputInternal;
+struct AVFrame;
 
 class VNFFMovieFileOutput {
  public:
@@ -81,6 +82,10 @@ class VNFFMovieFileOutput {
   // PCM bytes in audioInputFormat, any length; a trailing partial sample
   // frame is dropped. Encoded in whole encoder frames as they fill up.
   void writeAudioData(const void* bytes, uint64_t length);
+
+  // A decoded picture, converted to the encoder's size and format; it lasts
+  // one frame.
+  void writeVideoFrame(const AVFrame* frame);
 
   // Each picture lasts one frame (frameTime ticks of framerate), or
   // duration ticks of framerate.
