@@ -151,6 +151,7 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
   if (volumeFix && buffersink_) avfilter_link(volumeFix, 0, buffersink_, 0);
 
   std::snprintf(text, sizeof text, "%f", static_cast<double>(static_cast<float>(volume_.load())));
+  volumeText_ = text;
   avfilter_graph_create_filter(&volumeAdjust_, avfilter_get_by_name("volume"), "volume", text,
                                nullptr, graph);
   volumeChanged_.store(false);
@@ -194,9 +195,11 @@ std::string VNFFEffectAudioStream::stageArguments(const std::string& instanceNam
   if (!graph_) return {};
   AVFilterContext* filter = avfilter_graph_get_filter(graph_.get(), instanceName.c_str());
   if (!filter) return {};
+  // The live volume is changed by command, which its option does not show.
+  if (instanceName == "volume") return volumeText_;
   const char* option = nullptr;
   if (instanceName == "amix") option = "inputs";
-  else if (instanceName == "volume" || instanceName == "volumeFix") option = "volume";
+  else if (instanceName == "volumeFix") option = "volume";
   if (!option) {
     // aformat: its three options in argument order.
     uint8_t* fmts = nullptr;
@@ -237,18 +240,17 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   }
   int nbSamples = 0;
   int64_t pts = AV_NOPTS_VALUE;
-  const uint8_t* samples = nullptr;
+  const AVFrame* next = nullptr;
   if (pull) {
     if (auto media = stream->media()) media->forwardStream(source.stream);
-    const AVFrame* next = stream->frame();
+    next = stream->frame();
     nbSamples = next->nb_samples;
     pts = next->pts;
-    samples = next->data[0];
   }
 
   const int channels = std::max(1, channelsOf(format.channel_layout));
   const auto sampleFmt = static_cast<AVSampleFormat>(format.sample_fmt);
-  const int size = nbSamples > 0 && samples
+  const int size = nbSamples > 0 && next && next->extended_data && next->extended_data[0]
                        ? av_samples_get_buffer_size(nullptr, channels, nbSamples, sampleFmt, 1)
                        : 0;
   stream->setSync_pts(stream->sync_pts() + (nbSamples > 0 ? nbSamples : kSilenceSamples));
@@ -258,10 +260,10 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   setLayout(local, format.channel_layout);
   local->nb_samples = nbSamples > 0 ? nbSamples : kSilenceSamples;
   if (av_frame_get_buffer(local, 0) < 0) return;
-  if (size >= 1) {
-    // Packed formats only, as decoded audio is forced into the stream's
-    // format: plane 0 holds every channel.
-    std::memcpy(local->data[0], samples, static_cast<size_t>(size));
+  if (size >= 1 && next->format == format.sample_fmt) {
+    // Decoded planes are separate buffers: copy each of them.
+    av_samples_copy(local->extended_data, next->extended_data, 0, 0, nbSamples, channels,
+                    sampleFmt);
   } else {
     av_samples_set_silence(local->extended_data, 0, local->nb_samples, channels, sampleFmt);
   }
@@ -289,7 +291,9 @@ void VNFFEffectAudioStream::applyPendingVolume() {
   std::snprintf(text, sizeof text, "%f", volume_.load());
   // Sent to this one instance: the graph-wide command would also reach
   // "volumeFix", which is a volume filter too.
-  avfilter_process_command(volumeAdjust_, "volume", text, nullptr, 0, 0);
+  if (avfilter_process_command(volumeAdjust_, "volume", text, nullptr, 0, 0) >= 0) {
+    volumeText_ = text;
+  }
 }
 
 bool VNFFEffectAudioStream::readFrame(AVFrame* frame) {
