@@ -59,6 +59,13 @@ double zeroCrossingFrequency(const std::vector<float>& signal, int rate) {
   return double(crossings - 1) * rate / double(last - first);
 }
 
+std::vector<float> audible(const std::vector<float>& signal, float floor) {
+  size_t first = 0, last = signal.size();
+  while (first < last && std::abs(signal[first]) < floor) ++first;
+  while (last > first && std::abs(signal[last - 1]) < floor) --last;
+  return std::vector<float>(signal.begin() + first, signal.begin() + last);
+}
+
 Samples readRawFloat(const std::string& path, int channels, int rate) {
   Samples s;
   s.channels = channels;

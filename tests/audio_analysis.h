@@ -29,6 +29,10 @@ double toneAmplitude(const std::vector<float>& signal, int rate, double hz);
 // Pitch from the rate of upward zero crossings.
 double zeroCrossingFrequency(const std::vector<float>& signal, int rate);
 
+// The audible part of a signal: from the first to the last sample louder
+// than the floor.
+std::vector<float> audible(const std::vector<float>& signal, float floor = 1e-2f);
+
 // Reads raw interleaved float32 samples from a file.
 Samples readRawFloat(const std::string& path, int channels, int rate);
 

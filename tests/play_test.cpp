@@ -28,15 +28,6 @@ Played play(const std::vector<std::string>& extra, const std::string& name) {
   return p;
 }
 
-// The audible part of a recording: from the first to the last sample above
-// the noise floor.
-std::vector<float> audible(const std::vector<float>& signal) {
-  size_t first = 0, last = signal.size();
-  while (first < last && std::abs(signal[first]) < 1e-3) ++first;
-  while (last > first && std::abs(signal[last - 1]) < 1e-3) --last;
-  return std::vector<float>(signal.begin() + first, signal.begin() + last);
-}
-
 // Longest run of silent samples inside a signal.
 size_t longestGap(const std::vector<float>& signal) {
   size_t longest = 0, run = 0;
@@ -54,7 +45,7 @@ size_t longestGap(const std::vector<float>& signal) {
 TEST(PlaybackCliTest, RecordsTheMixWithoutGaps) {
   Played p = play({"--start", "2"}, "normal");
   ASSERT_EQ(p.result.status, 0) << p.result.err;
-  const auto tone = audible(p.recording.channel(0));
+  const auto tone = vn::test::audible(p.recording.channel(0));
   EXPECT_NEAR(tone.size() / 44100.0, 3.0, 0.25);
   EXPECT_NEAR(vn::test::zeroCrossingFrequency(tone, 44100), 1000, 5);
   const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 2.5 -t 1", 1, 44100);
@@ -69,7 +60,7 @@ TEST(PlaybackCliTest, RecordsTheMixWithoutGaps) {
 TEST(PlaybackCliTest, SpeedKeepsThePitch) {
   Played p = play({"--start", "2", "--speed", "1.5"}, "fast");
   ASSERT_EQ(p.result.status, 0) << p.result.err;
-  const auto tone = audible(p.recording.channel(0));
+  const auto tone = vn::test::audible(p.recording.channel(0));
   EXPECT_NEAR(tone.size() / 44100.0, 2.0, 0.25);
   EXPECT_NEAR(vn::test::zeroCrossingFrequency(tone, 44100), 1000, 10);
 }
@@ -78,7 +69,7 @@ TEST(PlaybackCliTest, VolumeAndErrors) {
   Played p = play({"--start", "4", "--volume", "0.5"}, "quiet");
   ASSERT_EQ(p.result.status, 0) << p.result.err;
   const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 4 -t 0.5", 1, 44100);
-  EXPECT_NEAR(vn::test::rms(audible(p.recording.channel(0))) / vn::test::rms(source.channel(0)),
+  EXPECT_NEAR(vn::test::rms(vn::test::audible(p.recording.channel(0))) / vn::test::rms(source.channel(0)),
               0.5, 0.05);
 
   // No sound device: one line, status 1.

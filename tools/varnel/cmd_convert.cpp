@@ -237,7 +237,10 @@ int run(const ConvertOptions& o) {
     const double frameSeconds = static_cast<double>(format.frameTime) / format.framerate;
     const int64_t total = std::max<int64_t>(1, std::llround(span / frameSeconds));
     for (; videoFrames < total && !gInterrupted; ++videoFrames) {
-      const double t = o.start + videoFrames * frameSeconds;
+      // The picture shown at the middle of the output frame: a frame is
+      // looked up as ending where the next begins, so an exact boundary
+      // would give the one before.
+      const double t = o.start + (videoFrames + 0.5) * frameSeconds;
       const int64_t local = static_cast<int64_t>(std::llround(t * 1e6)) - video->movie_position();
       if (AVFrame* frame = video->videoFrameAtTime(local)) writer->writeVideoFrame(frame);
       if (writer->isAudioOpen()) {
