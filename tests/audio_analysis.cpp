@@ -1,5 +1,6 @@
 #include "audio_analysis.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -46,17 +47,33 @@ double toneAmplitude(const std::vector<float>& signal, int rate, double hz) {
 }
 
 double zeroCrossingFrequency(const std::vector<float>& signal, int rate) {
-  size_t crossings = 0;
-  size_t first = 0, last = 0;
-  for (size_t i = 1; i < signal.size(); ++i) {
-    if (signal[i - 1] < 0 && signal[i] >= 0) {
-      if (!crossings) first = i;
-      last = i;
-      ++crossings;
+  // Upward crossings with a little hysteresis, so that the noise of a quiet
+  // stretch does not count; the median period ignores such stretches.
+  constexpr float kHysteresis = 0.01f;
+  std::vector<size_t> crossings;
+  bool armed = false;
+  for (size_t i = 0; i < signal.size(); ++i) {
+    if (signal[i] < -kHysteresis) armed = true;
+    if (armed && signal[i] > kHysteresis) {
+      crossings.push_back(i);
+      armed = false;
     }
   }
-  if (crossings < 2) return 0;
-  return double(crossings - 1) * rate / double(last - first);
+  if (crossings.size() < 3) return 0;
+  std::vector<size_t> periods;
+  for (size_t i = 1; i < crossings.size(); ++i) periods.push_back(crossings[i] - crossings[i - 1]);
+  std::nth_element(periods.begin(), periods.begin() + periods.size() / 2, periods.end());
+  // Sum a window of periods around the median for sub-sample precision.
+  const size_t median = periods[periods.size() / 2];
+  double total = 0;
+  size_t count = 0;
+  for (size_t p : periods) {
+    if (p + 1 >= median && p <= median + 1) {
+      total += p;
+      ++count;
+    }
+  }
+  return count ? rate * count / total : 0;
 }
 
 std::vector<float> audible(const std::vector<float>& signal, float floor) {

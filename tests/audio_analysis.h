@@ -26,7 +26,7 @@ double rms(const std::vector<float>& signal);
 // as the samples: a sine of amplitude A gives about A.
 double toneAmplitude(const std::vector<float>& signal, int rate, double hz);
 
-// Pitch from the rate of upward zero crossings.
+// Pitch from the median spacing of upward zero crossings.
 double zeroCrossingFrequency(const std::vector<float>& signal, int rate);
 
 // The audible part of a signal: from the first to the last sample louder

@@ -52,7 +52,7 @@ int videoFrames(const std::string& path) {
 double psnr(const std::string& output, const std::string& input, int w, int h) {
   const std::string log = vn::test::runShell(
       "ffmpeg -hide_banner -nostats -i '" + output + "' -i '" + input +
-      "' -lavfi \"[0:v]setpts=PTS-STARTPTS,format=yuv420p[a];[1:v]setpts=PTS-STARTPTS,scale=" +
+      "' -lavfi \"[0:v]settb=1/1000,setpts=N,format=yuv420p[a];[1:v]settb=1/1000,setpts=N,scale=" +
       std::to_string(w) + ":" + std::to_string(h) + ",format=yuv420p[b];[a][b]psnr\" -f null - 2>&1");
   const auto at = log.find("average:");
   return at == std::string::npos ? 0 : std::atof(log.c_str() + at + 8);

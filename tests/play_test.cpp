@@ -48,7 +48,7 @@ TEST(PlaybackCliTest, RecordsTheMixWithoutGaps) {
   const auto tone = vn::test::audible(p.recording.channel(0));
   EXPECT_NEAR(tone.size() / 44100.0, 3.0, 0.25);
   EXPECT_NEAR(vn::test::zeroCrossingFrequency(tone, 44100), 1000, 5);
-  const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 2.5 -t 1", 1, 44100);
+  const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 2.5 -t 1", 2, 44100);
   EXPECT_NEAR(vn::test::rms(tone) / vn::test::rms(source.channel(0)), 1.0, 0.05);
   // A sine crosses zero every half period; a gap in the sound would show
   // as a run of silence far longer than that.
@@ -68,7 +68,7 @@ TEST(PlaybackCliTest, SpeedKeepsThePitch) {
 TEST(PlaybackCliTest, VolumeAndErrors) {
   Played p = play({"--start", "4", "--volume", "0.5"}, "quiet");
   ASSERT_EQ(p.result.status, 0) << p.result.err;
-  const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 4 -t 0.5", 1, 44100);
+  const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 4 -t 0.5", 2, 44100);
   EXPECT_NEAR(vn::test::rms(vn::test::audible(p.recording.channel(0))) / vn::test::rms(source.channel(0)),
               0.5, 0.05);
 
