@@ -36,18 +36,18 @@ struct LayoutName {
 
 // FFmpeg's layout names, searched in this order; the first equal mask wins.
 constexpr LayoutName kLayoutNames[] = {
-    {"mono", 0x4},           {"stereo", 0x3},        {"2.1", 0xb},
-    {"3.0", 0x7},            {"3.0(back)", 0x103},   {"4.0", 0x107},
-    {"quad", 0x33},          {"quad(side)", 0x603},  {"3.1", 0xf},
-    {"5.0", 0x37},           {"5.0(side)", 0x607},   {"4.1", 0x10f},
-    {"5.1", 0x3f},           {"5.1(side)", 0x60f},   {"6.0", 0x707},
-    {"6.0(front)", 0x6c3},   {"hexagonal", 0x137},   {"6.1", 0x70f},
-    {"6.1", 0x13f},          {"6.1(front)", 0x6cb},  {"7.0", 0x637},
-    {"7.0(front)", 0x6c7},   {"7.1", 0x63f},         {"7.1(wide)", 0x6cf},
-    {"octagonal", 0x737},    {"downmix", 0x60000000},
+    {"mono", 0x4},        {"stereo", 0x3},         {"2.1", 0xb},         {"3.0", 0x7},
+    {"3.0(back)", 0x103}, {"4.0", 0x107},          {"quad", 0x33},       {"quad(side)", 0x603},
+    {"3.1", 0xf},         {"5.0", 0x37},           {"5.0(side)", 0x607}, {"4.1", 0x10f},
+    {"5.1", 0x3f},        {"5.1(side)", 0x60f},    {"6.0", 0x707},       {"6.0(front)", 0x6c3},
+    {"hexagonal", 0x137}, {"6.1", 0x70f},          {"6.1", 0x13f},       {"6.1(front)", 0x6cb},
+    {"7.0", 0x637},       {"7.0(front)", 0x6c7},   {"7.1", 0x63f},       {"7.1(wide)", 0x6cf},
+    {"octagonal", 0x737}, {"downmix", 0x60000000},
 };
 
-int channelsOf(uint64_t mask) { return vn_get_channel_layout_nb_channels(mask); }
+int channelsOf(uint64_t mask) {
+  return vn_get_channel_layout_nb_channels(mask);
+}
 
 void setLayout(AVFrame* frame, uint64_t mask) {
   av_channel_layout_uninit(&frame->ch_layout);
@@ -65,7 +65,9 @@ std::shared_ptr<VNFFEffectAudioStream> VNFFEffectAudioStream::create() {
 VNFFEffectAudioStream::VNFFEffectAudioStream()
     : pulled_(vn::ff::makeFrame()), feed_(vn::ff::makeFrame()), target_(vn::ff::makeFrame()) {}
 
-VNFFEffectAudioStream::~VNFFEffectAudioStream() { free_graph(); }
+VNFFEffectAudioStream::~VNFFEffectAudioStream() {
+  free_graph();
+}
 
 VNFFAudioFormat VNFFEffectAudioStream::outputParam() {
   std::lock_guard<std::mutex> guard(lock_);
@@ -82,7 +84,9 @@ std::vector<std::shared_ptr<VNFFMedia>> VNFFEffectAudioStream::inputs() {
   return inputs_;
 }
 
-double VNFFEffectAudioStream::volume() { return volume_.load(); }
+double VNFFEffectAudioStream::volume() {
+  return volume_.load();
+}
 
 void VNFFEffectAudioStream::setVolume(double volume) {
   volume_.store(volume);
@@ -91,7 +95,8 @@ void VNFFEffectAudioStream::setVolume(double volume) {
 
 std::string VNFFEffectAudioStream::channelLayoutName(uint64_t layout) {
   for (const LayoutName& row : kLayoutNames) {
-    if (row.mask == layout) return row.name;
+    if (row.mask == layout)
+      return row.name;
   }
   return {};
 }
@@ -110,14 +115,16 @@ AVFilterContext* VNFFEffectAudioStream::createInputMediaStreamFilter(const VNFFM
   const VNFFAudioFormat format = stream.audioFormat();
   const AVRational tb = stream.timebase();
   const char* fmtName = av_get_sample_fmt_name(static_cast<AVSampleFormat>(format.sample_fmt));
-  if (!fmtName || format.sample_rate <= 0) return nullptr;
+  if (!fmtName || format.sample_rate <= 0)
+    return nullptr;
   char args[256];
   std::snprintf(args, sizeof args,
                 "time_base=%d/%d:sample_rate=%d:sample_fmt=%s:channel_layout=0x%" PRIx64, tb.num,
                 tb.den, format.sample_rate, fmtName, format.channel_layout);
   // Instance names must be unique in a graph; every source shares the base
   // name and carries its input number.
-  const std::string name = "avfilter_vn_ff_media_audio" + (index ? "_" + std::to_string(index) : "");
+  const std::string name =
+      "avfilter_vn_ff_media_audio" + (index ? "_" + std::to_string(index) : "");
   AVFilterContext* source = nullptr;
   if (avfilter_graph_create_filter(&source, avfilter_get_by_name("abuffer"), name.c_str(), args,
                                    nullptr, graph_.get()) < 0) {
@@ -130,13 +137,15 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
   // Every enabled audio stream, media by media, at most 32.
   std::vector<std::shared_ptr<VNFFMediaStream>> streams;
   for (const auto& media : medias) {
-    for (const auto& stream : media->audios()) streams.push_back(stream);
+    for (const auto& stream : media->audios())
+      streams.push_back(stream);
   }
   const int n = std::min<int>(static_cast<int>(streams.size()), kMaxMixedStreams);
 
   free_graph();
   graph_.reset(avfilter_graph_alloc());
-  if (!graph_) return;
+  if (!graph_)
+    return;
   AVFilterGraph* graph = graph_.get();
   const VNFFAudioFormat out = outputParam();
 
@@ -148,14 +157,16 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
   AVFilterContext* volumeFix = nullptr;
   avfilter_graph_create_filter(&volumeFix, avfilter_get_by_name("volume"), "volumeFix", text,
                                nullptr, graph);
-  if (volumeFix && buffersink_) avfilter_link(volumeFix, 0, buffersink_, 0);
+  if (volumeFix && buffersink_)
+    avfilter_link(volumeFix, 0, buffersink_, 0);
 
   std::snprintf(text, sizeof text, "%f", static_cast<double>(static_cast<float>(volume_.load())));
   volumeText_ = text;
   avfilter_graph_create_filter(&volumeAdjust_, avfilter_get_by_name("volume"), "volume", text,
                                nullptr, graph);
   volumeChanged_.store(false);
-  if (volumeAdjust_ && volumeFix) avfilter_link(volumeAdjust_, 0, volumeFix, 0);
+  if (volumeAdjust_ && volumeFix)
+    avfilter_link(volumeAdjust_, 0, volumeFix, 0);
 
   const char* fmtName = av_get_sample_fmt_name(static_cast<AVSampleFormat>(out.sample_fmt));
   std::snprintf(text, sizeof text, "sample_fmts=%s:channel_layouts=%s:sample_rates=%d",
@@ -164,7 +175,8 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
   AVFilterContext* format = nullptr;
   avfilter_graph_create_filter(&format, avfilter_get_by_name("aformat"), "format", text, nullptr,
                                graph);
-  if (format && volumeAdjust_) avfilter_link(format, 0, volumeAdjust_, 0);
+  if (format && volumeAdjust_)
+    avfilter_link(format, 0, volumeAdjust_, 0);
 
   AVFilterContext* mixer = format;
   if (n > 1) {
@@ -173,33 +185,42 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
     if (avfilter_graph_create_filter(&amix, avfilter_get_by_name("amix"), "amix", text, nullptr,
                                      graph) >= 0 &&
         amix) {
-      if (format) avfilter_link(amix, 0, format, 0);
+      if (format)
+        avfilter_link(amix, 0, format, 0);
       mixer = amix;
     }
   }
 
   for (int i = 0; i < n; ++i) {
     AVFilterContext* source = createInputMediaStreamFilter(*streams[i], i);
-    if (!source) continue;
-    if (mixer) avfilter_link(source, 0, mixer, static_cast<unsigned>(i));
+    if (!source)
+      continue;
+    if (mixer)
+      avfilter_link(source, 0, mixer, static_cast<unsigned>(i));
     sources_.push_back({source, streams[i]});
   }
   {
     std::lock_guard<std::mutex> guard(lock_);
     inputs_ = medias;
   }
-  if (!buffersink_ || avfilter_graph_config(graph, nullptr) < 0) free_graph();
+  if (!buffersink_ || avfilter_graph_config(graph, nullptr) < 0)
+    free_graph();
 }
 
 std::string VNFFEffectAudioStream::stageArguments(const std::string& instanceName) {
-  if (!graph_) return {};
+  if (!graph_)
+    return {};
   AVFilterContext* filter = avfilter_graph_get_filter(graph_.get(), instanceName.c_str());
-  if (!filter) return {};
+  if (!filter)
+    return {};
   // The live volume is changed by command, which its option does not show.
-  if (instanceName == "volume") return volumeText_;
+  if (instanceName == "volume")
+    return volumeText_;
   const char* option = nullptr;
-  if (instanceName == "amix") option = "inputs";
-  else if (instanceName == "volumeFix") option = "volume";
+  if (instanceName == "amix")
+    option = "inputs";
+  else if (instanceName == "volumeFix")
+    option = "volume";
   if (!option) {
     // aformat: its three options in argument order.
     uint8_t* fmts = nullptr;
@@ -217,7 +238,8 @@ std::string VNFFEffectAudioStream::stageArguments(const std::string& instanceNam
     return text;
   }
   uint8_t* value = nullptr;
-  if (av_opt_get(filter->priv, option, 0, &value) < 0 || !value) return {};
+  if (av_opt_get(filter->priv, option, 0, &value) < 0 || !value)
+    return {};
   std::string text(reinterpret_cast<char*>(value));
   av_free(value);
   return text;
@@ -234,15 +256,16 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   const AVFrame* current = stream->frame();
   bool pull = current->pts == AV_NOPTS_VALUE;
   if (!pull) {
-    const int64_t end = av_rescale_q(current->pts, stream->timebase(), stream->framebase()) +
-                        current->nb_samples;
+    const int64_t end =
+        av_rescale_q(current->pts, stream->timebase(), stream->framebase()) + current->nb_samples;
     pull = stream->sync_pts() > end;
   }
   int nbSamples = 0;
   int64_t pts = AV_NOPTS_VALUE;
   const AVFrame* next = nullptr;
   if (pull) {
-    if (auto media = stream->media()) media->forwardStream(source.stream);
+    if (auto media = stream->media())
+      media->forwardStream(source.stream);
     next = stream->frame();
     nbSamples = next->nb_samples;
     pts = next->pts;
@@ -259,7 +282,8 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   local->sample_rate = format.sample_rate;
   setLayout(local, format.channel_layout);
   local->nb_samples = nbSamples > 0 ? nbSamples : kSilenceSamples;
-  if (av_frame_get_buffer(local, 0) < 0) return;
+  if (av_frame_get_buffer(local, 0) < 0)
+    return;
   if (size >= 1 && next->format == format.sample_fmt) {
     // Decoded planes are separate buffers: copy each of them.
     av_samples_copy(local->extended_data, next->extended_data, 0, 0, nbSamples, channels,
@@ -286,7 +310,8 @@ bool VNFFEffectAudioStream::feedStarvedSources() {
 }
 
 void VNFFEffectAudioStream::applyPendingVolume() {
-  if (!volumeChanged_.exchange(false) || !volumeAdjust_) return;
+  if (!volumeChanged_.exchange(false) || !volumeAdjust_)
+    return;
   char text[64];
   std::snprintf(text, sizeof text, "%f", volume_.load());
   // Sent to this one instance: the graph-wide command would also reach
@@ -312,7 +337,8 @@ bool VNFFEffectAudioStream::readFrame(AVFrame* frame) {
         got = true;
         break;
       }
-      if (r != AVERROR(EAGAIN) || !feedStarvedSources()) break;
+      if (r != AVERROR(EAGAIN) || !feedStarvedSources())
+        break;
     }
   }
   if (got && pulled->nb_samples == nb && pulled->format == frame->format &&
@@ -338,9 +364,9 @@ bool VNFFEffectAudioStream::readSample(void* bytes, int32_t frames) {
   // Point the frame at the caller's bytes: packed samples.
   const int size = av_samples_get_buffer_size(nullptr, channels, frames,
                                               static_cast<AVSampleFormat>(out.sample_fmt), 1);
-  if (size <= 0 || av_samples_fill_arrays(frame->data, frame->linesize,
-                                          static_cast<uint8_t*>(bytes), channels, frames,
-                                          static_cast<AVSampleFormat>(out.sample_fmt), 1) < 0) {
+  if (size <= 0 ||
+      av_samples_fill_arrays(frame->data, frame->linesize, static_cast<uint8_t*>(bytes), channels,
+                             frames, static_cast<AVSampleFormat>(out.sample_fmt), 1) < 0) {
     av_frame_unref(frame);
     return true;
   }

@@ -91,9 +91,9 @@ class VNFFEffectAudioStream {
   AVFilterContext* volumeAdjust_ = nullptr;  // owned by graph_
   std::vector<Source> sources_;
   std::string volumeText_;  // what the "volume" stage was last given
-  vn::ff::Frame pulled_;  // scratch: what the sink gives
-  vn::ff::Frame feed_;    // scratch: what a source gets
-  vn::ff::Frame target_;  // scratch: readSample's view of the caller's bytes
+  vn::ff::Frame pulled_;    // scratch: what the sink gives
+  vn::ff::Frame feed_;      // scratch: what a source gets
+  vn::ff::Frame target_;    // scratch: readSample's view of the caller's bytes
 
   std::mutex lock_;
   // Guarded by lock_.

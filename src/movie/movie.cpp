@@ -60,7 +60,8 @@ bool VNFFMovie::openSubtitle(const std::string& path) {
   auto media = VNFFMedia::create();
   media->setSource(VNSubtitleSource::mediaWithPath(path));
   media->open();
-  if (!media->hasSubtitle()) return false;
+  if (!media->hasSubtitle())
+    return false;
   std::lock_guard<std::mutex> guard(lock_);
   subtitle_ = std::move(media);
   return true;
@@ -89,7 +90,9 @@ std::shared_ptr<VNFFMedia> VNFFMovie::subtitle() {
   return subtitle_;
 }
 
-int64_t VNFFMovie::duration() { return duration_.load(); }
+int64_t VNFFMovie::duration() {
+  return duration_.load();
+}
 
 void VNFFMovie::getMaxMediaDuration() {
   int64_t longest = 0;
@@ -101,22 +104,26 @@ void VNFFMovie::getMaxMediaDuration() {
 
 bool VNFFMovie::hasAudio() {
   for (const auto& media : medias()) {
-    if (media->hasAudio()) return true;
+    if (media->hasAudio())
+      return true;
   }
   return false;
 }
 
 bool VNFFMovie::hasVideo() {
   for (const auto& media : medias()) {
-    if (media->hasVideo()) return true;
+    if (media->hasVideo())
+      return true;
   }
   return false;
 }
 
 bool VNFFMovie::hasSubtitle() {
-  if (subtitle()) return true;
+  if (subtitle())
+    return true;
   for (const auto& media : medias()) {
-    if (media->hasSubtitle()) return true;
+    if (media->hasSubtitle())
+      return true;
   }
   return false;
 }
@@ -124,7 +131,8 @@ bool VNFFMovie::hasSubtitle() {
 VNFFMovie::Medias VNFFMovie::audios() {
   Medias result;
   for (const auto& media : medias()) {
-    if (media->hasAudio()) result.push_back(media);
+    if (media->hasAudio())
+      result.push_back(media);
   }
   return result;
 }
@@ -132,7 +140,8 @@ VNFFMovie::Medias VNFFMovie::audios() {
 VNFFMovie::Medias VNFFMovie::videos() {
   Medias result;
   for (const auto& media : medias()) {
-    if (media->hasVideo()) result.push_back(media);
+    if (media->hasVideo())
+      result.push_back(media);
   }
   return result;
 }
@@ -144,7 +153,8 @@ std::shared_ptr<VNFFMedia> VNFFMovie::videoMediaAtTime(int64_t time) {
 std::shared_ptr<VNFFMedia> VNFFMovie::medias(const Medias& array, int64_t time) {
   for (const auto& media : array) {
     const int64_t start = media->movie_position();
-    if (start <= time && time < start + media->duration()) return media;
+    if (start <= time && time < start + media->duration())
+      return media;
   }
   return nullptr;
 }
@@ -185,9 +195,11 @@ void VNFFMovie::setSelectSubtitleStreams(const std::optional<VNIndexSet>& stream
 
 int64_t VNFFMovie::currentTime() {
   double frames = decode_samples_.load();
-  if (auto graph = audioOutputGraph()) frames -= static_cast<double>(graph->bufferFrames());
+  if (auto graph = audioOutputGraph())
+    frames -= static_cast<double>(graph->bufferFrames());
   double rate = audioEffectStream_->outputParam().sample_rate;
-  if (rate <= 1) rate = 1;
+  if (rate <= 1)
+    rate = 1;
   return seek_point_.load() + static_cast<int64_t>(1000000.0 * frames / rate);
 }
 
@@ -205,16 +217,22 @@ void VNFFMovie::seek(int64_t time) {
   auto self = shared_from_this();
   decodeQueue_->addOperation([self, time, snapshot = std::move(snapshot), graph] {
     // A newer seek was issued after this one: it will do the work.
-    if (self->seek_point_.load() != time) return;
-    for (const auto& media : snapshot) media->seek(time - media->movie_position());
+    if (self->seek_point_.load() != time)
+      return;
+    for (const auto& media : snapshot)
+      media->seek(time - media->movie_position());
     // The external subtitle file is always read again from its start.
-    if (auto subtitle = self->subtitle()) subtitle->seek(0);
+    if (auto subtitle = self->subtitle())
+      subtitle->seek(0);
     // Audio mixed before the seek is dropped.
-    if (graph) graph->clearBuffer();
+    if (graph)
+      graph->clearBuffer();
   });
 }
 
-void VNFFMovie::flushOperation() { decodeQueue_->waitUntilAllOperationsAreFinished(); }
+void VNFFMovie::flushOperation() {
+  decodeQueue_->waitUntilAllOperationsAreFinished();
+}
 
 VNFFAudioFormat VNFFMovie::defaultOutputFormat() {
   return VNFFAudioFormat{AV_SAMPLE_FMT_FLT, vn::defaultChannelLayout(2), 44100};
@@ -242,9 +260,13 @@ void VNFFMovie::configDefaultOutputFormat() {
   }
 }
 
-void VNFFMovie::setVolume(double volume) { audioEffectStream_->setVolume(volume); }
+void VNFFMovie::setVolume(double volume) {
+  audioEffectStream_->setVolume(volume);
+}
 
-double VNFFMovie::volume() { return audioEffectStream_->volume(); }
+double VNFFMovie::volume() {
+  return audioEffectStream_->volume();
+}
 
 bool VNFFMovie::readSample(void* bytes, int32_t frames) {
   forwardAudioDecodeTime(frames);
@@ -271,11 +293,13 @@ void VNFFMovie::openAudioOutput() {
 
 void VNFFMovie::play() {
   configDefaultOutputFormat();
-  if (auto graph = audioOutputGraph()) graph->start();
+  if (auto graph = audioOutputGraph())
+    graph->start();
 }
 
 void VNFFMovie::pause() {
-  if (auto graph = audioOutputGraph()) graph->stop();
+  if (auto graph = audioOutputGraph())
+    graph->stop();
 }
 
 bool VNFFMovie::isPlay() {
@@ -284,7 +308,8 @@ bool VNFFMovie::isPlay() {
 }
 
 void VNFFMovie::setRate(float rate) {
-  if (auto graph = audioOutputGraph()) graph->setRate(rate);
+  if (auto graph = audioOutputGraph())
+    graph->setRate(rate);
 }
 
 float VNFFMovie::rate() {
@@ -293,7 +318,8 @@ float VNFFMovie::rate() {
 }
 
 void VNFFMovie::setPlayVolume(double volume) {
-  if (auto graph = audioOutputGraph()) graph->setVolume(static_cast<float>(volume));
+  if (auto graph = audioOutputGraph())
+    graph->setVolume(static_cast<float>(volume));
 }
 
 double VNFFMovie::playVolume() {
@@ -305,7 +331,8 @@ void VNFFMovie::decodeMoreAudioDataToAudioOutput() {
   // Called on the device thread; while the movie is being destroyed there is
   // nothing to top up.
   auto self = weak_from_this().lock();
-  if (!self) return;
+  if (!self)
+    return;
   decodeQueue_->addOperation([self] { self->decodeMoreAudioDataToAudioOutputHelper(); });
 }
 
@@ -318,11 +345,14 @@ void VNFFMovie::decodeMoreAudioDataToAudioOutputHelper() {
 
 bool VNFFMovie::decodeAudioToAudioOutput() {
   // Nothing is produced while the mix is configured for export.
-  if (!isFFAudioFormatEqual(defaultOutputFormat(), audioEffectStream_->outputParam())) return false;
+  if (!isFFAudioFormatEqual(defaultOutputFormat(), audioEffectStream_->outputParam()))
+    return false;
   auto graph = audioOutputGraph();
-  if (!graph) return false;
+  if (!graph)
+    return false;
   float chunk[kChunkFrames * 2];
-  if (!audioEffectStream_->readSample(chunk, kChunkFrames)) return false;
+  if (!audioEffectStream_->readSample(chunk, kChunkFrames))
+    return false;
   graph->writeSample(chunk, kChunkFrames);
   forwardAudioDecodeTime(kChunkFrames);
   return true;

@@ -153,7 +153,7 @@ class VNFFMovie : public VNMovieLink,
 
   std::atomic<double> decode_samples_{0};  // frames produced since the last seek
   std::atomic<int64_t> duration_{0};
-  std::atomic<int64_t> seek_point_{0};     // the clock's origin
+  std::atomic<int64_t> seek_point_{0};  // the clock's origin
   std::shared_ptr<VNFFEffectAudioStream> audioEffectStream_;
   std::atomic<bool> exportMovie_{false};
   std::atomic<bool> disableVideo_{false};

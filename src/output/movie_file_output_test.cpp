@@ -159,6 +159,9 @@ struct Case {
   Pictures pictures;
 };
 
+// Test logs name a case by its file.
+void PrintTo(const Case& c, std::ostream* os) { *os << c.file; }
+
 // Writes kFrames pictures and kSamples samples of tone through the writer,
 // interleaved frame by frame; the RGBA reference goes to reference.
 template <typename Writer>

@@ -32,7 +32,9 @@ namespace {
 
 volatile sig_atomic_t gInterrupted = 0;
 
-void onInterrupt(int) { gInterrupted = 1; }
+void onInterrupt(int) {
+  gInterrupted = 1;
+}
 
 struct ConvertOptions {
   std::string input;
@@ -61,7 +63,8 @@ class Progress {
 
   void update(double done, int64_t frames, bool force = false) {
     const auto now = std::chrono::steady_clock::now();
-    if (!force && now - last_ < std::chrono::milliseconds(json_ ? 1000 : 200)) return;
+    if (!force && now - last_ < std::chrono::milliseconds(json_ ? 1000 : 200))
+      return;
     last_ = now;
     const double elapsed = std::chrono::duration<double>(now - start_).count();
     const double fraction = total_ > 0 ? std::min(1.0, done / total_) : 0;
@@ -79,7 +82,8 @@ class Progress {
   }
 
   void finish() {
-    if (!json_ && tty_) std::fprintf(stderr, "\n");
+    if (!json_ && tty_)
+      std::fprintf(stderr, "\n");
   }
 
  private:
@@ -105,8 +109,8 @@ bool parseRate(const std::string& text, int* num, int* den) {
 // chosen from it), hidden while it is being written.
 std::string temporaryPath(const std::string& output) {
   const std::filesystem::path out(output);
-  const std::string name = "." + out.stem().string() + ".varnel-" + std::to_string(getpid()) +
-                           out.extension().string();
+  const std::string name =
+      "." + out.stem().string() + ".varnel-" + std::to_string(getpid()) + out.extension().string();
   return (out.parent_path() / name).string();
 }
 
@@ -122,19 +126,17 @@ int run(const ConvertOptions& o) {
                 "use one of mp2 mp3 aac alac ac3 vorbis wma1 wma2");
   }
   std::error_code ec;
-  if (fs::exists(o.output, ec) && fs::exists(o.input, ec) && fs::equivalent(o.input, o.output, ec)) {
+  if (fs::exists(o.output, ec) && fs::exists(o.input, ec) &&
+      fs::equivalent(o.input, o.output, ec)) {
     return fail("cannot write", o.output, "the output is the input");
   }
 
   Input input;
-  if (std::string reason; !input.open(o.input, &reason)) return fail("cannot open", o.input, reason);
+  if (std::string reason; !input.open(o.input, &reason))
+    return fail("cannot open", o.input, reason);
   VNFFMovie& movie = *input.movie;
-  if (!o.audioTracks.empty()) {
-    std::optional<VNIndexSet> tracks;
-    if (std::string reason; !parseIndexList(o.audioTracks, &tracks, &reason)) {
-      return fail("bad --audio-tracks", o.audioTracks, reason);
-    }
-    movie.setSelectAudioStreams(tracks);
+  if (std::string reason; !input.selectAudioTracks(o.audioTracks, &reason)) {
+    return fail("bad --audio-tracks", o.audioTracks, reason);
   }
 
   const std::shared_ptr<VNFFMedia> video = input.videoMedia();
@@ -155,15 +157,21 @@ int run(const ConvertOptions& o) {
   if (!o.fps.empty() && !parseRate(o.fps, &format.framerate, &format.frameTime)) {
     return fail("bad --fps", o.fps, "expected N or N/D");
   }
-  if (o.vbitrate > 0) format.video_bitrate = static_cast<int32_t>(o.vbitrate);
-  if (o.abitrate > 0) format.audio_bitrate = static_cast<int32_t>(o.abitrate);
-  if (o.sampleRate > 0) format.sample_rate = o.sampleRate;
-  if (o.channels > 0) format.channel_layout = vn::defaultChannelLayout(o.channels);
-  if (!format.channel_layout) return fail("bad --channels", std::to_string(o.channels), "no layout");
+  if (o.vbitrate > 0)
+    format.video_bitrate = static_cast<int32_t>(o.vbitrate);
+  if (o.abitrate > 0)
+    format.audio_bitrate = static_cast<int32_t>(o.abitrate);
+  if (o.sampleRate > 0)
+    format.sample_rate = o.sampleRate;
+  if (o.channels > 0)
+    format.channel_layout = vn::defaultChannelLayout(o.channels);
+  if (!format.channel_layout)
+    return fail("bad --channels", std::to_string(o.channels), "no layout");
 
   const double inputSeconds = vn_ff_time_to_double(movie.duration());
   double endSeconds = inputSeconds;
-  if (o.duration > 0) endSeconds = std::min(endSeconds, o.start + o.duration);
+  if (o.duration > 0)
+    endSeconds = std::min(endSeconds, o.start + o.duration);
   if (o.start < 0 || o.start >= endSeconds) {
     return fail("bad --start", o.input, "the start is not inside the input");
   }
@@ -177,8 +185,10 @@ int run(const ConvertOptions& o) {
   const VNFFAudioFormat mixFormat{AV_SAMPLE_FMT_FLT, format.channel_layout, format.sample_rate};
   writer->setAudioInputFormat(mixFormat);
   bool wantVideo = video != nullptr;
-  if (wantVideo) writer->openVideo();
-  if (hasAudio) writer->openAudio();
+  if (wantVideo)
+    writer->openVideo();
+  if (hasAudio)
+    writer->openAudio();
   auto cleanup = [&] { fs::remove(temp, ec); };
   if (!writer->isMovieOpen()) {
     return fail("cannot write", o.output, writer->failureReason());
@@ -242,10 +252,11 @@ int run(const ConvertOptions& o) {
       // would give the one before.
       const double t = o.start + (videoFrames + 0.5) * frameSeconds;
       const int64_t local = static_cast<int64_t>(std::llround(t * 1e6)) - video->movie_position();
-      if (AVFrame* frame = video->videoFrameAtTime(local)) writer->writeVideoFrame(frame);
+      if (AVFrame* frame = video->videoFrameAtTime(local))
+        writer->writeVideoFrame(frame);
       if (writer->isAudioOpen()) {
-        writeAudioUntil(static_cast<int64_t>(std::llround((videoFrames + 1) * frameSeconds *
-                                                          format.sample_rate)));
+        writeAudioUntil(static_cast<int64_t>(
+            std::llround((videoFrames + 1) * frameSeconds * format.sample_rate)));
       }
       progress.update((videoFrames + 1) * frameSeconds, videoFrames + 1);
     }
@@ -276,25 +287,31 @@ int run(const ConvertOptions& o) {
 
 Registration convertCommand() {
   return [](CLI::App& app, std::function<int()>& run_) {
-  auto o = std::make_shared<ConvertOptions>();
-  CLI::App* sub = app.add_subcommand("convert", "Convert INPUT into OUTPUT (container from its extension)");
-  sub->add_option("INPUT", o->input, "Input media file")->required();
-  sub->add_option("OUTPUT", o->output, "Output file: .mp4 .mkv .mov .avi .mpg .wmv .m4a .m4r .mp3 ...")
-      ->required();
-  sub->add_option("--vcodec", o->vcodec, "h264 mpeg4 mpeg1 mpeg2 animation (default: the container's)");
-  sub->add_option("--acodec", o->acodec, "mp2 mp3 aac alac ac3 vorbis wma1 wma2 (default: the container's)");
-  sub->add_option("--size", o->size, "Output picture size WxH (default: the input's)");
-  sub->add_option("--fps", o->fps, "Output frame rate N or N/D (default: the input's exact rate)");
-  sub->add_option("--vbitrate", o->vbitrate, "Video bit rate, bits/s (default 20000000)");
-  sub->add_option("--abitrate", o->abitrate, "Audio bit rate, bits/s (default 192000)");
-  sub->add_option("--sample-rate", o->sampleRate, "Audio sample rate, Hz (default 44100)");
-  sub->add_option("--channels", o->channels, "Audio channels (default 2)");
-  sub->add_option("--audio-tracks", o->audioTracks, "Audio tracks to mix, e.g. 0,2 (default: all)");
-  sub->add_option("--start", o->start, "Start time in seconds");
-  sub->add_option("--duration", o->duration, "Duration in seconds (default: to the end)");
-  sub->add_option("--progress", o->progress, "Progress as 'json' lines on stderr")
-      ->check(CLI::IsMember({"json", "line"}));
-  sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
+    auto o = std::make_shared<ConvertOptions>();
+    CLI::App* sub =
+        app.add_subcommand("convert", "Convert INPUT into OUTPUT (container from its extension)");
+    sub->add_option("INPUT", o->input, "Input media file")->required();
+    sub->add_option("OUTPUT", o->output,
+                    "Output file: .mp4 .mkv .mov .avi .mpg .wmv .m4a .m4r .mp3 ...")
+        ->required();
+    sub->add_option("--vcodec", o->vcodec,
+                    "h264 mpeg4 mpeg1 mpeg2 animation (default: the container's)");
+    sub->add_option("--acodec", o->acodec,
+                    "mp2 mp3 aac alac ac3 vorbis wma1 wma2 (default: the container's)");
+    sub->add_option("--size", o->size, "Output picture size WxH (default: the input's)");
+    sub->add_option("--fps", o->fps,
+                    "Output frame rate N or N/D (default: the input's exact rate)");
+    sub->add_option("--vbitrate", o->vbitrate, "Video bit rate, bits/s (default 20000000)");
+    sub->add_option("--abitrate", o->abitrate, "Audio bit rate, bits/s (default 192000)");
+    sub->add_option("--sample-rate", o->sampleRate, "Audio sample rate, Hz (default 44100)");
+    sub->add_option("--channels", o->channels, "Audio channels (default 2)");
+    sub->add_option("--audio-tracks", o->audioTracks,
+                    "Audio tracks to mix, e.g. 0,2 (default: all)");
+    sub->add_option("--start", o->start, "Start time in seconds");
+    sub->add_option("--duration", o->duration, "Duration in seconds (default: to the end)");
+    sub->add_option("--progress", o->progress, "Progress as 'json' lines on stderr")
+        ->check(CLI::IsMember({"json", "line"}));
+    sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
   };
 }
 

@@ -22,7 +22,9 @@ namespace varnel_cli {
 namespace {
 
 volatile sig_atomic_t gQuit = 0;
-void onSignal(int) { gQuit = 1; }
+void onSignal(int) {
+  gQuit = 1;
+}
 
 struct PlayOptions {
   std::string input;
@@ -36,7 +38,8 @@ struct PlayOptions {
 class RawTerminal {
  public:
   RawTerminal() {
-    if (!isatty(0) || tcgetattr(0, &saved_) != 0) return;
+    if (!isatty(0) || tcgetattr(0, &saved_) != 0)
+      return;
     termios raw = saved_;
     raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
     raw.c_cc[VMIN] = 0;
@@ -44,7 +47,8 @@ class RawTerminal {
     active_ = tcsetattr(0, TCSANOW, &raw) == 0;
   }
   ~RawTerminal() {
-    if (active_) tcsetattr(0, TCSANOW, &saved_);
+    if (active_)
+      tcsetattr(0, TCSANOW, &saved_);
   }
   bool active() const { return active_; }
 
@@ -58,17 +62,25 @@ enum class Key { kNone, kPause, kBack, kForward, kFaster, kSlower, kQuit };
 // Waits up to timeout for a key.
 Key readKey(int timeoutMs) {
   pollfd fd{0, POLLIN, 0};
-  if (poll(&fd, 1, timeoutMs) <= 0) return Key::kNone;
+  if (poll(&fd, 1, timeoutMs) <= 0)
+    return Key::kNone;
   char c[3] = {};
   const ssize_t n = read(0, c, sizeof c);
-  if (n <= 0) return Key::kNone;
-  if (c[0] == ' ') return Key::kPause;
-  if (c[0] == 'q' || c[0] == 'Q') return Key::kQuit;
-  if (c[0] == '+' || c[0] == '=') return Key::kFaster;
-  if (c[0] == '-' || c[0] == '_') return Key::kSlower;
+  if (n <= 0)
+    return Key::kNone;
+  if (c[0] == ' ')
+    return Key::kPause;
+  if (c[0] == 'q' || c[0] == 'Q')
+    return Key::kQuit;
+  if (c[0] == '+' || c[0] == '=')
+    return Key::kFaster;
+  if (c[0] == '-' || c[0] == '_')
+    return Key::kSlower;
   if (n == 3 && c[0] == 27 && c[1] == '[') {
-    if (c[2] == 'C') return Key::kForward;
-    if (c[2] == 'D') return Key::kBack;
+    if (c[2] == 'C')
+      return Key::kForward;
+    if (c[2] == 'D')
+      return Key::kBack;
   }
   return Key::kNone;
 }
@@ -82,21 +94,19 @@ std::string clock(double seconds) {
 }
 
 int run(const PlayOptions& o) {
-  if (o.speed < 0.25 || o.speed > 4) return fail("bad --speed", std::to_string(o.speed), "use 0.25 to 4");
-  if (o.volume < 0 || o.volume > 4) return fail("bad --volume", std::to_string(o.volume), "use 0 to 4");
+  if (o.speed < 0.25 || o.speed > 4)
+    return fail("bad --speed", std::to_string(o.speed), "use 0.25 to 4");
+  if (o.volume < 0 || o.volume > 4)
+    return fail("bad --volume", std::to_string(o.volume), "use 0 to 4");
   Input input;
-  if (std::string reason; !input.open(o.input, &reason)) return fail("cannot open", o.input, reason);
+  if (std::string reason; !input.open(o.input, &reason))
+    return fail("cannot open", o.input, reason);
   VNFFMovie& movie = *input.movie;
-  if (!o.audioTracks.empty()) {
-    std::optional<VNIndexSet> tracks;
-    if (std::string reason; !parseIndexList(o.audioTracks, &tracks, &reason)) {
-      return fail("bad --audio-tracks", o.audioTracks, reason);
-    }
-    movie.setSelectAudioStreams(tracks);
-    // A new selection changes which streams the mix reads.
-    movie.configOutputFormat(VNFFMovie::defaultOutputFormat());
+  if (std::string reason; !input.selectAudioTracks(o.audioTracks, &reason)) {
+    return fail("bad --audio-tracks", o.audioTracks, reason);
   }
-  if (!movie.hasAudio()) return fail("cannot play", o.input, "it has no audio track to play");
+  if (!movie.hasAudio())
+    return fail("cannot play", o.input, "it has no audio track to play");
 
   const double duration = vn_ff_time_to_double(movie.duration());
   const auto seekTo = [&](double seconds) {
@@ -124,7 +134,8 @@ int run(const PlayOptions& o) {
   float speed = static_cast<float>(o.speed);
   while (!gQuit) {
     const Key key = terminal.active() ? readKey(100) : Key::kNone;
-    if (!terminal.active()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    if (!terminal.active())
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const double now = vn_ff_time_to_double(movie.currentTime());
     switch (key) {
       case Key::kQuit:
@@ -155,10 +166,12 @@ int run(const PlayOptions& o) {
       std::fprintf(stderr, "\r%s / %s  x%.2f  %s   ", clock(now).c_str(), clock(duration).c_str(),
                    speed, paused ? "paused " : "playing");
     }
-    if (!paused && now >= duration) break;
+    if (!paused && now >= duration)
+      break;
   }
   movie.pause();
-  if (tty) std::fprintf(stderr, "\n");
+  if (tty)
+    std::fprintf(stderr, "\n");
   return kExitOk;
 }
 
@@ -166,15 +179,17 @@ int run(const PlayOptions& o) {
 
 Registration playCommand() {
   return [](CLI::App& app, std::function<int()>& run_) {
-  auto o = std::make_shared<PlayOptions>();
-  CLI::App* sub = app.add_subcommand("play", "Play the audio of INPUT on the default sound device");
-  sub->add_option("INPUT", o->input, "Input media file")->required();
-  sub->add_option("--speed", o->speed, "Playback speed, 0.25 to 4 (pitch kept)");
-  sub->add_option("--volume", o->volume, "Mix level, 0 to 4 (1 unchanged)");
-  sub->add_option("--start", o->start, "Start time in seconds");
-  sub->add_option("--audio-tracks", o->audioTracks, "Audio tracks to mix, e.g. 0,2 (default: all)");
-  sub->footer("Keys: space pause, left/right seek 10 s, +/- speed, q quit.");
-  sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
+    auto o = std::make_shared<PlayOptions>();
+    CLI::App* sub =
+        app.add_subcommand("play", "Play the audio of INPUT on the default sound device");
+    sub->add_option("INPUT", o->input, "Input media file")->required();
+    sub->add_option("--speed", o->speed, "Playback speed, 0.25 to 4 (pitch kept)");
+    sub->add_option("--volume", o->volume, "Mix level, 0 to 4 (1 unchanged)");
+    sub->add_option("--start", o->start, "Start time in seconds");
+    sub->add_option("--audio-tracks", o->audioTracks,
+                    "Audio tracks to mix, e.g. 0,2 (default: all)");
+    sub->footer("Keys: space pause, left/right seek 10 s, +/- speed, q quit.");
+    sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
   };
 }
 

@@ -29,7 +29,8 @@ bool Input::open(const std::string& path, std::string* reason) {
   source = VNMediaSource::mediaWithPath(path);
   auto medias = source->createMedias();
   if (!source->isOpen()) {
-    *reason = source->lastError().empty() ? "not a media file FFmpeg can read" : source->lastError();
+    *reason =
+        source->lastError().empty() ? "not a media file FFmpeg can read" : source->lastError();
     return false;
   }
   if (!source->isComplete()) {
@@ -45,6 +46,17 @@ bool Input::open(const std::string& path, std::string* reason) {
   return true;
 }
 
+bool Input::selectAudioTracks(const std::string& list, std::string* reason) {
+  std::optional<VNIndexSet> tracks;
+  if (!parseIndexList(list, &tracks, reason))
+    return false;
+  movie->setSelectAudioStreams(tracks);
+  // A selection does not rebuild the mix by itself: rebuild it over the
+  // streams now enabled.
+  movie->configOutputFormat(movie->audioEffectStream().outputParam());
+  return true;
+}
+
 std::shared_ptr<VNFFMedia> Input::videoMedia() {
   auto videos = movie->videos();
   return videos.empty() ? nullptr : videos.front();
@@ -53,10 +65,12 @@ std::shared_ptr<VNFFMedia> Input::videoMedia() {
 AVRational Input::videoFrameRate() {
   auto media = videoMedia();
   auto stream = media ? media->videoStream() : nullptr;
-  if (!stream || !stream->stream()) return AVRational{25, 1};
+  if (!stream || !stream->stream())
+    return AVRational{25, 1};
   const AVStream* s = stream->stream();
   for (AVRational r : {s->r_frame_rate, s->avg_frame_rate}) {
-    if (r.num > 0 && r.den > 0 && av_q2d(r) >= 1 && av_q2d(r) <= 240) return r;
+    if (r.num > 0 && r.den > 0 && av_q2d(r) >= 1 && av_q2d(r) <= 240)
+      return r;
   }
   return AVRational{25, 1};
 }

@@ -21,6 +21,10 @@ struct Input {
   // Opens path; false with a one-line reason when it is missing, empty or
   // holds no audio or video that can be decoded.
   bool open(const std::string& path, std::string* reason);
+  // Mixes only the listed audio tracks ("0,2", counted among the input's
+  // audio tracks; "" or "all" for every track). False with a reason when the
+  // list cannot be read.
+  bool selectAudioTracks(const std::string& list, std::string* reason);
   // The first media with video, or null.
   std::shared_ptr<VNFFMedia> videoMedia();
   // The exact frame rate of the video (30000/1001 stays 30000/1001); 25/1
