@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build -G Ninja >/dev/null
-cmake --build build -j "$(nproc)"
+cmake --build build -j "$(nproc)" --target varnel-cli
 
 demo=build/demo
 bash scripts/make-sample.sh "$demo/sample.mp4"
