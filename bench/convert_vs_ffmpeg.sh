@@ -15,6 +15,7 @@ out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 size=1280x720
 vb=4000000
+seconds=${SECONDS_OF_INPUT:-20}
 
 measure() {  # label, command...: prints "seconds kilobytes"
   local label=$1
@@ -28,8 +29,8 @@ median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 
 for i in $(seq "$runs"); do
   measure varnel "$build/varnel" convert "$in" "$out/varnel.mp4" --size $size \
-    --vcodec h264 --acodec aac --vbitrate $vb --abitrate 192000 --sample-rate 48000 >>"$out/varnel.all"
-  measure ffmpeg ffmpeg -hide_banner -loglevel error -y -i "$in" -vf scale=${size/x/:} \
+    --vcodec h264 --acodec aac --vbitrate $vb --abitrate 192000 --sample-rate 48000 --duration "$seconds" >>"$out/varnel.all"
+  measure ffmpeg ffmpeg -hide_banner -loglevel error -y -i "$in" -t "$seconds" -vf scale=${size/x/:} \
     -c:v libx264 -preset fast -profile:v main -g 12 -b:v $vb \
     -c:a aac -b:a 192k "$out/ffmpeg.mp4" >>"$out/ffmpeg.all"
 done
@@ -38,7 +39,7 @@ vt=$(awk '{print $1}' "$out/varnel.all" | median)
 ft=$(awk '{print $1}' "$out/ffmpeg.all" | median)
 vm=$(awk '{print $2}' "$out/varnel.all" | median)
 fm=$(awk '{print $2}' "$out/ffmpeg.all" | median)
-echo "input: $in -> $size h264 (fast, main, GOP 12, $vb b/s) + aac 192k, $runs runs"
+echo "input: first $seconds s of $in -> $size h264 (fast, main, GOP 12, $vb b/s) + aac 192k, $runs runs"
 printf 'wall time   varnel %6.2f s   ffmpeg %6.2f s   ratio %.2f\n' "$vt" "$ft" "$(echo "$vt / $ft" | bc -l)"
 printf 'peak memory varnel %6.0f MB  ffmpeg %6.0f MB  ratio %.2f\n' "$(echo "$vm/1024" | bc -l)" \
   "$(echo "$fm/1024" | bc -l)" "$(echo "$vm / $fm" | bc -l)"
