@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Seek latency: a movie seeking to 20 fixed times and taking the picture there
+# (varnel_bench_seek, in one process) next to one `ffmpeg -ss T -i FILE
+# -frames:v 1 -f null -` process per time, on the long 1080p fixture. The two
+# alternate for ROUNDS rounds and the fastest round of each counts (the
+# machine is shared). Also counts the seeks that landed on the frame covering
+# their time, by ffprobe's frame list.
+#
+#   bench/seek_vs_ffmpeg.sh [BUILD_DIR] [ROUNDS]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+rounds=${2:-3}
+bench="$build/bench/varnel_bench_seek"
+fixtures=${VARNEL_FIXTURES:-$build/fixtures}
+if [[ ! -x $bench ]]; then
+  echo "seek_vs_ffmpeg: no $bench (build first)" >&2
+  exit 2
+fi
+VARNEL_FIXTURES_LONG=1 bash tests/fixtures/make_fixtures.sh "$fixtures" >/dev/null
+in="$fixtures/long_1080p.mp4"
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+
+ffprobe -v error -select_streams v:0 -show_entries frame=pts_time,pkt_duration_time \
+  -of csv=p=0 "$in" >"$tmp/frames.csv"
+
+now_ms() { echo $(($(date +%s%N) / 1000000)); }
+
+best_varnel=
+best_ffmpeg=
+for ((r = 0; r < rounds; r++)); do
+  "$bench" "$in" "$tmp/frames.csv" >"$tmp/varnel.txt"
+  ms=$(awk '/^total/ {print $4}' "$tmp/varnel.txt")
+  best_varnel=$(echo "$ms" "${best_varnel:-$ms}" | awk '{print ($1 < $2) ? $1 : $2}')
+
+  start=$(now_ms)
+  for t in $(awk '/^seek/ {print $2}' "$tmp/varnel.txt"); do
+    ffmpeg -hide_banner -loglevel error -nostdin -ss "$t" -i "$in" -frames:v 1 -f null -
+  done
+  ms=$(($(now_ms) - start))
+  best_ffmpeg=$(echo "$ms" "${best_ffmpeg:-$ms}" | awk '{print ($1 < $2) ? $1 : $2}')
+done
+
+echo "input: $in, 20 seeks, fastest of $rounds rounds"
+grep '^open' "$tmp/varnel.txt" | awk '{printf "varnel opening the movie %7.1f ms (once, not counted below)\n", $2}'
+awk -v v="$best_varnel" -v f="$best_ffmpeg" 'BEGIN {
+  printf "varnel  seek + picture  %7.1f ms  (%.1f ms per seek)\n", v, v / 20
+  printf "ffmpeg  -ss T -frames:v 1 %7.1f ms  (%.1f ms per process)\n", f, f / 20
+  printf "ratio   %.2f (varnel / ffmpeg)\n", v / f
+}'
+grep '^covering' "$tmp/varnel.txt" | awk '{print "frames covering their time: " $2}'
+grep ' misses ' "$tmp/varnel.txt" | sed 's/^/  missed: /' || true
