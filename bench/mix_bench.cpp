@@ -42,10 +42,12 @@ double usSince(Clock::time_point start) {
 // The audio media of a new source on path, opened; null when there is none.
 std::shared_ptr<VNFFMedia> openAudioMedia(const std::string& path) {
   auto medias = VNMediaSource::mediaWithPath(path)->createMedias();
-  if (!medias) return nullptr;
+  if (!medias)
+    return nullptr;
   for (const auto& media : *medias) {
     media->open();
-    if (media->hasAudio()) return media;
+    if (media->hasAudio())
+      return media;
   }
   return nullptr;
 }
@@ -59,8 +61,10 @@ int main(int argc, char** argv) {
   }
   const std::string path = argv[1];
   std::vector<int> counts;
-  for (int i = 2; i < argc; ++i) counts.push_back(std::atoi(argv[i]));
-  if (counts.empty()) counts = {2, 8, 32};
+  for (int i = 2; i < argc; ++i)
+    counts.push_back(std::atoi(argv[i]));
+  if (counts.empty())
+    counts = {2, 8, 32};
   Varnel::initialize();
 
   for (const int n : counts) {
@@ -92,7 +96,8 @@ int main(int argc, char** argv) {
     for (int64_t i = 0; i < chunks; ++i) {
       mix->readSample(chunk.data(), kChunkFrames);
       // A mix that gave only silence would be cheap and wrong: keep its level.
-      for (float s : chunk) sumSquares += static_cast<double>(s) * s;
+      for (float s : chunk)
+        sumSquares += static_cast<double>(s) * s;
     }
     const double readUs = usSince(readStart);
     const double allUs = usSince(start);

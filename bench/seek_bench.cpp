@@ -58,7 +58,8 @@ std::vector<Frame> readFrameList(const std::string& path) {
   std::string line;
   while (std::getline(in, line)) {
     Frame f{};
-    if (std::sscanf(line.c_str(), "%lf,%lf", &f.pts, &f.duration) == 2) frames.push_back(f);
+    if (std::sscanf(line.c_str(), "%lf,%lf", &f.pts, &f.duration) == 2)
+      frames.push_back(f);
   }
   return frames;
 }
@@ -66,7 +67,8 @@ std::vector<Frame> readFrameList(const std::string& path) {
 // The listed frame shown at t (seconds of the file), if any.
 std::optional<Frame> covering(const std::vector<Frame>& frames, double t) {
   for (const Frame& f : frames) {
-    if (f.pts <= t + 1e-6 && t < f.pts + f.duration - 1e-6) return f;
+    if (f.pts <= t + 1e-6 && t < f.pts + f.duration - 1e-6)
+      return f;
   }
   return std::nullopt;
 }
@@ -125,8 +127,8 @@ int main(int argc, char** argv) {
         .addOperation([&] {
           const AVFrame* frame = video->videoFrameAtTime(t - video->movie_position());
           const std::shared_ptr<VNFFMediaStream> stream = video->videoStream();
-          if (frame && stream && frame->data[0]) pts = static_cast<double>(frame->pts) *
-                                                       av_q2d(stream->timebase());
+          if (frame && stream && frame->data[0])
+            pts = static_cast<double>(frame->pts) * av_q2d(stream->timebase());
         })
         ->wait();
     const double ms = msSince(start);
@@ -144,6 +146,7 @@ int main(int argc, char** argv) {
   }
   std::printf("open %.1f ms\n", openMs);
   std::printf("total %d seeks %.1f ms\n", kSeeks, totalMs);
-  if (!frames.empty()) std::printf("covering %d/%d\n", covers, kSeeks);
+  if (!frames.empty())
+    std::printf("covering %d/%d\n", covers, kSeeks);
   return 0;
 }

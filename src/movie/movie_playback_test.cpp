@@ -29,14 +29,18 @@ constexpr int64_t kChunkFrames = 2048;  // what one top-up item mixes
 constexpr int64_t kDeviceFrames = 512;
 constexpr int64_t kSecond = 1000000;
 
-int64_t framesOf(int64_t microseconds) { return (microseconds * kRate + kSecond / 2) / kSecond; }
+int64_t framesOf(int64_t microseconds) {
+  return (microseconds * kRate + kSecond / 2) / kSecond;
+}
 
 // The fixture's medias: all of them, or only the one that reads audio.
 std::vector<std::shared_ptr<VNFFMedia>> mediasOf(const std::string& name, bool audioOnly = false) {
   auto medias = VNMediaSource::mediaWithPath(vn::test::fixture(name))->createMedias();
-  if (!medias) return {};
+  if (!medias)
+    return {};
   // A file with video and audio is read as a video media, then an audio one.
-  if (audioOnly) return {medias->back()};
+  if (audioOnly)
+    return {medias->back()};
   return *medias;
 }
 
@@ -95,7 +99,8 @@ class MoviePlaybackTest : public ::testing::Test {
   bool playUntil(int64_t time) {
     const auto deadline = std::chrono::steady_clock::now() + 3s;
     while (movie_->currentTime() < time) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
+      if (std::chrono::steady_clock::now() > deadline)
+        return false;
       std::this_thread::sleep_for(5ms);
     }
     return true;
@@ -164,7 +169,8 @@ TEST_F(MoviePlaybackTest, PauseKeepsTheBufferAndPlayResumes) {
   // The device may play a call or two of silence as it starts; then comes
   // exactly what waited.
   size_t first = 0;
-  while (first < after.data.size() && after.data[first] == 0.0f) ++first;
+  while (first < after.data.size() && after.data[first] == 0.0f)
+    ++first;
   first -= first % 2;
   ASSERT_GE(after.data.size() - first, waiting.size());
   EXPECT_TRUE(std::equal(waiting.begin(), waiting.end(), after.data.begin() + first));
