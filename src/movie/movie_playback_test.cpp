@@ -17,16 +17,17 @@
 #include "media/media_source.h"
 #include "movie/movie.h"
 #include "movie/output_audio_graph.h"
+#include "platform/audio_device.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int64_t kRate = 44100;
+constexpr int64_t kRate = VNAudioGraph::kSampleRate;
 constexpr int64_t kChunkFrames = 2048;  // what one top-up item mixes
 // One device call: the most the device takes between two looks at the clock.
-constexpr int64_t kDeviceFrames = 512;
+constexpr int64_t kDeviceFrames = vn::AudioDevice::kFramesPerCallback;
 constexpr int64_t kSecond = 1000000;
 
 int64_t framesOf(int64_t microseconds) {
