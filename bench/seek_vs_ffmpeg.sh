@@ -27,27 +27,29 @@ ffprobe -v error -select_streams v:0 -show_entries frame=pts_time,pkt_duration_t
 
 now_ms() { echo $(($(date +%s%N) / 1000000)); }
 
+min() { echo "$1" "${2:-$1}" | awk '{print ($1 < $2) ? $1 : $2}'; }
+
+best_open=
 best_varnel=
 best_ffmpeg=
 for ((r = 0; r < rounds; r++)); do
   "$bench" "$in" "$tmp/frames.csv" >"$tmp/varnel.txt"
-  ms=$(awk '/^total/ {print $4}' "$tmp/varnel.txt")
-  best_varnel=$(echo "$ms" "${best_varnel:-$ms}" | awk '{print ($1 < $2) ? $1 : $2}')
+  best_open=$(min "$(awk '/^open/ {print $2}' "$tmp/varnel.txt")" "$best_open")
+  best_varnel=$(min "$(awk '/^total/ {print $4}' "$tmp/varnel.txt")" "$best_varnel")
 
   start=$(now_ms)
   for t in $(awk '/^seek/ {print $2}' "$tmp/varnel.txt"); do
     ffmpeg -hide_banner -loglevel error -nostdin -ss "$t" -i "$in" -frames:v 1 -f null -
   done
-  ms=$(($(now_ms) - start))
-  best_ffmpeg=$(echo "$ms" "${best_ffmpeg:-$ms}" | awk '{print ($1 < $2) ? $1 : $2}')
+  best_ffmpeg=$(min $(($(now_ms) - start)) "$best_ffmpeg")
 done
 
 echo "input: $in, 20 seeks, fastest of $rounds rounds"
-grep '^open' "$tmp/varnel.txt" | awk '{printf "varnel opening the movie %7.1f ms (once, not counted below)\n", $2}'
-awk -v v="$best_varnel" -v f="$best_ffmpeg" 'BEGIN {
-  printf "varnel  seek + picture  %7.1f ms  (%.1f ms per seek)\n", v, v / 20
-  printf "ffmpeg  -ss T -frames:v 1 %7.1f ms  (%.1f ms per process)\n", f, f / 20
-  printf "ratio   %.2f (varnel / ffmpeg)\n", v / f
+awk -v o="$best_open" -v v="$best_varnel" -v f="$best_ffmpeg" 'BEGIN {
+  printf "varnel opening the movie    %7.1f ms  (once, not counted below)\n", o
+  printf "varnel seek + picture ×20   %7.1f ms  (%.1f ms per seek)\n", v, v / 20
+  printf "ffmpeg -ss T -frames:v 1 ×20 %6.1f ms  (%.1f ms per process)\n", f, f / 20
+  printf "ratio %.2f (varnel / ffmpeg)\n", v / f
 }'
 grep '^covering' "$tmp/varnel.txt" | awk '{print "frames covering their time: " $2}'
 grep ' misses ' "$tmp/varnel.txt" | sed 's/^/  missed: /' || true
