@@ -20,6 +20,11 @@ inline constexpr int kExitUsage = 2;
 // Prints the one error line and returns kExitFailed.
 int fail(const std::string& what, const std::string& path, const std::string& reason);
 
+// From now on Ctrl-C (SIGINT) and SIGTERM only set a flag that long work
+// polls, so it can stop cleanly and remove what it wrote.
+void catchInterrupts();
+bool interrupted();
+
 // A subcommand: adds itself to the application and sets `run` to what it
 // does once the arguments are parsed.
 using Registration = std::function<void(CLI::App& app, std::function<int()>& run)>;

@@ -30,12 +30,6 @@ extern "C" {
 namespace varnel_cli {
 namespace {
 
-volatile sig_atomic_t gInterrupted = 0;
-
-void onInterrupt(int) {
-  gInterrupted = 1;
-}
-
 struct ConvertOptions {
   std::string input;
   std::string output;
@@ -218,10 +212,7 @@ int run(const ConvertOptions& o) {
   movie.seek(startUs);
   movie.flushOperation();
 
-  struct sigaction action {};
-  action.sa_handler = onInterrupt;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  catchInterrupts();
 
   Progress progress(o.progress == "json", endSeconds - o.start);
   const int channels = vn_get_channel_layout_nb_channels(format.channel_layout);
@@ -234,7 +225,7 @@ int run(const ConvertOptions& o) {
 
   auto writeAudioUntil = [&](int64_t target) {
     target = std::min(target, audioTotal);
-    while (audioFrames < target && !gInterrupted) {
+    while (audioFrames < target && !interrupted()) {
       const int n = static_cast<int>(std::min<int64_t>(kChunk, target - audioFrames));
       movie.readSample(audio.data(), n);
       writer->writeAudioData(audio.data(), static_cast<uint64_t>(n) * bytesPerFrame);
@@ -246,7 +237,7 @@ int run(const ConvertOptions& o) {
   if (writer->isVideoOpen()) {
     const double frameSeconds = static_cast<double>(format.frameTime) / format.framerate;
     const int64_t total = std::max<int64_t>(1, std::llround(span / frameSeconds));
-    for (; videoFrames < total && !gInterrupted; ++videoFrames) {
+    for (; videoFrames < total && !interrupted(); ++videoFrames) {
       // The picture shown at the middle of the output frame: a frame is
       // looked up as ending where the next begins, so an exact boundary
       // would give the one before.
@@ -262,7 +253,7 @@ int run(const ConvertOptions& o) {
     }
   }
   if (writer->isAudioOpen()) {
-    while (audioFrames < audioTotal && !gInterrupted) {
+    while (audioFrames < audioTotal && !interrupted()) {
       writeAudioUntil(audioFrames + format.sample_rate);
       progress.update(static_cast<double>(audioFrames) / format.sample_rate, videoFrames);
     }
@@ -271,7 +262,7 @@ int run(const ConvertOptions& o) {
   progress.finish();
 
   writer->stopOutput();
-  if (gInterrupted) {
+  if (interrupted()) {
     cleanup();
     return fail("interrupted", o.output, "the conversion was stopped; nothing was written");
   }

@@ -45,7 +45,8 @@ std::string codecName(const VNFFMediaStream& stream) {
 
 std::string layoutName(uint64_t mask) {
   AVChannelLayout layout{};
-  if (mask == 0 || av_channel_layout_from_mask(&layout, mask) < 0) return "unknown";
+  if (mask == 0 || av_channel_layout_from_mask(&layout, mask) < 0)
+    return "unknown";
   char text[64] = {};
   av_channel_layout_describe(&layout, text, sizeof text);
   av_channel_layout_uninit(&layout);
@@ -53,7 +54,8 @@ std::string layoutName(uint64_t mask) {
 }
 
 Json seconds(int64_t microseconds) {
-  if (microseconds == AV_NOPTS_VALUE) return nullptr;
+  if (microseconds == AV_NOPTS_VALUE)
+    return nullptr;
   return vn_ff_time_to_double(microseconds);
 }
 
@@ -102,14 +104,16 @@ std::string details(const Json& s) {
 std::string joined(const Json& list, const char* separator) {
   std::string text;
   for (const auto& item : list) {
-    if (!text.empty()) text += separator;
+    if (!text.empty())
+      text += separator;
     text += item.is_string() ? item.get<std::string>() : item.dump();
   }
   return text.empty() ? "-" : text;
 }
 
 std::string secondsText(const Json& value) {
-  if (value.is_null()) return "unknown";
+  if (value.is_null())
+    return "unknown";
   char text[32];
   std::snprintf(text, sizeof text, "%.3f s", value.get<double>());
   return text;
@@ -120,7 +124,8 @@ void printTable(const Json& info) {
               info["format"].get<std::string>().c_str(), secondsText(info["duration"]).c_str(),
               secondsText(info["start_time"]).c_str());
   // Columns as wide as their longest cell.
-  std::vector<std::vector<std::string>> rows{{"#", "type", "codec", "language", "enabled", "details"}};
+  std::vector<std::vector<std::string>> rows{
+      {"#", "type", "codec", "language", "enabled", "details"}};
   for (const auto& s : info["streams"]) {
     rows.push_back({std::to_string(s["index"].get<int>()), s["type"].get<std::string>(),
                     s["codec"].get<std::string>(), s["language"].get<std::string>(),
@@ -128,20 +133,23 @@ void printTable(const Json& info) {
   }
   std::vector<size_t> widths(rows.front().size(), 0);
   for (const auto& row : rows) {
-    for (size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], row[c].size());
+    for (size_t c = 0; c < row.size(); ++c)
+      widths[c] = std::max(widths[c], row[c].size());
   }
   std::printf("\n");
   for (const auto& row : rows) {
     std::string line = " ";
     for (size_t c = 0; c < row.size(); ++c) {
       line += " " + row[c];
-      if (c + 1 < row.size()) line += std::string(widths[c] - row[c].size() + 1, ' ');
+      if (c + 1 < row.size())
+        line += std::string(widths[c] - row[c].size() + 1, ' ');
     }
     line.erase(line.find_last_not_of(' ') + 1);
     std::printf("%s\n", line.c_str());
   }
   std::printf("\nmedias:\n");
-  if (info["medias"].empty()) std::printf("  none (no audio or video to play)\n");
+  if (info["medias"].empty())
+    std::printf("  none (no audio or video to play)\n");
   for (const auto& m : info["medias"]) {
     std::printf("  %-6s at %s, streams %s\n", m["kind"].get<std::string>().c_str(),
                 secondsText(m["movie_position"]).c_str(), joined(m["streams"], ",").c_str());
@@ -153,15 +161,18 @@ void printTable(const Json& info) {
 int info(const std::string& path, bool json) {
   std::shared_ptr<VNMediaSource> source = VNMediaSource::mediaWithPath(path);
   source->open();
-  if (!source->isOpen()) return fail("cannot open", path, source->lastError());
-  if (!source->isComplete()) return fail("cannot read", path, source->lastError());
+  if (!source->isOpen())
+    return fail("cannot open", path, source->lastError());
+  if (!source->isComplete())
+    return fail("cannot read", path, source->lastError());
   AVFormatContext* context = source->formatContext();
-  if (context->nb_streams == 0) return fail("cannot read", path, "no streams found");
+  if (context->nb_streams == 0)
+    return fail("cannot read", path, "no streams found");
 
   // The medias a movie would read; a file with neither video nor audio (a
   // subtitle file) is read as one media over all its streams.
-  std::vector<std::shared_ptr<VNFFMedia>> medias = source->createMedias().value_or(
-      std::vector<std::shared_ptr<VNFFMedia>>{});
+  std::vector<std::shared_ptr<VNFFMedia>> medias =
+      source->createMedias().value_or(std::vector<std::shared_ptr<VNFFMedia>>{});
   std::shared_ptr<VNFFMedia> whole;
   if (medias.empty()) {
     whole = VNFFMedia::create();
@@ -198,15 +209,18 @@ int info(const std::string& path, bool json) {
     m["movie_position"] = vn_ff_time_to_double(media->movie_position());
     m["streams"] = Json::array();
     for (const auto& stream : media->streams()) {
-      if (stream->enable()) m["streams"].push_back(stream->stream()->index);
+      if (stream->enable())
+        m["streams"].push_back(stream->stream()->index);
     }
     out["medias"].push_back(m);
   }
   // The names a movie offers: those of the media that reads each kind.
   std::vector<std::string> audioNames, subtitleNames;
   for (const auto& media : readers) {
-    if (audioNames.empty()) audioNames = media->audioNames();
-    if (subtitleNames.empty()) subtitleNames = media->subtitleNames();
+    if (audioNames.empty())
+      audioNames = media->audioNames();
+    if (subtitleNames.empty())
+      subtitleNames = media->subtitleNames();
   }
   out["audio_names"] = audioNames;
   out["subtitle_names"] = subtitleNames;
@@ -232,7 +246,8 @@ Registration infoCommand() {
         "info", "Show the container, duration, streams and the medias an input is read as");
     cmd->add_option("INPUT", options->input, "media file")->required();
     cmd->add_flag("--json", options->json, "print one JSON object");
-    cmd->callback([&run, options] { run = [options] { return info(options->input, options->json); }; });
+    cmd->callback(
+        [&run, options] { run = [options] { return info(options->input, options->json); }; });
   };
 }
 

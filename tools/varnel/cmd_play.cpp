@@ -21,11 +21,6 @@
 namespace varnel_cli {
 namespace {
 
-volatile sig_atomic_t gQuit = 0;
-void onSignal(int) {
-  gQuit = 1;
-}
-
 struct PlayOptions {
   std::string input;
   double speed = 1.0;
@@ -123,23 +118,21 @@ int run(const PlayOptions& o) {
     return fail("cannot play", o.input, graph ? graph->failureReason() : "no sound device");
   }
 
-  struct sigaction action {};
-  action.sa_handler = onSignal;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  catchInterrupts();
 
   RawTerminal terminal;
   const bool tty = isatty(2);
   bool paused = false;
   float speed = static_cast<float>(o.speed);
-  while (!gQuit) {
+  bool quit = false;
+  while (!quit && !interrupted()) {
     const Key key = terminal.active() ? readKey(100) : Key::kNone;
     if (!terminal.active())
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const double now = vn_ff_time_to_double(movie.currentTime());
     switch (key) {
       case Key::kQuit:
-        gQuit = 1;
+        quit = true;
         break;
       case Key::kPause:
         paused = !paused;

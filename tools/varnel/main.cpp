@@ -1,4 +1,6 @@
 // varnel: the command-line front end of libvarnel.
+#include <signal.h>
+
 #include <cstdio>
 #include <exception>
 
@@ -6,6 +8,24 @@
 #include "varnel.h"
 
 namespace varnel_cli {
+
+namespace {
+volatile sig_atomic_t gInterrupted = 0;
+void onInterrupt(int) {
+  gInterrupted = 1;
+}
+}  // namespace
+
+void catchInterrupts() {
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+bool interrupted() {
+  return gInterrupted != 0;
+}
 
 int fail(const std::string& what, const std::string& path, const std::string& reason) {
   std::fprintf(stderr, "varnel: error: %s '%s': %s\n", what.c_str(), path.c_str(), reason.c_str());
@@ -21,7 +41,8 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
 
   std::function<int()> run;
-  for (const Registration& add : allCommands()) add(app, run);
+  for (const Registration& add : allCommands())
+    add(app, run);
 
   try {
     app.parse(argc, argv);
@@ -36,7 +57,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "Run 'varnel --help' for the commands and their options.\n");
     return kExitUsage;
   }
-  if (!run) return kExitUsage;
+  if (!run)
+    return kExitUsage;
   try {
     Varnel::initialize();
     return run();
