@@ -127,7 +127,20 @@ TEST_F(MoviePlaybackTest, ClockTracksThePlayedSamples) {
   pause();
   const int64_t clock = framesOf(movie_->currentTime());
 
-  const std::vector<float> all = recorded();
+  // A device call that found the buffer short played silence that the
+  // clock rightly does not count (it happens when the machine is slow, as
+  // under a sanitizer): leave such calls out once the sound has begun.
+  const std::vector<float> recording = recorded();
+  std::vector<float> all;
+  bool begun = false;
+  for (size_t at = 0; at < recording.size(); at += kDeviceFrames) {
+    const auto from = recording.begin() + at;
+    const auto to = recording.begin() + std::min(recording.size(), at + kDeviceFrames);
+    const bool silent = std::all_of(from, to, [](float v) { return v == 0.0f; });
+    if (begun && silent && to - from == kDeviceFrames) continue;
+    begun = begun || !silent;
+    all.insert(all.end(), from, to);
+  }
   EXPECT_NEAR(static_cast<double>(all.size()), static_cast<double>(clock),
               kChunkFrames + kDeviceFrames);
   const std::vector<float> sound = vn::test::audible(all);
