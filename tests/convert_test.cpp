@@ -222,7 +222,13 @@ TEST(ConvertTest, InterruptRemovesThePartialFile) {
           "--vcodec", "mpeg4", static_cast<char*>(nullptr));
     _exit(127);
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  // Interrupt once the partial file is there, so the conversion is under way (a loaded machine
+  // can take longer than any fixed delay to get that far).
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (noTemporaryFiles() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
   kill(pid, SIGINT);
   int status = 0;
   waitpid(pid, &status, 0);
