@@ -16,7 +16,7 @@ int32_t vn_default_time_base() { return 1000000; }
 uint64_t vn_get_channel_layout_by_name(const std::string& name) {
   AVChannelLayout layout{};
   if (av_channel_layout_from_string(&layout, name.c_str()) < 0) return 0;
-  uint64_t mask = layout.order == AV_CHANNEL_ORDER_NATIVE ? layout.u.mask : 0;
+  const uint64_t mask = vn::channelMask(layout);
   av_channel_layout_uninit(&layout);
   return mask;
 }
@@ -39,9 +39,13 @@ uint64_t defaultChannelLayout(int channels) {
   if (channels <= 0) return 0;
   AVChannelLayout layout{};
   av_channel_layout_default(&layout, channels);
-  uint64_t mask = layout.order == AV_CHANNEL_ORDER_NATIVE ? layout.u.mask : 0;
+  const uint64_t mask = vn::channelMask(layout);
   av_channel_layout_uninit(&layout);
   return mask;
+}
+
+uint64_t channelMask(const AVChannelLayout& layout) {
+  return layout.order == AV_CHANNEL_ORDER_NATIVE ? layout.u.mask : 0;
 }
 
 }  // namespace vn

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+struct AVChannelLayout;
+
 // An audio format. All zeros is what a missing object yields and means
 // "no format"; sample_fmt -1 (AV_SAMPLE_FMT_NONE) means no audio.
 struct VNFFAudioFormat {
@@ -46,5 +48,9 @@ namespace vn {
 // The mask FFmpeg uses by default for a channel count (stereo for 2,
 // 5.1 for 6...); 0 for a count it has no default layout for.
 uint64_t defaultChannelLayout(int channels);
+
+// The channel mask of a layout in FFmpeg's native order; 0 for any other
+// order (unspecified, custom, ambisonic).
+uint64_t channelMask(const AVChannelLayout& layout);
 
 }  // namespace vn

@@ -51,10 +51,9 @@ void VNFFMedia::open() {
     if (stream->isSubtitle()) {
       if (const uint32_t* palette = source_->palette()) stream->fillPalette(palette);
     }
-    if (!selectStreams_ || selectStreams_->count(i)) stream->open();
-    stream->setEnable(stream->isOpen());
     streams_.push_back(std::move(stream));
   }
+  // Opens and enables the selected streams, the new ones included.
   updateSelectStreams();
 }
 
@@ -106,19 +105,24 @@ VNFFMedia::Streams VNFFMedia::subtitles() const {
   return enabledStreams([](const VNFFMediaStream& s) { return s.isSubtitle(); });
 }
 
+template <typename Test>
+std::shared_ptr<VNFFMediaStream> VNFFMedia::lastEnabledStream(Test test) const {
+  for (auto it = streams_.rbegin(); it != streams_.rend(); ++it) {
+    if ((*it)->enable() && test(**it)) return *it;
+  }
+  return nullptr;
+}
+
 std::shared_ptr<VNFFMediaStream> VNFFMedia::audioStream() const {
-  Streams found = audios();
-  return found.empty() ? nullptr : found.back();
+  return lastEnabledStream([](const VNFFMediaStream& s) { return s.isAudio(); });
 }
 
 std::shared_ptr<VNFFMediaStream> VNFFMedia::videoStream() const {
-  Streams found = videos();
-  return found.empty() ? nullptr : found.back();
+  return lastEnabledStream([](const VNFFMediaStream& s) { return s.isVideo(); });
 }
 
 std::shared_ptr<VNFFMediaStream> VNFFMedia::subtitleStream() const {
-  Streams found = subtitles();
-  return found.empty() ? nullptr : found.back();
+  return lastEnabledStream([](const VNFFMediaStream& s) { return s.isSubtitle(); });
 }
 
 bool VNFFMedia::hasAudio() const { return audioStream() != nullptr; }

@@ -172,6 +172,9 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // Enabled streams that pass a test, in index order.
   template <typename Test>
   Streams enabledStreams(Test test) const;
+  // The enabled stream of highest index that passes a test, or null.
+  template <typename Test>
+  std::shared_ptr<VNFFMediaStream> lastEnabledStream(Test test) const;
   // Whether a subtitle stream's current frame is shown at `want` (its
   // timebase units): strictly after its start and before its end.
   static bool shows(const VNFFMediaStream& subtitle, int64_t want);

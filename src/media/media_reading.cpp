@@ -187,10 +187,14 @@ std::optional<std::string> VNFFMedia::subtitleStringAtTime(int64_t t) {
   std::shared_ptr<VNFFMediaStream> subtitle = subtitleStream();
   if (!subtitle) return std::nullopt;
   const int64_t want = av_rescale_q(start_time() + t, kMicroseconds, subtitle->timebase());
-  // Bounded: in a media with video, forwardStream does not read for a
-  // subtitle stream, and the frame would never move.
+  // In a media with video, forwardStream does not read for a subtitle
+  // stream and still answers true: stop at the first step that moved
+  // neither the subtitle nor the reading position.
   for (int i = 0; i < kReadBound && frameEnd(subtitle->frame()) < want; ++i) {
+    const int64_t shown = subtitle->frame()->pts;
+    const int64_t read = last_pts_;
     if (!forwardStream(subtitle)) break;
+    if (subtitle->frame()->pts == shown && last_pts_ == read) break;
   }
   if (!shows(*subtitle, want)) return std::nullopt;
   return subtitle->subtitleString();

@@ -64,11 +64,12 @@ void VNMediaSource::open() {
     lastError_ = vn::ff::errorText(status);
     return;
   }
+  vn::ff::InputFormatContext opened(context);
   std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
   // The probe's status is not a verdict: a file whose streams could not all
   // be probed still opens with what was found.
   (void)avformat_find_stream_info(context, nullptr);
-  format_context_.reset(context);
+  format_context_ = std::move(opened);
   lastError_.clear();
 }
 

@@ -29,7 +29,7 @@ constexpr int kMaxFramesPerPacket = 4096;
 constexpr int kPaletteTextSize = 256;
 
 uint64_t effectiveChannelLayout(const AVChannelLayout& layout) {
-  if (layout.order == AV_CHANNEL_ORDER_NATIVE && layout.u.mask != 0) return layout.u.mask;
+  if (const uint64_t mask = vn::channelMask(layout)) return mask;
   return vn::defaultChannelLayout(layout.nb_channels);
 }
 
@@ -43,7 +43,9 @@ std::shared_ptr<VNFFMediaStream> VNFFMediaStream::create(std::weak_ptr<VNFFMedia
   std::shared_ptr<VNFFMediaStream> created(
       new VNFFMediaStream(std::move(media), stream, std::move(current), nullptr));
   created->codec_ = created->makeCodecContext();
-  if (!created->codec_) return nullptr;
+  created->pending_ = vn::ff::makePacket();
+  created->decoded_ = vn::ff::makeFrame();
+  if (!created->codec_ || !created->pending_ || !created->decoded_) return nullptr;
   return created;
 }
 
@@ -94,7 +96,7 @@ AVRational VNFFMediaStream::timebase() const {
 }
 
 AVRational VNFFMediaStream::framebase() const {
-  const int32_t rate = audioFormat().sample_rate;
+  const int32_t rate = isAudio() ? codec_->sample_rate : 0;
   return rate > 0 ? AVRational{1, rate} : AVRational{1, 1};
 }
 
@@ -215,9 +217,10 @@ void VNFFMediaStream::fillPalette(const uint32_t* palette) {
 
 bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
   if (!packet || packet->size < 1) return false;
-  vn::ff::Packet copy = vn::ff::makePacket();
-  vn::ff::Frame local = vn::ff::makeFrame();
-  if (!copy || !local || av_packet_ref(copy.get(), packet) < 0) return false;
+  AVPacket* copy = pending_.get();
+  AVFrame* local = decoded_.get();
+  av_packet_unref(copy);
+  if (av_packet_ref(copy, packet) < 0) return false;
 
   bool result = false;
   int64_t sampleOffset = 0;
@@ -226,10 +229,12 @@ bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
   // that could do neither abandons it), so the first step without a frame
   // means the decoder has nothing more for this packet.
   for (int pass = 0; pass < kMaxFramesPerPacket; ++pass) {
-    if (!decodePacket(copy.get(), local.get())) break;
+    if (!decodePacket(copy, local)) break;
     result = true;
-    takeFrame(local.get(), sampleOffset, packetPts);
+    takeFrame(local, sampleOffset, packetPts);
   }
+  av_packet_unref(copy);
+  av_frame_unref(local);
   return result;
 }
 
@@ -258,11 +263,12 @@ bool VNFFMediaStream::drain() {
     draining_ = true;
     if (avcodec_send_packet(codec_.get(), nullptr) < 0) return false;
   }
-  vn::ff::Frame frame = vn::ff::makeFrame();
-  if (!frame || avcodec_receive_frame(codec_.get(), frame.get()) < 0) return false;
-  finishFrame(frame.get());
+  AVFrame* frame = decoded_.get();
+  if (avcodec_receive_frame(codec_.get(), frame) < 0) return false;
+  finishFrame(frame);
   int64_t sampleOffset = 0, pts = frame->pts;
-  takeFrame(frame.get(), sampleOffset, pts);
+  takeFrame(frame, sampleOffset, pts);
+  av_frame_unref(frame);
   return true;
 }
 

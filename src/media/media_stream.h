@@ -173,6 +173,10 @@ class VNFFMediaStream {
 
   vn::ff::Frame currentFrame_;    // the current frame; never null
   vn::ff::Frame frame_buffer_;    // the audio frame exposed through currentFrame_
+  // Reused by every decode call: the packet being decoded and the frame it
+  // gives. Never null.
+  vn::ff::Packet pending_;
+  vn::ff::Frame decoded_;
   std::optional<std::string> subtitleString_;  // text of the last text subtitle
   std::optional<vn::FilterImage> subtitle_;    // last bitmap subtitle, placed
   bool hasFrame_ = false;         // a picture was decoded since last cleared

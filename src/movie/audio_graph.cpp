@@ -1,6 +1,7 @@
 #include "movie/audio_graph.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <map>

@@ -2,7 +2,6 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
 #include <utility>
 
 extern "C" {
@@ -343,10 +342,10 @@ bool VNFFEffectAudioStream::readFrame(AVFrame* frame) {
   }
   if (got && pulled->nb_samples == nb && pulled->format == frame->format &&
       av_channel_layout_compare(&pulled->ch_layout, &frame->ch_layout) == 0) {
-    std::memcpy(frame->data[0], pulled->data[0],
-                static_cast<size_t>(channels) * nb * av_get_bytes_per_sample(format));
+    // Plane by plane: a planar format's planes are separate buffers here.
+    av_samples_copy(frame->extended_data, pulled->extended_data, 0, 0, nb, channels, format);
   } else if (nb > 0) {
-    av_samples_set_silence(frame->data, 0, nb, channels, format);
+    av_samples_set_silence(frame->extended_data, 0, nb, channels, format);
   }
   av_frame_unref(pulled);
   return true;

@@ -107,6 +107,26 @@ TEST(MixGraphTest, VolumeChangesTheNextSamples) {
   EXPECT_NEAR(half / full, 0.5, 0.02);
 }
 
+// A planar output format comes out plane after plane in the caller's bytes:
+// the same samples as the packed format, de-interleaved.
+TEST(MixGraphTest, PlanarOutputHoldsThePackedSamplesPlaneByPlane) {
+  constexpr int kFrames = 4096;
+  VNFFEffectAudioStream packed;
+  packed.setOutputParam(kPlayback);
+  packed.setInputStreams({audioMedia("aac.m4a")});
+  VNFFEffectAudioStream planar;
+  planar.setOutputParam({AV_SAMPLE_FMT_FLTP, AV_CH_LAYOUT_STEREO, 44100});
+  planar.setInputStreams({audioMedia("aac.m4a")});
+  for (int chunk = 0; chunk < 3; ++chunk) {
+    const vn::test::Samples a = read(packed, kFrames);
+    const vn::test::Samples b = read(planar, kFrames);
+    for (int i = 0; i < kFrames; ++i) {
+      ASSERT_EQ(a.data[2 * i], b.data[i]) << "chunk " << chunk << " frame " << i;
+      ASSERT_EQ(a.data[2 * i + 1], b.data[kFrames + i]) << "chunk " << chunk << " frame " << i;
+    }
+  }
+}
+
 // A stream with nothing more to give yields blocks of 1024 silent samples,
 // and its running position moves on by 1024 each time.
 TEST(MixGraphTest, ExhaustedStreamGivesSilenceInBlocksOf1024) {

@@ -1,6 +1,7 @@
 #include "movie/movie.h"
 
 #include <algorithm>
+#include <iterator>
 
 extern "C" {
 #include <libavutil/samplefmt.h>
@@ -103,46 +104,26 @@ void VNFFMovie::getMaxMediaDuration() {
 }
 
 bool VNFFMovie::hasAudio() {
-  for (const auto& media : medias()) {
-    if (media->hasAudio())
-      return true;
-  }
-  return false;
+  return std::ranges::any_of(medias(), &VNFFMedia::hasAudio);
 }
 
 bool VNFFMovie::hasVideo() {
-  for (const auto& media : medias()) {
-    if (media->hasVideo())
-      return true;
-  }
-  return false;
+  return std::ranges::any_of(medias(), &VNFFMedia::hasVideo);
 }
 
 bool VNFFMovie::hasSubtitle() {
-  if (subtitle())
-    return true;
-  for (const auto& media : medias()) {
-    if (media->hasSubtitle())
-      return true;
-  }
-  return false;
+  return subtitle() || std::ranges::any_of(medias(), &VNFFMedia::hasSubtitle);
 }
 
 VNFFMovie::Medias VNFFMovie::audios() {
   Medias result;
-  for (const auto& media : medias()) {
-    if (media->hasAudio())
-      result.push_back(media);
-  }
+  std::ranges::copy_if(medias(), std::back_inserter(result), &VNFFMedia::hasAudio);
   return result;
 }
 
 VNFFMovie::Medias VNFFMovie::videos() {
   Medias result;
-  for (const auto& media : medias()) {
-    if (media->hasVideo())
-      result.push_back(media);
-  }
+  std::ranges::copy_if(medias(), std::back_inserter(result), &VNFFMedia::hasVideo);
   return result;
 }
 
@@ -204,9 +185,7 @@ int64_t VNFFMovie::currentTime() {
 }
 
 void VNFFMovie::forwardAudioDecodeTime(double frames) {
-  double current = decode_samples_.load();
-  while (!decode_samples_.compare_exchange_weak(current, current + frames)) {
-  }
+  decode_samples_.fetch_add(frames);
 }
 
 void VNFFMovie::seek(int64_t time) {

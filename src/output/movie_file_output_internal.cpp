@@ -53,10 +53,6 @@ std::string extensionOf(const std::string& path) {
   return ext.empty() ? ext : ext.substr(1);
 }
 
-uint64_t maskOf(const AVChannelLayout& layout) {
-  return layout.order == AV_CHANNEL_ORDER_NATIVE ? layout.u.mask : 0;
-}
-
 }  // namespace
 
 std::shared_ptr<VNFFMovieFileOutputInternal> VNFFMovieFileOutputInternal::create() {
@@ -120,7 +116,7 @@ VNFFAudioFormat VNFFMovieFileOutputInternal::outputAudioFormat() const {
   const AVCodecContext* c = codecOf(audioStream_);
   if (!c)
     return {};
-  return {c->sample_fmt, maskOf(c->ch_layout), c->sample_rate};
+  return {c->sample_fmt, vn::channelMask(c->ch_layout), c->sample_rate};
 }
 
 VNFFVideoFormat VNFFMovieFileOutputInternal::outputVideoFormat() const {
@@ -316,8 +312,6 @@ bool VNFFMovieFileOutputInternal::startOutput() {
       return false;
     }
   }
-  if (!context->pb)
-    return true;
   const int status = avformat_write_header(context, nullptr);
   if (status < 0) {
     fail(headerFailure(status));
@@ -352,8 +346,6 @@ void VNFFMovieFileOutputInternal::stopOutput() {
     av_write_trailer(formatContext_.get());
   }
   freeEncoders();
-  if (!(formatContext_->oformat->flags & AVFMT_NOFILE))
-    avio_closep(&formatContext_->pb);
   videoStream_ = nullptr;
   audioStream_ = nullptr;
   encoders_.clear();

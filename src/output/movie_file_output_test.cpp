@@ -17,6 +17,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include "audio_analysis.h"
 #include "output/audio_converter.h"
 #include "output/movie_file_output_internal.h"
 #include "platform/bitmap_context.h"
@@ -111,36 +112,21 @@ double psnr(const std::string& path, const std::string& reference) {
 
 struct Tone {
   size_t samples = 0;  // decoded samples of the first audio stream
-  double hz = 0;       // from rising zero crossings, away from the ends
+  double hz = 0;       // pitch of the left channel, away from the ends
   double rms = 0;      // same window
 };
 
 Tone measureTone(const std::string& path) {
-  const std::string pcm = vn::test::runShell("ffmpeg -v error -i " + quote(path) +
-                                             " -map 0:a:0 -af pan='mono|c0=c0' -f f32le -");
+  const std::vector<float> left =
+      vn::test::decodeWithFfmpeg(path, "-map 0:a:0", 2, kRate).channel(0);
   Tone tone;
-  const float* s = reinterpret_cast<const float*>(pcm.data());
-  tone.samples = pcm.size() / sizeof(float);
-  const size_t begin = kRate / 5;  // past encoder priming and fades
-  if (tone.samples < 2 * begin + kRate / 2)
+  tone.samples = left.size();
+  const size_t edge = kRate / 5;  // past encoder priming and fades
+  if (tone.samples < 2 * edge + kRate / 2)
     return tone;
-  const size_t end = tone.samples - begin;
-  int first = -1;
-  int last = -1;
-  int crossings = 0;
-  double sum = 0;
-  for (size_t i = begin; i < end; ++i) {
-    sum += double(s[i]) * s[i];
-    if (s[i - 1] < 0 && s[i] >= 0) {
-      if (first < 0)
-        first = static_cast<int>(i);
-      last = static_cast<int>(i);
-      ++crossings;
-    }
-  }
-  tone.rms = std::sqrt(sum / double(end - begin));
-  if (crossings > 1)
-    tone.hz = (crossings - 1) * double(kRate) / (last - first);
+  const std::vector<float> middle(left.begin() + edge, left.end() - edge);
+  tone.hz = vn::test::zeroCrossingFrequency(middle, kRate);
+  tone.rms = vn::test::rms(middle);
   return tone;
 }
 

@@ -43,7 +43,8 @@ void BitmapContext::drawImage(const BitmapImage& image, Composite mode) {
     return;
   // Bilinear resampling in premultiplied space (so transparent pixels lend
   // no colour to their neighbours), with 8-bit fixed-point weights; at equal
-  // sizes every weight is 0 and the pixels are copied exactly.
+  // sizes every weight but the first is 0, so each pixel is taken from its
+  // one source pixel without the weighted sum.
   struct Tap {
     int first;      // left (top) source pixel
     int second;     // right (bottom) source pixel
@@ -73,6 +74,7 @@ void BitmapContext::drawImage(const BitmapImage& image, Composite mode) {
   }
 
   const bool hasAlpha = alpha_ == Alpha::kPremultipliedLast;
+  const bool sameSize = image.width() == width_ && image.height() == height_;
   for (int y = 0; y < height_; ++y) {
     const Tap& ty = rows[y];
     const uint8_t* top = image.row(ty.first);
@@ -85,11 +87,17 @@ void BitmapContext::drawImage(const BitmapImage& image, Composite mode) {
       const unsigned w[4] = {(256 - tx.frac) * (256 - ty.frac), tx.frac * (256 - ty.frac),
                              (256 - tx.frac) * ty.frac, tx.frac * ty.frac};
       unsigned premultiplied[4];
-      for (int c = 0; c < 4; ++c) {
-        unsigned sum = 0;
-        for (int k = 0; k < 4; ++k)
-          sum += w[k] * (c == 3 ? p[k][3] : mul255(p[k][c], p[k][3]));
-        premultiplied[c] = (sum + 32768) >> 16;
+      if (sameSize) {
+        for (int c = 0; c < 3; ++c)
+          premultiplied[c] = mul255(p[0][c], p[0][3]);
+        premultiplied[3] = p[0][3];
+      } else {
+        for (int c = 0; c < 4; ++c) {
+          unsigned sum = 0;
+          for (int k = 0; k < 4; ++k)
+            sum += w[k] * (c == 3 ? p[k][3] : mul255(p[k][c], p[k][3]));
+          premultiplied[c] = (sum + 32768) >> 16;
+        }
       }
       const unsigned a = premultiplied[3];
       if (mode == Composite::kCopy || a == 255) {

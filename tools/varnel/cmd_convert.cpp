@@ -6,7 +6,6 @@
 // writer's input format and decoded pictures are taken at the output frame
 // rate. The file is written under a temporary name beside OUTPUT and renamed
 // when it is complete, so an interrupted or failed run leaves nothing.
-#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -126,12 +125,9 @@ int run(const ConvertOptions& o) {
   }
 
   Input input;
-  if (std::string reason; !input.open(o.input, &reason))
-    return fail("cannot open", o.input, reason);
+  if (const int status = input.openWithTracks(o.input, o.audioTracks); status != kExitOk)
+    return status;
   VNFFMovie& movie = *input.movie;
-  if (std::string reason; !input.selectAudioTracks(o.audioTracks, &reason)) {
-    return fail("bad --audio-tracks", o.audioTracks, reason);
-  }
 
   const std::shared_ptr<VNFFMedia> video = input.videoMedia();
   const bool hasAudio = movie.hasAudio();
@@ -184,31 +180,29 @@ int run(const ConvertOptions& o) {
   if (hasAudio)
     writer->openAudio();
   auto cleanup = [&] { fs::remove(temp, ec); };
+  // Gives up before anything was converted: nothing of the output stays.
+  auto failWrite = [&](const std::string& reason) {
+    cleanup();
+    return fail("cannot write", o.output, reason);
+  };
   if (!writer->isMovieOpen()) {
     return fail("cannot write", o.output, writer->failureReason());
   }
-  if (wantVideo && !writer->isVideoOpen()) {
-    cleanup();
-    return fail("cannot write", o.output, writer->failureReason());
-  }
-  if (hasAudio && !writer->isAudioOpen()) {
-    cleanup();
-    return fail("cannot write", o.output, writer->failureReason());
+  if ((wantVideo && !writer->isVideoOpen()) || (hasAudio && !writer->isAudioOpen())) {
+    return failWrite(writer->failureReason());
   }
   if (!writer->isVideoOpen() && !writer->isAudioOpen()) {
-    cleanup();
-    return fail("cannot write", o.output, "the input has nothing this container can hold");
+    return failWrite("the input has nothing this container can hold");
   }
   if (!writer->startOutput()) {
     std::string reason = writer->failureReason();
     writer->stopOutput();
-    cleanup();
-    return fail("cannot write", o.output, reason);
+    return failWrite(reason);
   }
 
   movie.configOutputFormat(mixFormat);
   movie.setExportMovie(true);
-  const int64_t startUs = static_cast<int64_t>(std::llround(o.start * 1e6));
+  const int64_t startUs = microseconds(o.start);
   movie.seek(startUs);
   movie.flushOperation();
 
@@ -242,7 +236,7 @@ int run(const ConvertOptions& o) {
       // looked up as ending where the next begins, so an exact boundary
       // would give the one before.
       const double t = o.start + (videoFrames + 0.5) * frameSeconds;
-      const int64_t local = static_cast<int64_t>(std::llround(t * 1e6)) - video->movie_position();
+      const int64_t local = microseconds(t) - video->movie_position();
       if (AVFrame* frame = video->videoFrameAtTime(local))
         writer->writeVideoFrame(frame);
       if (writer->isAudioOpen()) {

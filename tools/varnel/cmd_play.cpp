@@ -4,7 +4,6 @@
 // Keys (when stdin is a terminal): space pauses, left/right seek 10 s, + and
 // - change the speed, q quits. Playback ends at the end of the input.
 #include <poll.h>
-#include <signal.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -94,19 +93,16 @@ int run(const PlayOptions& o) {
   if (o.volume < 0 || o.volume > 4)
     return fail("bad --volume", std::to_string(o.volume), "use 0 to 4");
   Input input;
-  if (std::string reason; !input.open(o.input, &reason))
-    return fail("cannot open", o.input, reason);
+  if (const int status = input.openWithTracks(o.input, o.audioTracks); status != kExitOk)
+    return status;
   VNFFMovie& movie = *input.movie;
-  if (std::string reason; !input.selectAudioTracks(o.audioTracks, &reason)) {
-    return fail("bad --audio-tracks", o.audioTracks, reason);
-  }
   if (!movie.hasAudio())
     return fail("cannot play", o.input, "it has no audio track to play");
 
   const double duration = vn_ff_time_to_double(movie.duration());
   const auto seekTo = [&](double seconds) {
     seconds = std::clamp(seconds, 0.0, duration);
-    movie.seek(static_cast<int64_t>(std::llround(seconds * 1e6)));
+    movie.seek(microseconds(seconds));
   };
   seekTo(o.start);
   movie.flushOperation();

@@ -10,6 +10,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "cli.h"
+
 namespace varnel_cli {
 
 bool Input::open(const std::string& path, std::string* reason) {
@@ -55,6 +57,14 @@ bool Input::selectAudioTracks(const std::string& list, std::string* reason) {
   // streams now enabled.
   movie->configOutputFormat(movie->audioEffectStream().outputParam());
   return true;
+}
+
+int Input::openWithTracks(const std::string& path, const std::string& tracks) {
+  if (std::string reason; !open(path, &reason))
+    return fail("cannot open", path, reason);
+  if (std::string reason; !selectAudioTracks(tracks, &reason))
+    return fail("bad --audio-tracks", tracks, reason);
+  return kExitOk;
 }
 
 std::shared_ptr<VNFFMedia> Input::videoMedia() {
