@@ -29,7 +29,7 @@ configure_and_build() {  # dir, extra cmake arguments...
 # rest, so that no other test starves the audio device. A busy machine can
 # still make the device play a call of silence, so such a test gets a second
 # try; a real gap in the sound shows in both.
-realtime='PlayCommandTest|MoviePlaybackTest'
+realtime='PlayCommandTest|MoviePlaybackTest|PlaybackDeviceTest'
 run_tests() {  # build dir, [tests to leave out]
   local dir=$1 skip=${2:-}
   ctest --test-dir "$dir" --output-on-failure -j "$jobs" -E "$realtime${skip:+|$skip}"
@@ -59,4 +59,5 @@ echo "== cross-thread tests under TSan"
 tsan_tests='SerialQueue|FIFODataBuffer|AudioBuffer|Thread|Mix|Playback|AudioGraph|MovieSeek|MovieQueue'
 export TSAN_OPTIONS="suppressions=$supp/tsan.supp:halt_on_error=1:second_deadlock_stack=1"
 ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R "make_fixtures|$tsan_tests" -E "$realtime"
-ctest --test-dir build-tsan --output-on-failure --repeat until-pass:2 -R "make_fixtures|MoviePlaybackTest"
+ctest --test-dir build-tsan --output-on-failure --repeat until-pass:2 \
+  -R "make_fixtures|MoviePlaybackTest|PlaybackDeviceTest"
