@@ -1,6 +1,7 @@
 // End-to-end: `varnel play` recorded through SDL's disk audio driver, which
 // writes what the device was given as raw float32 stereo 44100 Hz, in real
-// time. Timing-sensitive, so the ThreadSanitizer run leaves it out.
+// time. Timing-sensitive, so the ThreadSanitizer run leaves it out, and a
+// sanitizer build checks only what holds at any speed.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -12,6 +13,7 @@
 namespace {
 
 using vn::test::fixture;
+using vn::test::kRealTime;
 
 struct Played {
   vn::test::CommandResult result;
@@ -46,8 +48,10 @@ TEST(PlayCommandTest, RecordsTheMixWithoutGaps) {
   Played p = play({"--start", "2"}, "normal");
   ASSERT_EQ(p.result.status, 0) << p.result.err;
   const auto tone = vn::test::audible(p.recording.channel(0));
-  EXPECT_NEAR(tone.size() / 44100.0, 3.0, 0.25);
   EXPECT_NEAR(vn::test::zeroCrossingFrequency(tone, 44100), 1000, 5);
+  if (!kRealTime)
+    return;
+  EXPECT_NEAR(tone.size() / 44100.0, 3.0, 0.25);
   const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 2.5 -t 1", 2, 44100);
   EXPECT_NEAR(vn::test::rms(tone) / vn::test::rms(source.channel(0)), 1.0, 0.05);
   // A sine crosses zero every half period; a gap in the sound would show
@@ -61,16 +65,21 @@ TEST(PlayCommandTest, SpeedKeepsThePitch) {
   Played p = play({"--start", "2", "--speed", "1.5"}, "fast");
   ASSERT_EQ(p.result.status, 0) << p.result.err;
   const auto tone = vn::test::audible(p.recording.channel(0));
-  EXPECT_NEAR(tone.size() / 44100.0, 2.0, 0.25);
   EXPECT_NEAR(vn::test::zeroCrossingFrequency(tone, 44100), 1000, 10);
+  if (kRealTime) {
+    EXPECT_NEAR(tone.size() / 44100.0, 2.0, 0.25);
+  }
 }
 
 TEST(PlayCommandTest, VolumeAndErrors) {
   Played p = play({"--start", "4", "--volume", "0.5"}, "quiet");
   ASSERT_EQ(p.result.status, 0) << p.result.err;
-  const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 4 -t 0.5", 2, 44100);
-  EXPECT_NEAR(vn::test::rms(vn::test::audible(p.recording.channel(0))) / vn::test::rms(source.channel(0)),
-              0.5, 0.05);
+  if (kRealTime) {
+    const auto source = vn::test::decodeWithFfmpeg(fixture("aac.m4a"), "-ss 4 -t 0.5", 2, 44100);
+    EXPECT_NEAR(
+        vn::test::rms(vn::test::audible(p.recording.channel(0))) / vn::test::rms(source.channel(0)),
+        0.5, 0.05);
+  }
 
   // No sound device: one line, status 1.
   vn::test::CommandResult r = vn::test::runVarnel(

@@ -30,22 +30,7 @@ constexpr int64_t kChunkFrames = 2048;  // what one top-up item mixes
 constexpr int64_t kDeviceFrames = vn::AudioDevice::kFramesPerCallback;
 constexpr int64_t kSecond = 1000000;
 
-// A sanitizer build decodes several times slower than a plain one, and the
-// device often finds the buffer short: its calls of silence, which the clock
-// rightly leaves out, fall anywhere in the recording. Such a build plays the
-// same scenes for their threads' and memory's sake, but only the checks that
-// hold whatever the speed apply; the sample counts need real time.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kRealTime = false;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-constexpr bool kRealTime = false;
-#else
-constexpr bool kRealTime = true;
-#endif
-#else
-constexpr bool kRealTime = true;
-#endif
+using vn::test::kRealTime;
 
 int64_t framesOf(int64_t microseconds) {
   return (microseconds * kRate + kSecond / 2) / kSecond;
