@@ -82,4 +82,13 @@ nlohmann::json ffprobe(const std::string& path) {
   return nlohmann::json::parse(out, nullptr, false);
 }
 
+bool realTimeChecks() {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+  return false;
+#else
+  const char* asked = std::getenv("VARNEL_REALTIME_TESTS");
+  return asked && std::string(asked) == "1";
+#endif
+}
+
 }  // namespace vn::test
