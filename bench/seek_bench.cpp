@@ -7,12 +7,15 @@
 //   varnel_bench_seek FILE [FRAMES_CSV]
 //
 // FRAMES_CSV is the file's frame list, `ffprobe -v error -select_streams v:0
-// -show_entries frame=pts_time,pkt_duration_time -of csv=p=0 FILE`; with it,
-// each seek is checked for landing on the frame that covers its time.
+// -show_entries frame=best_effort_timestamp_time,pkt_duration_time -of csv=p=0
+// FILE`; with it, each seek is checked for landing on the frame that covers
+// its time: the last one starting at or before it. A time exactly on a frame
+// boundary is counted apart: the lookup keeps the picture ending there.
 //
 // Prints one line per seek, "seek T -> PTS [covers|misses] MS ms" (seconds,
 // milliseconds), then "open MS ms", "total N seeks MS ms" and, with a frame
-// list, "covering K/N". bench/seek_vs_ffmpeg.sh runs it next to ffmpeg.
+// list, "covering K/N (B on a boundary)". bench/seek_vs_ffmpeg.sh runs it
+// next to ffmpeg.
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -64,13 +67,15 @@ std::vector<Frame> readFrameList(const std::string& path) {
   return frames;
 }
 
-// The listed frame shown at t (seconds of the file), if any.
+// The listed frame shown at t (seconds of the file): the last one starting
+// at or before t, if any. A picture stays shown until the next one starts.
 std::optional<Frame> covering(const std::vector<Frame>& frames, double t) {
+  std::optional<Frame> shown;
   for (const Frame& f : frames) {
-    if (f.pts <= t + 1e-6 && t < f.pts + f.duration - 1e-6)
-      return f;
+    if (f.pts <= t + 1e-6 && (!shown || f.pts > shown->pts))
+      shown = f;
   }
-  return std::nullopt;
+  return shown;
 }
 
 }  // namespace
@@ -117,6 +122,7 @@ int main(int argc, char** argv) {
 
   double totalMs = 0;
   int covers = 0;
+  int boundaries = 0;
   for (const int64_t t : times) {
     const Clock::time_point start = Clock::now();
     movie->seek(t);
@@ -140,13 +146,18 @@ int main(int argc, char** argv) {
       const std::optional<Frame> want = covering(frames, fileTime);
       const bool ok = want && pts >= 0 && std::abs(want->pts - pts) < 1e-4;
       covers += ok;
-      verdict = ok ? " covers" : " misses";
+      // The lookup keeps a picture until the time is past its end, so a time
+      // exactly on a boundary shows the picture that ends there.
+      const std::optional<Frame> got = covering(frames, pts);
+      const bool boundary = !ok && got && std::abs(got->pts + got->duration - fileTime) < 1e-6;
+      boundaries += boundary;
+      verdict = ok ? " covers" : boundary ? " misses (on the boundary)" : " misses";
     }
     std::printf("seek %.3f -> %.3f%s %.1f ms\n", static_cast<double>(t) / 1e6, pts, verdict, ms);
   }
   std::printf("open %.1f ms\n", openMs);
   std::printf("total %d seeks %.1f ms\n", kSeeks, totalMs);
   if (!frames.empty())
-    std::printf("covering %d/%d\n", covers, kSeeks);
+    std::printf("covering %d/%d (%d on a boundary)\n", covers, kSeeks, boundaries);
   return 0;
 }

@@ -21,6 +21,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -120,10 +121,16 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // most 1001 packets; an MP3 reads on until its audio has a frame) and
   // takes the first queued audio of each audio stream. Negative times and
   // times past the end are not refused: the streams take t as their target.
+  // Containers without a keyframe index (program and transport streams,
+  // raw MPEG video, ASF) are stepped back until decoding starts at or before
+  // t. A picture that starts after t is read but waits for the next read,
+  // so the picture shown is the one that covers t.
   virtual void seek(int64_t t);
   // The video stream's current frame once it reaches t, advancing it at most
-  // ten times; it may still end before t (the latest frame there is). Owned
-  // by the stream. Null without a video stream.
+  // ten times; it may still end before t (the latest frame there is). When
+  // the current frame starts after t and the one before it does not (a gap
+  // of a variable frame rate), the one before. Owned by the stream. Null
+  // without a video stream.
   AVFrame* videoFrameAtTime(int64_t t);
   // The bitmap subtitle shown at t (strictly after its start and before its
   // end), without reading; null when none.
@@ -178,6 +185,17 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // Whether a subtitle stream's current frame is shown at `want` (its
   // timebase units): strictly after its start and before its end.
   static bool shows(const VNFFMediaStream& subtitle, int64_t want);
+  // Reads the next packet into packet_: one read ahead by a seek first, else
+  // from the demuxer. False at the end of the file or on a read error.
+  bool nextPacket();
+  // Steps a demuxer without a keyframe index back from `timestamp` until
+  // the first keyframe read of the stream that leads (the video, else any
+  // enabled stream) starts at or before `target`; what was read to find out
+  // is kept in ahead_ for the reads that follow.
+  void seekBackToKeyframe(int64_t target, int64_t timestamp);
+  // Whether a packet is a picture of the video stream being decoded that
+  // starts after `target` (file clock, microseconds).
+  bool startsAfter(const AVPacket& packet, int64_t target);
   // The given names, or else the language of every open stream of a kind.
   std::vector<std::string> trackNames(std::optional<std::vector<std::string>> given,
                                       bool (VNFFMediaStream::*isKind)() const) const;
@@ -193,4 +211,7 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   std::optional<VNIndexSet> selectStreams_;    // container indices to open; null: all
   std::optional<VNIndexSet> selectAudios_;     // audio keys; null: no restriction
   vn::ff::Packet packet_;   // reused by forwardNextPacket; made on first use
+  // Packets a seek read ahead of the reading position, routed first by the
+  // reads after it, in order. Emptied by every seek.
+  std::deque<vn::ff::Packet> ahead_;
 };

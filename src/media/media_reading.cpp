@@ -42,14 +42,38 @@ bool isFormat(const AVFormatContext* context, const char* name) {
   return context->iformat && std::strcmp(context->iformat->name, name) == 0;
 }
 
+// Demuxers that seek by searching the timestamps in the stream rather than
+// an index of keyframes: they land on the packet nearest the target,
+// wherever it falls between keyframes.
+bool seeksWithoutKeyframes(const AVFormatContext* context) {
+  return isFormat(context, "mpeg") || isFormat(context, "mpegts") || isFormat(context, "mpegvideo");
+}
+
+// The walk back from a landing after the target: the first step, doubled at
+// each of the ten tries (0.5 s to 256 s), so that a long group of pictures
+// costs a few tries and a short one little more decoding than it needs.
+constexpr int64_t kFirstStepBack = 500000;
+constexpr int kStepsBack = 10;
+
 }  // namespace
 
-bool VNFFMedia::forwardNextPacket() {
+bool VNFFMedia::nextPacket() {
   AVFormatContext* context = formatContext();
   if (!context) return false;
   if (!packet_) packet_ = vn::ff::makePacket();
   if (!packet_) return false;
-  if (av_read_frame(context, packet_.get()) < 0) {
+  if (!ahead_.empty()) {
+    av_packet_move_ref(packet_.get(), ahead_.front().get());
+    ahead_.pop_front();
+    return true;
+  }
+  return av_read_frame(context, packet_.get()) >= 0;
+}
+
+bool VNFFMedia::forwardNextPacket() {
+  if (!formatContext())
+    return false;
+  if (!nextPacket()) {
     // The end: the decoders give up what they held back, one frame a call,
     // so a file's last pictures are shown too.
     std::shared_ptr<VNMovieLink> owner = movie();
@@ -116,6 +140,7 @@ bool VNFFMedia::forwardStream(const std::shared_ptr<VNFFMediaStream>& stream, bo
 
 void VNFFMedia::seek(int64_t t) {
   last_pts_ = AV_NOPTS_VALUE;
+  ahead_.clear();
   AVFormatContext* context = formatContext();
   if (!context) return;
   const int64_t target = start_time() + t;
@@ -157,8 +182,29 @@ void VNFFMedia::seek(int64_t t) {
     }
   }
 
-  // Read up to the target, so the streams hold what is shown there.
-  for (int count = kSeekReadLimit; forwardNextPacket();) {
+  // Program and transport streams, and raw MPEG video, land between
+  // keyframes and often after the target: the same walk back, until the
+  // first keyframe read starts at or before the target.
+  if (seeksWithoutKeyframes(context))
+    seekBackToKeyframe(target, timestamp);
+
+  // Read up to the target, so the streams hold what is shown there. A
+  // picture that starts after the target waits for the next read: a decoder
+  // that gives each picture out at once would otherwise show it in place of
+  // the one that covers the target.
+  for (int count = kSeekReadLimit;;) {
+    if (nextPacket()) {
+      vn::ff::Packet kept = startsAfter(*packet_, target) ? vn::ff::makePacket() : nullptr;
+      if (kept) {
+        av_packet_move_ref(kept.get(), packet_.get());
+        ahead_.push_front(std::move(kept));
+        break;
+      }
+      forwardPacket(packet_.get());
+      av_packet_unref(packet_.get());
+    } else if (!forwardNextPacket()) {
+      break;
+    }
     if (last_pts_ >= target || --count == 0) break;
   }
 
@@ -173,14 +219,103 @@ void VNFFMedia::seek(int64_t t) {
   for (const auto& audio : audios()) audio->forward();
 }
 
+void VNFFMedia::seekBackToKeyframe(int64_t target, int64_t timestamp) {
+  AVFormatContext* context = formatContext();
+  std::shared_ptr<VNMovieLink> owner = movie();
+  const bool noVideo = owner && owner->disableVideo();
+  // The video leads: its pictures decode only from a keyframe. Without it,
+  // every packet of an enabled stream starts something that can be decoded.
+  const std::shared_ptr<VNFFMediaStream> lead = hasVideo() ? videoStream() : nullptr;
+  int64_t back = kFirstStepBack;
+  for (int k = 0; k < kStepsBack; ++k) {
+    ahead_.clear();
+    std::optional<int64_t> first;  // file clock of the first keyframe read
+    bool ended = false;            // the end came before any keyframe
+    // The landing is at the start of a PES packet, inside a picture: the
+    // parser gives that picture's tail out first, with the time that belongs
+    // to the first picture starting in the PES packet.
+    int leadPackets = 0;
+    int64_t tailPts = AV_NOPTS_VALUE, tailDts = AV_NOPTS_VALUE;
+    for (int read = 0; read < kSeekReadLimit && !first; ++read) {
+      vn::ff::Packet packet = vn::ff::makePacket();
+      if (!packet)
+        break;
+      if (av_read_frame(context, packet.get()) < 0) {
+        ended = true;
+        break;
+      }
+      if (packet->stream_index < 0)
+        continue;
+      std::shared_ptr<VNFFMediaStream> stream =
+          mediaStreamForStreamIndex(static_cast<uint32_t>(packet->stream_index));
+      if (!stream || !stream->enable() || (noVideo && stream->isVideo()))
+        continue;
+      const bool leads = !lead || stream == lead;
+      if (lead && leads) {
+        const bool key = packet->flags & AV_PKT_FLAG_KEY;
+        if (++leadPackets == 1 && !key) {
+          tailPts = packet->pts;
+          tailDts = packet->dts;
+        } else if (leadPackets == 2 && key && packet->pts == AV_NOPTS_VALUE) {
+          // A keyframe right after the tail starts in its PES packet.
+          packet->pts = tailPts;
+          packet->dts = tailDts;
+        }
+        // Pictures before the first keyframe cannot be decoded.
+        if (!key)
+          continue;
+      }
+      if (leads && packet->pts != AV_NOPTS_VALUE) {
+        first = av_rescale_q(packet->pts, stream->timebase(), kMicroseconds);
+      }
+      ahead_.push_back(std::move(packet));
+    }
+    // Landed well, or nothing to learn, or nowhere further back to go.
+    if ((first && *first <= target) || (!first && !ended) || timestamp <= 0)
+      return;
+    timestamp = std::max<int64_t>(target - back, 0);
+    back *= 2;
+    (void)av_seek_frame(context, -1, timestamp, AVSEEK_FLAG_BACKWARD);
+  }
+  ahead_.clear();
+}
+
+bool VNFFMedia::startsAfter(const AVPacket& packet, int64_t target) {
+  if (packet.pts == AV_NOPTS_VALUE || packet.stream_index < 0)
+    return false;
+  std::shared_ptr<VNFFMediaStream> stream =
+      mediaStreamForStreamIndex(static_cast<uint32_t>(packet.stream_index));
+  if (!stream || !stream->enable() || !stream->isVideo())
+    return false;
+  std::shared_ptr<VNMovieLink> owner = movie();
+  if (owner && owner->disableVideo())
+    return false;
+  return av_rescale_q(packet.pts, stream->timebase(), kMicroseconds) > target;
+}
+
 AVFrame* VNFFMedia::videoFrameAtTime(int64_t t) {
   std::shared_ptr<VNFFMediaStream> video = videoStream();
   if (!video) return nullptr;
-  const int64_t want = av_rescale_q(start_time() + t, kMicroseconds, video->timebase());
-  for (int i = 0; i < kVideoAdvances && frameEnd(video->frame()) < want; ++i) {
+  // The picture's end is compared with the time itself, not with the time
+  // rounded to the stream's units: in a millisecond time base a time just
+  // after a boundary would round onto it and keep the picture ending there.
+  const int64_t want = start_time() + t;
+  const AVRational tb = video->timebase();
+  auto before = [&](const AVFrame* frame) {
+    return av_compare_ts(frameEnd(frame), tb, want, kMicroseconds) < 0;
+  };
+  for (int i = 0; i < kVideoAdvances && before(video->frame()); ++i) {
     if (!forwardStream(video)) break;
   }
-  return video->frame();
+  // Past a gap of a variable frame rate, the picture before is still shown.
+  AVFrame* frame = video->frame();
+  AVFrame* previous = video->previousFrame();
+  if (frame->pts != AV_NOPTS_VALUE && previous->data[0] && previous->pts != AV_NOPTS_VALUE &&
+      av_compare_ts(frame->pts, tb, want, kMicroseconds) > 0 &&
+      av_compare_ts(previous->pts, tb, want, kMicroseconds) <= 0) {
+    return previous;
+  }
+  return frame;
 }
 
 std::optional<std::string> VNFFMedia::subtitleStringAtTime(int64_t t) {

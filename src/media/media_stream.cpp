@@ -45,18 +45,24 @@ std::shared_ptr<VNFFMediaStream> VNFFMediaStream::create(std::weak_ptr<VNFFMedia
   created->codec_ = created->makeCodecContext();
   created->pending_ = vn::ff::makePacket();
   created->decoded_ = vn::ff::makeFrame();
-  if (!created->codec_ || !created->pending_ || !created->decoded_) return nullptr;
+  created->previousFrame_ = vn::ff::makeFrame();
+  if (!created->codec_ || !created->pending_ || !created->decoded_ || !created->previousFrame_) {
+    return nullptr;
+  }
   return created;
 }
 
-VNFFMediaStream::VNFFMediaStream(std::weak_ptr<VNFFMedia> media, AVStream* stream,
-                                 vn::ff::Frame current, vn::ff::CodecContext codec)
+VNFFMediaStream::VNFFMediaStream(std::weak_ptr<VNFFMedia> media,
+                                 AVStream* stream,
+                                 vn::ff::Frame current,
+                                 vn::ff::CodecContext codec)
     : currentFrame_(std::move(current)),
       media_(std::move(media)),
       stream_(stream),
       last_pts_(AV_NOPTS_VALUE),
       seek_pts_(AV_NOPTS_VALUE),
-      codec_(std::move(codec)) {}
+      codec_(std::move(codec)),
+      next_pts_(AV_NOPTS_VALUE) {}
 
 VNFFMediaStream::~VNFFMediaStream() {
   abuffer_.reset();
@@ -154,10 +160,8 @@ void VNFFMediaStream::open() {
   if (isOpen()) return;
   if (const AVCodec* decoder = avcodec_find_decoder(codec_->codec_id)) {
     if (isVideo()) {
-      // Two frame threads: pictures decode in parallel, and each comes out
-      // one packet later. A seek stops reading at the first packet at or
-      // after its target, so the picture covering the target is then the
-      // one shown, not the one after it.
+      // Two frame threads: pictures decode in parallel, each coming out one
+      // packet later.
       codec_->thread_count = 2;
       codec_->thread_type = FF_THREAD_FRAME;
     }
@@ -240,7 +244,8 @@ bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
 
 void VNFFMediaStream::takeFrame(AVFrame* frame, int64_t& sampleOffset, int64_t& packetPts) {
   if (isVideo()) {
-    av_frame_unref(currentFrame_.get());
+    av_frame_unref(previousFrame_.get());
+    av_frame_move_ref(previousFrame_.get(), currentFrame_.get());
     av_frame_move_ref(currentFrame_.get(), frame);
     hasFrame_ = true;
   } else if (isSubtitle()) {
@@ -308,6 +313,31 @@ void VNFFMediaStream::finishFrame(AVFrame* frame) {
     }
   }
   if (frame->best_effort_timestamp != AV_NOPTS_VALUE) frame->pts = frame->best_effort_timestamp;
+  if (isVideo()) {
+    if (frame->pkt_duration <= 0)
+      frame->pkt_duration = frameDuration();
+    if (frame->pts == AV_NOPTS_VALUE) {
+      // Program streams time only some pictures, and after a seek the
+      // decoder has nothing to guess from: the picture follows the one
+      // before it, or, first after a seek, starts at the seek's target.
+      frame->pts = next_pts_ != AV_NOPTS_VALUE   ? next_pts_
+                   : seek_pts_ != AV_NOPTS_VALUE ? seek_pts_
+                                                 : startTime();
+    }
+    if (__builtin_add_overflow(frame->pts, frame->pkt_duration, &next_pts_)) {
+      next_pts_ = AV_NOPTS_VALUE;
+    }
+  }
+}
+
+int64_t VNFFMediaStream::frameDuration() const {
+  for (const AVRational rate :
+       {stream_->avg_frame_rate, stream_->r_frame_rate, codec_->framerate}) {
+    if (rate.num > 0 && rate.den > 0) {
+      return std::max<int64_t>(av_rescale_q(1, av_inv_q(rate), timebase()), 1);
+    }
+  }
+  return 0;
 }
 
 bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
@@ -375,6 +405,7 @@ void VNFFMediaStream::queueAudio(AVFrame* frame, int64_t sampleOffset) {
 void VNFFMediaStream::seek(int64_t t) {
   if (isOpen()) avcodec_flush_buffers(codec_.get());
   draining_ = false;
+  next_pts_ = AV_NOPTS_VALUE;
   subtitle_.reset();
   seek_pts_ = t;
   sync_pts_ = av_rescale_q(t, timebase(), framebase());
@@ -390,6 +421,9 @@ bool VNFFMediaStream::forward() {
     if (frame_buffer_) av_frame_ref(currentFrame_.get(), frame_buffer_.get());
     return currentFrame_->nb_samples > 0;
   }
-  if (isVideo()) av_frame_unref(currentFrame_.get());
+  if (isVideo()) {
+    av_frame_unref(currentFrame_.get());
+    av_frame_unref(previousFrame_.get());
+  }
   return false;
 }

@@ -86,6 +86,10 @@ class VNFFMediaStream {
   // The current frame; never null, owned by the stream. For audio it is the
   // buffer last taken by forward().
   AVFrame* frame() const { return currentFrame_.get(); }
+  // Video: the picture decoded before frame() since the last seek; never
+  // null, empty when there is none. A picture lasts until the next starts,
+  // which the durations of a variable frame rate do not always say.
+  AVFrame* previousFrame() const { return previousFrame_.get(); }
 
   // ---- decoding -----------------------------------------------------------
   // Opens the decoder (nothing when open): audio gets a fresh audio buffer,
@@ -157,8 +161,12 @@ class VNFFMediaStream {
   // palette, if one was given). Null when allocation fails.
   vn::ff::CodecContext makeCodecContext() const;
   // What every decoded audio or video frame gets: the effective channel
-  // layout (audio) and the best time the decoder has for it.
+  // layout (audio) and the best time the decoder has for it. A picture
+  // without a duration lasts one frame of the stream's rate, and one without
+  // a time follows the picture before it.
   void finishFrame(AVFrame* frame);
+  // One frame of the stream's rate in timebase() units; 0 when unknown.
+  int64_t frameDuration() const;
   // Keeps a decoded frame where its kind goes: the current picture, the
   // current subtitle timing, or the audio queue (placed sampleOffset samples
   // after packetPts when the decoder gave it no time).
@@ -173,6 +181,7 @@ class VNFFMediaStream {
 
   vn::ff::Frame currentFrame_;    // the current frame; never null
   vn::ff::Frame frame_buffer_;    // the audio frame exposed through currentFrame_
+  vn::ff::Frame previousFrame_;   // the picture before currentFrame_; never null
   // Reused by every decode call: the packet being decoded and the frame it
   // gives. Never null.
   vn::ff::Packet pending_;
@@ -192,4 +201,5 @@ class VNFFMediaStream {
   vn::ff::CodecContext codec_;    // the decoder; never null
   std::vector<uint8_t> palette_;  // "palette:" text for the DVD subpicture decoder
   bool draining_ = false;         // the decoder was told the input ended
+  int64_t next_pts_;              // where the last picture ends; unset after a seek
 };

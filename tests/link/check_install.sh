@@ -9,6 +9,17 @@ rm -rf "$work"
 mkdir -p "$work"
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 
+# The installed program runs without LD_LIBRARY_PATH, with the installed
+# library, and still does once the whole tree has moved.
+for prefix in "$work/prefix" "$work/moved"; do
+  [ "$prefix" = "$work/moved" ] && cp -a "$work/prefix" "$work/moved"
+  version=$(env -u LD_LIBRARY_PATH "$prefix/bin/varnel" --version)
+  echo "installed program: $version"
+  [[ $version == varnel* ]]
+  env -u LD_LIBRARY_PATH ldd "$prefix/bin/varnel" | grep -q "libvarnel.so.* => $prefix/"
+done
+rm -rf "$work/moved"
+
 export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig:$work/prefix/lib/x86_64-linux-gnu/pkgconfig"
 libdir=$(pkg-config --variable=libdir varnel)
 # shellcheck disable=SC2046
