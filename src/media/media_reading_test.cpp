@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -225,7 +225,8 @@ TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
 TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
   const char* const files[] = {
       "h264_aac.mp4",   "multitrack.mkv", "h264_23976.mp4", "h264_2997.mp4",
-      "vfr.mkv",        "mpeg2_mp2.mpg",  "mpeg2_24p.ts",   "h264_2997.ts",
+      "vfr.mkv",        "mpeg2_mp2.mpg",  "dvdsub.mpg",     "mpeg2_24p.ts",
+      "h264_2997.ts",
       "wmv2_wmav2.wmv", "rv20_ac3.rm",    "long_1080p.mp4",
   };
   for (const char* name : files) {
