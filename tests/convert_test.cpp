@@ -176,13 +176,13 @@ TEST(ConvertTest, FailuresAreOneLineAndLeaveNothing) {
     std::vector<std::string> args;
     std::string target;
   } cases[] = {
-      {{"convert", in, out("x.xyz")}, out("x.xyz")},
+      {{"convert", in, out("failed-x.xyz")}, out("failed-x.xyz")},
       {{"convert", in, "/nonexistent/dir/x.mp4"}, "/nonexistent/dir/x.mp4"},
       {{"convert", in, in}, in},
-      {{"convert", in, out("wma.mp4"), "--acodec", "wma2"}, out("wma.mp4")},
-      {{"convert", fixture("truncated.mp4"), out("t.mp4")}, out("t.mp4")},
-      {{"convert", fixture("missing.mp4"), out("m.mp4")}, out("m.mp4")},
-      {{"convert", in, out("v.mp4"), "--vcodec", "h.264"}, out("v.mp4")},
+      {{"convert", in, out("failed-wma.mp4"), "--acodec", "wma2"}, out("failed-wma.mp4")},
+      {{"convert", fixture("truncated.mp4"), out("failed-t.mp4")}, out("failed-t.mp4")},
+      {{"convert", fixture("missing.mp4"), out("failed-m.mp4")}, out("failed-m.mp4")},
+      {{"convert", in, out("failed-v.mp4"), "--vcodec", "h.264"}, out("failed-v.mp4")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args[2]);

@@ -15,12 +15,6 @@ namespace vn::test {
 
 namespace {
 
-std::string quote(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
 std::string slurp(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
@@ -29,6 +23,13 @@ std::string slurp(const std::string& path) {
 }
 
 }  // namespace
+
+std::string shellQuote(const std::string& s) {
+  std::string q = "'";
+  for (char c : s)
+    q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
 
 std::string fixture(const std::string& name) {
   const char* dir = std::getenv("VARNEL_FIXTURES");
@@ -49,26 +50,34 @@ std::string runShell(const std::string& command, int* status) {
   std::string out;
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) {
-    if (status) *status = -1;
+    if (status)
+      *status = -1;
     return out;
   }
   std::array<char, 4096> buffer;
   size_t n;
-  while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0) out.append(buffer.data(), n);
+  while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+    out.append(buffer.data(), n);
   int rc = pclose(pipe);
-  if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  if (status)
+    *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
   return out;
 }
 
 CommandResult runVarnel(const std::vector<std::string>& args,
-                        const std::map<std::string, std::string>& env) {
+                        const std::map<std::string, std::string>& env,
+                        int timeoutSeconds) {
   static std::atomic<int> counter{0};
   const std::string errPath = scratchDir() + "/stderr-" + std::to_string(++counter);
   std::string command;
-  for (const auto& [name, value] : env) command += name + "=" + quote(value) + " ";
-  command += quote(VARNEL_CLI_PATH);
-  for (const auto& a : args) command += " " + quote(a);
-  command += " 2>" + quote(errPath) + " </dev/null";
+  for (const auto& [name, value] : env)
+    command += name + "=" + shellQuote(value) + " ";
+  if (timeoutSeconds > 0)
+    command += "timeout -k 5 " + std::to_string(timeoutSeconds) + " ";
+  command += shellQuote(VARNEL_CLI_PATH);
+  for (const auto& a : args)
+    command += " " + shellQuote(a);
+  command += " 2>" + shellQuote(errPath) + " </dev/null";
   CommandResult result;
   result.out = runShell(command, &result.status);
   result.err = slurp(errPath);
@@ -78,7 +87,7 @@ CommandResult runVarnel(const std::vector<std::string>& args,
 
 nlohmann::json ffprobe(const std::string& path) {
   const std::string out =
-      runShell("ffprobe -v error -show_streams -show_format -of json " + quote(path));
+      runShell("ffprobe -v error -show_streams -show_format -of json " + shellQuote(path));
   return nlohmann::json::parse(out, nullptr, false);
 }
 

@@ -32,8 +32,14 @@ struct CommandResult {
   std::string out;
   std::string err;
 };
+// A run that takes longer than timeoutSeconds (0: no limit) is killed and
+// its status is that of `timeout` (124).
 CommandResult runVarnel(const std::vector<std::string>& args,
-                        const std::map<std::string, std::string>& env = {});
+                        const std::map<std::string, std::string>& env = {},
+                        int timeoutSeconds = 0);
+
+// A word for the shell: s in single quotes.
+std::string shellQuote(const std::string& s);
 
 // ffprobe's -show_streams -show_format of a file as JSON (discarded on
 // failure).

@@ -11,6 +11,12 @@
 // A failed open leaves the source unopened and may be retried; its reason is
 // kept for the front end (lastError). There is no explicit close.
 //
+// A file cut short, such as a partial download, opens like a whole one when
+// FFmpeg can open it, and reads as far as it goes: truncation() tells how
+// many bytes are there and how many its container implies, and
+// readableDuration() how far its audio and video reach. Its duration stays
+// the one the demuxer gives.
+//
 // Threads: one thread at a time (the movie's decode queue, or the caller's
 // thread for a stand-alone source). Stream probing in open holds the lock
 // named "avcodec_open/close".
@@ -27,6 +33,13 @@
 
 struct AVIOContext;
 class VNFFMedia;
+
+// A file shorter than its container says it is: what is there, and what the
+// container's index or header implies, in bytes.
+struct VNTruncation {
+  int64_t presentBytes;   // the file's size
+  int64_t expectedBytes;  // the size the container implies; always larger
+};
 
 class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
  public:
@@ -85,13 +98,30 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   // neither is.
   std::optional<Medias> createMediasWithStreams(std::optional<VNIndexSet> streams);
 
-  // False when the opened container's own index refers to bytes past the end
-  // of the file, as in a cut-off download; lastError() then says so. True
-  // when the source is not open or has no such index to check.
-  bool isComplete();
+  // Whether the opened file stops short of the size its container gives
+  // for it, as a cut-off download does: the container's own index (an MP4
+  // or MOV index at the front, an FLV keyframe list, a Matroska cue list)
+  // refers to bytes past the end, or its header says how long the file is
+  // (a Matroska segment, an ASF file size, an MP3 Xing or Info byte count)
+  // and the file is shorter. Such a file is still read as far as it goes.
+  // Null when it is whole, when nothing in the container says how big it
+  // should be, when its size cannot be learnt, or when the source is not
+  // open. Reads a few header bytes and restores the reading position.
+  std::optional<VNTruncation> truncation();
+
+  // How far the audio and video present in the source reach: the end of
+  // the last audio or video packet the demuxer reads before the end of the
+  // file or a read error (cover pictures left out), in microseconds after
+  // the start time (the demuxer's, 0 when unknown). For a cut-off file this
+  // is where reading stops, whatever duration its header gives. Reads on a
+  // copy of the source with its own demuxer, so this one is untouched: the
+  // last seconds when the container can seek near its end, else the whole
+  // file. 0 when nothing can be read.
+  int64_t readableDuration();
 
   // The human-readable reason of the last failure ("No such file or
-  // directory", "file is truncated..."); empty when nothing failed.
+  // directory", "Invalid data found when processing input"); empty when
+  // nothing failed.
   const std::string& lastError() const { return lastError_; }
 
   const std::string& fullpath() const { return fullpath_; }

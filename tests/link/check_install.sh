@@ -16,7 +16,9 @@ for prefix in "$work/prefix" "$work/moved"; do
   version=$(env -u LD_LIBRARY_PATH "$prefix/bin/varnel" --version)
   echo "installed program: $version"
   [[ $version == varnel* ]]
-  env -u LD_LIBRARY_PATH ldd "$prefix/bin/varnel" | grep -q "libvarnel.so.* => $prefix/"
+  # Read ldd's whole answer first: grep -q stopping early would fail the pipe.
+  libs=$(env -u LD_LIBRARY_PATH ldd "$prefix/bin/varnel")
+  grep -q "libvarnel.so.* => $prefix/" <<<"$libs"
 done
 rm -rf "$work/moved"
 

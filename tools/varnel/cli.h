@@ -3,6 +3,8 @@
 // Results go to stdout, progress and errors to stderr. Exit status: 0 done,
 // 1 the work failed, 2 bad usage. An error is one line:
 //   varnel: error: <what> '<path>': <reason>
+// and a warning (the work goes on) too:
+//   varnel: warning: '<path>': <what is wrong>
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -19,6 +21,8 @@ inline constexpr int kExitUsage = 2;
 
 // Prints the one error line and returns kExitFailed.
 int fail(const std::string& what, const std::string& path, const std::string& reason);
+// Prints the one warning line.
+void warn(const std::string& path, const std::string& message);
 
 // From now on Ctrl-C (SIGINT) and SIGTERM only set a flag that long work
 // polls, so it can stop cleanly and remove what it wrote.

@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +29,9 @@ extern "C" {
 
 namespace varnel_cli {
 namespace {
+
+// The least a file cut short must give to be worth converting, in seconds.
+constexpr double kShortestCut = 1.0;
 
 struct ConvertOptions {
   std::string input;
@@ -158,13 +162,25 @@ int run(const ConvertOptions& o) {
   if (!format.channel_layout)
     return fail("bad --channels", std::to_string(o.channels), "no layout");
 
-  const double inputSeconds = vn_ff_time_to_double(movie.duration());
-  double endSeconds = inputSeconds;
-  if (o.duration > 0)
-    endSeconds = std::min(endSeconds, o.start + o.duration);
+  // A file cut short is converted as far as it can be read, when that
+  // gives at least a second of what was asked for.
+  const Input::Extent extent = input.extent();
+  const double requestedEnd =
+      o.duration > 0 ? o.start + o.duration : std::numeric_limits<double>::infinity();
+  const double endSeconds = std::min(extent.end(), requestedEnd);
+  const std::string cut = input.truncation ? truncationText(*input.truncation) + "; " : "";
+  if (extent.end() <= 0)
+    return fail("cannot convert", o.input, cut + "none of its audio or video can be read");
   if (o.start < 0 || o.start >= endSeconds) {
     return fail("bad --start", o.input, "the start is not inside the input");
   }
+  if (extent.cutShort && extent.end() < requestedEnd && endSeconds - o.start < kShortestCut) {
+    char text[80];
+    std::snprintf(text, sizeof text, "only %.2f s of it can be read%s", endSeconds - o.start,
+                  o.start > 0 ? " after --start" : "");
+    return fail("cannot convert", o.input, cut + text);
+  }
+  input.warnIfCutShort(o.input, extent);
 
   const std::string temp = temporaryPath(o.output);
   auto writer = VNFFMovieFileOutput::create();

@@ -19,6 +19,7 @@ extern "C" {
 }
 
 #include "cli.h"
+#include "input.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -163,11 +164,13 @@ int info(const std::string& path, bool json) {
   source->open();
   if (!source->isOpen())
     return fail("cannot open", path, source->lastError());
-  if (!source->isComplete())
-    return fail("cannot read", path, source->lastError());
   AVFormatContext* context = source->formatContext();
   if (context->nb_streams == 0)
     return fail("cannot read", path, "no streams found");
+  // A file cut short is shown as FFmpeg reads it, its duration the one its
+  // container gives; the warning says how much is missing.
+  if (const std::optional<VNTruncation> cut = source->truncation())
+    warn(path, truncationText(*cut));
 
   // The medias a movie would read; a file with neither video nor audio (a
   // subtitle file) is read as one media over all its streams.

@@ -98,8 +98,10 @@ int run(const PlayOptions& o) {
   VNFFMovie& movie = *input.movie;
   if (!movie.hasAudio())
     return fail("cannot play", o.input, "it has no audio track to play");
-
-  const double duration = vn_ff_time_to_double(movie.duration());
+  // A file cut short plays as far as it goes.
+  const Input::Extent extent = input.extent();
+  input.warnIfCutShort(o.input, extent);
+  const double duration = extent.end();
   const auto seekTo = [&](double seconds) {
     seconds = std::clamp(seconds, 0.0, duration);
     movie.seek(microseconds(seconds));

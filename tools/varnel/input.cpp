@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <sstream>
 
@@ -35,10 +36,7 @@ bool Input::open(const std::string& path, std::string* reason) {
         source->lastError().empty() ? "not a media file FFmpeg can read" : source->lastError();
     return false;
   }
-  if (!source->isComplete()) {
-    *reason = source->lastError();
-    return false;
-  }
+  truncation = source->truncation();
   if (!medias) {
     *reason = "no audio or video stream that can be decoded";
     return false;
@@ -67,6 +65,30 @@ int Input::openWithTracks(const std::string& path, const std::string& tracks) {
   return kExitOk;
 }
 
+Input::Extent Input::extent() {
+  // A whole file's packets may stop a little before the duration its
+  // container gives (a last frame without a duration, a header rounded up):
+  // only a shortfall beyond this counts as cut short.
+  constexpr double kSlack = 0.5;
+  Extent e;
+  const int64_t duration = movie->duration();
+  e.duration = duration > 0 ? vn_ff_time_to_double(duration) : 0;
+  e.readable = vn_ff_time_to_double(source->readableDuration());
+  e.cutShort = truncation.has_value() || (e.duration > 0 && e.readable < e.duration - kSlack);
+  return e;
+}
+
+void Input::warnIfCutShort(const std::string& path, const Extent& extent) const {
+  if (truncation) {
+    warn(path, truncationText(*truncation));
+  } else if (extent.cutShort) {
+    char text[96];
+    std::snprintf(text, sizeof text, "cut short: its audio and video stop at %.2f s of %.2f s",
+                  extent.readable, extent.duration);
+    warn(path, text);
+  }
+}
+
 std::shared_ptr<VNFFMedia> Input::videoMedia() {
   auto videos = movie->videos();
   return videos.empty() ? nullptr : videos.front();
@@ -83,6 +105,11 @@ AVRational Input::videoFrameRate() {
       return r;
   }
   return AVRational{25, 1};
+}
+
+std::string truncationText(const VNTruncation& truncation) {
+  return "truncated: " + std::to_string(truncation.presentBytes) + " of " +
+         std::to_string(truncation.expectedBytes) + " bytes present";
 }
 
 bool parseIndexList(const std::string& text, std::optional<VNIndexSet>* out, std::string* reason) {

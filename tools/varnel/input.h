@@ -19,23 +19,48 @@ namespace varnel_cli {
 struct Input {
   std::shared_ptr<VNMediaSource> source;
   std::shared_ptr<VNFFMovie> movie;
+  // Set when the file is shorter than its container says (a cut-off
+  // download); it is still read as far as it goes.
+  std::optional<VNTruncation> truncation;
 
   // Opens path; false with a one-line reason when it is missing, empty or
-  // holds no audio or video that can be decoded.
+  // holds no audio or video that can be decoded. A file cut short opens
+  // when FFmpeg can open it (truncation is then set; nothing is printed).
   bool open(const std::string& path, std::string* reason);
   // Mixes only the listed audio tracks ("0,2", counted among the input's
   // audio tracks; "" or "all" for every track). False with a reason when the
   // list cannot be read.
   bool selectAudioTracks(const std::string& list, std::string* reason);
   // open, then selectAudioTracks, as every command starts: kExitOk, or the
-  // command's exit status once the one-line error is printed.
+  // command's exit status once the one-line error is printed. Does not warn
+  // of a truncation: the command says it when it knows what it will do.
   int openWithTracks(const std::string& path, const std::string& tracks);
+  // How long the input plays, in seconds of the movie's clock.
+  struct Extent {
+    double duration = 0;    // the container's duration; 0 when it gives none
+    double readable = 0;    // where its audio and video stop being readable
+    bool cutShort = false;  // truncated, or readable well before duration
+    // Where reading the input ends: the duration, unless that is unknown
+    // or the file stops before it.
+    double end() const { return cutShort || duration <= 0 ? readable : duration; }
+  };
+  // Measures the extent (the source reads its last seconds, or the whole
+  // of a file cut short, on a demuxer of its own). After open.
+  Extent extent();
+  // Prints the warning for a file cut short, if it is: its truncation, or
+  // where its audio and video stop when nothing says how many bytes are
+  // missing.
+  void warnIfCutShort(const std::string& path, const Extent& extent) const;
   // The first media with video, or null.
   std::shared_ptr<VNFFMedia> videoMedia();
   // The exact frame rate of the video (30000/1001 stays 30000/1001); 25/1
   // when the container gives none.
   AVRational videoFrameRate();
 };
+
+// "truncated: N of M bytes present", the warning every command gives for a
+// file cut short.
+std::string truncationText(const VNTruncation& truncation);
 
 // Seconds to the library's microseconds, rounded.
 inline int64_t microseconds(double seconds) {

@@ -32,6 +32,10 @@ int fail(const std::string& what, const std::string& path, const std::string& re
   return kExitFailed;
 }
 
+void warn(const std::string& path, const std::string& message) {
+  std::fprintf(stderr, "varnel: warning: '%s': %s\n", path.c_str(), message.c_str());
+}
+
 }  // namespace varnel_cli
 
 int main(int argc, char** argv) {
