@@ -7,6 +7,8 @@
 #include "core/formats.h"
 #include "core/log.h"
 #include "core/varnel.h"
+#include "effects/array_filter.h"
+#include "effects/effect_manager.h"
 #include "effects/image_colorspace_converter.h"
 #include "media/audio_buffer.h"
 #include "media/index_set.h"
@@ -24,3 +26,4 @@
 #include "platform/bitmap_context.h"
 #include "platform/bitmap_image.h"
 #include "platform/filter_image.h"
+#include "platform/image_filter.h"

@@ -162,19 +162,9 @@ void VNFFImageColorspaceConverter::drawImage(const vn::BitmapImage& image,
 
 void VNFFImageColorspaceConverter::drawImage(const vn::FilterImage& image,
                                              vn::BitmapContext& context) {
-  const vn::Rect extent = image.extent();
-  if (!std::isfinite(extent.width) || !std::isfinite(extent.height))
-    return;
-  const int width = static_cast<int>(extent.width);
-  const int height = static_cast<int>(extent.height);
-  if (width <= 0 || height <= 0)
-    return;
-  const std::vector<uint8_t> pixels = image.render();
-  if (pixels.size() != static_cast<size_t>(width) * height * 4)
-    return;
-  // The rendered rows outlive the draw, so the bitmap may borrow them.
-  context.drawImage(vn::BitmapImage::borrow(pixels.data(), width, height, width * 4, nullptr),
-                    vn::BitmapContext::Composite::kSourceOver);
+  // The image's extent, stretched over the whole context and laid over it;
+  // an endless or empty image draws nothing.
+  image.draw(context, image.extent());
 }
 
 std::optional<vn::BitmapImage> VNFFImageColorspaceConverter::outputImage() {
