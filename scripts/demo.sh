@@ -18,5 +18,9 @@ echo
 echo "== varnel info $demo/sample-converted.mkv"
 build/varnel info "$demo/sample-converted.mkv" | tee "$demo/sample-converted-info.txt"
 echo
+echo "== varnel effects --sheet $demo/sample.mp4 -t 4 -o $demo/sample-effects.png"
+build/varnel effects --sheet "$demo/sample.mp4" -t 4 -o "$demo/sample-effects.png"
+echo
 echo "Results: $demo/sample-converted.mkv (both audio tracks mixed into one),"
-echo "         $demo/sample-converted-info.txt; the sample itself is $demo/sample.mp4"
+echo "         $demo/sample-converted-info.txt, $demo/sample-effects.png (the picture at 4 s"
+echo "         under every effect preset); the sample itself is $demo/sample.mp4"

@@ -10,6 +10,7 @@
 #include "effects/array_filter.h"
 #include "effects/effect_manager.h"
 #include "effects/image_colorspace_converter.h"
+#include "effects/preset_image.h"
 #include "media/audio_buffer.h"
 #include "media/index_set.h"
 #include "media/media.h"
@@ -27,3 +28,4 @@
 #include "platform/bitmap_image.h"
 #include "platform/filter_image.h"
 #include "platform/image_filter.h"
+#include "platform/text_image.h"

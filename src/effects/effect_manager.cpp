@@ -166,9 +166,12 @@ std::optional<EffectManager::Entry> EffectManager::entryWithName(const std::stri
   auto it = table->find(name);
   if (it == table->end())
     return std::nullopt;
+  std::optional<Entry> entry;
   if (const auto* filter = std::get_if<std::shared_ptr<vn::ImageFilter>>(&it->second))
-    return Entry(*filter ? (*filter)->copy() : nullptr);
-  return it->second;
+    entry.emplace(std::in_place_index<0>, *filter ? (*filter)->copy() : nullptr);
+  else
+    entry.emplace(std::in_place_index<1>, std::get<1>(it->second));
+  return entry;
 }
 
 const std::vector<std::string>& EffectManager::effectNames() const {

@@ -781,69 +781,94 @@ void runSample(const RowOp& op, float* row, double y, const IntRect& region) {
 
 constexpr float kLumaR = 0.2125f, kLumaG = 0.7154f, kLumaB = 0.0721f;
 
-// One point stage on unpremultiplied colour c at picture position (px, py).
-inline void applyStage(const PointOp& op, float* c, double px, double py) {
+// One point stage over a row of unpremultiplied colour (alpha lanes left
+// alone), pixel i of the row having its centre at (x0 + i, y).
+void runStage(const PointOp& op, float* row, int width, double x0, double y) {
   switch (op.index()) {
     case 0: {
+      // Columns of the matrix as four-float values (alpha lanes 0).
       const auto& m = std::get<ColorMatrixOp>(op).m;
-      const float r = c[0], g = c[1], b = c[2];
-      c[0] = m[0][0] * r + m[0][1] * g + m[0][2] * b + m[0][3];
-      c[1] = m[1][0] * r + m[1][1] * g + m[1][2] * b + m[1][3];
-      c[2] = m[2][0] * r + m[2][1] * g + m[2][2] * b + m[2][3];
+      const Float4 c0 = {m[0][0], m[1][0], m[2][0], 0}, c1 = {m[0][1], m[1][1], m[2][1], 0};
+      const Float4 c2 = {m[0][2], m[1][2], m[2][2], 0}, c3 = {m[0][3], m[1][3], m[2][3], 0};
+      for (int i = 0; i < width; ++i) {
+        float* p = row + size_t(i) * 4;
+        const Float4 v = load4(p);
+        Float4 out = c0 * v[0] + c1 * v[1] + c2 * v[2] + c3;
+        out[3] = v[3];
+        store4(p, out);
+      }
       return;
     }
     case 1: {
       const auto& mono = std::get<MonochromeOp>(op);
-      const float y = kLumaR * c[0] + kLumaG * c[1] + kLumaB * c[2];
-      for (int k = 0; k < 3; ++k) {
-        const float m = y < 0.5f ? 2 * y * mono.color[k] : 1 - 2 * (1 - y) * (1 - mono.color[k]);
-        c[k] += mono.intensity * (m - c[k]);
+      const float k[3] = {mono.color[0], mono.color[1], mono.color[2]};
+      const float t = mono.intensity;
+      for (int i = 0; i < width; ++i) {
+        float* c = row + size_t(i) * 4;
+        const float luma = kLumaR * c[0] + kLumaG * c[1] + kLumaB * c[2];
+        for (int n = 0; n < 3; ++n) {
+          const float m = luma < 0.5f ? 2 * luma * k[n] : 1 - 2 * (1 - luma) * (1 - k[n]);
+          c[n] += t * (m - c[n]);
+        }
       }
       return;
     }
     case 2: {
       const auto& s = std::get<SpotLightOp>(op);
-      double l[3] = {s.position[0] - px, s.position[1] - py, s.position[2]};
-      const double ln = std::sqrt(l[0] * l[0] + l[1] * l[1] + l[2] * l[2]);
-      double a[3] = {s.pointsAt[0] - s.position[0], s.pointsAt[1] - s.position[1],
-                     s.pointsAt[2] - s.position[2]};
-      const double an = std::sqrt(a[0] * a[0] + a[1] * a[1] + a[2] * a[2]);
-      double factor = 0;
-      if (ln > 0 && an > 0) {
-        const double dot = -(l[0] * a[0] + l[1] * a[1] + l[2] * a[2]) / (ln * an);
-        const double spot = dot > 0 ? std::pow(dot, 1 / std::max(s.concentration, 0.001)) : 0;
-        const double lambert = std::max(0.0, l[2] / ln);
-        factor = s.brightness * lambert * spot;
+      const double ax = s.pointsAt[0] - s.position[0], ay = s.pointsAt[1] - s.position[1],
+                   az = s.pointsAt[2] - s.position[2];
+      const double an = std::sqrt(ax * ax + ay * ay + az * az);
+      const float exponent = static_cast<float>(1 / std::max(s.concentration, 0.001));
+      const double ly = s.position[1] - y, lz = s.position[2];
+      for (int i = 0; i < width; ++i) {
+        float* c = row + size_t(i) * 4;
+        // From the surface point to the light, against the light's axis.
+        const double lx = s.position[0] - (x0 + i);
+        const double ln = std::sqrt(lx * lx + ly * ly + lz * lz);
+        float factor = 0;
+        if (ln > 0 && an > 0) {
+          const double dot = -(lx * ax + ly * ay + lz * az) / (ln * an);
+          const double lambert = lz / ln;
+          if (dot > 0 && lambert > 0) {
+            const float spot = std::exp2(exponent * std::log2(static_cast<float>(dot)));
+            factor = static_cast<float>(s.brightness * lambert) * spot;
+          }
+        }
+        for (int n = 0; n < 3; ++n)
+          c[n] *= s.color[n] * factor;
       }
-      for (int k = 0; k < 3; ++k)
-        c[k] = static_cast<float>(c[k] * s.color[k] * factor);
       return;
     }
     case 3: {
       const auto& ls = std::get<LineScreenOp>(op);
-      const float y = kLumaR * c[0] + kLumaG * c[1] + kLumaB * c[2];
-      const double d =
-          (px - ls.center[0]) * -std::sin(ls.angle) + (py - ls.center[1]) * std::cos(ls.angle);
-      const double t = d / std::max(ls.width, 1.0);
-      const double f = t - std::floor(t);
-      const double s = std::abs(2 * f - 1);
+      // The signed distance across the lines grows along the row by -sin.
+      const double nx = -std::sin(ls.angle), ny = std::cos(ls.angle);
+      const double width1 = std::max(ls.width, 1.0);
       const double w = 1 - ls.sharpness;
-      const double o = w <= 1e-6 ? (y >= s ? 1.0 : 0.0) : std::clamp((y - s) / w + 0.5, 0.0, 1.0);
-      c[0] = c[1] = c[2] = static_cast<float>(o);
+      const double d0 = (x0 - ls.center[0]) * nx + (y - ls.center[1]) * ny;
+      for (int i = 0; i < width; ++i) {
+        float* c = row + size_t(i) * 4;
+        const float luma = kLumaR * c[0] + kLumaG * c[1] + kLumaB * c[2];
+        const double t = (d0 + i * nx) / width1;
+        const double threshold = std::abs(2 * (t - std::floor(t)) - 1);
+        const double o = w <= 1e-6 ? (luma >= threshold ? 1.0 : 0.0)
+                                   : std::clamp((luma - threshold) / w + 0.5, 0.0, 1.0);
+        c[0] = c[1] = c[2] = static_cast<float>(o);
+      }
       return;
     }
   }
 }
 
 void runPoint(const RowOp& op, float* row, double y, const IntRect& region) {
-  const bool onlyMatrix = op.stages.size() == 1 && op.stages[0].index() == 0;
-  if (onlyMatrix) {
-    // The common case, kept tight: one fused colour matrix, its columns as
+  const int width = region.width;
+  if (op.stages.size() == 1 && op.stages[0].index() == 0) {
+    // The common case in one loop: one fused colour matrix, its columns as
     // four-float values (the alpha lane of each is 0; alpha is put back).
     const auto& m = std::get<ColorMatrixOp>(op.stages[0]).m;
     const Float4 c0 = {m[0][0], m[1][0], m[2][0], 0}, c1 = {m[0][1], m[1][1], m[2][1], 0};
     const Float4 c2 = {m[0][2], m[1][2], m[2][2], 0}, c3 = {m[0][3], m[1][3], m[2][3], 0};
-    for (int i = 0; i < region.width; ++i) {
+    for (int i = 0; i < width; ++i) {
       float* p = row + size_t(i) * 4;
       const float a = p[3];
       if (!(a > 0)) {
@@ -858,20 +883,29 @@ void runPoint(const RowOp& op, float* row, double y, const IntRect& region) {
     }
     return;
   }
-  for (int i = 0; i < region.width; ++i) {
+  // Alpha is divided out once, the stages run one after another over the
+  // row, and alpha goes back in once.
+  for (int i = 0; i < width; ++i) {
     float* p = row + size_t(i) * 4;
     const float a = p[3];
-    if (a <= 0) {
-      p[0] = p[1] = p[2] = p[3] = 0;
-      continue;
+    if (a > 0 && a != 1) {
+      Float4 v = load4(p) * (1 / a);
+      v[3] = a;
+      store4(p, v);
     }
-    float c[3] = {p[0] / a, p[1] / a, p[2] / a};
-    const double px = region.x + i + 0.5;
-    for (const PointOp& stage : op.stages)
-      applyStage(stage, c, px, y);
-    p[0] = c[0] * a;
-    p[1] = c[1] * a;
-    p[2] = c[2] * a;
+  }
+  for (const PointOp& stage : op.stages)
+    runStage(stage, row, width, region.x + 0.5, y);
+  for (int i = 0; i < width; ++i) {
+    float* p = row + size_t(i) * 4;
+    const float a = p[3];
+    if (!(a > 0)) {
+      store4(p, Float4{0, 0, 0, 0});
+    } else if (a != 1) {
+      Float4 v = load4(p) * a;
+      v[3] = a;
+      store4(p, v);
+    }
   }
 }
 
@@ -953,14 +987,16 @@ std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
   if (node->kind == Node::Kind::kKernel) {
     const IntRect inputExtent = integral(node->a->extent);
     const IntRect need = region.grown(kernelReach(node->kernel)).intersected(inputExtent);
-    PixelBuffer input = need.isEmpty() ? PixelBuffer(IntRect{region.x, region.y, 0, 0})
-                                       : *materialize(node->a, need, threads, stats);
+    const std::shared_ptr<const PixelBuffer> input =
+        need.isEmpty() ? std::make_shared<const PixelBuffer>(IntRect{region.x, region.y, 0, 0})
+                       : materialize(node->a, need, threads, stats);
     ++stats->neighbourhoodPasses;
     return std::make_shared<const PixelBuffer>(
-        applyKernel(node->kernel, input, inputExtent, region, threads));
+        applyKernel(node->kernel, *input, inputExtent, region, threads));
   }
   Program program = compile(node, region, threads);
-  auto out = std::make_shared<PixelBuffer>(region);
+  // Every row is written below.
+  auto out = std::make_shared<PixelBuffer>(region, PixelBuffer::Unset{});
   execute(program, threads, [&](int j, const float* row) {
     std::copy(row, row + size_t(region.width) * 4, out->row(j));
   });

@@ -30,14 +30,26 @@ struct IntRect {
   bool operator==(const IntRect&) const = default;
 };
 
+// The storage of a buffer comes from a small process-wide pool of
+// recycled blocks and goes back to it when the buffer dies: a picture
+// rendered frame after frame reuses the same memory instead of asking the
+// system for fresh pages each time (page faults cost more than the work).
 struct PixelBuffer {
   IntRect rect;
   std::vector<float> pixels;  // rect.width * rect.height * 4 floats
 
   PixelBuffer() = default;
   // A transparent buffer over rect.
-  explicit PixelBuffer(const IntRect& r)
-      : rect(r), pixels(r.isEmpty() ? 0 : static_cast<size_t>(r.width) * r.height * 4, 0.0f) {}
+  explicit PixelBuffer(const IntRect& r);
+  // A buffer over rect whose pixels are left as they come (recycled memory
+  // holds an older picture): for a caller that writes every pixel.
+  struct Unset {};
+  PixelBuffer(const IntRect& r, Unset);
+  PixelBuffer(const PixelBuffer&) = default;
+  PixelBuffer(PixelBuffer&&) noexcept = default;
+  PixelBuffer& operator=(const PixelBuffer&) = default;
+  PixelBuffer& operator=(PixelBuffer&&) noexcept = default;
+  ~PixelBuffer();
 
   // Raster row j (0 = top, the row whose centres are at y = rect.top() - j - 0.5).
   float* row(int j) { return pixels.data() + static_cast<size_t>(j) * rect.width * 4; }

@@ -6,9 +6,10 @@ namespace varnel_cli {
 Registration infoCommand();
 Registration convertCommand();
 Registration playCommand();
+Registration effectsCommand();
 
 std::vector<Registration> allCommands() {
-  return {infoCommand(), convertCommand(), playCommand()};
+  return {infoCommand(), convertCommand(), playCommand(), effectsCommand()};
 }
 
 }  // namespace varnel_cli

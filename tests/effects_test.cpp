@@ -1,0 +1,340 @@
+// End-to-end: `varnel effects`, its list, one preset on a picture, and the
+// contact sheet, with pictures made and read back by the ffmpeg command line.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+using nlohmann::json;
+using vn::test::fixture;
+using vn::test::runShell;
+using vn::test::runVarnel;
+using vn::test::shellQuote;
+namespace fs = std::filesystem;
+
+const std::vector<std::string> kPresets = {
+    "1935",        "1955",         "1960",          "1970",       "Color Invert", "Exposure",
+    "Blur",        "Sharpen",      "Vibrance",      "Big Softie", "SpotLight",    "Line Screen",
+    "Black White", "Blackout B&W", "Color Control", "Monochrome", "Glow",         "Gloom",
+    "Bloom",       "Pixellate",    "Bright",        "Copper",     "Classical",    "New Effection",
+};
+
+// The sheet's layout: five columns, a 24-pixel name band under each tile.
+constexpr int kColumns = 5;
+constexpr int kLabel = 24;
+
+std::string scratch(const std::string& name) {
+  return vn::test::scratchDir() + "/" + name;
+}
+
+// A picture made by ffmpeg from a lavfi source graph, one frame.
+std::string makePicture(const std::string& name, const std::string& graph) {
+  const std::string path = scratch(name);
+  int status = -1;
+  runShell("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi -i " + shellQuote(graph) +
+               " -frames:v 1 " + shellQuote(path),
+           &status);
+  EXPECT_EQ(status, 0) << graph;
+  return path;
+}
+
+// RGBA pixels of a picture file (or of a movie frame picked by -vf), as
+// ffmpeg decodes them.
+struct Raster {
+  int width = 0;
+  int height = 0;
+  std::vector<uint8_t> rgba;
+
+  const uint8_t* at(int x, int y) const { return &rgba[(size_t(y) * width + x) * 4]; }
+  // The part at (x, y) of w x h.
+  Raster part(int x, int y, int w, int h) const {
+    Raster r{w, h, {}};
+    for (int j = 0; j < h; ++j)
+      r.rgba.insert(r.rgba.end(), at(x, y + j), at(x + w, y + j));
+    return r;
+  }
+};
+
+Raster readPicture(const std::string& path, const std::string& filters = "") {
+  // PAM: a text header with the size, then the pixels.
+  const std::string bytes =
+      runShell("ffmpeg -hide_banner -loglevel error -nostdin -i " + shellQuote(path) +
+               (filters.empty() ? "" : " -vf " + shellQuote(filters)) +
+               " -frames:v 1 -c:v pam -pix_fmt rgba -f image2pipe -");
+  Raster r;
+  const size_t end = bytes.find("ENDHDR\n");
+  if (end == std::string::npos ||
+      std::sscanf(bytes.c_str(), "P7 WIDTH %d HEIGHT %d", &r.width, &r.height) != 2)
+    return r;
+  r.rgba.assign(bytes.begin() + static_cast<std::ptrdiff_t>(end + 7), bytes.end());
+  EXPECT_EQ(r.rgba.size(), size_t(r.width) * r.height * 4) << path;
+  return r;
+}
+
+// Mean and largest absolute difference of the colour (or only the alpha)
+// bytes of two pictures of one size.
+struct Difference {
+  double mean = 0;
+  int most = 0;
+};
+Difference difference(const Raster& a, const Raster& b, bool alpha = false) {
+  Difference d;
+  if (a.rgba.size() != b.rgba.size() || a.rgba.empty())
+    return {255, 255};
+  size_t n = 0;
+  for (size_t i = 0; i < a.rgba.size(); ++i) {
+    if ((i % 4 == 3) != alpha)
+      continue;
+    const int delta = std::abs(int(a.rgba[i]) - int(b.rgba[i]));
+    d.mean += delta;
+    d.most = std::max(d.most, delta);
+    ++n;
+  }
+  d.mean /= double(n);
+  return d;
+}
+
+double psnr(const Raster& a, const Raster& b) {
+  double squares = 0;
+  for (size_t i = 0; i < a.rgba.size(); ++i) {
+    if (i % 4 != 3)
+      squares += std::pow(double(a.rgba[i]) - double(b.rgba[i]), 2);
+  }
+  const double mse = squares / (a.rgba.size() * 3 / 4);
+  return mse == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / mse);
+}
+
+bool noTemporaryFiles() {
+  for (const auto& entry : fs::directory_iterator(vn::test::scratchDir())) {
+    if (entry.path().filename().string().find(".varnel-") != std::string::npos)
+      return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+TEST(EffectsCommandTest, ListsEveryPresetInCatalogueOrderAsTextAndJson) {
+  const vn::test::CommandResult text = runVarnel({"effects"});
+  const vn::test::CommandResult list = runVarnel({"effects", "--json"});
+  ASSERT_EQ(text.status, 0) << text.err;
+  ASSERT_EQ(list.status, 0) << list.err;
+  const json presets = json::parse(list.out, nullptr, false);
+  ASSERT_TRUE(presets.is_array()) << list.out;
+  ASSERT_EQ(presets.size(), kPresets.size());
+
+  std::istringstream lines(text.out);
+  std::string line;
+  size_t column = std::string::npos;
+  for (size_t i = 0; i < kPresets.size(); ++i) {
+    SCOPED_TRACE(kPresets[i]);
+    const json& preset = presets[i];
+    EXPECT_EQ(preset["name"], kPresets[i]);
+    // Two presets chain two filters; every other one is a single filter.
+    const bool chained = kPresets[i] == "Blackout B&W" || kPresets[i] == "Glow";
+    ASSERT_EQ(preset["filters"].size(), chained ? 2u : 1u);
+    // The text line: the name, then (in one column for all) the same
+    // filters in the same order.
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(line.rfind(kPresets[i] + "  ", 0), 0u) << line;
+    const size_t first = line.find_first_not_of(' ', kPresets[i].size());
+    if (column == std::string::npos)
+      column = first;
+    EXPECT_EQ(first, column) << line;
+    size_t from = first;
+    for (const json& filter : preset["filters"]) {
+      const size_t at = line.find(filter["filter"].get<std::string>(), from);
+      ASSERT_NE(at, std::string::npos) << line;
+      from = at + 1;
+    }
+  }
+  EXPECT_FALSE(std::getline(lines, line)) << "more lines than presets: " << line;
+  // Settings come as the numbers the catalogue gives, not float noise.
+  EXPECT_EQ(presets[0]["filters"][0]["parameters"]["inputBrightness"].dump(), "0.00949");
+  EXPECT_EQ(presets[6]["filters"][0]["parameters"]["inputRadius"], 10.0);
+  EXPECT_EQ(presets[10]["filters"][0]["parameters"]["inputLightPosition"],
+            json::array({400.0, 400.0, 1000.0}));
+  EXPECT_EQ(presets[13]["filters"][1]["filter"], "ExposureAdjust");
+}
+
+TEST(EffectsCommandTest, ApplyWritesThePictureWithThePresetAtItsOwnSize) {
+  const std::string pattern = makePicture("pattern.png", "testsrc2=size=320x240");
+  // Greys only: hue and saturation leave them as they are.
+  const std::string greys =
+      makePicture("greys.png", "nullsrc=size=96x64,geq=lum='X*255/95':cb=128:cr=128,format=rgb24");
+  // Colour with a partly transparent alpha ramp.
+  const std::string clear = makePicture(
+      "clear.png",
+      "testsrc2=size=96x64,format=rgba,geq=r='r(X,Y)':g='g(X,Y)':b='b(X,Y)':a='64+Y*2'");
+  const struct Case {
+    const char* preset;
+    std::string input;
+    std::string output;
+    bool same;       // equal to the input within 1, else visibly different
+    bool keepAlpha;  // a point operation keeps alpha exactly
+  } cases[] = {
+      {"Color Invert", pattern, scratch("inverted.png"), false, true},
+      {"Color Control", greys, scratch("hue.png"), true, true},
+      {"Big Softie", greys, scratch("softie.png"), true, true},
+      {"Color Invert", clear, scratch("clear-inverted.png"), false, true},
+      {"Classical", clear, scratch("clear-sepia.png"), false, true},
+      {"Blur", pattern, scratch("blur.jpg"), false, false},
+      {"Pixellate", pattern, scratch("pixellate.PNG"), false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.preset) + " on " + c.input + " -> " + c.output);
+    const vn::test::CommandResult r =
+        runVarnel({"effects", "--apply", c.preset, c.input, "-o", c.output});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "");
+    const Raster in = readPicture(c.input);
+    const Raster out = readPicture(c.output);
+    ASSERT_EQ(out.width, in.width);
+    ASSERT_EQ(out.height, in.height);
+    const Difference colour = difference(in, out);
+    if (c.same) {
+      EXPECT_LE(colour.most, 1);
+    } else {
+      EXPECT_GT(colour.mean, 10);
+    }
+    if (c.keepAlpha) {
+      EXPECT_EQ(difference(in, out, true).most, 0);
+    }
+  }
+  EXPECT_TRUE(noTemporaryFiles());
+}
+
+TEST(EffectsCommandTest, SheetShowsThePictureAtTheTimeUnderEveryPreset) {
+  const std::string movie = fixture("h264_aac.mp4");
+  const std::string still = makePicture("still.png", "testsrc2=size=200x200");
+  const struct Case {
+    std::string input;
+    std::string time;
+    std::string tile;  // "" for the default, 320x180
+    std::string output;
+    int tileWidth, tileHeight;
+    bool warns = false;  // one warning line, for a file cut short
+  } cases[] = {
+      {movie, "3.5", "", scratch("sheet.png"), 320, 180},
+      // Past the end: the last picture, as at 9.99 s.
+      {movie, "999", "", scratch("sheet-end.png"), 320, 180},
+      {movie, "9.99", "", scratch("sheet-last.png"), 320, 180},
+      {still, "0", "160x90", scratch("sheet-still.jpg"), 160, 90},
+      // Tiles of the movie's own size: its pictures are not scaled.
+      {movie, "3.5", "320x240", scratch("sheet-full.png"), 320, 240},
+      // Past where a file cut short can be read: its last picture.
+      {fixture("truncated_faststart.mp4"), "8", "", scratch("sheet-cut.png"), 320, 180, true},
+  };
+  std::vector<Raster> sheets;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input + " at " + c.time);
+    std::vector<std::string> args = {"effects", "--sheet", c.input, "-t", c.time, "-o", c.output};
+    if (!c.tile.empty())
+      args.insert(args.end(), {"--tile", c.tile});
+    const vn::test::CommandResult r = runVarnel(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err.rfind("varnel: warning: ", 0) == 0, c.warns) << r.err;
+    sheets.push_back(readPicture(c.output));
+    EXPECT_EQ(sheets.back().width, kColumns * c.tileWidth);
+    EXPECT_EQ(sheets.back().height, 5 * (c.tileHeight + kLabel));
+  }
+  EXPECT_EQ(difference(sheets[1], sheets[2]).most, 0);
+  EXPECT_GT(difference(sheets[0], sheets[2]).mean, 1);
+
+  // The 320x240 movie fits its tile as 240x180, 40 black columns either side.
+  const Raster& sheet = sheets[0];
+  std::vector<Raster> pictures, labels;
+  for (size_t i = 0; i < kPresets.size() + 1; ++i) {
+    const int x = int(i % kColumns) * 320, y = int(i / kColumns) * (180 + kLabel);
+    pictures.push_back(sheet.part(x + 40, y, 240, 180));
+    labels.push_back(sheet.part(x, y + 180, 320, kLabel));
+    const Raster bars = sheet.part(x, y, 40, 180);
+    EXPECT_EQ(*std::max_element(bars.rgba.begin(), bars.rgba.end()), 255) << "opaque";
+    EXPECT_EQ(difference(bars, Raster{40, 180, std::vector<uint8_t>(bars.rgba.size(), 0)}).most, 0)
+        << "black bars left of tile " << i;
+  }
+  // The first tile is the frame covering 3.5 s (87, from 3.48 s), not one
+  // of its neighbours, and its colours are FFmpeg's.
+  auto frame = [&](int n) {
+    return readPicture(movie, "select=eq(n\\," + std::to_string(n) + ")");
+  };
+  const Raster original = sheets[4].part(0, 0, 320, 240);
+  const double match = psnr(original, frame(87));
+  EXPECT_GT(match, 40);
+  EXPECT_GT(match, psnr(original, frame(86)) + 10);
+  EXPECT_GT(match, psnr(original, frame(88)) + 10);
+
+  // Every tile differs from every other, and every name band holds a name
+  // of its own.
+  for (size_t i = 0; i < pictures.size(); ++i) {
+    const Raster& band = labels[i];
+    EXPECT_GT(*std::max_element(band.rgba.begin(), band.rgba.end()), 200) << "no text in " << i;
+    for (size_t j = i + 1; j < pictures.size(); ++j) {
+      const std::string pair = (i == 0 ? "Original" : kPresets[i - 1]) + " / " + kPresets[j - 1];
+      EXPECT_GT(difference(pictures[i], pictures[j]).mean, 2) << pair;
+      EXPECT_GT(difference(labels[i], labels[j]).mean, 0.5) << pair;
+    }
+  }
+}
+
+TEST(EffectsCommandTest, FailuresAreOneLineAndLeaveNothing) {
+  const std::string picture = makePicture("source.png", "testsrc2=size=64x48");
+  const std::string movie = fixture("h264_aac.mp4");
+  const std::string out = scratch("failed.png");
+  const struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string says;  // in the error line
+  } cases[] = {
+      {{"--apply", "Sepia", picture, "-o", out}, 1, "1935, 1955"},
+      {{"--apply", "color invert", picture, "-o", out}, 1, "New Effection"},
+      {{"--apply", "Blur", fixture("text.mp4"), "-o", out}, 1, "text.mp4"},
+      {{"--apply", "Blur", scratch("missing.png"), "-o", out}, 1, "missing.png"},
+      {{"--apply", "Blur", picture, "-o", scratch("failed.bmp")}, 1, ".bmp"},
+      {{"--apply", "Blur", picture, "-o", scratch("none/failed.png")}, 1, "no such directory"},
+      {{"--apply", "Blur", picture, "-o", vn::test::scratchDir()}, 1, ""},
+      {{"--sheet", fixture("text.mp4"), "-t", "1", "-o", out}, 1, "text.mp4"},
+      {{"--sheet", fixture("empty.mp4"), "-t", "1", "-o", out}, 1, "empty"},
+      {{"--sheet", fixture("missing.mp4"), "-t", "1", "-o", out}, 1, "missing.mp4"},
+      {{"--sheet", fixture("aac.m4a"), "-t", "1", "-o", out}, 1, "no video"},
+      {{"--sheet", movie, "-t", "-1", "-o", out}, 1, "time"},
+      {{"--sheet", movie, "-t", "1", "-o", scratch("failed.gif")}, 1, ".gif"},
+      {{"--apply", "Blur", picture}, 2, ""},
+      {{"--apply", "Blur", "-o", out}, 2, ""},
+      {{"--apply", "Blur", picture, "--sheet", movie, "-t", "1", "-o", out}, 2, ""},
+      {{"--sheet", movie, "-o", out}, 2, ""},
+      {{"--sheet", movie, "-t", "1", "-o", out, "--tile", "320"}, 2, ""},
+      {{"--sheet", movie, "-t", "1", "-o", out, "--tile", "8x8"}, 2, ""},
+      {{"--json", "--apply", "Blur", picture, "-o", out}, 2, ""},
+      {{"-o", out}, 2, ""},
+      {{"-t", "1"}, 2, ""},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {"effects"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    std::string shown;
+    for (const auto& a : c.args)
+      shown += " " + a;
+    SCOPED_TRACE(shown);
+    const vn::test::CommandResult r = runVarnel(args);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    EXPECT_EQ(r.out, "");
+    if (c.status == 1) {
+      EXPECT_EQ(r.err.rfind("varnel: error: ", 0), 0u) << r.err;
+      EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+      EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    }
+    for (const char* name : {"failed.png", "failed.bmp", "failed.gif"})
+      EXPECT_FALSE(fs::exists(scratch(name))) << name;
+  }
+  EXPECT_TRUE(noTemporaryFiles());
+}
