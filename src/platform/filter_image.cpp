@@ -204,9 +204,40 @@ struct Source {
   bool clamp = false;  // taps outside repeat the edge pixels instead of reading transparent
 };
 
-struct Stage {
-  PointOp op;
-};
+// Four floats handled as one value (one SSE register on x86-64).
+typedef float Float4 __attribute__((vector_size(16)));
+
+inline Float4 load4(const float* p) {
+  Float4 v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+inline void store4(float* p, Float4 v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// One source pixel as premultiplied linear light.
+inline Float4 fetch(const Source& s, const float* lut, int c, int r) {
+  if (s.raster) {
+    const uint8_t* p = s.raster->bytes + size_t(r) * s.raster->stride + size_t(c) * 4;
+    const float alpha = p[3] * (1.0f / 255);
+    const int ri = s.raster->bgra ? 2 : 0;
+    return Float4{lut[p[ri]] * alpha, lut[p[1]] * alpha, lut[p[2 - ri]] * alpha, alpha};
+  }
+  return load4(s.pixels->row(r) + size_t(c) * 4);
+}
+
+// A resampling source over pixels an earlier pass made.
+Source pixelSource(const PixelBuffer& pixels) {
+  Source s;
+  s.pixels = &pixels;
+  s.width = s.c1 = pixels.rect.width;
+  s.height = s.r1 = pixels.rect.height;
+  s.originX = pixels.rect.x;
+  s.originY = pixels.rect.y;
+  return s;
+}
 
 struct RowOp {
   enum class Kind { kSample, kFill, kPoint, kOver, kIn, kMask } kind;
@@ -275,26 +306,13 @@ std::shared_ptr<const PixelBuffer> reduce(const Source& s, int kx, int ky, int t
   parallelFor(h, threads, [&](int j) {
     float* o = out->row(j);
     for (int i = 0; i < w; ++i) {
-      float acc[4] = {0, 0, 0, 0};
+      Float4 acc = {0, 0, 0, 0};
       for (int r = s.r0 + j * ky; r < std::min(s.r0 + (j + 1) * ky, s.r1); ++r) {
         for (int c = s.c0 + i * kx; c < std::min(s.c0 + (i + 1) * kx, s.c1); ++c) {
-          if (s.raster) {
-            const uint8_t* p = s.raster->bytes + size_t(r) * s.raster->stride + size_t(c) * 4;
-            const float alpha = p[3] * (1.0f / 255);
-            const int ri = s.raster->bgra ? 2 : 0;
-            acc[0] += lut[p[ri]] * alpha;
-            acc[1] += lut[p[1]] * alpha;
-            acc[2] += lut[p[2 - ri]] * alpha;
-            acc[3] += alpha;
-          } else {
-            const float* p = s.pixels->row(r) + size_t(c) * 4;
-            for (int k = 0; k < 4; ++k)
-              acc[k] += p[k];
-          }
+          acc += fetch(s, lut, c, r);
         }
       }
-      for (int k = 0; k < 4; ++k)
-        o[i * 4 + k] = acc[k] * scale;
+      store4(o + i * 4, acc * scale);
     }
   });
   return out;
@@ -327,13 +345,7 @@ void addSample(Program& program,
     // image's pixel (i, j) centre sits at source x = originX + c0 + (i+0.5)kx.
     const double left = source.originX + source.c0;
     const double top = source.originY + source.height - source.r0;
-    Source r;
-    r.pixels = reduced.get();
-    r.width = reduced->rect.width;
-    r.height = reduced->rect.height;
-    r.c0 = 0, r.c1 = r.width, r.r0 = 0, r.r1 = r.height;
-    r.originX = 0;
-    r.originY = 0;
+    const Source r = pixelSource(*reduced);  // placed at (0, 0)
     // Reduced space: x_r = (x - left) / kx, y_r = height_r - (top - y) / ky.
     const AffineTransform toReduced{1.0 / kx, 0, 0, 1.0 / ky, -left / kx, r.height - top / ky};
     toSource = inverse.concatenated(toReduced);
@@ -382,16 +394,8 @@ void compileMaterialized(Program& program,
     return;
   }
   auto pixels = materialize(node, need, program.threads, &program.stats);
-  Source s;
-  s.pixels = pixels.get();
-  s.width = need.width;
-  s.height = need.height;
-  s.c1 = need.width;
-  s.r1 = need.height;
-  s.originX = need.x;
-  s.originY = need.y;
   program.keep.push_back(pixels);
-  addSample(program, s, inverse, std::move(masks), dst);
+  addSample(program, pixelSource(*pixels), inverse, std::move(masks), dst);
 }
 
 void compileInto(Program& program,
@@ -407,19 +411,13 @@ void compileInto(Program& program,
       Source s;
       if (node->kind == Node::Kind::kRaster) {
         s.raster = node.get();
-        s.width = node->width;
-        s.height = node->height;
+        s.width = s.c1 = node->width;
+        s.height = s.r1 = node->height;
         s.originX = node->extent.x;
         s.originY = node->extent.y;
       } else {
-        s.pixels = node->pixels.get();
-        s.width = node->pixels->rect.width;
-        s.height = node->pixels->rect.height;
-        s.originX = node->pixels->rect.x;
-        s.originY = node->pixels->rect.y;
+        s = pixelSource(*node->pixels);
       }
-      s.c1 = s.width;
-      s.r1 = s.height;
       // Crops right above the source (no transform between) remove source
       // pixels by their centres.
       std::vector<Mask> rest;
@@ -478,14 +476,8 @@ void compileInto(Program& program,
           return;
         }
         auto pixels = materialize(node->a, need, program.threads, &program.stats);
-        Source s;
-        s.pixels = pixels.get();
-        s.width = s.c1 = need.width;
-        s.height = s.r1 = need.height;
-        s.originX = need.x;
-        s.originY = need.y;
         program.keep.push_back(pixels);
-        addSample(program, s, inverse, std::move(masks), dst);
+        addSample(program, pixelSource(*pixels), inverse, std::move(masks), dst);
       }
       return;
     }
@@ -624,34 +616,6 @@ void limitSpan(Span& s, double v0, double dv, double lo, double hi) {
   s.x1 = std::min(s.x1, static_cast<int>(std::min(last + 1, double(s.x1))));
   if (s.x1 < s.x0)
     s.x1 = s.x0;
-}
-
-// Four floats handled as one value (one SSE register on x86-64).
-typedef float Float4 __attribute__((vector_size(16)));
-
-inline Float4 load4(const float* p) {
-  Float4 v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-
-inline void store4(float* p, Float4 v) {
-  std::memcpy(p, &v, sizeof v);
-}
-
-// One source pixel as premultiplied linear light.
-inline Float4 fetch(const Source& s, const float* lut, int c, int r) {
-  if (s.raster) {
-    const uint8_t* p = s.raster->bytes + size_t(r) * s.raster->stride + size_t(c) * 4;
-    const float alpha = p[3] * (1.0f / 255);
-    const int ri = s.raster->bgra ? 2 : 0;
-    return Float4{lut[p[ri]] * alpha, lut[p[1]] * alpha, lut[p[2 - ri]] * alpha, alpha};
-  }
-  return load4(s.pixels->row(r) + size_t(c) * 4);
-}
-
-inline void fetch(const Source& s, int c, int r, float* out) {
-  store4(out, fetch(s, srgbToLinearTable(), c, r));
 }
 
 // Clears the row outside [x0, x1).
