@@ -9,6 +9,7 @@
 #include "core/varnel.h"
 #include "effects/array_filter.h"
 #include "effects/effect_manager.h"
+#include "effects/effect_video_stream.h"
 #include "effects/image_colorspace_converter.h"
 #include "effects/preset_image.h"
 #include "media/audio_buffer.h"

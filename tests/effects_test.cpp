@@ -16,6 +16,9 @@ namespace {
 
 using nlohmann::json;
 using vn::test::fixture;
+using vn::test::psnr;
+using vn::test::Raster;
+using vn::test::readPicture;
 using vn::test::runShell;
 using vn::test::runVarnel;
 using vn::test::shellQuote;
@@ -47,39 +50,6 @@ std::string makePicture(const std::string& name, const std::string& graph) {
   return path;
 }
 
-// RGBA pixels of a picture file (or of a movie frame picked by -vf), as
-// ffmpeg decodes them.
-struct Raster {
-  int width = 0;
-  int height = 0;
-  std::vector<uint8_t> rgba;
-
-  const uint8_t* at(int x, int y) const { return &rgba[(size_t(y) * width + x) * 4]; }
-  // The part at (x, y) of w x h.
-  Raster part(int x, int y, int w, int h) const {
-    Raster r{w, h, {}};
-    for (int j = 0; j < h; ++j)
-      r.rgba.insert(r.rgba.end(), at(x, y + j), at(x + w, y + j));
-    return r;
-  }
-};
-
-Raster readPicture(const std::string& path, const std::string& filters = "") {
-  // PAM: a text header with the size, then the pixels.
-  const std::string bytes =
-      runShell("ffmpeg -hide_banner -loglevel error -nostdin -i " + shellQuote(path) +
-               (filters.empty() ? "" : " -vf " + shellQuote(filters)) +
-               " -frames:v 1 -c:v pam -pix_fmt rgba -f image2pipe -");
-  Raster r;
-  const size_t end = bytes.find("ENDHDR\n");
-  if (end == std::string::npos ||
-      std::sscanf(bytes.c_str(), "P7 WIDTH %d HEIGHT %d", &r.width, &r.height) != 2)
-    return r;
-  r.rgba.assign(bytes.begin() + static_cast<std::ptrdiff_t>(end + 7), bytes.end());
-  EXPECT_EQ(r.rgba.size(), size_t(r.width) * r.height * 4) << path;
-  return r;
-}
-
 // Mean and largest absolute difference of the colour (or only the alpha)
 // bytes of two pictures of one size.
 struct Difference {
@@ -101,16 +71,6 @@ Difference difference(const Raster& a, const Raster& b, bool alpha = false) {
   }
   d.mean /= double(n);
   return d;
-}
-
-double psnr(const Raster& a, const Raster& b) {
-  double squares = 0;
-  for (size_t i = 0; i < a.rgba.size(); ++i) {
-    if (i % 4 != 3)
-      squares += std::pow(double(a.rgba[i]) - double(b.rgba[i]), 2);
-  }
-  const double mse = squares / (a.rgba.size() * 3 / 4);
-  return mse == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / mse);
 }
 
 bool noTemporaryFiles() {

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -98,6 +99,45 @@ bool realTimeChecks() {
   const char* asked = std::getenv("VARNEL_REALTIME_TESTS");
   return asked && std::string(asked) == "1";
 #endif
+}
+
+Raster Raster::part(int x, int y, int w, int h) const {
+  Raster r{w, h, {}};
+  for (int j = 0; j < h; ++j)
+    r.rgba.insert(r.rgba.end(), at(x, y + j), at(x + w, y + j));
+  return r;
+}
+
+Raster readPicture(const std::string& path,
+                   const std::string& filters,
+                   const std::string& inputOptions) {
+  // PAM: a text header with the size, then the pixels.
+  const std::string bytes =
+      runShell("ffmpeg -hide_banner -loglevel error -nostdin " + inputOptions + " -i " +
+               shellQuote(path) + (filters.empty() ? "" : " -vf " + shellQuote(filters)) +
+               " -frames:v 1 -c:v pam -pix_fmt rgba -f image2pipe -");
+  Raster r;
+  const size_t end = bytes.find("ENDHDR\n");
+  if (end == std::string::npos ||
+      std::sscanf(bytes.c_str(), "P7 WIDTH %d HEIGHT %d", &r.width, &r.height) != 2)
+    return Raster{};
+  r.rgba.assign(bytes.begin() + static_cast<std::ptrdiff_t>(end + 7), bytes.end());
+  if (r.rgba.size() != size_t(r.width) * r.height * 4)
+    return Raster{};
+  return r;
+}
+
+double psnr(const Raster& a, const Raster& b) {
+  if (a.width != b.width || a.height != b.height || a.rgba.size() != b.rgba.size() ||
+      a.rgba.empty())
+    return 0;
+  double squares = 0;
+  for (size_t i = 0; i < a.rgba.size(); ++i) {
+    if (i % 4 != 3)
+      squares += std::pow(double(a.rgba[i]) - double(b.rgba[i]), 2);
+  }
+  const double mse = squares / double(a.rgba.size() * 3 / 4);
+  return mse == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / mse);
 }
 
 }  // namespace vn::test

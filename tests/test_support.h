@@ -1,6 +1,7 @@
 // Helpers shared by the unit and end-to-end tests.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -44,6 +45,28 @@ std::string shellQuote(const std::string& s);
 // ffprobe's -show_streams -show_format of a file as JSON (discarded on
 // failure).
 nlohmann::json ffprobe(const std::string& path);
+
+// RGBA pixels of a picture, the top row first.
+struct Raster {
+  int width = 0;
+  int height = 0;
+  std::vector<uint8_t> rgba;
+
+  const uint8_t* at(int x, int y) const { return &rgba[(size_t(y) * width + x) * 4]; }
+  // The part at (x, y) of w x h.
+  Raster part(int x, int y, int w, int h) const;
+};
+
+// The first picture of a file (a still image, or a movie frame picked by
+// the -vf filters), as ffmpeg decodes it to RGBA; inputOptions go before
+// -i (e.g. "-ss 2.5"). Empty when ffmpeg gives nothing.
+Raster readPicture(const std::string& path,
+                   const std::string& filters = "",
+                   const std::string& inputOptions = "");
+
+// PSNR of the colour bytes (alpha ignored) of two pictures of one size, in
+// dB; 99 for equal pictures, 0 for pictures of different sizes.
+double psnr(const Raster& a, const Raster& b);
 
 // Number of operator new calls made so far on the calling thread.
 uint64_t allocationCount();

@@ -1,14 +1,18 @@
 #include "movie/movie.h"
 
 #include <algorithm>
+#include <cmath>
 #include <iterator>
 
 extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
 #include <libavutil/samplefmt.h>
 }
 
 #include "core/serial_queue.h"
 #include "core/varnel.h"
+#include "effects/effect_video_stream.h"
 #include "media/media_source.h"
 #include "media/subtitle_source.h"
 #include "movie/effect_audio_stream.h"
@@ -26,6 +30,7 @@ std::shared_ptr<VNFFMovie> VNFFMovie::create() {
 
 VNFFMovie::VNFFMovie()
     : audioEffectStream_(VNFFEffectAudioStream::create()),
+      videoEffectStream_(VNFFEffectVideoStream::create()),
       decodeQueue_(std::make_unique<vn::SerialQueue>("varnel.decode")) {}
 
 VNFFMovie::~VNFFMovie() {
@@ -35,6 +40,7 @@ VNFFMovie::~VNFFMovie() {
   // lets pending items run (none can hold this movie any more).
   decodeQueue_.reset();
   audioEffectStream_.reset();
+  videoEffectStream_.reset();
 }
 
 void VNFFMovie::openMedias(Medias medias) {
@@ -49,8 +55,7 @@ void VNFFMovie::openMedias(Medias medias) {
   }
   getMaxMediaDuration();
   openAudioOutput();
-  // The video effect stream is attached to the first video media here once
-  // picture composition exists (configVideoEffectStream).
+  configVideoEffectStream();
 }
 
 bool VNFFMovie::openSubtitle(const std::string& path) {
@@ -335,4 +340,191 @@ bool VNFFMovie::decodeAudioToAudioOutput() {
   graph->writeSample(chunk, kChunkFrames);
   forwardAudioDecodeTime(kChunkFrames);
   return true;
+}
+
+// --- pictures ---------------------------------------------------------------------
+
+vn::Rect VNFFMovie::scaleRect(const vn::Rect& a, const vn::Rect& b) {
+  float s =
+      std::max(static_cast<float>(a.width / b.width), static_cast<float>(a.height / b.height));
+  // Never enlarged more than a hundredfold.
+  s = std::max(s, 0.01f);
+  const double width = a.width / s;
+  const double height = a.height / s;
+  return vn::Rect{b.x + (b.width - width) * 0.5, b.y + (b.height - height) * 0.5, width, height};
+}
+
+std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size size) {
+  const std::shared_ptr<VNFFMedia> media = videoMediaAtTime(t);
+  if (!media)
+    return std::nullopt;
+  std::optional<vn::BitmapImage> result;
+  auto self = shared_from_this();
+  decodeQueue_
+      ->addOperation([self, media, t, size, &result] {
+        VNFFEffectVideoStream& stream = *self->videoEffectStream_;
+        media->thumbnailAtTime(t - media->movie_position(), [&](AVFrame* frame) {
+          stream.writeFrame(frame);
+          const std::optional<vn::FilterImage> effect = stream.currentEffectImage();
+          const vn::Rect extent = effect ? effect->extent() : vn::Rect{};
+          const vn::Rect fitted = scaleRect(extent, vn::Rect{0, 0, size.width, size.height});
+          // At the origin, rounded out to whole pixels.
+          const double width = std::ceil(fitted.width);
+          const double height = std::ceil(fitted.height);
+          if (!effect || !(width >= 1) || !(height >= 1) || width > vn::kMaxImageSide ||
+              height > vn::kMaxImageSide) {
+            return;
+          }
+          const vn::FilterImage drawn = effect->translated(-extent.x, -extent.y)
+                                            .transformed(vn::AffineTransform::identity().scaled(
+                                                width / extent.width, height / extent.height));
+          const int w = static_cast<int>(width), h = static_cast<int>(height);
+          std::vector<uint8_t> pixels = drawn.render(vn::Rect{0, 0, width, height});
+          if (pixels.empty())
+            return;
+          auto owner = std::make_shared<std::vector<uint8_t>>(std::move(pixels));
+          vn::BitmapImage image = vn::BitmapImage::borrow(owner->data(), w, h, w * 4, owner);
+          if (!image.isEmpty())
+            result = std::move(image);
+        });
+        // Playback goes on from where the clock is.
+        media->seek(self->currentTime() - media->movie_position());
+      })
+      ->wait();
+  return result;
+}
+
+void VNFFMovie::decodeImageAtTime(int64_t t,
+                                  std::shared_ptr<VNFFMovieImageProvider> provider,
+                                  bool wait) {
+  auto self = shared_from_this();
+  auto work = [self, t, provider] {
+    VNFFEffectVideoStream& stream = *self->videoEffectStream_;
+    const std::shared_ptr<VNFFMedia> media = self->videoMediaAtTime(t);
+    AVFrame* frame = nullptr;
+    std::optional<vn::FilterImage> subtitleImage;
+    if (media) {
+      const int64_t local = t - media->movie_position();
+      frame = media->videoFrameAtTime(local);
+      subtitleImage = media->subtitleAtTime(local);
+    }
+    stream.setMediaSubtitleImage(std::move(subtitleImage));
+    std::optional<std::string> text;
+    if (const std::shared_ptr<VNFFMedia> subtitle = self->subtitle())
+      text = subtitle->subtitleStringAtTime(t - subtitle->movie_position());
+    stream.setSubtitleCurrentString(std::move(text));
+    const bool wantsData = provider && provider->movieFormatSize;
+    stream.writeFrame(frame, [&](int32_t size) -> VNFFEffectVideoStream::DataBuffer {
+      if (!wantsData)
+        return nullptr;
+      return provider->movieFormatSize(*self, stream.outputDataFormat(), size);
+    });
+    std::optional<vn::FilterImage> plain = stream.currentCIImage();
+    std::optional<vn::FilterImage> effect = stream.currentEffectImage();
+    // A provider that asks for the pixels gets images only with them.
+    if (wantsData && !stream.dataBuffer()) {
+      plain.reset();
+      effect.reset();
+    }
+    if (provider && provider->movieMediaImage)
+      provider->movieMediaImage(*self, std::move(plain));
+    if (provider && provider->movieMediaEffectImage)
+      provider->movieMediaEffectImage(*self, std::move(effect));
+  };
+  if (decodeQueue_->isCurrent()) {
+    work();
+    return;
+  }
+  auto operation = decodeQueue_->addOperation(std::move(work));
+  if (wait)
+    operation->wait();
+}
+
+void VNFFMovie::decodeImageAtTime(int64_t t, std::shared_ptr<VNFFMovieImageProvider> provider) {
+  decodeImageAtTime(t, std::move(provider), true);
+}
+
+// --- picture settings ---------------------------------------------------------------
+
+#define VN_PICTURE_SETTING(Type, getter, setter)  \
+  Type VNFFMovie::getter() {                      \
+    return videoEffectStream_->getter();          \
+  }                                               \
+  void VNFFMovie::setter(Type value) {            \
+    videoEffectStream_->setter(std::move(value)); \
+  }
+
+VN_PICTURE_SETTING(vn::Rect, cropRect, setCropRect)
+VN_PICTURE_SETTING(bool, hflip, setHflip)
+VN_PICTURE_SETTING(bool, vflip, setVflip)
+VN_PICTURE_SETTING(float, rotate, setRotate)
+VN_PICTURE_SETTING(float, saturation, setSaturation)
+VN_PICTURE_SETTING(float, brightness, setBrightness)
+VN_PICTURE_SETTING(float, contrast, setContrast)
+VN_PICTURE_SETTING(float, hue, setHue)
+VN_PICTURE_SETTING(std::optional<std::string>, effectName, setEffectName)
+VN_PICTURE_SETTING(std::optional<vn::FilterImage>, watermark, setWatermark)
+VN_PICTURE_SETTING(int32_t, zoomType, setZoomType)
+
+#undef VN_PICTURE_SETTING
+
+std::string VNFFMovie::subtitleFont() {
+  return videoEffectStream_->subtitleFont();
+}
+
+void VNFFMovie::setSubtitleFont(std::optional<std::string> font) {
+  videoEffectStream_->setSubtitleFont(std::move(font));
+  updateSubtitle();
+}
+
+vn::FilterImage::Color VNFFMovie::subtitleColor() {
+  return videoEffectStream_->subtitleColor();
+}
+
+void VNFFMovie::setSubtitleColor(std::optional<vn::FilterImage::Color> color) {
+  videoEffectStream_->setSubtitleColor(color);
+  updateSubtitle();
+}
+
+float VNFFMovie::subtitlePosition() {
+  return videoEffectStream_->subtitlePosition();
+}
+
+void VNFFMovie::setSubtitlePosition(float fraction) {
+  videoEffectStream_->setSubtitlePosition(fraction);
+  updateSubtitle();
+}
+
+vn::Size VNFFMovie::outputVideoSize() {
+  const VNFFVideoFormat format = videoEffectStream_->outputFormat();
+  return vn::Size{static_cast<double>(format.width), static_cast<double>(format.height)};
+}
+
+void VNFFMovie::setOutputVideoSize(vn::Size size) {
+  VNFFVideoFormat format = videoEffectStream_->outputFormat();
+  format.width = static_cast<int32_t>(size.width + 0.1);
+  format.height = static_cast<int32_t>(size.height + 0.1);
+  videoEffectStream_->setOutputFormat(format);
+  // The graph is not rebuilt: pictures are converted at the media's size
+  // and sized to the output when composed.
+  updateSubtitle();
+}
+
+void VNFFMovie::updateSubtitle() {
+  videoEffectStream_->updateSubtitle();
+}
+
+void VNFFMovie::configVideoEffectStream() {
+  const Medias withVideo = videos();
+  const std::shared_ptr<VNFFMedia> first = withVideo.empty() ? nullptr : withVideo.front();
+  // The graph is rebuilt between two picture items, never under one.
+  runOnDecodeQueue([this, first] {
+    VNFFEffectVideoStream& stream = *videoEffectStream_;
+    stream.setMedia(first);
+    const VNFFVideoFormat format = first ? first->videoFormat() : VNFFVideoFormat{};
+    stream.setOutputFormat(VNFFVideoFormat{AV_PIX_FMT_RGBA, format.width, format.height});
+    stream.setCropRect(
+        vn::Rect{0, 0, static_cast<double>(format.width), static_cast<double>(format.height)});
+    stream.updateConverter();
+  });
 }

@@ -28,12 +28,31 @@
 #include "media/media.h"
 #include "media/movie_link.h"
 #include "movie/output_audio_graph_delegate.h"
+#include "platform/bitmap_image.h"
+#include "platform/filter_image.h"
+#include "platform/rect.h"
 
 namespace vn {
 class SerialQueue;
 }
 class VNFFEffectAudioStream;
+class VNFFEffectVideoStream;
 class VNOutputAudioGraph;
+class VNFFMovie;
+
+// An application object that takes the pictures of decodeImageAtTime. Each
+// call is optional: an empty member is one the provider does not handle.
+// Calls arrive on the movie's decode queue.
+struct VNFFMovieImageProvider {
+  using DataBuffer = std::shared_ptr<std::vector<uint8_t>>;
+  // A buffer of exactly `size` bytes for a copy of the converted picture
+  // (format: the effect stream's outputDataFormat), or null.
+  std::function<DataBuffer(VNFFMovie& movie, VNFFVideoFormat format, int32_t size)> movieFormatSize;
+  // The plain picture, then the picture with every setting applied; none
+  // when there is no picture (or the buffer asked for was not filled).
+  std::function<void(VNFFMovie& movie, std::optional<vn::FilterImage> image)> movieMediaImage;
+  std::function<void(VNFFMovie& movie, std::optional<vn::FilterImage> image)> movieMediaEffectImage;
+};
 
 class VNFFMovie : public VNMovieLink,
                   public VNOutputAudioGraphDelegate,
@@ -141,6 +160,63 @@ class VNFFMovie : public VNMovieLink,
   bool decodeAudioToAudioOutput();
   std::shared_ptr<VNOutputAudioGraph> audioOutputGraph();
 
+  // --- pictures ------------------------------------------------------------------
+  // a fitted in b keeping its aspect, centred; never enlarged more than a
+  // hundredfold. Not rounded.
+  static vn::Rect scaleRect(const vn::Rect& a, const vn::Rect& b);
+  // The composed picture at time t, fitted into a box of size (aspect kept,
+  // no bars), rounded out to whole pixels; none when no video media covers
+  // t. The media is seeked back to the clock afterwards. Blocks until done;
+  // never call it from the decode queue.
+  std::optional<vn::BitmapImage> thumbnailAtTime(int64_t t, vn::Size size);
+  // Decodes the picture at t on the decode queue (inline when called from
+  // it) and hands it to the provider's calls; waits when asked.
+  void decodeImageAtTime(int64_t t, std::shared_ptr<VNFFMovieImageProvider> provider, bool wait);
+  void decodeImageAtTime(int64_t t, std::shared_ptr<VNFFMovieImageProvider> provider);
+
+  // --- picture settings --------------------------------------------------------
+  // Held by the video effect stream (its meanings and defaults); crop in
+  // source pixels, origin bottom left.
+  vn::Rect cropRect();
+  void setCropRect(vn::Rect rect);
+  bool hflip();
+  void setHflip(bool value);
+  bool vflip();
+  void setVflip(bool value);
+  float rotate();
+  void setRotate(float degrees);
+  float saturation();
+  void setSaturation(float value);
+  float brightness();
+  void setBrightness(float value);
+  float contrast();
+  void setContrast(float value);
+  float hue();
+  void setHue(float value);
+  std::optional<std::string> effectName();
+  void setEffectName(std::optional<std::string> name);
+  std::optional<vn::FilterImage> watermark();
+  void setWatermark(std::optional<vn::FilterImage> image);
+  int32_t zoomType();
+  void setZoomType(int32_t type);
+  std::string subtitleFont();
+  void setSubtitleFont(std::optional<std::string> font);
+  vn::FilterImage::Color subtitleColor();
+  void setSubtitleColor(std::optional<vn::FilterImage::Color> color);
+  float subtitlePosition();
+  void setSubtitlePosition(float fraction);
+  // The output frame's size; a new size is kept as whole pixels (w + 0.1
+  // and h + 0.1 truncated).
+  vn::Size outputVideoSize();
+  void setOutputVideoSize(vn::Size size);
+  // Lets the subtitle be drawn anew on the next picture.
+  void updateSubtitle();
+  // Attaches the first video media to the video effect stream with an RGBA
+  // output of its size and no crop, and builds its converter. Run by
+  // openMedias.
+  void configVideoEffectStream();
+  VNFFEffectVideoStream& videoEffectStream() { return *videoEffectStream_; }
+
   // The decode queue: every item that decodes runs here.
   vn::SerialQueue& decodeQueue() { return *decodeQueue_; }
   VNFFEffectAudioStream& audioEffectStream() { return *audioEffectStream_; }
@@ -155,6 +231,7 @@ class VNFFMovie : public VNMovieLink,
   std::atomic<int64_t> duration_{0};
   std::atomic<int64_t> seek_point_{0};  // the clock's origin
   std::shared_ptr<VNFFEffectAudioStream> audioEffectStream_;
+  std::shared_ptr<VNFFEffectVideoStream> videoEffectStream_;
   std::atomic<bool> exportMovie_{false};
   std::atomic<bool> disableVideo_{false};
   std::weak_ptr<void> delegate_;

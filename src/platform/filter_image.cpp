@@ -1321,8 +1321,12 @@ void FilterImage::draw(BitmapContext& context,
                                   .scaled(w / fromRect.width, h / fromRect.height)
                                   .translated(-fromRect.x, -fromRect.y);
   // The edges repeat, so that a stretched picture does not fade at its
-  // borders.
-  const FilterImage placed = cropped(fromRect).clampedToExtent().transformed(fit);
+  // borders. A picture that already covers the context pixel for pixel is
+  // drawn as it is, so its passes fold with the drawing.
+  const bool inPlace =
+      fromRect.x == 0 && fromRect.y == 0 && fromRect.width == w && fromRect.height == h;
+  const FilterImage placed =
+      inPlace ? cropped(fromRect) : cropped(fromRect).clampedToExtent().transformed(fit);
   const IntRect region{0, 0, w, h};
   const bool premultiplied = context.alpha() == BitmapContext::Alpha::kPremultipliedLast;
   const float* lut = srgbToLinearTable();

@@ -10,4 +10,9 @@ struct Rect {
   double height = 0;
 };
 
+struct Size {
+  double width = 0;
+  double height = 0;
+};
+
 }  // namespace vn

@@ -1,0 +1,412 @@
+#include "effects/effect_video_stream.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+extern "C" {
+#include <libavfilter/avfilter.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+#include <libavutil/frame.h>
+#include <libavutil/mem.h>
+#include <libavutil/opt.h>
+#include <libavutil/pixfmt.h>
+}
+
+#include "effects/effect_manager.h"
+#include "media/media.h"
+#include "platform/affine_transform.h"
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+// The hue control turns by this many radians per unit: 6.28, not 2π.
+constexpr double kHueRange = 6.28;
+
+struct FrameFree {
+  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+
+}  // namespace
+
+std::shared_ptr<VNFFEffectVideoStream> VNFFEffectVideoStream::create() {
+  return std::make_shared<VNFFEffectVideoStream>();
+}
+
+VNFFEffectVideoStream::VNFFEffectVideoStream() {
+  setHflip(false);
+  setVflip(false);
+  setSaturation(0.5f);
+  setBrightness(0.5f);
+  setContrast(0.25f);
+  setHue(0.5f);
+  setZoomType(kZoomDefault);
+}
+
+VNFFEffectVideoStream::~VNFFEffectVideoStream() {
+  free_frame_image_buffer();
+  free_graph();
+  std::lock_guard<std::mutex> guard(lock_);
+  media_.reset();
+  dataBuffer_.reset();
+  effectName_.reset();
+  watermark_.reset();
+  mediaSubtitleImage_.reset();
+  subtitleCurrentString_.reset();
+  subtitleFont_.reset();
+  subtitleImage_.reset();
+  subtitleImageString_.reset();
+}
+
+// ---- conversion ------------------------------------------------------------------
+
+void VNFFEffectVideoStream::updateConverter() {
+  free_graph();
+  graph_.reset(avfilter_graph_alloc());
+  if (!graph_)
+    return;
+  const std::shared_ptr<VNFFMedia> source = media();
+  const VNFFVideoFormat in = source ? source->videoFormat() : VNFFVideoFormat{};
+  // The time base and aspect are fixed on purpose: the graph only converts
+  // pixels, it never looks at times or shapes.
+  char args[256];
+  std::snprintf(args, sizeof args, "video_size=%dx%d:pix_fmt=%d:time_base=%d/%d:pixel_aspect=%d/%d",
+                in.width, in.height, in.pix_fmt, 1, 25, 0, 1);
+  // The scaler that configuration inserts is bilinear (2).
+  graph_->scale_sws_opts = av_strdup("flags=bilinear");
+  AVFilterContext* source_ctx = nullptr;
+  if (avfilter_graph_create_filter(&source_ctx, avfilter_get_by_name("buffer"), "buffersrc", args,
+                                   nullptr, graph_.get()) >= 0) {
+    buffersrc_ = source_ctx;
+  }
+  const int pixelFormats[] = {outputFormat().pix_fmt, AV_PIX_FMT_NONE};
+  AVFilterContext* sink =
+      avfilter_graph_alloc_filter(graph_.get(), avfilter_get_by_name("buffersink"), "buffersink");
+  if (sink &&
+      av_opt_set_int_list(sink, "pix_fmts", pixelFormats, AV_PIX_FMT_NONE,
+                          AV_OPT_SEARCH_CHILDREN) >= 0 &&
+      avfilter_init_str(sink, nullptr) >= 0) {
+    buffersink_ = sink;
+  }
+  if (!buffersrc_ || !buffersink_ || avfilter_link(buffersrc_, 0, buffersink_, 0) != 0 ||
+      avfilter_graph_config(graph_.get(), nullptr) != 0) {
+    free_graph();
+  }
+}
+
+void VNFFEffectVideoStream::free_graph() {
+  buffersrc_ = nullptr;
+  buffersink_ = nullptr;
+  graph_.reset();
+}
+
+void VNFFEffectVideoStream::free_frame_image_buffer() {
+  buffer_.reset();
+}
+
+void VNFFEffectVideoStream::writeFrame(const AVFrame* frame) {
+  writeFrame(frame, nullptr);
+}
+
+void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider& provider) {
+  if (frame && frame->data[0] && buffersrc_) {
+    // The graph takes its own reference; the caller's frame stays as it is.
+    const int ignored = av_buffersrc_add_frame_flags(buffersrc_, const_cast<AVFrame*>(frame),
+                                                     AV_BUFFERSRC_FLAG_KEEP_REF);
+    (void)ignored;
+  }
+  // The previous picture goes even when no new one came in.
+  free_frame_image_buffer();
+  if (buffersink_) {
+    std::shared_ptr<AVFrame> out(av_frame_alloc(), FrameFree{});
+    if (out && av_buffersink_get_frame(buffersink_, out.get()) >= 0)
+      buffer_ = std::move(out);
+  }
+  const int64_t size = buffer_ ? int64_t{buffer_->height} * buffer_->linesize[0] : 0;
+  DataBuffer data =
+      size > 0 && size <= INT32_MAX && provider ? provider(static_cast<int32_t>(size)) : nullptr;
+  if (data) {
+    // As many bytes as the provider's buffer holds (it is asked for exactly
+    // size), never more than the picture has.
+    std::memcpy(data->data(), buffer_->data[0],
+                std::min<size_t>(data->size(), static_cast<size_t>(size)));
+  }
+  setDataBuffer(std::move(data));
+}
+
+std::optional<vn::BitmapImage> VNFFEffectVideoStream::imageForFrame(
+    const AVFrame* frame,
+    std::shared_ptr<const void> owner) {
+  if (!frame || !frame->data[0] || frame->format != AV_PIX_FMT_RGBA)
+    return std::nullopt;
+  vn::BitmapImage image = vn::BitmapImage::borrow(frame->data[0], frame->width, frame->height,
+                                                  frame->linesize[0], std::move(owner));
+  if (image.isEmpty())
+    return std::nullopt;
+  return image;
+}
+
+std::optional<vn::BitmapImage> VNFFEffectVideoStream::heldImage() const {
+  if (!buffer_)
+    return std::nullopt;
+  if (DataBuffer data = dataBuffer()) {
+    // The provider's copy, laid out as the graph's picture was.
+    const AVFrame& f = *buffer_;
+    if (f.format != AV_PIX_FMT_RGBA || f.linesize[0] <= 0 ||
+        data->size() < static_cast<size_t>(f.linesize[0]) * static_cast<size_t>(f.height)) {
+      return std::nullopt;
+    }
+    vn::BitmapImage image =
+        vn::BitmapImage::borrow(data->data(), f.width, f.height, f.linesize[0], data);
+    if (image.isEmpty())
+      return std::nullopt;
+    return image;
+  }
+  return imageForFrame(buffer_.get(), buffer_);
+}
+
+std::optional<vn::BitmapImage> VNFFEffectVideoStream::currentImage() const {
+  return heldImage();
+}
+
+std::optional<vn::FilterImage> VNFFEffectVideoStream::currentCIImage() const {
+  const std::optional<vn::BitmapImage> image = currentImage();
+  return image ? vn::FilterImage::fromBitmap(*image) : std::nullopt;
+}
+
+VNFFVideoFormat VNFFEffectVideoStream::outputDataFormat() const {
+  const std::shared_ptr<VNFFMedia> source = media();
+  const VNFFVideoFormat in = source ? source->videoFormat() : VNFFVideoFormat{};
+  return VNFFVideoFormat{outputFormat().pix_fmt, in.width, in.height};
+}
+
+// ---- composition -----------------------------------------------------------------
+
+std::optional<vn::FilterImage> VNFFEffectVideoStream::currentEffectImage() {
+  std::optional<vn::FilterImage> picture = currentCIImage();
+  // A bitmap subtitle is part of the picture: cropped, turned and zoomed
+  // with it.
+  if (const std::optional<vn::FilterImage> subtitle = mediaSubtitleImage(); subtitle && picture)
+    picture = sourceOverImage(*subtitle, *picture);
+  if (!picture)
+    return std::nullopt;
+  const vn::Rect crop = cropRect();
+  vn::FilterImage image = picture->cropped(crop);
+  // The centre of the crop goes to the origin, so flips and rotation act
+  // about it; a point is mirrored first and turned second.
+  image = image.translated(-(crop.x + crop.width * 0.5), -(crop.y + crop.height * 0.5));
+  const vn::AffineTransform turn = vn::AffineTransform::identity()
+                                       .rotated(rotate() * kPi / 180)
+                                       .scaled(hflip() ? -1 : 1, vflip() ? -1 : 1);
+  image = image.transformed(turn);
+  const VNFFVideoFormat out = outputFormat();
+  const vn::Rect rect{0, 0, static_cast<double>(out.width), static_cast<double>(out.height)};
+  image = this->image(image, zoomType(), rect);
+  image = this->image(image, effectFilter());
+  image = sourceOverImage(image, imagewithColor({0, 0, 0, 1}));
+  if (const std::optional<vn::FilterImage> mark = watermark())
+    image = sourceOverImage(*mark, image);
+  if (const std::optional<vn::FilterImage> subtitle = currentSubtitleImage())
+    image = sourceOverImage(*subtitle, image);
+  return image.cropped(rect);
+}
+
+vn::FilterImage VNFFEffectVideoStream::image(const vn::FilterImage& i,
+                                             int32_t zoomType,
+                                             const vn::Rect& rect) {
+  const vn::Rect extent = i.extent();
+  const vn::FilterImage centred =
+      i.translated(-(extent.x + extent.width * 0.5), -(extent.y + extent.height * 0.5));
+  const vn::Rect e = centred.extent();
+  vn::Rect target;
+  switch (zoomType) {
+    case kZoomStretch:
+      target = rect;
+      break;
+    case kZoomFit:
+    case kZoomDefault:
+      target = scaleRect(e, rect);
+      break;
+    case kZoom16x9:
+      target = scaleRect(vn::Rect{0, 0, 16, 9}, rect);
+      break;
+    case kZoom4x3:
+      target = scaleRect(vn::Rect{0, 0, 4, 3}, rect);
+      break;
+    case kZoomPanscan:
+      target = scaleRectPanscan(e, rect);
+      break;
+    default:
+      // Scaled to nothing: only the background shows.
+      break;
+  }
+  const float dw = std::max(static_cast<float>(e.width), 1.0f);
+  const float dh = std::max(static_cast<float>(e.height), 1.0f);
+  const vn::AffineTransform place =
+      vn::AffineTransform::identity()
+          .translated(target.x + target.width * 0.5, target.y + target.height * 0.5)
+          .scaled(static_cast<float>(target.width / dw), static_cast<float>(target.height / dh));
+  return centred.transformed(place);
+}
+
+vn::Rect VNFFEffectVideoStream::scaleRect(const vn::Rect& a, const vn::Rect& b) {
+  const float k = std::max(
+      std::max(static_cast<float>(a.width / b.width), static_cast<float>(a.height / b.height)),
+      0.001f);
+  const double w = a.width / k;
+  const double h = a.height / k;
+  return vn::Rect{b.x + (b.width - w) * 0.5, b.y + (b.height - h) * 0.5, w, h};
+}
+
+vn::Rect VNFFEffectVideoStream::scaleRectPanscan(const vn::Rect& a, const vn::Rect& b) {
+  const float k = std::max(static_cast<float>(a.width / b.width), 0.001f);
+  const double w = a.width / k;
+  const double h = a.height / k;
+  return vn::Rect{b.x + (b.width - w) * 0.5, b.y + (b.height - h) * 0.5, w, h};
+}
+
+vn::FilterList VNFFEffectVideoStream::colorFilter() const {
+  std::shared_ptr<vn::ImageFilter> controls = vn::ImageFilter::withName("ColorControls");
+  controls->setValue(vn::kInputSaturationKey, double{saturation() * 2});
+  controls->setValue(vn::kInputBrightnessKey,
+                     double{static_cast<float>((double{brightness()} - 0.5) * 2)});
+  controls->setValue(vn::kInputContrastKey, double{contrast() * 4.0f});
+  std::shared_ptr<vn::ImageFilter> hueAdjust = vn::ImageFilter::withName("HueAdjust");
+  hueAdjust->setValue(vn::kInputAngleKey,
+                      double{static_cast<float>((double{hue()} - 0.5) * kHueRange)});
+  return {std::move(controls), std::move(hueAdjust)};
+}
+
+vn::FilterList VNFFEffectVideoStream::effectFilter() const {
+  vn::FilterList filters = colorFilter();
+  if (const std::optional<std::string> name = effectName()) {
+    if (std::shared_ptr<vn::ImageFilter> preset = EffectManager::filterWithName(*name))
+      filters.push_back(std::move(preset));
+  }
+  return filters;
+}
+
+vn::FilterImage VNFFEffectVideoStream::image(const vn::FilterImage& i,
+                                             const vn::FilterList& filters) {
+  vn::FilterImage result = i;
+  for (const std::shared_ptr<vn::ImageFilter>& filter : filters) {
+    filter->setValue(vn::kInputImageKey, result);
+    if (std::optional<vn::FilterImage> output = filter->outputImage())
+      result = std::move(*output);
+  }
+  return result;
+}
+
+vn::FilterImage VNFFEffectVideoStream::composition(const std::string& filterName,
+                                                   const vn::FilterImage& image,
+                                                   const vn::FilterImage& background) {
+  std::shared_ptr<vn::ImageFilter> filter = vn::ImageFilter::withName(filterName);
+  if (!filter)
+    return image;
+  filter->setValue(vn::kInputBackgroundImageKey, background);
+  filter->setValue(vn::kInputImageKey, image);
+  return filter->outputImage().value_or(image);
+}
+
+vn::FilterImage VNFFEffectVideoStream::sourceOverImage(const vn::FilterImage& image,
+                                                       const vn::FilterImage& background) {
+  return composition("SourceOverCompositing", image, background);
+}
+
+vn::FilterImage VNFFEffectVideoStream::sourceInImage(const vn::FilterImage& image,
+                                                     const vn::FilterImage& background) {
+  return composition("SourceInCompositing", image, background);
+}
+
+vn::FilterImage VNFFEffectVideoStream::translateImage(const vn::FilterImage& image, vn::Size size) {
+  return image.transformed(vn::AffineTransform::makeTranslation(size.width, size.height));
+}
+
+vn::FilterImage VNFFEffectVideoStream::scaleImage(const vn::FilterImage& image, vn::Size size) {
+  return image.transformed(vn::AffineTransform::identity().scaled(size.width, size.height));
+}
+
+vn::FilterImage VNFFEffectVideoStream::imagewithColor(const vn::FilterImage::Color& color) {
+  return vn::FilterImage::withColor(color);
+}
+
+// ---- subtitles ---------------------------------------------------------------------
+
+std::optional<vn::FilterImage> VNFFEffectVideoStream::currentSubtitleImage() {
+  // Text subtitles are not drawn yet: the text of subtitleCurrentString is
+  // to be laid out here, in the subtitle font, colour and position, and
+  // cached by its text in subtitleImage / subtitleImageString.
+  return std::nullopt;
+}
+
+void VNFFEffectVideoStream::updateSubtitle() {
+  std::lock_guard<std::mutex> guard(lock_);
+  subtitleImageString_.reset();
+  subtitleImage_.reset();
+  ++subtitleUpdates_;
+}
+
+int64_t VNFFEffectVideoStream::subtitleUpdateCount() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return subtitleUpdates_;
+}
+
+// ---- fields --------------------------------------------------------------------------
+
+#define VN_LOCKED_FIELD(Type, getter, setter, field) \
+  Type VNFFEffectVideoStream::getter() const {       \
+    std::lock_guard<std::mutex> guard(lock_);        \
+    return field;                                    \
+  }                                                  \
+  void VNFFEffectVideoStream::setter(Type value) {   \
+    std::lock_guard<std::mutex> guard(lock_);        \
+    field = std::move(value);                        \
+  }
+
+VN_LOCKED_FIELD(std::shared_ptr<VNFFMedia>, media, setMedia, media_)
+VN_LOCKED_FIELD(VNFFVideoFormat, outputFormat, setOutputFormat, outputFormat_)
+VN_LOCKED_FIELD(VNFFEffectVideoStream::DataBuffer, dataBuffer, setDataBuffer, dataBuffer_)
+VN_LOCKED_FIELD(vn::Rect, cropRect, setCropRect, cropRect_)
+VN_LOCKED_FIELD(bool, hflip, setHflip, hflip_)
+VN_LOCKED_FIELD(bool, vflip, setVflip, vflip_)
+VN_LOCKED_FIELD(float, rotate, setRotate, rotate_)
+VN_LOCKED_FIELD(float, saturation, setSaturation, saturation_)
+VN_LOCKED_FIELD(float, brightness, setBrightness, brightness_)
+VN_LOCKED_FIELD(float, contrast, setContrast, contrast_)
+VN_LOCKED_FIELD(float, hue, setHue, hue_)
+VN_LOCKED_FIELD(std::optional<std::string>, effectName, setEffectName, effectName_)
+VN_LOCKED_FIELD(std::optional<vn::FilterImage>, watermark, setWatermark, watermark_)
+VN_LOCKED_FIELD(int32_t, zoomType, setZoomType, zoomType_)
+VN_LOCKED_FIELD(float, subtitlePosition, setSubtitlePosition, subtitlePosition_)
+VN_LOCKED_FIELD(std::optional<std::string>,
+                subtitleCurrentString,
+                setSubtitleCurrentString,
+                subtitleCurrentString_)
+VN_LOCKED_FIELD(std::optional<vn::FilterImage>,
+                mediaSubtitleImage,
+                setMediaSubtitleImage,
+                mediaSubtitleImage_)
+
+#undef VN_LOCKED_FIELD
+
+std::string VNFFEffectVideoStream::subtitleFont() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return subtitleFont_.value_or(kDefaultSubtitleFont);
+}
+
+void VNFFEffectVideoStream::setSubtitleFont(std::optional<std::string> font) {
+  std::lock_guard<std::mutex> guard(lock_);
+  subtitleFont_ = std::move(font);
+}
+
+vn::FilterImage::Color VNFFEffectVideoStream::subtitleColor() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return subtitleColor_.value_or(kDefaultSubtitleColor);
+}
+
+void VNFFEffectVideoStream::setSubtitleColor(std::optional<vn::FilterImage::Color> color) {
+  std::lock_guard<std::mutex> guard(lock_);
+  subtitleColor_ = color;
+}

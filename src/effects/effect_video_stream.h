@@ -1,0 +1,217 @@
+// VNFFEffectVideoStream: the movie's picture pipeline.
+//
+// Decoded frames of the current video media are written into it; a small
+// FFmpeg filter graph ("buffer" -> "buffersink") converts each one to the
+// output pixel format at the media's own size, and the stream keeps the
+// converted picture. It hands the picture out as a raster image
+// (currentImage), as a filter image (currentCIImage) and composed with the
+// user's picture settings (currentEffectImage): crop, flips, rotation,
+// placement in the output frame by zoom type, colour controls, hue, the
+// effect preset, a black background, the watermark and the subtitles.
+//
+// Composition only builds a lazy filter image; its consumer renders it once,
+// and the image layer folds the geometry into one resampling and the colour
+// steps into one point pass.
+//
+//   no graph ──updateConverter──► graph standing ──writeFrame──► picture held
+//       ▲                              │
+//       └──── free_graph / failed build┘
+//
+// Coordinates of the settings are those of the filter image: origin at the
+// bottom left, y up, pixels (the crop in source pixels, the rest in output
+// pixels).
+//
+// Threads: the owner writes frames and composes from one thread at a time
+// (the movie's decode queue); the settings may be set from any thread
+// meanwhile, each read and written whole under a lock.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/formats.h"
+#include "ffmpeg/owners.h"
+#include "platform/bitmap_image.h"
+#include "platform/filter_image.h"
+#include "platform/image_filter.h"
+#include "platform/rect.h"
+
+struct AVFilterContext;
+struct AVFrame;
+class VNFFMedia;
+
+class VNFFEffectVideoStream {
+ public:
+  // A byte buffer handed out by a data provider: the provider owns the
+  // bytes, the stream keeps them as long as it shows that picture.
+  using DataBuffer = std::shared_ptr<std::vector<uint8_t>>;
+  // Given the picture's byte count, a buffer of exactly that many bytes to
+  // copy the picture into, or null.
+  using DataProvider = std::function<DataBuffer(int32_t size)>;
+  // Placement of the picture in the output frame (zoomType).
+  enum ZoomType : int32_t {
+    kZoomStretch = 1,  // fills the output exactly
+    kZoomFit = 2,      // whole, own aspect, centred
+    kZoom16x9 = 3,     // the largest 16:9 box, centred
+    kZoom4x3 = 4,      // the largest 4:3 box, centred
+    kZoomDefault = 5,  // the same as kZoomFit
+    kZoomPanscan = 6,  // fitted to the output width, centred vertically
+  };
+  // The default subtitle font (one point = one pixel) and colour.
+  static constexpr char kDefaultSubtitleFont[] = "Sans 80";
+  static constexpr vn::FilterImage::Color kDefaultSubtitleColor{1, 1, 1, 1};
+
+  // Neutral settings: no flips, saturation 0.5, brightness 0.5, contrast
+  // 0.25, hue 0.5, zoom type 5; no graph, an empty crop rectangle.
+  static std::shared_ptr<VNFFEffectVideoStream> create();
+  VNFFEffectVideoStream();
+  VNFFEffectVideoStream(const VNFFEffectVideoStream&) = delete;
+  VNFFEffectVideoStream& operator=(const VNFFEffectVideoStream&) = delete;
+  ~VNFFEffectVideoStream();
+
+  // ---- conversion --------------------------------------------------------
+  // (Re)builds the graph for the media's picture format and the output
+  // pixel format; a failed build leaves no graph.
+  void updateConverter();
+  void free_graph();
+  // Drops the picture held.
+  void free_frame_image_buffer();
+  // Converts frame (when it has pixels and a graph stands) and holds the
+  // picture that comes out of the graph, dropping the previous one in any
+  // case. With a provider, the picture is also copied into the buffer it
+  // returns for the picture's byte count (dataBuffer).
+  void writeFrame(const AVFrame* frame);
+  void writeFrame(const AVFrame* frame, const DataProvider& provider);
+  // A raster image over the first plane of a frame in the output format,
+  // sharing its pixels (owner keeps them alive); none without pixels.
+  static std::optional<vn::BitmapImage> imageForFrame(const AVFrame* frame,
+                                                      std::shared_ptr<const void> owner);
+  // The picture held, from the provider's copy when there is one; none
+  // without a picture. It stays valid after later writes.
+  std::optional<vn::BitmapImage> currentImage() const;
+  std::optional<vn::FilterImage> currentCIImage() const;
+  // The output pixel format at the media's size (the picture is converted,
+  // never scaled).
+  VNFFVideoFormat outputDataFormat() const;
+
+  // ---- composition ---------------------------------------------------------
+  // The picture with every setting applied, of the output size; none when
+  // there is no picture. Lazy. Fills the subtitle cache.
+  std::optional<vn::FilterImage> currentEffectImage();
+  // The image placed in rect by zoom type z (another value: scaled to
+  // nothing).
+  static vn::FilterImage image(const vn::FilterImage& i, int32_t zoomType, const vn::Rect& rect);
+  // a fitted in b keeping its aspect, centred (a's origin is ignored).
+  static vn::Rect scaleRect(const vn::Rect& a, const vn::Rect& b);
+  // a scaled to b's width keeping its aspect, centred.
+  static vn::Rect scaleRectPanscan(const vn::Rect& a, const vn::Rect& b);
+  // Colour controls and hue adjustment of the settings, new each call.
+  vn::FilterList colorFilter() const;
+  // colorFilter, then a copy of the effect preset's filter when the name is
+  // known.
+  vn::FilterList effectFilter() const;
+  static vn::FilterImage image(const vn::FilterImage& i, const vn::FilterList& filters);
+  static vn::FilterImage composition(const std::string& filterName,
+                                     const vn::FilterImage& image,
+                                     const vn::FilterImage& background);
+  static vn::FilterImage sourceOverImage(const vn::FilterImage& image,
+                                         const vn::FilterImage& background);
+  static vn::FilterImage sourceInImage(const vn::FilterImage& image,
+                                       const vn::FilterImage& background);
+  static vn::FilterImage translateImage(const vn::FilterImage& image, vn::Size size);
+  static vn::FilterImage scaleImage(const vn::FilterImage& image, vn::Size size);
+  static vn::FilterImage imagewithColor(const vn::FilterImage::Color& color);
+
+  // ---- subtitles ------------------------------------------------------------
+  // The text subtitle drawn for the output frame, cached by its text; none
+  // while subtitles are not drawn.
+  std::optional<vn::FilterImage> currentSubtitleImage();
+  // Empties the subtitle cache, so the next frame draws the text anew.
+  void updateSubtitle();
+  // How many times the subtitle cache was emptied (for tests).
+  int64_t subtitleUpdateCount() const;
+
+  // ---- fields -----------------------------------------------------------------
+  std::shared_ptr<VNFFMedia> media() const;
+  void setMedia(std::shared_ptr<VNFFMedia> media);
+  VNFFVideoFormat outputFormat() const;
+  void setOutputFormat(VNFFVideoFormat format);
+  DataBuffer dataBuffer() const;
+  void setDataBuffer(DataBuffer buffer);
+  vn::Rect cropRect() const;
+  void setCropRect(vn::Rect rect);
+  bool hflip() const;
+  void setHflip(bool value);
+  bool vflip() const;
+  void setVflip(bool value);
+  float rotate() const;
+  void setRotate(float degrees);
+  float saturation() const;
+  void setSaturation(float value);
+  float brightness() const;
+  void setBrightness(float value);
+  float contrast() const;
+  void setContrast(float value);
+  float hue() const;
+  void setHue(float value);
+  std::optional<std::string> effectName() const;
+  void setEffectName(std::optional<std::string> name);
+  std::optional<vn::FilterImage> watermark() const;
+  void setWatermark(std::optional<vn::FilterImage> image);
+  int32_t zoomType() const;
+  void setZoomType(int32_t type);
+  // A Pango font description; the default when none was set.
+  std::string subtitleFont() const;
+  void setSubtitleFont(std::optional<std::string> font);
+  vn::FilterImage::Color subtitleColor() const;
+  void setSubtitleColor(std::optional<vn::FilterImage::Color> color);
+  float subtitlePosition() const;
+  void setSubtitlePosition(float fraction);
+  std::optional<std::string> subtitleCurrentString() const;
+  void setSubtitleCurrentString(std::optional<std::string> text);
+  // The media's bitmap subtitle at the current time, in frame coordinates.
+  std::optional<vn::FilterImage> mediaSubtitleImage() const;
+  void setMediaSubtitleImage(std::optional<vn::FilterImage> image);
+
+ private:
+  // The picture held, with its pixels' owner: the provider's copy when there
+  // is one, else the graph's frame.
+  std::optional<vn::BitmapImage> heldImage() const;
+
+  vn::ff::FilterGraph graph_;              // the conversion graph, or null
+  AVFilterContext* buffersink_ = nullptr;  // owned by graph_
+  AVFilterContext* buffersrc_ = nullptr;   // owned by graph_
+  // The last picture taken from the sink; shared with the images made from
+  // it, so they outlive the next write.
+  std::shared_ptr<AVFrame> buffer_;
+
+  mutable std::mutex lock_;
+  // Guarded by lock_.
+  std::shared_ptr<VNFFMedia> media_;
+  VNFFVideoFormat outputFormat_;
+  DataBuffer dataBuffer_;
+  vn::Rect cropRect_;
+  bool hflip_ = false;
+  bool vflip_ = false;
+  float rotate_ = 0;
+  float saturation_ = 0;
+  float brightness_ = 0;
+  float contrast_ = 0;
+  float hue_ = 0;
+  std::optional<std::string> effectName_;
+  std::optional<vn::FilterImage> watermark_;
+  int32_t zoomType_ = 0;
+  std::optional<std::string> subtitleFont_;
+  std::optional<vn::FilterImage::Color> subtitleColor_;
+  float subtitlePosition_ = 0;
+  std::optional<vn::FilterImage> subtitleImage_;
+  std::optional<std::string> subtitleImageString_;
+  std::optional<std::string> subtitleCurrentString_;
+  std::optional<vn::FilterImage> mediaSubtitleImage_;
+  int64_t subtitleUpdates_ = 0;
+};

@@ -1,0 +1,322 @@
+#include "effects/effect_video_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
+}
+
+#include "ffmpeg/owners.h"
+#include "media/media_test_support.h"
+#include "movie/movie.h"
+
+namespace {
+
+using vn::FilterImage;
+using vn::Rect;
+using vn::test::psnr;
+using vn::test::Raster;
+
+// The media the pictures pretend to come from: 320x240 yuv420p.
+constexpr int kWidth = 320;
+constexpr int kHeight = 240;
+
+// A yuv420p picture of the media's size: mid grey, with the top `whiteRows`
+// rows white.
+vn::ff::Frame greyFrame(int whiteRows = 0) {
+  vn::ff::Frame frame(av_frame_alloc());
+  frame->format = AV_PIX_FMT_YUV420P;
+  frame->width = kWidth;
+  frame->height = kHeight;
+  EXPECT_GE(av_frame_get_buffer(frame.get(), 0), 0);
+  for (int y = 0; y < kHeight; ++y)
+    std::memset(frame->data[0] + y * frame->linesize[0], y < whiteRows ? 235 : 128, kWidth);
+  for (int p = 1; p < 3; ++p) {
+    for (int y = 0; y < kHeight / 2; ++y)
+      std::memset(frame->data[p] + y * frame->linesize[p], 128, kWidth / 2);
+  }
+  return frame;
+}
+
+// A stream over h264_aac.mp4's format, with an output of w x h.
+std::shared_ptr<VNFFEffectVideoStream> streamFor(int w, int h) {
+  auto stream = VNFFEffectVideoStream::create();
+  stream->setMedia(vn::test::openWhole("h264_aac.mp4"));
+  stream->setOutputFormat({AV_PIX_FMT_RGBA, w, h});
+  stream->setCropRect({0, 0, kWidth, kHeight});
+  stream->updateConverter();
+  return stream;
+}
+
+Raster rendered(const FilterImage& image, vn::ImageRenderStats* stats = nullptr) {
+  const Rect e = image.extent();
+  Raster r{int(e.width), int(e.height), {}};
+  r.rgba = image.render(e, {0, stats});
+  return r;
+}
+
+// Black, or the soft edge of a grey picture that covers less than half of
+// the pixel (blended in linear light).
+bool black(const uint8_t* p) {
+  return p[0] < 64 && p[1] < 64 && p[2] < 64;
+}
+
+bool white(const uint8_t* p) {
+  return p[0] > 240 && p[1] > 240 && p[2] > 240;
+}
+
+// Widths of the black bars on each side of a composed frame.
+struct Bars {
+  int left = 0, right = 0, top = 0, bottom = 0;
+  bool operator==(const Bars&) const = default;
+};
+
+Bars barsOf(const Raster& r) {
+  auto column = [&](int x) {
+    for (int y = 0; y < r.height; ++y)
+      if (!black(r.at(x, y)))
+        return false;
+    return true;
+  };
+  auto row = [&](int y) {
+    for (int x = 0; x < r.width; ++x)
+      if (!black(r.at(x, y)))
+        return false;
+    return true;
+  };
+  Bars b;
+  while (b.left < r.width && column(b.left))
+    ++b.left;
+  while (b.right < r.width && column(r.width - 1 - b.right))
+    ++b.right;
+  while (b.top < r.height && row(b.top))
+    ++b.top;
+  while (b.bottom < r.height && row(r.height - 1 - b.bottom))
+    ++b.bottom;
+  return b;
+}
+
+std::ostream& operator<<(std::ostream& os, const Bars& b) {
+  return os << "left " << b.left << " right " << b.right << " top " << b.top << " bottom "
+            << b.bottom;
+}
+
+}  // namespace
+
+TEST(EffectVideoStreamTest, ZoomTypesPlaceThePictureInTheOutputFrame) {
+  struct Case {
+    const char* what;
+    int32_t zoom;
+    Rect crop;  // of the 320x240 picture
+    int outW, outH;
+    Bars bars;
+  };
+  const Rect whole{0, 0, kWidth, kHeight};
+  const Case cases[] = {
+      {"fit 4:3 in 16:9: equal bars left and right", 5, whole, 640, 360, {80, 80, 0, 0}},
+      {"fit (2) is the default's twin", 2, whole, 640, 360, {80, 80, 0, 0}},
+      {"4:3 box", 4, whole, 640, 360, {80, 80, 0, 0}},
+      {"16:9 box stretches a 4:3 picture", 3, whole, 640, 360, {0, 0, 0, 0}},
+      {"stretch", 1, whole, 640, 360, {0, 0, 0, 0}},
+      {"panscan of 4:3 in 16:9 fills the width and cuts", 6, whole, 640, 360, {0, 0, 0, 0}},
+      {"panscan of 16:9 in 4:3 leaves bars above and below",
+       6,
+       {0, 30, 320, 180},
+       320,
+       240,
+       {0, 0, 30, 30}},
+      {"fit of 16:9 in 4:3 too", 5, {0, 30, 320, 180}, 320, 240, {0, 0, 30, 30}},
+      {"zoom 0 is the background only", 0, whole, 320, 240, {320, 320, 240, 240}},
+      {"zoom 7 too", 7, whole, 320, 240, {320, 320, 240, 240}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto stream = streamFor(c.outW, c.outH);
+    stream->setZoomType(c.zoom);
+    stream->setCropRect(c.crop);
+    stream->writeFrame(greyFrame().get());
+    const Raster r = rendered(*stream->currentEffectImage());
+    ASSERT_EQ(r.width, c.outW);
+    ASSERT_EQ(r.height, c.outH);
+    EXPECT_EQ(barsOf(r), c.bars);
+    if (c.crop.height == kHeight && (c.zoom == 5 || c.zoom == 6)) {
+      // A white band of 30 rows on top, 60 once doubled: panscan cuts it.
+      stream->writeFrame(greyFrame(30).get());
+      const Raster banded = rendered(*stream->currentEffectImage());
+      EXPECT_EQ(white(banded.at(320, 2)), c.zoom == 5);
+    }
+  }
+}
+
+TEST(EffectVideoStreamTest, WatermarkShowsOnTheBackgroundAndFlipsEqualAHalfTurn) {
+  auto stream = streamFor(kWidth, kHeight);
+  // A real decoded picture, so that every direction is told apart.
+  std::shared_ptr<VNFFMedia> media = stream->media();
+  AVFrame* frame = media->videoFrameAtTime(3'000'000);
+  ASSERT_TRUE(frame && frame->data[0]);
+  auto compose = [&](bool h, bool v, float degrees) {
+    stream->setHflip(h);
+    stream->setVflip(v);
+    stream->setRotate(degrees);
+    stream->writeFrame(frame);
+    return rendered(*stream->currentEffectImage());
+  };
+  const Raster flipped = compose(true, true, 0);
+  const Raster turned = compose(false, false, 180);
+  const Raster plain = compose(false, false, 0);
+  EXPECT_GE(psnr(flipped, turned), 45);
+  EXPECT_LT(psnr(flipped, plain), 30);
+  // Neutral settings at the media's size: the converted picture itself.
+  Raster converted{kWidth, kHeight, {}};
+  const vn::BitmapImage bitmap = *stream->currentImage();
+  for (int y = 0; y < kHeight; ++y)
+    converted.rgba.insert(converted.rgba.end(), bitmap.row(y), bitmap.row(y) + kWidth * 4);
+  EXPECT_GE(psnr(plain, converted), 45);
+
+  // Zoom 0: black, with the watermark at its own place and size.
+  std::vector<uint8_t> mark(16 * 8 * 4);
+  for (size_t i = 0; i < mark.size(); i += 4)
+    mark[i] = 255, mark[i + 3] = 255;
+  stream->setWatermark(FilterImage::fromRaster(mark.data(), 16, 8, 64, FilterImage::ByteOrder::RGBA)
+                           ->translated(10, 20));
+  stream->setZoomType(0);
+  stream->writeFrame(frame);
+  const Raster r = rendered(*stream->currentEffectImage());
+  // Picture space is y up: the mark's rows 20..27 are rows 212..219 from
+  // the top.
+  EXPECT_EQ(r.at(10, 212)[0], 255);
+  EXPECT_EQ(r.at(25, 219)[0], 255);
+  EXPECT_TRUE(black(r.at(9, 212)));
+  EXPECT_TRUE(black(r.at(10, 211)));
+  EXPECT_TRUE(black(r.at(160, 120)));
+}
+
+TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
+  // Without a graph nothing is kept.
+  auto idle = VNFFEffectVideoStream::create();
+  idle->writeFrame(greyFrame().get());
+  EXPECT_FALSE(idle->currentImage());
+  EXPECT_FALSE(idle->currentEffectImage());
+
+  auto stream = streamFor(640, 360);
+  // The picture keeps the media's size; only the composed one is resized.
+  EXPECT_EQ(stream->outputDataFormat().width, kWidth);
+  EXPECT_EQ(stream->outputDataFormat().height, kHeight);
+  EXPECT_EQ(stream->outputDataFormat().pix_fmt, AV_PIX_FMT_RGBA);
+  stream->writeFrame(greyFrame().get());
+  ASSERT_TRUE(stream->currentImage());
+  EXPECT_EQ(stream->currentImage()->width(), kWidth);
+  EXPECT_EQ(stream->currentCIImage()->extent().width, kWidth);
+  EXPECT_EQ(stream->currentEffectImage()->extent().width, 640);
+  const vn::BitmapImage kept = *stream->currentImage();
+  const uint8_t grey = kept.data()[0];
+  EXPECT_NEAR(grey, 130, 2);
+
+  // A provider's buffer holds the copy the images are made from.
+  int32_t asked = 0;
+  VNFFEffectVideoStream::DataBuffer given;
+  stream->writeFrame(greyFrame(kHeight).get(), [&](int32_t size) {
+    asked = size;
+    given = std::make_shared<std::vector<uint8_t>>(size_t(size));
+    return given;
+  });
+  EXPECT_GE(asked, kWidth * kHeight * 4);
+  ASSERT_EQ(stream->dataBuffer(), given);
+  EXPECT_TRUE(white(given->data()));
+  (*given)[0] = 7;
+  EXPECT_EQ(stream->currentImage()->data()[0], 7);
+  // An image handed out earlier keeps its own picture.
+  EXPECT_EQ(kept.data()[0], grey);
+
+  // A provider that gives nothing leaves the images to the graph's picture.
+  stream->writeFrame(greyFrame().get(), [](int32_t) { return nullptr; });
+  EXPECT_FALSE(stream->dataBuffer());
+  EXPECT_EQ(stream->currentImage()->data()[0], grey);
+
+  // A frame without pixels only drops the picture.
+  stream->writeFrame(nullptr);
+  EXPECT_FALSE(stream->currentImage());
+  EXPECT_FALSE(stream->currentEffectImage());
+}
+
+TEST(EffectVideoStreamTest, AComposedFrameRendersInOneResamplingAndOneColourPass) {
+  auto stream = streamFor(1280, 720);
+  stream->setCropRect({10, 12, 300, 220});
+  stream->setRotate(10);
+  stream->setHflip(true);
+  stream->setSaturation(0.7f);
+  stream->setBrightness(0.55f);
+  stream->setContrast(0.3f);
+  stream->setHue(0.6f);
+  stream->setEffectName("1970");
+  std::vector<uint8_t> mark(64 * 32 * 4, 200);
+  stream->setWatermark(
+      FilterImage::fromRaster(mark.data(), 64, 32, 256, FilterImage::ByteOrder::RGBA));
+  stream->writeFrame(greyFrame().get());
+  vn::ImageRenderStats stats;
+  const Raster r = rendered(*stream->currentEffectImage(), &stats);
+  EXPECT_EQ(r.width, 1280);
+  // The picture's crop, turn, flip and zoom are one resampling; the
+  // watermark is laid as it is.
+  EXPECT_EQ(stats.resamplingPasses, 2);
+  EXPECT_EQ(stats.colorPasses, 1);
+  EXPECT_EQ(stats.materialized, 0);
+}
+
+TEST(EffectVideoStreamTest, RectanglesFitAndColourControlsScale) {
+  struct Fit {
+    Rect a, b;
+    Rect stream, panscan, movie;
+  };
+  const Fit fits[] = {
+      {{0, 0, 1920, 1080}, {0, 0, 160, 120}, {0, 15, 160, 90}, {0, 15, 160, 90}, {0, 15, 160, 90}},
+      // The movie enlarges a hundredfold at most.
+      {{5, 5, 4, 3},
+       {0, 0, 1600, 900},
+       {200, 0, 1200, 900},
+       {0, -150, 1600, 1200},
+       {600, 300, 400, 300}},
+  };
+  auto near = [](const Rect& r, const Rect& want) {
+    return std::abs(r.x - want.x) < 0.01 && std::abs(r.y - want.y) < 0.01 &&
+           std::abs(r.width - want.width) < 0.01 && std::abs(r.height - want.height) < 0.01;
+  };
+  for (const Fit& f : fits) {
+    EXPECT_TRUE(near(VNFFEffectVideoStream::scaleRect(f.a, f.b), f.stream));
+    EXPECT_TRUE(near(VNFFEffectVideoStream::scaleRectPanscan(f.a, f.b), f.panscan));
+    EXPECT_TRUE(near(VNFFMovie::scaleRect(f.a, f.b), f.movie));
+  }
+  // The movie never enlarges more than a hundredfold; the stream's floor is
+  // a thousandfold.
+  const Rect tiny{0, 0, 10, 10}, huge{0, 0, 10000, 10000};
+  EXPECT_NEAR(VNFFMovie::scaleRect(tiny, huge).width, 10 / double(0.01f), 1e-6);
+  EXPECT_NEAR(VNFFMovie::scaleRect(tiny, huge).x, (10000 - 10 / double(0.01f)) / 2, 1e-6);
+  EXPECT_NEAR(VNFFEffectVideoStream::scaleRect(tiny, huge).width, 10 / double(0.001f), 1e-6);
+
+  // Hue turns by 6.28 per unit, not 2π; the other controls map to their
+  // filters' ranges.
+  auto stream = VNFFEffectVideoStream::create();
+  auto values = [&] {
+    const vn::FilterList filters = stream->colorFilter();
+    return std::vector<double>{std::get<double>(filters[0]->value(vn::kInputSaturationKey)),
+                               std::get<double>(filters[0]->value(vn::kInputBrightnessKey)),
+                               std::get<double>(filters[0]->value(vn::kInputContrastKey)),
+                               std::get<double>(filters[1]->value(vn::kInputAngleKey))};
+  };
+  EXPECT_EQ(values(), (std::vector<double>{1, 0, 1, 0}));
+  stream->setSaturation(0);
+  stream->setBrightness(1);
+  stream->setContrast(1);
+  stream->setHue(0);
+  EXPECT_EQ(values(), (std::vector<double>{0, 1, 4, double(-3.14f)}));
+  stream->setHue(1);
+  EXPECT_EQ(values()[3], double(3.14f));
+  // A known preset adds its filter; an unknown one adds nothing.
+  stream->setEffectName("Blur");
+  EXPECT_EQ(stream->effectFilter().size(), 3u);
+  stream->setEffectName("no such preset");
+  EXPECT_EQ(stream->effectFilter().size(), 2u);
+}
