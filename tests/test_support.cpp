@@ -108,23 +108,46 @@ Raster Raster::part(int x, int y, int w, int h) const {
   return r;
 }
 
+namespace {
+
+// Pictures written one after the other as PAM: a text header with the
+// size, then the pixels.
+std::vector<Raster> parsePam(const std::string& bytes) {
+  std::vector<Raster> pictures;
+  size_t at = 0;
+  while (at < bytes.size()) {
+    const size_t end = bytes.find("ENDHDR\n", at);
+    Raster r;
+    if (end == std::string::npos ||
+        std::sscanf(bytes.c_str() + at, "P7 WIDTH %d HEIGHT %d", &r.width, &r.height) != 2)
+      break;
+    const size_t size = size_t(r.width) * r.height * 4;
+    if (end + 7 + size > bytes.size())
+      break;
+    r.rgba.assign(bytes.begin() + static_cast<std::ptrdiff_t>(end + 7),
+                  bytes.begin() + static_cast<std::ptrdiff_t>(end + 7 + size));
+    pictures.push_back(std::move(r));
+    at = end + 7 + size;
+  }
+  return pictures;
+}
+
+}  // namespace
+
 Raster readPicture(const std::string& path,
                    const std::string& filters,
                    const std::string& inputOptions) {
-  // PAM: a text header with the size, then the pixels.
-  const std::string bytes =
-      runShell("ffmpeg -hide_banner -loglevel error -nostdin " + inputOptions + " -i " +
-               shellQuote(path) + (filters.empty() ? "" : " -vf " + shellQuote(filters)) +
-               " -frames:v 1 -c:v pam -pix_fmt rgba -f image2pipe -");
-  Raster r;
-  const size_t end = bytes.find("ENDHDR\n");
-  if (end == std::string::npos ||
-      std::sscanf(bytes.c_str(), "P7 WIDTH %d HEIGHT %d", &r.width, &r.height) != 2)
-    return Raster{};
-  r.rgba.assign(bytes.begin() + static_cast<std::ptrdiff_t>(end + 7), bytes.end());
-  if (r.rgba.size() != size_t(r.width) * r.height * 4)
-    return Raster{};
-  return r;
+  std::vector<Raster> pictures =
+      parsePam(runShell("ffmpeg -hide_banner -loglevel error -nostdin " + inputOptions + " -i " +
+                        shellQuote(path) + (filters.empty() ? "" : " -vf " + shellQuote(filters)) +
+                        " -frames:v 1 -c:v pam -pix_fmt rgba -f image2pipe -"));
+  return pictures.empty() ? Raster{} : std::move(pictures.front());
+}
+
+std::vector<Raster> readPictures(const std::string& path, const std::string& filters) {
+  return parsePam(runShell("ffmpeg -hide_banner -loglevel error -nostdin -i " + shellQuote(path) +
+                           " -vf " + shellQuote(filters) +
+                           " -fps_mode passthrough -c:v pam -pix_fmt rgba -f image2pipe -"));
 }
 
 double psnr(const Raster& a, const Raster& b) {

@@ -64,6 +64,10 @@ Raster readPicture(const std::string& path,
                    const std::string& filters = "",
                    const std::string& inputOptions = "");
 
+// Every picture the -vf filters let through (e.g. a select of frame
+// numbers), in order, as ffmpeg decodes them to RGBA from the start.
+std::vector<Raster> readPictures(const std::string& path, const std::string& filters);
+
 // PSNR of the colour bytes (alpha ignored) of two pictures of one size, in
 // dB; 99 for equal pictures, 0 for pictures of different sizes.
 double psnr(const Raster& a, const Raster& b);

@@ -138,9 +138,9 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // The text subtitle shown at t, reading ahead as far as needed (for a
   // subtitle-only media, such as an external subtitle file); null when none.
   std::optional<std::string> subtitleStringAtTime(int64_t t);
-  // Seeks to t and calls block once, synchronously, with the video stream's
-  // frame (decoding one picture if the seek left none). Never calls back
-  // without a video stream.
+  // Seeks to t and calls block once, synchronously, with the picture that
+  // covers t (videoFrameAtTime; decoding one picture if there is none).
+  // Never calls back without a video stream.
   void thumbnailAtTime(int64_t t, const std::function<void(AVFrame*)>& block);
   // Texts of a decoded subtitle: always null (text is taken while decoding).
   std::optional<std::vector<std::string>> textsFromAVSubtitle(AVSubtitle* subtitle);

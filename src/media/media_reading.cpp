@@ -352,9 +352,12 @@ bool VNFFMedia::shows(const VNFFMediaStream& subtitle, int64_t want) {
 
 void VNFFMedia::thumbnailAtTime(int64_t t, const std::function<void(AVFrame*)>& block) {
   std::shared_ptr<VNFFMediaStream> video = videoStream();
-  if (!video) return;
-  AVFrame* frame = video->frame();
+  if (!video)
+    return;
   seek(t);
+  // The picture that covers t: a decoder hands pictures out a few packets
+  // after it was given them, so the seek may leave an earlier one current.
+  AVFrame* frame = videoFrameAtTime(t);
   if (!frame->data[0]) forwardStream(video, true);
   if (block) block(frame);
 }

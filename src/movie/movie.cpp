@@ -21,6 +21,9 @@ extern "C" {
 namespace {
 // Frames mixed per top-up item; the output holds under two of these.
 constexpr int32_t kChunkFrames = 2048;
+// How far a thumbnail's side may exceed a whole number of pixels and still
+// count as that number.
+constexpr double kWholeTolerance = 1e-3;
 }  // namespace
 
 std::shared_ptr<VNFFMovie> VNFFMovie::create() {
@@ -368,9 +371,11 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
           const std::optional<vn::FilterImage> effect = stream.currentEffectImage();
           const vn::Rect extent = effect ? effect->extent() : vn::Rect{};
           const vn::Rect fitted = scaleRect(extent, vn::Rect{0, 0, size.width, size.height});
-          // At the origin, rounded out to whole pixels.
-          const double width = std::ceil(fitted.width);
-          const double height = std::ceil(fitted.height);
+          // At the origin, rounded out to whole pixels. A side a hair over a
+          // whole number (the fit is computed in single precision) stays
+          // that number, so the thumbnail never outgrows its box.
+          const double width = std::ceil(fitted.width - kWholeTolerance);
+          const double height = std::ceil(fitted.height - kWholeTolerance);
           if (!effect || !(width >= 1) || !(height >= 1) || width > vn::kMaxImageSide ||
               height > vn::kMaxImageSide) {
             return;

@@ -119,7 +119,7 @@ TEST(MoviePictureTest, AProviderGetsWhatItHandles) {
     auto provider = std::make_shared<VNFFMovieImageProvider>();
     if (format) {
       provider->movieFormatSize = [received, giveBuffer](VNFFMovie&, VNFFVideoFormat f,
-                                                          int32_t size) {
+                                                         int32_t size) {
         ++received->formatCalls;
         received->format = f;
         return giveBuffer ? std::make_shared<std::vector<uint8_t>>(size_t(size)) : nullptr;

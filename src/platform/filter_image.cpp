@@ -1330,6 +1330,7 @@ void FilterImage::draw(BitmapContext& context,
   const IntRect region{0, 0, w, h};
   const bool premultiplied = context.alpha() == BitmapContext::Alpha::kPremultipliedLast;
   const float* lut = srgbToLinearTable();
+  const SrgbEncodeTables codes = srgbEncodeTables();
   try {
     Program program = compile(placed.node_, region, options.threads);
     execute(program, options.threads, [&](int j, const float* row) {
@@ -1338,6 +1339,13 @@ void FilterImage::draw(BitmapContext& context,
         const float* s = row + size_t(i) * 4;
         if (!(s[3] > 0))
           continue;
+        if (s[3] >= 1) {
+          // Opaque: it replaces what was there.
+          for (int k = 0; k < 3; ++k)
+            d[k] = codes.encode(s[k]);
+          d[3] = 255;
+          continue;
+        }
         // What the context holds, as premultiplied linear colour.
         const float da = premultiplied ? d[3] / 255.0f : 1.0f;
         float dc[3];
@@ -1346,7 +1354,7 @@ void FilterImage::draw(BitmapContext& context,
               premultiplied ? (d[3] ? std::min(255, (d[k] * 255 + d[3] / 2) / d[3]) : 0) : d[k];
           dc[k] = lut[straight] * da;
         }
-        const float keep = 1 - std::min(s[3], 1.0f);
+        const float keep = 1 - s[3];
         const float a = s[3] + da * keep;
         float c[3];
         for (int k = 0; k < 3; ++k)
@@ -1354,12 +1362,12 @@ void FilterImage::draw(BitmapContext& context,
         if (premultiplied) {
           const uint8_t ac = alphaCode(a);
           for (int k = 0; k < 3; ++k)
-            d[k] = static_cast<uint8_t>((linearToSrgb(a > 0 ? c[k] / a : 0) * ac + 127) / 255);
+            d[k] = static_cast<uint8_t>((codes.encode(a > 0 ? c[k] / a : 0) * ac + 127) / 255);
           d[3] = ac;
         } else {
           // No alpha: the colour as laid over the opaque context.
           for (int k = 0; k < 3; ++k)
-            d[k] = linearToSrgb(c[k]);
+            d[k] = codes.encode(c[k]);
           d[3] = 255;
         }
       }

@@ -3,8 +3,11 @@
 //
 // The movie reads the input (a file with video and audio is two medias, each
 // with its own demuxer); the mix delivers the selected audio tracks in the
-// writer's input format and decoded pictures are taken at the output frame
-// rate. The file is written under a temporary name beside OUTPUT and renamed
+// writer's input format and pictures are taken at the output frame rate:
+// decoded frames as they are when nothing changes them, else the movie's
+// composed pictures (picture settings, another size, a video's own
+// rotation), decoded on the movie's queue one picture ahead of the one being
+// encoded. The file is written under a temporary name beside OUTPUT and renamed
 // when it is complete, so an interrupted or failed run leaves nothing.
 #include <unistd.h>
 
@@ -20,6 +23,7 @@
 
 #include "cli.h"
 #include "input.h"
+#include "picture.h"
 #include "varnel.h"
 
 extern "C" {
@@ -48,6 +52,7 @@ struct ConvertOptions {
   double start = 0;
   double duration = 0;
   std::string progress;
+  PictureOptions picture;
 };
 
 // Progress on stderr: one rewritten line on a terminal, JSON lines when
@@ -92,8 +97,7 @@ class Progress {
 };
 
 bool parseSize(const std::string& text, int* w, int* h) {
-  return std::sscanf(text.c_str(), "%dx%d", w, h) == 2 && *w > 0 && *h > 0 && *w % 2 == 0 &&
-         *h % 2 == 0;
+  return parsePictureSize(text, w, h) && *w % 2 == 0 && *h % 2 == 0;
 }
 
 bool parseRate(const std::string& text, int* num, int* den) {
@@ -110,6 +114,49 @@ std::string temporaryPath(const std::string& output) {
       "." + out.stem().string() + ".varnel-" + std::to_string(getpid()) + out.extension().string();
   return (out.parent_path() / name).string();
 }
+
+// Composed pictures, asked of the movie's decode queue one ahead: the queue
+// decodes and composes the next picture while this thread renders and
+// encodes the current one.
+class PicturePipeline {
+ public:
+  PicturePipeline(VNFFMovie& movie, bool composed, int width, int height) : movie_(movie) {
+    if (composed)
+      movie_.setOutputVideoSize(vn::Size{double(width), double(height)});
+  }
+
+  void request(int64_t t) {
+    auto slot = std::make_shared<Slot>();
+    auto provider = std::make_shared<VNFFMovieImageProvider>();
+    provider->movieMediaEffectImage = [slot](VNFFMovie&, std::optional<vn::FilterImage> image) {
+      slot->image = std::move(image);
+    };
+    pending_ = slot;
+    movie_.decodeImageAtTime(t, provider, false);
+  }
+
+  // The picture asked for last; none when the movie had none then.
+  std::optional<vn::FilterImage> take() {
+    // Every item before this one has run once the queue is drained up to
+    // here; the slot is written on the queue and read after that.
+    movie_.flushOperation();
+    std::optional<vn::FilterImage> image;
+    if (pending_)
+      image = std::move(pending_->image);
+    pending_.reset();
+    return image;
+  }
+
+  // Lets a request still queued finish before the movie goes.
+  void finish() { movie_.flushOperation(); }
+
+ private:
+  struct Slot {
+    std::optional<vn::FilterImage> image;
+  };
+  VNFFMovie& movie_;
+  std::shared_ptr<Slot> pending_;
+};
 
 int run(const ConvertOptions& o) {
   namespace fs = std::filesystem;
@@ -136,17 +183,27 @@ int run(const ConvertOptions& o) {
   const std::shared_ptr<VNFFMedia> video = input.videoMedia();
   const bool hasAudio = movie.hasAudio();
 
-  // Sizes and rates default to the input's.
   if (video) {
-    const VNFFVideoFormat vf = video->videoFormat();
-    format.width = vf.width & ~1;
-    format.height = vf.height & ~1;
+    if (const int status = o.picture.apply(input); status != kExitOk)
+      return status;
+  }
+  // Sizes and rates default to the input's, turned as a player shows it.
+  if (video) {
+    shownSize(input, movie.rotate(), false, true, &format.width, &format.height);
     const AVRational rate = input.videoFrameRate();
     format.framerate = rate.num;
     format.frameTime = rate.den;
   }
   if (!o.size.empty() && !parseSize(o.size, &format.width, &format.height)) {
-    return fail("bad --size", o.size, "expected WxH with even, positive numbers");
+    return usage("bad --size", o.size, "expected WxH with even, positive numbers");
+  }
+  // Decoded frames go to the encoder as they are unless something changes
+  // the picture.
+  bool composed = false;
+  if (video) {
+    int width = 0, height = 0;
+    shownSize(input, 0, false, true, &width, &height);
+    composed = o.picture.changesPicture(input) || format.width != width || format.height != height;
   }
   if (!o.fps.empty() && !parseRate(o.fps, &format.framerate, &format.frameTime)) {
     return fail("bad --fps", o.fps, "expected N or N/D");
@@ -247,20 +304,32 @@ int run(const ConvertOptions& o) {
   if (writer->isVideoOpen()) {
     const double frameSeconds = static_cast<double>(format.frameTime) / format.framerate;
     const int64_t total = std::max<int64_t>(1, std::llround(span / frameSeconds));
+    // The picture shown at the middle of the output frame: a frame is
+    // looked up as ending where the next begins, so an exact boundary would
+    // give the one before.
+    auto frameTime = [&](int64_t n) { return microseconds(o.start + (n + 0.5) * frameSeconds); };
+    PicturePipeline pictures(movie, composed, format.width, format.height);
+    if (composed)
+      pictures.request(frameTime(0));
     for (; videoFrames < total && !interrupted(); ++videoFrames) {
-      // The picture shown at the middle of the output frame: a frame is
-      // looked up as ending where the next begins, so an exact boundary
-      // would give the one before.
-      const double t = o.start + (videoFrames + 0.5) * frameSeconds;
-      const int64_t local = microseconds(t) - video->movie_position();
-      if (AVFrame* frame = video->videoFrameAtTime(local))
-        writer->writeVideoFrame(frame);
+      if (composed) {
+        std::optional<vn::FilterImage> picture = pictures.take();
+        if (videoFrames + 1 < total)
+          pictures.request(frameTime(videoFrames + 1));
+        if (picture)
+          writer->writeImage(*picture);
+      } else {
+        if (AVFrame* frame =
+                video->videoFrameAtTime(frameTime(videoFrames) - video->movie_position()))
+          writer->writeVideoFrame(frame);
+      }
       if (writer->isAudioOpen()) {
         writeAudioUntil(static_cast<int64_t>(
             std::llround((videoFrames + 1) * frameSeconds * format.sample_rate)));
       }
       progress.update((videoFrames + 1) * frameSeconds, videoFrames + 1);
     }
+    pictures.finish();
   }
   if (writer->isAudioOpen()) {
     while (audioFrames < audioTotal && !interrupted()) {
@@ -312,6 +381,7 @@ Registration convertCommand() {
     sub->add_option("--duration", o->duration, "Duration in seconds (default: to the end)");
     sub->add_option("--progress", o->progress, "Progress as 'json' lines on stderr")
         ->check(CLI::IsMember({"json", "line"}));
+    o->picture.addTo(sub);
     sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
   };
 }

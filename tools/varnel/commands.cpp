@@ -5,11 +5,14 @@ namespace varnel_cli {
 
 Registration infoCommand();
 Registration convertCommand();
+Registration thumbnailCommand();
+Registration frameCommand();
 Registration playCommand();
 Registration effectsCommand();
 
 std::vector<Registration> allCommands() {
-  return {infoCommand(), convertCommand(), playCommand(), effectsCommand()};
+  return {infoCommand(),  convertCommand(), thumbnailCommand(),
+          frameCommand(), playCommand(),    effectsCommand()};
 }
 
 }  // namespace varnel_cli

@@ -1,0 +1,273 @@
+// End-to-end: `varnel frame`, `varnel thumbnail` and the picture settings of
+// `varnel convert`, checked on output pixels against the ffmpeg command line.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+using vn::test::fixture;
+using vn::test::psnr;
+using vn::test::Raster;
+using vn::test::readPicture;
+using vn::test::runShell;
+using vn::test::runVarnel;
+using vn::test::shellQuote;
+namespace fs = std::filesystem;
+
+std::string out(const std::string& name) {
+  return vn::test::scratchDir() + "/" + name;
+}
+
+// The start of every picture of the first video stream, in seconds from the
+// file's start, in presentation order (ffprobe's best-effort times).
+std::vector<double> frameStarts(const std::string& path) {
+  std::istringstream lines(runShell(
+      "ffprobe -v error -select_streams v:0 -show_entries frame=best_effort_timestamp_time "
+      "-of csv=p=0 " +
+      shellQuote(path)));
+  const double start = std::atof(
+      runShell("ffprobe -v error -show_entries format=start_time -of csv=p=0 " + shellQuote(path))
+          .c_str());
+  std::vector<double> starts;
+  for (std::string line; std::getline(lines, line);) {
+    line = line.substr(0, line.find(','));
+    if (!line.empty() && line != "N/A")
+      starts.push_back(std::atof(line.c_str()) - start);
+  }
+  std::sort(starts.begin(), starts.end());
+  return starts;
+}
+
+// The picture ffmpeg decodes with an accurate seek to a time, as RGBA.
+Raster ffmpegAt(const std::string& path, double seconds, const std::string& filters = "") {
+  char ss[40];
+  std::snprintf(ss, sizeof ss, "-ss %.6f", seconds);
+  return readPicture(path, filters, ss);
+}
+
+Raster varnelFrame(const std::vector<std::string>& args, const std::string& name) {
+  const std::string o = out(name);
+  std::vector<std::string> all = {"frame"};
+  all.insert(all.end(), args.begin(), args.end());
+  all.insert(all.end(), {"-o", o});
+  const vn::test::CommandResult r = runVarnel(all);
+  EXPECT_EQ(r.status, 0) << r.err;
+  return readPicture(o);
+}
+
+bool black(const uint8_t* p) {
+  return p[0] < 64 && p[1] < 64 && p[2] < 64;
+}
+
+// Widths of the black columns on the left and right of a picture.
+std::pair<int, int> sideBars(const Raster& r) {
+  auto column = [&](int x) {
+    for (int y = 0; y < r.height; ++y)
+      if (!black(r.at(x, y)))
+        return false;
+    return true;
+  };
+  int left = 0, right = 0;
+  while (left < r.width && column(left))
+    ++left;
+  while (right < r.width && column(r.width - 1 - right))
+    ++right;
+  return {left, right};
+}
+
+}  // namespace
+
+// For random times, the picture is the frame that covers the time (the last
+// one starting at or before it), as ffmpeg decodes that frame reading from
+// the start: B-frames in MP4 and transport streams, program streams, a
+// variable frame rate, 23.976 fps, video that starts late. (ffmpeg's own
+// accurate seek is no reference here: in program and transport streams it
+// lands up to three frames off, and past the last keyframe of a transport
+// stream it gives nothing.)
+TEST(FrameTest, ThePictureAtATimeIsTheFrameThatCoversIt) {
+  const char* const files[] = {"h264_2997.ts", "mpeg2_mp2.mpg", "vfr.mkv", "h264_23976.mp4",
+                               "mpeg2_24p.ts"};
+  constexpr int kTimes = 8;
+  for (const char* name : files) {
+    SCOPED_TRACE(name);
+    const std::string path = fixture(name);
+    const std::vector<double> starts = frameStarts(path);
+    ASSERT_GT(starts.size(), 10u);
+    std::mt19937 random(11);
+    std::uniform_real_distribution<double> pick(starts.front(), starts.back());
+    std::vector<double> times;
+    std::vector<int> indices;
+    std::string select;
+    for (int i = 0; i < kTimes; ++i) {
+      times.push_back(std::round(pick(random) * 1e6) / 1e6);
+      indices.push_back(
+          int(std::upper_bound(starts.begin(), starts.end(), times.back()) - starts.begin()) - 1);
+      select += (select.empty() ? "" : "+") + std::string("eq(n\\,") +
+                std::to_string(indices.back()) + ")";
+    }
+    // The frames that cover the times, in one decoding from the start.
+    std::vector<int> order = indices;
+    std::sort(order.begin(), order.end());
+    order.erase(std::unique(order.begin(), order.end()), order.end());
+    const std::vector<Raster> covering = vn::test::readPictures(path, "select=" + select);
+    ASSERT_EQ(covering.size(), order.size());
+    int exact = 0;
+    std::string misses;
+    for (int i = 0; i < kTimes; ++i) {
+      char time[32];
+      std::snprintf(time, sizeof time, "%.6f", times[i]);
+      const Raster got = varnelFrame({path, "-t", time}, "exact.png");
+      const auto at = std::lower_bound(order.begin(), order.end(), indices[i]) - order.begin();
+      const double match = psnr(got, covering[size_t(at)]);
+      if (match >= 40)
+        ++exact;
+      else
+        misses += " " + std::string(time) + " (" + std::to_string(match) + " dB)";
+    }
+    std::printf("[ frame    ] %-16s %2d/%d exact;%s\n", name, exact, kTimes,
+                misses.empty() ? " no misses" : misses.c_str());
+    EXPECT_EQ(exact, kTimes) << misses;
+  }
+}
+
+TEST(FrameTest, PictureSettingsShowOnTheOutput) {
+  const std::string in = fixture("h264_aac.mp4");  // 320x240, 4:3
+  // A 4:3 picture fitted into 16:9: equal bars left and right.
+  // Times just after a frame starts: at its very start the frame before is
+  // still shown.
+  const Raster fitted = varnelFrame({in, "-t", "3.01", "--size", "640x360"}, "fit.png");
+  ASSERT_EQ(fitted.width, 640);
+  const auto [left, right] = sideBars(fitted);
+  EXPECT_NEAR(left, 80, 1);
+  EXPECT_EQ(left, right);
+  // Panscan fills the width; stretch fills everything.
+  EXPECT_EQ(sideBars(varnelFrame({in, "-t", "3.01", "--size", "640x360", "--zoom", "panscan"},
+                                 "panscan.png")),
+            std::make_pair(0, 0));
+  EXPECT_EQ(sideBars(varnelFrame({in, "-t", "3.01", "--size", "640x360", "--zoom", "stretch"},
+                                 "stretch.png")),
+            std::make_pair(0, 0));
+  // Both mirrors are a half turn.
+  const Raster flipped = varnelFrame({in, "-t", "3.01", "--hflip", "--vflip"}, "flips.png");
+  const Raster turned = varnelFrame({in, "-t", "3.01", "--rotate", "180"}, "half.png");
+  EXPECT_GE(psnr(flipped, turned), 45);
+  // A crop counts from the top left, as ffmpeg's does.
+  const Raster cropped =
+      varnelFrame({in, "-t", "3.01", "--crop", "40,30,160,120", "--size", "160x120"}, "crop.png");
+  EXPECT_GE(psnr(cropped, ffmpegAt(in, 3, "crop=160:120:40:30")), 40);
+  // Zoom 0: the background and the watermark only.
+  const std::string mark = out("mark.png");
+  runShell("ffmpeg -v error -y -f lavfi -i color=c=white:size=32x16 -frames:v 1 " +
+           shellQuote(mark));
+  const Raster background =
+      varnelFrame({in, "-t", "3.01", "--zoom", "0", "--watermark", mark}, "background.png");
+  ASSERT_EQ(background.height, 240);
+  EXPECT_GT(background.at(5, 235)[0], 250) << "the mark, in the bottom-left corner";
+  EXPECT_TRUE(black(background.at(100, 100)));
+  // A phone video turned a quarter gives a portrait picture, as ffmpeg
+  // shows it.
+  const std::string phone = out("phone.mp4");
+  const std::string plain = out("plain.mp4");
+  runShell(
+      "ffmpeg -v error -y -f lavfi -i testsrc2=size=320x240:rate=25:duration=2 "
+      "-c:v libx264 -pix_fmt yuv420p " +
+      shellQuote(plain) + " && ffmpeg -v error -y -i " + shellQuote(plain) +
+      " -c copy -metadata:s:v:0 rotate=90 " + shellQuote(phone));
+  const Raster portrait = varnelFrame({phone, "-t", "1.02"}, "portrait.png");
+  EXPECT_EQ(portrait.width, 240);
+  EXPECT_EQ(portrait.height, 320);
+  EXPECT_GE(psnr(portrait, ffmpegAt(phone, 1.0)), 40);
+}
+
+TEST(FrameTest, ThumbnailsFitTheirBox) {
+  struct Case {
+    std::string input;
+    std::vector<std::string> args;
+    int width, height;
+  };
+  const Case cases[] = {
+      {"h264_2997.ts", {"-t", "4"}, 160, 90},        // 638x358, wide
+      {"mpeg2_mp2.mpg", {"-t", "50%"}, 160, 120},    // 720x480 with 8:9 pixels: 4:3
+      {"h264_aac.mp4", {"-s", "100x300"}, 100, 75},  // 10 % in by default
+      {"h264_aac.mp4", {"--sheet", "--count", "4"}, 2 * 164 + 4, 2 * 142 + 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input + " " + c.args[0]);
+    const std::string o = out("thumb.png");
+    std::vector<std::string> args = {"thumbnail", fixture(c.input), "-o", o};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const vn::test::CommandResult r = runVarnel(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Raster thumb = readPicture(o);
+    EXPECT_EQ(thumb.width, c.width);
+    EXPECT_EQ(thumb.height, c.height);
+  }
+  // The picture is the frame that covers the time, not a keyframe's.
+  const std::string o = out("thumb-exact.png");
+  ASSERT_EQ(runVarnel({"thumbnail", fixture("h264_aac.mp4"), "-t", "3.3", "-o", o}).status, 0);
+  const Raster thumb = readPicture(o);
+  const double covering = psnr(thumb, ffmpegAt(fixture("h264_aac.mp4"), 3.28, "scale=160:120"));
+  EXPECT_GE(covering, 24);
+  for (double other : {2.0, 3.24, 3.32})
+    EXPECT_GT(covering, psnr(thumb, ffmpegAt(fixture("h264_aac.mp4"), other, "scale=160:120")) + 3);
+}
+
+TEST(FrameTest, BadValuesAreOneLineAndLeaveNothing) {
+  const std::string in = fixture("h264_aac.mp4");
+  const std::string o = out("bad.png");
+  const struct {
+    std::vector<std::string> args;
+    int status;
+  } cases[] = {
+      {{"frame", in, "-t", "1", "-o", o, "--crop", "300,0,100,100"}, 2},
+      {{"frame", in, "-t", "1", "-o", o, "--crop", "10,10,0,5"}, 2},
+      {{"frame", in, "-t", "1", "-o", o, "--crop", "a,b"}, 2},
+      {{"frame", in, "-t", "1", "-o", o, "--size", "0x0"}, 2},
+      {{"frame", in, "-t", "1", "-o", o, "--effect", "No Such Preset"}, 2},
+      {{"frame", in, "-t", "1", "-o", o, "--zoom", "sideways"}, 2},
+      {{"frame", in, "-t", "1", "-o", o, "--watermark", out("missing.png")}, 1},
+      {{"frame", in, "-t", "11", "-o", o}, 2},
+      {{"frame", in, "-t", "-1", "-o", o}, 2},
+      {{"frame", in, "-t", "1", "-o", out("bad.bmp")}, 2},
+      {{"frame", fixture("aac.m4a"), "-t", "1", "-o", o}, 1},
+      {{"thumbnail", in, "-t", "120%", "-o", o}, 2},
+      {{"thumbnail", in, "--count", "3", "-o", o}, 2},
+      {{"convert", in, out("bad.mp4"), "--crop", "0,0,400,300"}, 2},
+      {{"convert", in, out("bad.mp4"), "--size", "321x240"}, 2},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[c.args.size() - 1]);
+    const vn::test::CommandResult r = runVarnel(c.args);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    EXPECT_EQ(r.err.rfind("varnel: error: ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_FALSE(fs::exists(o));
+    EXPECT_FALSE(fs::exists(out("bad.mp4")));
+  }
+}
+
+// Composed pictures go through the writer: a mirrored conversion shows the
+// input mirrored, at the size asked for, frame for frame.
+TEST(FrameTest, ConvertWritesComposedPictures) {
+  const std::string in = fixture("h264_aac.mp4");
+  const std::string o = out("mirrored.mp4");
+  const vn::test::CommandResult r =
+      runVarnel({"convert", in, o, "--hflip", "--size", "160x120", "--duration", "2"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  for (double t : {0.5, 1.3}) {
+    const Raster got = ffmpegAt(o, t);
+    ASSERT_EQ(got.width, 160);
+    EXPECT_GE(psnr(got, ffmpegAt(in, t, "hflip,scale=160:120")), 25) << t;
+    EXPECT_LT(psnr(got, ffmpegAt(in, t, "scale=160:120")), 22) << t;
+  }
+}

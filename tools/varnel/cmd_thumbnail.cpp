@@ -1,0 +1,183 @@
+// varnel thumbnail INPUT [-t SECONDS|PERCENT%] [-s WxH] -o OUT.png|.jpg
+//                  [--count N --sheet] [picture settings]
+//
+// A thumbnail is the picture that covers the time, composed with the picture
+// settings and fitted into the box (aspect kept, no bars): a 16:9 picture in
+// a 160x120 box is 160x90. The picture is shown as a player shows it: turned
+// by the video's own rotation and stretched by its pixel aspect ratio.
+//
+// With --sheet, N thumbnails evenly spread over the movie are laid out in one
+// grid (a storyboard), each with its time beneath it.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "input.h"
+#include "picture.h"
+#include "platform/text_image.h"
+#include "varnel.h"
+
+namespace varnel_cli {
+namespace {
+
+using vn::FilterImage;
+using vn::Rect;
+
+// The default time: a tenth into the movie, past opening titles.
+constexpr double kDefaultPercent = 10;
+// The sheet: gaps between cells and a band for the time under each.
+constexpr int kGap = 4;
+constexpr int kLabelHeight = 18;
+constexpr char kLabelFont[] = "Sans 11";
+constexpr int kMaxCount = 400;
+
+struct ThumbnailOptions {
+  std::string input;
+  std::string time;
+  std::string size = "160x120";
+  std::string output;
+  int count = 0;
+  bool sheet = false;
+  PictureOptions picture;
+};
+
+// "12.5" seconds, or "10%" of the readable length; false when malformed.
+bool parseTime(const std::string& text, double end, double* seconds) {
+  char sign = 0, rest = 0;
+  double value = 0;
+  const int n = std::sscanf(text.c_str(), "%lf%c%c", &value, &sign, &rest);
+  if (n == 1) {
+    *seconds = value;
+    return true;
+  }
+  if (n == 2 && sign == '%' && value >= 0 && value < 100) {
+    *seconds = end * value / 100;
+    return true;
+  }
+  return false;
+}
+
+std::string clockText(double seconds) {
+  const int whole = static_cast<int>(seconds);
+  char text[32];
+  std::snprintf(text, sizeof text, "%d:%02d:%02d", whole / 3600, whole / 60 % 60, whole % 60);
+  return text;
+}
+
+// The thumbnail at time, or an error line.
+std::optional<FilterImage> thumbnailAt(VNFFMovie& movie,
+                                       double seconds,
+                                       vn::Size box,
+                                       const std::string& path) {
+  const std::optional<vn::BitmapImage> thumb = movie.thumbnailAtTime(microseconds(seconds), box);
+  std::optional<FilterImage> image = thumb ? FilterImage::fromBitmap(*thumb) : std::nullopt;
+  if (!image)
+    fail("cannot read", path, "no picture could be decoded at " + clockText(seconds));
+  return image;
+}
+
+// The grid of thumbnails: as square as it gets, cells of the box's size.
+FilterImage sheetOf(const std::vector<std::pair<FilterImage, double>>& thumbs, int w, int h) {
+  const int n = static_cast<int>(thumbs.size());
+  const int columns = static_cast<int>(std::ceil(std::sqrt(double(n))));
+  const int rows = (n + columns - 1) / columns;
+  const int cellWidth = w + kGap, cellHeight = h + kLabelHeight + kGap;
+  const double sheetWidth = columns * cellWidth + kGap;
+  const double sheetHeight = rows * cellHeight + kGap;
+  const Rect bounds{0, 0, sheetWidth, sheetHeight};
+  FilterImage sheet = FilterImage::withColor({0.08, 0.08, 0.08, 1}).cropped(bounds);
+  for (int i = 0; i < n; ++i) {
+    const FilterImage& thumb = thumbs[i].first;
+    const Rect e = thumb.extent();
+    // Cells from the top left; picture space counts y from the bottom.
+    const double left = kGap + (i % columns) * cellWidth;
+    const double top = sheetHeight - kGap - (i / columns) * cellHeight;
+    const double x = left + std::floor((w - e.width) / 2);
+    const double y = top - h + std::floor((h - e.height) / 2);
+    sheet = thumb.translated(x - e.x, y - e.y).sourceOver(sheet);
+    const FilterImage label = vn::textImage(clockText(thumbs[i].second), kLabelFont, {1, 1, 1, 1});
+    if (!label.isEmpty()) {
+      const Rect l = label.extent();
+      sheet =
+          label
+              .translated(left + std::floor((w - l.width) / 2) - l.x,
+                          top - h - kLabelHeight + std::floor((kLabelHeight - l.height) / 2) - l.y)
+              .sourceOver(sheet);
+    }
+  }
+  return sheet.cropped(bounds);
+}
+
+int run(const ThumbnailOptions& o) {
+  if (!isPictureName(o.output))
+    return usage("bad -o", o.output, "the picture is written as .png, .jpg or .jpeg");
+  int boxWidth = 0, boxHeight = 0;
+  if (!parsePictureSize(o.size, &boxWidth, &boxHeight))
+    return usage("bad -s", o.size, "expected WxH with positive numbers");
+  if (o.count < 0 || o.count > kMaxCount)
+    return usage("bad --count", std::to_string(o.count), "expected 1 to 400 thumbnails");
+  if (o.count > 1 && !o.sheet)
+    return usage("bad --count", std::to_string(o.count), "several thumbnails need --sheet");
+  if (o.sheet && !o.time.empty())
+    return usage("bad -t", o.time, "a sheet spreads its thumbnails over the whole movie");
+  Input input;
+  Input::Extent extent;
+  if (const int status = openForPictures(input, o.input, &extent); status != kExitOk)
+    return status;
+  if (const int status = o.picture.apply(input); status != kExitOk)
+    return status;
+  VNFFMovie& movie = *input.movie;
+  int width = 0, height = 0;
+  shownSize(input, movie.rotate(), true, false, &width, &height);
+  movie.setOutputVideoSize(vn::Size{double(width), double(height)});
+  movie.setExportMovie(true);
+  const vn::Size box{double(boxWidth), double(boxHeight)};
+
+  if (!o.sheet) {
+    double seconds = extent.end() * kDefaultPercent / 100;
+    if (!o.time.empty() && !parseTime(o.time, extent.end(), &seconds))
+      return usage("bad -t", o.time, "expected seconds from the start, or a percentage");
+    if (const int status = checkTime(seconds, extent, o.time); status != kExitOk)
+      return status;
+    const std::optional<FilterImage> thumb = thumbnailAt(movie, seconds, box, o.input);
+    return thumb ? writePicture(*thumb, o.output) : kExitFailed;
+  }
+
+  const int count = o.count > 0 ? o.count : 9;
+  std::vector<std::pair<FilterImage, double>> thumbs;
+  for (int i = 0; i < count && !interrupted(); ++i) {
+    const double seconds = extent.end() * (i + 0.5) / count;
+    const std::optional<FilterImage> thumb = thumbnailAt(movie, seconds, box, o.input);
+    if (!thumb)
+      return kExitFailed;
+    thumbs.emplace_back(*thumb, seconds);
+  }
+  if (interrupted())
+    return fail("interrupted", o.output, "nothing was written");
+  return writePicture(sheetOf(thumbs, boxWidth, boxHeight), o.output);
+}
+
+}  // namespace
+
+Registration thumbnailCommand() {
+  return [](CLI::App& app, std::function<int()>& run_) {
+    auto o = std::make_shared<ThumbnailOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "thumbnail", "Write a thumbnail of INPUT, or a sheet of thumbnails over its length");
+    sub->add_option("INPUT", o->input, "Input media file")->required();
+    sub->add_option("-t,--time", o->time, "Seconds, or a percentage such as 25% (default 10%)");
+    sub->add_option("-s,--size", o->size, "The box the thumbnail fits in, WxH (default 160x120)");
+    sub->add_option("-o,--output", o->output, "Output picture (.png, .jpg)")->required();
+    sub->add_option("--count", o->count, "With --sheet: how many thumbnails (default 9)");
+    sub->add_flag("--sheet", o->sheet, "Lay thumbnails spread over the movie out in a grid");
+    o->picture.addTo(sub);
+    sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
+  };
+}
+
+}  // namespace varnel_cli

@@ -1,0 +1,206 @@
+#include "picture.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/display.h>
+}
+
+namespace varnel_cli {
+namespace {
+
+// Placements by name; a number gives the zoom type itself.
+const std::map<std::string, int32_t> kZoomNames = {
+    {"stretch", VNFFEffectVideoStream::kZoomStretch}, {"fit", VNFFEffectVideoStream::kZoomFit},
+    {"16:9", VNFFEffectVideoStream::kZoom16x9},       {"4:3", VNFFEffectVideoStream::kZoom4x3},
+    {"panscan", VNFFEffectVideoStream::kZoomPanscan},
+};
+
+bool parseZoom(const std::string& text, int32_t* zoom) {
+  if (auto it = kZoomNames.find(text); it != kZoomNames.end()) {
+    *zoom = it->second;
+    return true;
+  }
+  char end = 0;
+  return std::sscanf(text.c_str(), "%d%c", zoom, &end) == 1;
+}
+
+bool parseCrop(const std::string& text, double crop[4]) {
+  char end = 0;
+  return std::sscanf(text.c_str(), "%lf,%lf,%lf,%lf%c", &crop[0], &crop[1], &crop[2], &crop[3],
+                     &end) == 4 &&
+         std::isfinite(crop[0]) && std::isfinite(crop[1]) && std::isfinite(crop[2]) &&
+         std::isfinite(crop[3]);
+}
+
+}  // namespace
+
+bool parsePictureSize(const std::string& text, int* width, int* height) {
+  char end = 0;
+  return std::sscanf(text.c_str(), "%dx%d%c", width, height, &end) == 2 && *width > 0 &&
+         *height > 0 && *width <= vn::kMaxImageSide && *height <= vn::kMaxImageSide;
+}
+
+int usage(const std::string& what, const std::string& value, const std::string& reason) {
+  fail(what, value, reason);
+  return kExitUsage;
+}
+
+void PictureOptions::addTo(CLI::App* command) {
+  const auto unit = CLI::Range(0.0, 1.0);
+  command->add_option("--crop", crop,
+                      "Keep X,Y,W,H of the source picture (pixels from its top left)");
+  command->add_option("--rotate", rotate,
+                      "Turn the picture DEG degrees counter-clockwise (default: the video's own "
+                      "rotation)");
+  command->add_flag("--hflip", hflip, "Mirror left to right");
+  command->add_flag("--vflip", vflip, "Mirror top to bottom");
+  command->add_option("--saturation", saturation, "0..1, neutral 0.5")->check(unit);
+  command->add_option("--brightness", brightness, "0..1, neutral 0.5")->check(unit);
+  command->add_option("--contrast", contrast, "0..1, neutral 0.25")->check(unit);
+  command->add_option("--hue", hue, "0..1, neutral 0.5")->check(unit);
+  command->add_option("--effect", effect, "An effect preset ('varnel effects' lists them)");
+  command->add_option("--watermark", watermark,
+                      "A picture laid over the output at its own size, bottom left");
+  command->add_option("--zoom", zoom,
+                      "Placement in the output frame: stretch, fit (default), 16:9, 4:3, "
+                      "panscan, or a zoom type number");
+}
+
+bool PictureOptions::changesPicture(Input& input) const {
+  const double turn = rotate.value_or(displayRotation(input));
+  return !crop.empty() || turn != 0 || hflip || vflip || saturation.value_or(0.5) != 0.5 ||
+         brightness.value_or(0.5) != 0.5 || contrast.value_or(0.25) != 0.25 ||
+         hue.value_or(0.5) != 0.5 || !effect.empty() || !watermark.empty() ||
+         (!zoom.empty() && zoom != "fit" && zoom != "5" && zoom != "2");
+}
+
+int PictureOptions::apply(Input& input) const {
+  VNFFMovie& movie = *input.movie;
+  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
+  const VNFFVideoFormat format = video ? video->videoFormat() : VNFFVideoFormat{};
+  if (!crop.empty()) {
+    double c[4];
+    if (!parseCrop(crop, c))
+      return usage("bad --crop", crop, "expected X,Y,W,H in pixels");
+    if (c[2] < 1 || c[3] < 1)
+      return usage("bad --crop", crop, "the width and height must be at least one pixel");
+    if (c[0] < 0 || c[1] < 0 || c[0] + c[2] > format.width || c[1] + c[3] > format.height) {
+      return usage("bad --crop", crop,
+                   "outside the " + std::to_string(format.width) + "x" +
+                       std::to_string(format.height) + " picture");
+    }
+    // The library counts from the bottom-left corner.
+    movie.setCropRect(vn::Rect{c[0], format.height - c[1] - c[3], c[2], c[3]});
+  }
+  int32_t zoomType = VNFFEffectVideoStream::kZoomDefault;
+  if (!zoom.empty() && !parseZoom(zoom, &zoomType))
+    return usage("bad --zoom", zoom, "use stretch, fit, 16:9, 4:3, panscan or a number");
+  movie.setZoomType(zoomType);
+  const double turn = rotate.value_or(displayRotation(input));
+  if (!std::isfinite(turn))
+    return usage("bad --rotate", std::to_string(turn), "not a number");
+  movie.setRotate(static_cast<float>(turn));
+  movie.setHflip(hflip);
+  movie.setVflip(vflip);
+  movie.setSaturation(static_cast<float>(saturation.value_or(0.5)));
+  movie.setBrightness(static_cast<float>(brightness.value_or(0.5)));
+  movie.setContrast(static_cast<float>(contrast.value_or(0.25)));
+  movie.setHue(static_cast<float>(hue.value_or(0.5)));
+  if (!effect.empty()) {
+    if (!EffectManager::filterWithName(effect))
+      return usage("unknown effect", effect, "'varnel effects' lists the presets");
+    movie.setEffectName(effect);
+  }
+  if (!watermark.empty()) {
+    std::string reason;
+    std::optional<vn::FilterImage> mark = vn::FilterImage::fromFile(watermark, &reason);
+    if (!mark)
+      return fail("cannot read watermark", watermark, reason);
+    movie.setWatermark(mark);
+  }
+  return kExitOk;
+}
+
+int openForPictures(Input& input, const std::string& path, Input::Extent* extent) {
+  if (const int status = input.openWithTracks(path, ""); status != kExitOk)
+    return status;
+  if (!input.videoMedia())
+    return fail("cannot take a picture from", path, "it has no video");
+  *extent = input.extent();
+  input.warnIfCutShort(path, *extent);
+  return kExitOk;
+}
+
+int checkTime(double seconds, const Input::Extent& extent, const std::string& text) {
+  if (!std::isfinite(seconds) || seconds < 0)
+    return usage("bad -t", text, "expected seconds from the start, or a percentage");
+  if (seconds >= extent.end()) {
+    char reason[96];
+    std::snprintf(reason, sizeof reason, "past the end (the video can be read up to %.3f s)",
+                  extent.end());
+    return usage("bad -t", text, reason);
+  }
+  return kExitOk;
+}
+
+bool isPictureName(const std::string& output) {
+  std::string ext = std::filesystem::path(output).extension().string();
+  for (char& c : ext)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return ext == ".png" || ext == ".jpg" || ext == ".jpeg";
+}
+
+int writePicture(const vn::FilterImage& picture, const std::string& output) {
+  std::string reason;
+  if (!picture.writeToFile(output, &reason))
+    return fail("cannot write", output, reason);
+  return kExitOk;
+}
+
+double displayRotation(Input& input) {
+  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
+  const std::shared_ptr<VNFFMediaStream> stream = video ? video->videoStream() : nullptr;
+  const AVStream* s = stream ? stream->stream() : nullptr;
+  if (!s)
+    return 0;
+  size_t size = 0;
+  const uint8_t* matrix = av_stream_get_side_data(s, AV_PKT_DATA_DISPLAYMATRIX, &size);
+  if (!matrix || size < 9 * sizeof(int32_t))
+    return 0;
+  const double angle = av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+  return std::isfinite(angle) ? angle : 0;
+}
+
+void shownSize(Input& input,
+               double rotation,
+               bool pixelAspect,
+               bool even,
+               int* width,
+               int* height) {
+  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
+  const VNFFVideoFormat format = video ? video->videoFormat() : VNFFVideoFormat{};
+  double w = format.width, h = format.height;
+  if (pixelAspect && video && video->videoStream() && video->videoStream()->stream()) {
+    // The container's word, else the codec's.
+    const AVRational sar = av_guess_sample_aspect_ratio(video->formatContext(),
+                                                        video->videoStream()->stream(), nullptr);
+    if (sar.num > 0 && sar.den > 0)
+      w *= av_q2d(sar);
+  }
+  // A quarter turn either way stands the picture up.
+  const double quarter = std::fmod(std::fabs(rotation), 180.0);
+  if (std::fabs(quarter - 90) < 1)
+    std::swap(w, h);
+  *width = std::max(even ? 2 : 1, static_cast<int>(std::lround(w)) & (even ? ~1 : ~0));
+  *height = std::max(even ? 2 : 1, static_cast<int>(std::lround(h)) & (even ? ~1 : ~0));
+}
+
+}  // namespace varnel_cli

@@ -1,0 +1,74 @@
+// The picture settings that convert, frame and thumbnail share:
+//
+//   --crop X,Y,W,H   part of the source picture kept, in its pixels, from its
+//                    top-left corner
+//   --rotate DEG     counter-clockwise; a phone video's own rotation when not
+//                    given
+//   --hflip --vflip
+//   --saturation --brightness --contrast --hue   0..1 (neutral 0.5 0.5 0.25 0.5)
+//   --effect NAME    an effect preset (varnel effects lists them)
+//   --watermark FILE a picture laid over the output, at its own size, in the
+//                    bottom-left corner
+//   --zoom stretch|fit|16:9|4:3|panscan|N   placement in the output frame
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "cli.h"
+#include "input.h"
+
+namespace varnel_cli {
+
+// Sizes on the command line: "WxH" with both sides positive and at most
+// the largest picture the library makes.
+bool parsePictureSize(const std::string& text, int* width, int* height);
+
+// Prints the one error line of a bad value and returns kExitUsage.
+int usage(const std::string& what, const std::string& value, const std::string& reason);
+
+struct PictureOptions {
+  std::string crop;
+  std::optional<double> rotate;
+  bool hflip = false;
+  bool vflip = false;
+  std::optional<double> saturation;
+  std::optional<double> brightness;
+  std::optional<double> contrast;
+  std::optional<double> hue;
+  std::string effect;
+  std::string watermark;
+  std::string zoom;
+
+  // Adds the options to a command.
+  void addTo(CLI::App* command);
+  // Whether any setting changes the picture (the rotation a video carries
+  // counts).
+  bool changesPicture(Input& input) const;
+  // Checks every value against the input and sets the movie's picture
+  // settings: kExitOk, or the exit status once the error line is printed.
+  int apply(Input& input) const;
+};
+
+// Opens path to take pictures from, as frame and thumbnail do: kExitOk with
+// the input open, its video found and its extent measured (a file cut short
+// is warned of), or the exit status once the error line is printed.
+int openForPictures(Input& input, const std::string& path, Input::Extent* extent);
+// Checks a time given with -t against where the input can be read:
+// kExitOk, or kExitUsage once the error line is printed.
+int checkTime(double seconds, const Input::Extent& extent, const std::string& text);
+// Writes a finite picture to OUT (.png, .jpg or .jpeg): kExitOk, or the exit
+// status once the error line is printed; nothing is left behind on failure.
+int writePicture(const vn::FilterImage& picture, const std::string& output);
+// Whether OUT names a picture file the commands write.
+bool isPictureName(const std::string& output);
+
+// The rotation a video asks to be shown with (its display matrix), in
+// degrees counter-clockwise; 0 when it carries none.
+double displayRotation(Input& input);
+// The picture's size once shown: the video's size, sides swapped when it is
+// turned a quarter, and, when pixelAspect is set, its width stretched by the
+// pixel aspect ratio; made even (rounded down) when asked, as encoders want.
+void shownSize(Input& input, double rotation, bool pixelAspect, bool even, int* width, int* height);
+
+}  // namespace varnel_cli
