@@ -63,12 +63,16 @@ VNFFEffectVideoStream::~VNFFEffectVideoStream() {
 // ---- conversion ------------------------------------------------------------------
 
 void VNFFEffectVideoStream::updateConverter() {
+  const std::shared_ptr<VNFFMedia> source = media();
+  buildGraph(source ? source->videoFormat() : VNFFVideoFormat{});
+}
+
+void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
   free_graph();
+  graphInput_ = in;
   graph_.reset(avfilter_graph_alloc());
   if (!graph_)
     return;
-  const std::shared_ptr<VNFFMedia> source = media();
-  const VNFFVideoFormat in = source ? source->videoFormat() : VNFFVideoFormat{};
   // The time base and aspect are fixed on purpose: the graph only converts
   // pixels, it never looks at times or shapes.
   char args[256];
@@ -111,6 +115,13 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame) {
 }
 
 void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider& provider) {
+  // A stream whose pictures change size or format on the way (a broadcast
+  // switching programmes) gets a graph for the pictures it now has.
+  if (frame && frame->data[0] && graph_ &&
+      (frame->format != graphInput_.pix_fmt || frame->width != graphInput_.width ||
+       frame->height != graphInput_.height)) {
+    buildGraph(VNFFVideoFormat{frame->format, frame->width, frame->height});
+  }
   if (frame && frame->data[0] && buffersrc_) {
     // The graph takes its own reference; the caller's frame stays as it is.
     const int ignored = av_buffersrc_add_frame_flags(buffersrc_, const_cast<AVFrame*>(frame),

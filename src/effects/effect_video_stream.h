@@ -182,6 +182,8 @@ class VNFFEffectVideoStream {
   // The picture held, with its pixels' owner: the provider's copy when there
   // is one, else the graph's frame.
   std::optional<vn::BitmapImage> heldImage() const;
+  // Builds the graph for pictures of the given format.
+  void buildGraph(const VNFFVideoFormat& in);
 
   vn::ff::FilterGraph graph_;              // the conversion graph, or null
   AVFilterContext* buffersink_ = nullptr;  // owned by graph_
@@ -189,6 +191,7 @@ class VNFFEffectVideoStream {
   // The last picture taken from the sink; shared with the images made from
   // it, so they outlive the next write.
   std::shared_ptr<AVFrame> buffer_;
+  VNFFVideoFormat graphInput_;  // the pictures the graph was built for
 
   mutable std::mutex lock_;
   // Guarded by lock_.

@@ -236,6 +236,19 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   EXPECT_FALSE(stream->dataBuffer());
   EXPECT_EQ(stream->currentImage()->data()[0], grey);
 
+  // Pictures that change size on the way are converted at their new size.
+  vn::ff::Frame small(av_frame_alloc());
+  small->format = AV_PIX_FMT_YUV420P;
+  small->width = 64;
+  small->height = 48;
+  ASSERT_GE(av_frame_get_buffer(small.get(), 0), 0);
+  for (int p = 0; p < 3; ++p)
+    std::memset(small->data[p], 128, size_t(small->linesize[p]) * (p ? 24 : 48));
+  stream->writeFrame(small.get());
+  ASSERT_TRUE(stream->currentImage());
+  EXPECT_EQ(stream->currentImage()->width(), 64);
+  EXPECT_EQ(stream->currentEffectImage()->extent().width, 640);
+
   // A frame without pixels only drops the picture.
   stream->writeFrame(nullptr);
   EXPECT_FALSE(stream->currentImage());
