@@ -212,6 +212,19 @@ TEST(FrameTest, ThumbnailsFitTheirBox) {
     EXPECT_EQ(thumb.width, c.width);
     EXPECT_EQ(thumb.height, c.height);
   }
+  // Several times in one run: one file each, numbered; all or nothing.
+  const std::string numbered = out("many-%d.png");
+  ASSERT_EQ(
+      runVarnel({"thumbnail", fixture("h264_aac.mp4"), "-t", "1,5.5,90%", "-o", numbered}).status,
+      0);
+  for (int i = 1; i <= 3; ++i)
+    EXPECT_EQ(readPicture(out("many-" + std::to_string(i) + ".png")).width, 160);
+  const std::string none = out("none-%d.png");
+  EXPECT_EQ(runVarnel({"thumbnail", fixture("h264_aac.mp4"), "-t", "1,50", "-o", none}).status, 2);
+  EXPECT_FALSE(fs::exists(out("none-1.png")));
+  EXPECT_EQ(
+      runVarnel({"thumbnail", fixture("h264_aac.mp4"), "-t", "1,2", "-o", out("x.png")}).status, 2);
+
   // The picture is the frame that covers the time, not a keyframe's.
   const std::string o = out("thumb-exact.png");
   ASSERT_EQ(runVarnel({"thumbnail", fixture("h264_aac.mp4"), "-t", "3.3", "-o", o}).status, 0);

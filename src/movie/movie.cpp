@@ -380,9 +380,22 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
               height > vn::kMaxImageSide) {
             return;
           }
-          const vn::FilterImage drawn = effect->translated(-extent.x, -extent.y)
-                                            .transformed(vn::AffineTransform::identity().scaled(
-                                                width / extent.width, height / extent.height));
+          // The composed picture is made once at its own size, in 8 bits
+          // (a quarter of the memory of the layer's own pixels), and that is
+          // scaled into the thumbnail.
+          // The buffer stays with the movie for the next thumbnail (fresh
+          // memory costs more to fault in than to fill).
+          const int ew = static_cast<int>(extent.width), eh = static_cast<int>(extent.height);
+          std::vector<uint8_t>& composed = self->thumbnailScratch_;
+          composed.resize(size_t(ew) * size_t(eh) * 4);
+          if (composed.empty() || !effect->render(extent, composed.data(), ew * 4))
+            return;
+          const std::optional<vn::FilterImage> whole = vn::FilterImage::fromBitmap(
+              vn::BitmapImage::borrow(composed.data(), ew, eh, ew * 4, nullptr));
+          if (!whole)
+            return;
+          const vn::FilterImage drawn = whole->transformed(
+              vn::AffineTransform::identity().scaled(width / extent.width, height / extent.height));
           const int w = static_cast<int>(width), h = static_cast<int>(height);
           std::vector<uint8_t> pixels = drawn.render(vn::Rect{0, 0, width, height});
           if (pixels.empty())

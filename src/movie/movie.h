@@ -236,6 +236,8 @@ class VNFFMovie : public VNMovieLink,
   std::atomic<bool> disableVideo_{false};
   std::weak_ptr<void> delegate_;
   std::unique_ptr<vn::SerialQueue> decodeQueue_;
+  // The composed picture a thumbnail is scaled from; decode queue only.
+  std::vector<uint8_t> thumbnailScratch_;
 
   std::mutex lock_;
   // Guarded by lock_: replaced whole, read as a copy.

@@ -1,4 +1,4 @@
-// varnel thumbnail INPUT [-t SECONDS|PERCENT%] [-s WxH] -o OUT.png|.jpg
+// varnel thumbnail INPUT [-t SECONDS|PERCENT%[,...]] [-s WxH] -o OUT.png|.jpg
 //                  [--count N --sheet] [picture settings]
 //
 // A thumbnail is the picture that covers the time, composed with the picture
@@ -6,7 +6,8 @@
 // a 160x120 box is 160x90. The picture is shown as a player shows it: turned
 // by the video's own rotation and stretched by its pixel aspect ratio.
 //
-// With --sheet, N thumbnails evenly spread over the movie are laid out in one
+// Several times (-t 3.3,9.1,25%) make one file each, numbered in OUT's %d,
+// in one process. With --sheet, N thumbnails evenly spread over the movie are laid out in one
 // grid (a storyboard), each with its time beneath it.
 #include <algorithm>
 #include <cmath>
@@ -60,6 +61,16 @@ bool parseTime(const std::string& text, double end, double* seconds) {
     return true;
   }
   return false;
+}
+
+// "3.3,9.1,25%" -> its parts; "" -> one empty part (the default time).
+std::vector<std::string> splitTimes(const std::string& text) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  for (size_t comma; (comma = text.find(',', start)) != std::string::npos; start = comma + 1)
+    parts.push_back(text.substr(start, comma - start));
+  parts.push_back(text.substr(start));
+  return parts;
 }
 
 std::string clockText(double seconds) {
@@ -139,13 +150,36 @@ int run(const ThumbnailOptions& o) {
   const vn::Size box{double(boxWidth), double(boxHeight)};
 
   if (!o.sheet) {
-    double seconds = extent.end() * kDefaultPercent / 100;
-    if (!o.time.empty() && !parseTime(o.time, extent.end(), &seconds))
-      return usage("bad -t", o.time, "expected seconds from the start, or a percentage");
-    if (const int status = checkTime(seconds, extent, o.time); status != kExitOk)
-      return status;
-    const std::optional<FilterImage> thumb = thumbnailAt(movie, seconds, box, o.input);
-    return thumb ? writePicture(*thumb, o.output) : kExitFailed;
+    // Every time is checked before anything is written.
+    std::vector<double> times;
+    const std::vector<std::string> texts = splitTimes(o.time);
+    for (const std::string& text : texts) {
+      double seconds = extent.end() * kDefaultPercent / 100;
+      if (!text.empty() && !parseTime(text, extent.end(), &seconds))
+        return usage("bad -t", text, "expected seconds from the start, or a percentage");
+      if (const int status = checkTime(seconds, extent, text); status != kExitOk)
+        return status;
+      times.push_back(seconds);
+    }
+    const bool numbered = o.output.find("%d") != std::string::npos;
+    if (times.size() > 1 && !numbered)
+      return usage("bad -o", o.output, "several times need %d in the name, e.g. thumb-%d.png");
+    std::vector<std::string> written;
+    for (size_t i = 0; i < times.size() && !interrupted(); ++i) {
+      const std::optional<FilterImage> thumb = thumbnailAt(movie, times[i], box, o.input);
+      std::string name = o.output;
+      if (numbered)
+        name.replace(name.find("%d"), 2, std::to_string(i + 1));
+      const int status = thumb ? writePicture(*thumb, name) : kExitFailed;
+      if (status != kExitOk) {
+        // All or nothing: the ones already written go too.
+        for (const std::string& done : written)
+          std::remove(done.c_str());
+        return status;
+      }
+      written.push_back(name);
+    }
+    return kExitOk;
   }
 
   const int count = o.count > 0 ? o.count : 9;
@@ -170,7 +204,9 @@ Registration thumbnailCommand() {
     CLI::App* sub = app.add_subcommand(
         "thumbnail", "Write a thumbnail of INPUT, or a sheet of thumbnails over its length");
     sub->add_option("INPUT", o->input, "Input media file")->required();
-    sub->add_option("-t,--time", o->time, "Seconds, or a percentage such as 25% (default 10%)");
+    sub->add_option("-t,--time", o->time,
+                    "Seconds, or a percentage such as 25% (default 10%); several, comma-separated, "
+                    "with %d in OUT");
     sub->add_option("-s,--size", o->size, "The box the thumbnail fits in, WxH (default 160x120)");
     sub->add_option("-o,--output", o->output, "Output picture (.png, .jpg)")->required();
     sub->add_option("--count", o->count, "With --sheet: how many thumbnails (default 9)");
