@@ -311,9 +311,18 @@ int run(const ConvertOptions& o) {
     PicturePipeline pictures(movie, composed, format.width, format.height);
     if (composed)
       pictures.request(frameTime(0));
+    auto writeAudioOfFrame = [&](int64_t n) {
+      if (writer->isAudioOpen()) {
+        writeAudioUntil(
+            static_cast<int64_t>(std::llround((n + 1) * frameSeconds * format.sample_rate)));
+      }
+    };
     for (; videoFrames < total && !interrupted(); ++videoFrames) {
       if (composed) {
         std::optional<vn::FilterImage> picture = pictures.take();
+        // The mix reads its medias while the queue is idle: no picture is
+        // being decoded on the other thread meanwhile.
+        writeAudioOfFrame(videoFrames);
         if (videoFrames + 1 < total)
           pictures.request(frameTime(videoFrames + 1));
         if (picture)
@@ -322,10 +331,7 @@ int run(const ConvertOptions& o) {
         if (AVFrame* frame =
                 video->videoFrameAtTime(frameTime(videoFrames) - video->movie_position()))
           writer->writeVideoFrame(frame);
-      }
-      if (writer->isAudioOpen()) {
-        writeAudioUntil(static_cast<int64_t>(
-            std::llround((videoFrames + 1) * frameSeconds * format.sample_rate)));
+        writeAudioOfFrame(videoFrames);
       }
       progress.update((videoFrames + 1) * frameSeconds, videoFrames + 1);
     }
