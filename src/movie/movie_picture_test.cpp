@@ -185,7 +185,7 @@ TEST(MoviePictureTest, ThreadPicturesWhileSeeking) {
   std::atomic<bool> done{false};
   std::thread seeker([&] {
     for (int i = 0; !done.load(); ++i) {
-      movie->seek((i * 1'300'000) % 9'000'000);
+      movie->seek((int64_t{i} * 1'300'000) % 9'000'000);
       movie->setRotate(float(i % 360));
       movie->setHflip(i % 2 == 0);
       movie->setEffectName(i % 3 ? "Blur" : "1970");
