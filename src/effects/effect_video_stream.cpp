@@ -64,11 +64,12 @@ VNFFEffectVideoStream::~VNFFEffectVideoStream() {
 
 void VNFFEffectVideoStream::updateConverter() {
   const std::shared_ptr<VNFFMedia> source = media();
+  converting_ = true;
   buildGraph(source ? source->videoFormat() : VNFFVideoFormat{});
 }
 
 void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
-  free_graph();
+  releaseGraph();
   graphInput_ = in;
   graph_.reset(avfilter_graph_alloc());
   if (!graph_)
@@ -96,11 +97,16 @@ void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
   }
   if (!buffersrc_ || !buffersink_ || avfilter_link(buffersrc_, 0, buffersink_, 0) != 0 ||
       avfilter_graph_config(graph_.get(), nullptr) != 0) {
-    free_graph();
+    releaseGraph();
   }
 }
 
 void VNFFEffectVideoStream::free_graph() {
+  releaseGraph();
+  converting_ = false;
+}
+
+void VNFFEffectVideoStream::releaseGraph() {
   buffersrc_ = nullptr;
   buffersink_ = nullptr;
   graph_.reset();
@@ -115,9 +121,10 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame) {
 }
 
 void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider& provider) {
-  // A stream whose pictures change size or format on the way (a broadcast
-  // switching programmes) gets a graph for the pictures it now has.
-  if (frame && frame->data[0] && graph_ &&
+  // Pictures of another size or format than the media said (a broadcast
+  // switching programmes, a stream whose format was not known when it was
+  // opened) get a graph for what they are.
+  if (frame && frame->data[0] && converting_ &&
       (frame->format != graphInput_.pix_fmt || frame->width != graphInput_.width ||
        frame->height != graphInput_.height)) {
     buildGraph(VNFFVideoFormat{frame->format, frame->width, frame->height});

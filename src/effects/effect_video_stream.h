@@ -182,8 +182,9 @@ class VNFFEffectVideoStream {
   // The picture held, with its pixels' owner: the provider's copy when there
   // is one, else the graph's frame.
   std::optional<vn::BitmapImage> heldImage() const;
-  // Builds the graph for pictures of the given format.
+  // Builds the graph for pictures of the given format; none on failure.
   void buildGraph(const VNFFVideoFormat& in);
+  void releaseGraph();
 
   vn::ff::FilterGraph graph_;              // the conversion graph, or null
   AVFilterContext* buffersink_ = nullptr;  // owned by graph_
@@ -192,6 +193,7 @@ class VNFFEffectVideoStream {
   // it, so they outlive the next write.
   std::shared_ptr<AVFrame> buffer_;
   VNFFVideoFormat graphInput_;  // the pictures the graph was built for
+  bool converting_ = false;     // updateConverter was called, free_graph was not
 
   mutable std::mutex lock_;
   // Guarded by lock_.

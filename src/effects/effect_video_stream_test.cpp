@@ -201,6 +201,15 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   EXPECT_FALSE(idle->currentImage());
   EXPECT_FALSE(idle->currentEffectImage());
 
+  // A converter asked for before the picture format was known is made for
+  // the first picture.
+  auto unknown = VNFFEffectVideoStream::create();
+  unknown->setOutputFormat({AV_PIX_FMT_RGBA, kWidth, kHeight});
+  unknown->updateConverter();
+  unknown->writeFrame(greyFrame().get());
+  ASSERT_TRUE(unknown->currentImage());
+  EXPECT_EQ(unknown->currentImage()->width(), kWidth);
+
   auto stream = streamFor(640, 360);
   // The picture keeps the media's size; only the composed one is resized.
   EXPECT_EQ(stream->outputDataFormat().width, kWidth);
