@@ -25,10 +25,6 @@ constexpr double kPi = 3.141592653589793;
 // The hue control turns by this many radians per unit: 6.28, not 2π.
 constexpr double kHueRange = 6.28;
 
-struct FrameFree {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-
 }  // namespace
 
 std::shared_ptr<VNFFEffectVideoStream> VNFFEffectVideoStream::create() {
@@ -138,7 +134,7 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider&
   // The previous picture goes even when no new one came in.
   free_frame_image_buffer();
   if (buffersink_) {
-    std::shared_ptr<AVFrame> out(av_frame_alloc(), FrameFree{});
+    std::shared_ptr<AVFrame> out(av_frame_alloc(), vn::ff::FrameDeleter{});
     if (out && av_buffersink_get_frame(buffersink_, out.get()) >= 0)
       buffer_ = std::move(out);
   }
@@ -166,7 +162,7 @@ std::optional<vn::BitmapImage> VNFFEffectVideoStream::imageForFrame(
   return image;
 }
 
-std::optional<vn::BitmapImage> VNFFEffectVideoStream::heldImage() const {
+std::optional<vn::BitmapImage> VNFFEffectVideoStream::currentImage() const {
   if (!buffer_)
     return std::nullopt;
   if (DataBuffer data = dataBuffer()) {
@@ -183,10 +179,6 @@ std::optional<vn::BitmapImage> VNFFEffectVideoStream::heldImage() const {
     return image;
   }
   return imageForFrame(buffer_.get(), buffer_);
-}
-
-std::optional<vn::BitmapImage> VNFFEffectVideoStream::currentImage() const {
-  return heldImage();
 }
 
 std::optional<vn::FilterImage> VNFFEffectVideoStream::currentCIImage() const {

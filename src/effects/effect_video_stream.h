@@ -179,9 +179,6 @@ class VNFFEffectVideoStream {
   void setMediaSubtitleImage(std::optional<vn::FilterImage> image);
 
  private:
-  // The picture held, with its pixels' owner: the provider's copy when there
-  // is one, else the graph's frame.
-  std::optional<vn::BitmapImage> heldImage() const;
   // Builds the graph for pictures of the given format; none on failure.
   void buildGraph(const VNFFVideoFormat& in);
   void releaseGraph();

@@ -165,7 +165,7 @@ int run(const ThumbnailOptions& o) {
     if (times.size() > 1 && !numbered)
       return usage("bad -o", o.output, "several times need %d in the name, e.g. thumb-%d.png");
     std::vector<std::string> written;
-    for (size_t i = 0; i < times.size() && !interrupted(); ++i) {
+    for (size_t i = 0; i < times.size(); ++i) {
       const std::optional<FilterImage> thumb = thumbnailAt(movie, times[i], box, o.input);
       std::string name = o.output;
       if (numbered)
@@ -184,15 +184,13 @@ int run(const ThumbnailOptions& o) {
 
   const int count = o.count > 0 ? o.count : 9;
   std::vector<std::pair<FilterImage, double>> thumbs;
-  for (int i = 0; i < count && !interrupted(); ++i) {
+  for (int i = 0; i < count; ++i) {
     const double seconds = extent.end() * (i + 0.5) / count;
     const std::optional<FilterImage> thumb = thumbnailAt(movie, seconds, box, o.input);
     if (!thumb)
       return kExitFailed;
     thumbs.emplace_back(*thumb, seconds);
   }
-  if (interrupted())
-    return fail("interrupted", o.output, "nothing was written");
   return writePicture(sheetOf(thumbs, boxWidth, boxHeight), o.output);
 }
 

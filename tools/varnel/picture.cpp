@@ -23,6 +23,12 @@ const std::map<std::string, int32_t> kZoomNames = {
     {"panscan", VNFFEffectVideoStream::kZoomPanscan},
 };
 
+// The neutral colour settings: the picture passes unchanged.
+constexpr double kNeutralSaturation = 0.5;
+constexpr double kNeutralBrightness = 0.5;
+constexpr double kNeutralContrast = 0.25;
+constexpr double kNeutralHue = 0.5;
+
 bool parseZoom(const std::string& text, int32_t* zoom) {
   if (auto it = kZoomNames.find(text); it != kZoomNames.end()) {
     *zoom = it->second;
@@ -76,9 +82,11 @@ void PictureOptions::addTo(CLI::App* command) {
 
 bool PictureOptions::changesPicture(Input& input) const {
   const double turn = rotate.value_or(displayRotation(input));
-  return !crop.empty() || turn != 0 || hflip || vflip || saturation.value_or(0.5) != 0.5 ||
-         brightness.value_or(0.5) != 0.5 || contrast.value_or(0.25) != 0.25 ||
-         hue.value_or(0.5) != 0.5 || !effect.empty() || !watermark.empty() ||
+  return !crop.empty() || turn != 0 || hflip || vflip ||
+         saturation.value_or(kNeutralSaturation) != kNeutralSaturation ||
+         brightness.value_or(kNeutralBrightness) != kNeutralBrightness ||
+         contrast.value_or(kNeutralContrast) != kNeutralContrast ||
+         hue.value_or(kNeutralHue) != kNeutralHue || !effect.empty() || !watermark.empty() ||
          (!zoom.empty() && zoom != "fit" && zoom != "5" && zoom != "2");
 }
 
@@ -110,10 +118,10 @@ int PictureOptions::apply(Input& input) const {
   movie.setRotate(static_cast<float>(turn));
   movie.setHflip(hflip);
   movie.setVflip(vflip);
-  movie.setSaturation(static_cast<float>(saturation.value_or(0.5)));
-  movie.setBrightness(static_cast<float>(brightness.value_or(0.5)));
-  movie.setContrast(static_cast<float>(contrast.value_or(0.25)));
-  movie.setHue(static_cast<float>(hue.value_or(0.5)));
+  movie.setSaturation(static_cast<float>(saturation.value_or(kNeutralSaturation)));
+  movie.setBrightness(static_cast<float>(brightness.value_or(kNeutralBrightness)));
+  movie.setContrast(static_cast<float>(contrast.value_or(kNeutralContrast)));
+  movie.setHue(static_cast<float>(hue.value_or(kNeutralHue)));
   if (!effect.empty()) {
     if (!EffectManager::filterWithName(effect))
       return usage("unknown effect", effect, "'varnel effects' lists the presets");
