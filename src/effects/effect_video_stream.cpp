@@ -344,11 +344,65 @@ vn::FilterImage VNFFEffectVideoStream::imagewithColor(const vn::FilterImage::Col
 
 // ---- subtitles ---------------------------------------------------------------------
 
+vn::StyledText VNFFEffectVideoStream::subtitleAttributedText() const {
+  vn::StyledText text;
+  text.alignment = vn::StyledText::Alignment::kCentre;
+  text.color = subtitleColor();
+  text.font = subtitleFont();
+  text.outlineWidth = subtitleOutlineWidth();
+  text.shadowOffset = subtitleShadowOffset();
+  text.text = vn::trimmedText(subtitleCurrentString().value_or(""));
+  return text;
+}
+
+std::optional<vn::FilterImage> VNFFEffectVideoStream::subtitleImageWithAttributedString(
+    const vn::StyledText& text) {
+  const VNFFVideoFormat format = outputFormat();
+  const double width = format.width, height = format.height;
+  vn::Rect bounds = vn::boundingRect(text, vn::Size{width, height});
+  // Never above the top of the frame.
+  const float room = 1.0f - subtitlePosition();
+  bounds.height = std::min(static_cast<float>(bounds.height), static_cast<float>(height * room));
+  if (!(bounds.width > 0 && bounds.height > 0))
+    return std::nullopt;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    ++subtitleRenders_;
+  }
+  // Laid out again no taller than the part shown, so that the last line
+  // shown ends with the ellipsis when lines are left out.
+  return vn::drawStyledText(text, vn::Size{width, bounds.y + bounds.height}, bounds);
+}
+
 std::optional<vn::FilterImage> VNFFEffectVideoStream::currentSubtitleImage() {
-  // Text subtitles are not drawn yet: the text of subtitleCurrentString is
-  // to be laid out here, in the subtitle font, colour and position, and
-  // cached by its text in subtitleImage / subtitleImageString.
-  return std::nullopt;
+  const std::optional<std::string> current = subtitleCurrentString();
+  if (!current || current->empty())
+    return std::nullopt;
+  int64_t generation;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (subtitleImageString_ == current)
+      return subtitleImage_;
+    generation = subtitleUpdates_;
+  }
+  // Drawn outside the lock: the settings stay free to change meanwhile.
+  std::optional<vn::FilterImage> placed;
+  if (const std::optional<vn::FilterImage> drawn =
+          subtitleImageWithAttributedString(subtitleAttributedText())) {
+    const VNFFVideoFormat format = outputFormat();
+    const vn::Rect e = drawn->extent();
+    placed =
+        translateImage(*drawn, vn::Size{format.width * 0.5 - (e.x + e.width * 0.5),
+                                        subtitlePosition() * static_cast<double>(format.height)});
+  }
+  std::lock_guard<std::mutex> guard(lock_);
+  // A cache emptied while the text was drawn stays empty: the drawing may
+  // have used the settings from before.
+  if (subtitleUpdates_ == generation) {
+    subtitleImageString_ = current;
+    subtitleImage_ = placed;
+  }
+  return placed;
 }
 
 void VNFFEffectVideoStream::updateSubtitle() {
@@ -361,6 +415,11 @@ void VNFFEffectVideoStream::updateSubtitle() {
 int64_t VNFFEffectVideoStream::subtitleUpdateCount() const {
   std::lock_guard<std::mutex> guard(lock_);
   return subtitleUpdates_;
+}
+
+int64_t VNFFEffectVideoStream::subtitleRenderCount() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return subtitleRenders_;
 }
 
 // ---- fields --------------------------------------------------------------------------
@@ -390,6 +449,8 @@ VN_LOCKED_FIELD(std::optional<std::string>, effectName, setEffectName, effectNam
 VN_LOCKED_FIELD(std::optional<vn::FilterImage>, watermark, setWatermark, watermark_)
 VN_LOCKED_FIELD(int32_t, zoomType, setZoomType, zoomType_)
 VN_LOCKED_FIELD(float, subtitlePosition, setSubtitlePosition, subtitlePosition_)
+VN_LOCKED_FIELD(float, subtitleOutlineWidth, setSubtitleOutlineWidth, subtitleOutlineWidth_)
+VN_LOCKED_FIELD(float, subtitleShadowOffset, setSubtitleShadowOffset, subtitleShadowOffset_)
 VN_LOCKED_FIELD(std::optional<std::string>,
                 subtitleCurrentString,
                 setSubtitleCurrentString,

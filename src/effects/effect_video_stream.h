@@ -40,6 +40,7 @@
 #include "platform/filter_image.h"
 #include "platform/image_filter.h"
 #include "platform/rect.h"
+#include "platform/text_image.h"
 
 struct AVFilterContext;
 struct AVFrame;
@@ -128,13 +129,24 @@ class VNFFEffectVideoStream {
   static vn::FilterImage imagewithColor(const vn::FilterImage::Color& color);
 
   // ---- subtitles ------------------------------------------------------------
-  // The text subtitle drawn for the output frame, cached by its text; none
-  // while subtitles are not drawn.
+  // The current text, trimmed of white space and line breaks at both ends,
+  // centred, in the subtitle font and colour (with the outline and shadow).
+  vn::StyledText subtitleAttributedText() const;
+  // The text laid out in the output frame's width (wrapped, the last line
+  // that fits cut with an ellipsis), at most as tall as the frame above the
+  // subtitle position, drawn on transparent black and cut to its lines'
+  // box; none when that box is empty or cannot be drawn. Origin (0, 0).
+  std::optional<vn::FilterImage> subtitleImageWithAttributedString(const vn::StyledText& text);
+  // The text subtitle placed in the output frame: centred across it, its
+  // bottom at the subtitle position. Cached by its text: drawn once per
+  // distinct text (and after updateSubtitle); an empty text keeps the cache.
   std::optional<vn::FilterImage> currentSubtitleImage();
   // Empties the subtitle cache, so the next frame draws the text anew.
   void updateSubtitle();
-  // How many times the subtitle cache was emptied (for tests).
+  // How many times the subtitle cache was emptied, and how many times a
+  // text was drawn (for tests).
   int64_t subtitleUpdateCount() const;
+  int64_t subtitleRenderCount() const;
 
   // ---- fields -----------------------------------------------------------------
   std::shared_ptr<VNFFMedia> media() const;
@@ -172,6 +184,13 @@ class VNFFEffectVideoStream {
   void setSubtitleColor(std::optional<vn::FilterImage::Color> color);
   float subtitlePosition() const;
   void setSubtitlePosition(float fraction);
+  // Readability, in output pixels, 0 (none) by default: a dark outline of
+  // this width around the glyphs, and a dark shadow this far below and to
+  // the right of them.
+  float subtitleOutlineWidth() const;
+  void setSubtitleOutlineWidth(float pixels);
+  float subtitleShadowOffset() const;
+  void setSubtitleShadowOffset(float pixels);
   std::optional<std::string> subtitleCurrentString() const;
   void setSubtitleCurrentString(std::optional<std::string> text);
   // The media's bitmap subtitle at the current time, in frame coordinates.
@@ -211,9 +230,12 @@ class VNFFEffectVideoStream {
   std::optional<std::string> subtitleFont_;
   std::optional<vn::FilterImage::Color> subtitleColor_;
   float subtitlePosition_ = 0;
+  float subtitleOutlineWidth_ = 0;
+  float subtitleShadowOffset_ = 0;
   std::optional<vn::FilterImage> subtitleImage_;
   std::optional<std::string> subtitleImageString_;
   std::optional<std::string> subtitleCurrentString_;
   std::optional<vn::FilterImage> mediaSubtitleImage_;
   int64_t subtitleUpdates_ = 0;
+  int64_t subtitleRenders_ = 0;
 };

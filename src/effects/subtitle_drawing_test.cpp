@@ -1,0 +1,264 @@
+// The text subtitle of the effect stream: layout, placement, cache, and its
+// place in the composed frame.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
+}
+
+#include "effects/effect_video_stream.h"
+#include "ffmpeg/owners.h"
+#include "media/media_test_support.h"
+#include "platform/text_image.h"
+
+namespace {
+
+using vn::FilterImage;
+using vn::Rect;
+using vn::test::Raster;
+
+constexpr int kWidth = 320;
+constexpr int kHeight = 240;
+
+// A stream with an output of w x h and no picture: the subtitle needs only
+// the output size.
+std::shared_ptr<VNFFEffectVideoStream> stream(int w = kWidth, int h = kHeight) {
+  auto s = VNFFEffectVideoStream::create();
+  s->setOutputFormat({AV_PIX_FMT_RGBA, w, h});
+  s->setSubtitleFont("Sans 20");
+  return s;
+}
+
+// The image over its extent's whole pixels (a subtitle centred across the
+// frame may start half way into one).
+Raster rendered(const FilterImage& image) {
+  const Rect e = image.extent();
+  const double left = std::floor(e.x), bottom = std::floor(e.y);
+  const Rect whole{left, bottom, std::ceil(e.x + e.width) - left,
+                   std::ceil(e.y + e.height) - bottom};
+  Raster r{int(whole.width), int(whole.height), {}};
+  r.rgba = image.render(whole);
+  return r;
+}
+
+// The box of the pixels that pass `ink`, in the raster (top row 0).
+struct Box {
+  int left = -1, top = -1, right = -1, bottom = -1;  // inclusive; -1: none
+  bool empty() const { return left < 0; }
+};
+
+template <typename Ink>
+Box boxOf(const Raster& r, Ink ink) {
+  Box b;
+  for (int y = 0; y < r.height; ++y) {
+    for (int x = 0; x < r.width; ++x) {
+      if (!ink(r.at(x, y)))
+        continue;
+      if (b.empty()) {
+        b = {x, y, x, y};
+        continue;
+      }
+      b.left = std::min(b.left, x);
+      b.right = std::max(b.right, x);
+      b.top = std::min(b.top, y);
+      b.bottom = std::max(b.bottom, y);
+    }
+  }
+  return b;
+}
+
+bool opaque(const uint8_t* p) {
+  return p[3] > 128;
+}
+
+// The placed subtitle image for text, or none.
+std::optional<FilterImage> subtitleFor(VNFFEffectVideoStream& s, const std::string& text) {
+  s.setSubtitleCurrentString(text);
+  return s.currentSubtitleImage();
+}
+
+const std::string kLong =
+    "A line far too long for the width of a small frame, so that it has to wrap";
+
+}  // namespace
+
+TEST(SubtitleDrawingTest, TextIsPlacedByPositionAndWrappedAtTheOutputWidth) {
+  struct Case {
+    const char* name;
+    std::string text;
+    float position;
+    bool shown;
+    int lines;  // text lines expected (by height), when shown
+  };
+  const Case cases[] = {
+      {"one word at the bottom", "Hello", 0, true, 1},
+      {"trimmed ends", " \n\tHello \r\n", 0, true, 1},
+      {"inner line break", "Hello\nWorld", 0, true, 2},
+      {"raised to mid-height", "Hello", 0.5f, true, 1},
+      {"long line wraps", kLong, 0, true, 3},
+      {"white space only", " \t\n \xc2\xa0 ", 0, false, 0},
+      {"position 1 leaves no room", "Hello", 1, false, 0},
+  };
+  const int lineHeight =
+      static_cast<int>(vn::textImage("Hg", "Sans 20", {1, 1, 1, 1}).extent().height);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto s = stream();
+    s->setSubtitlePosition(c.position);
+    const std::optional<FilterImage> image = subtitleFor(*s, c.text);
+    ASSERT_EQ(image.has_value(), c.shown);
+    if (!c.shown)
+      continue;
+    const Rect e = image->extent();
+    // Bottom edge at the position's height; never wider than the frame.
+    EXPECT_DOUBLE_EQ(e.y, c.position * kHeight);
+    EXPECT_LE(e.width, kWidth);
+    EXPECT_NEAR(e.height, c.lines * lineHeight, lineHeight / 2.0);
+    // Centred across the frame: equal margins of drawn pixels.
+    const Raster r = rendered(*image);
+    const Box ink = boxOf(r, opaque);
+    ASSERT_FALSE(ink.empty());
+    const double left = std::floor(e.x) + ink.left,
+                 right = kWidth - (std::floor(e.x) + ink.right + 1);
+    EXPECT_NEAR(left, right, 2.0) << "left " << left << " right " << right;
+    // Transparent around the glyphs, white where they are.
+    EXPECT_EQ(r.at(0, 0)[3], 0);
+    int white = 0;
+    for (size_t i = 0; i < r.rgba.size(); i += 4)
+      white +=
+          r.rgba[i + 3] == 255 && r.rgba[i] > 200 && r.rgba[i + 1] > 200 && r.rgba[i + 2] > 200;
+    EXPECT_GT(white, 10);
+  }
+}
+
+TEST(SubtitleDrawingTest, HeightIsClampedToTheRoomAboveThePosition) {
+  std::string many;
+  for (int i = 0; i < 30; ++i)
+    many += "line " + std::to_string(i) + "\n";
+  struct Case {
+    float position;
+    double room;  // the most the image may be tall
+  };
+  for (const Case c : {Case{0, kHeight}, Case{0.5f, kHeight / 2.0}, Case{0.75f, kHeight / 4.0}}) {
+    auto s = stream();
+    s->setSubtitlePosition(c.position);
+    const std::optional<FilterImage> image = subtitleFor(*s, many);
+    ASSERT_TRUE(image);
+    const Rect e = image->extent();
+    EXPECT_LE(e.height, c.room);
+    EXPECT_GT(e.height, c.room - 40);
+    // Its top stays inside the frame.
+    EXPECT_LE(e.y + e.height, kHeight);
+  }
+}
+
+TEST(SubtitleDrawingTest, ATextIsDrawnOncePerDistinctTextAndSetting) {
+  auto s = stream();
+  const std::optional<FilterImage> first = subtitleFor(*s, "Hello");
+  ASSERT_TRUE(first);
+  EXPECT_EQ(s->subtitleRenderCount(), 1);
+  // The same text: the cached image.
+  subtitleFor(*s, "Hello");
+  EXPECT_EQ(s->subtitleRenderCount(), 1);
+  // No text shows nothing and keeps the cache; the text coming back after
+  // the gap is not drawn again.
+  EXPECT_FALSE(subtitleFor(*s, ""));
+  s->setSubtitleCurrentString(std::nullopt);
+  EXPECT_FALSE(s->currentSubtitleImage());
+  subtitleFor(*s, "Hello");
+  EXPECT_EQ(s->subtitleRenderCount(), 1);
+  // A new font alone keeps the old picture until the text changes...
+  s->setSubtitleFont("Sans 40");
+  const std::optional<FilterImage> stale = subtitleFor(*s, "Hello");
+  EXPECT_EQ(s->subtitleRenderCount(), 1);
+  EXPECT_EQ(stale->extent().height, first->extent().height);
+  // ...or the cache is emptied.
+  s->updateSubtitle();
+  const std::optional<FilterImage> fresh = subtitleFor(*s, "Hello");
+  EXPECT_EQ(s->subtitleRenderCount(), 2);
+  EXPECT_GT(fresh->extent().height, 1.6 * first->extent().height);
+  // A different text is drawn.
+  subtitleFor(*s, "World");
+  EXPECT_EQ(s->subtitleRenderCount(), 3);
+}
+
+TEST(SubtitleDrawingTest, OutlineAndShadowMakeWhiteTextReadableOnWhite) {
+  // Dark pixels in the drawn text: none for the bare look; around the
+  // glyphs with an outline; below and to the right with a shadow.
+  const auto dark = [](const uint8_t* p) {
+    return p[3] > 128 && p[0] < 60 && p[1] < 60 && p[2] < 60;
+  };
+  struct Case {
+    float outline, shadow;
+    bool darkPixels;
+  };
+  for (const Case c : {Case{0, 0, false}, Case{2, 0, true}, Case{0, 3, true}, Case{2, 3, true}}) {
+    auto s = stream();
+    s->setSubtitleOutlineWidth(c.outline);
+    s->setSubtitleShadowOffset(c.shadow);
+    const Raster r = rendered(*subtitleFor(*s, "Hello"));
+    const Box edge = boxOf(r, dark);
+    const Box glyphs = boxOf(r, [](const uint8_t* p) { return p[3] > 200 && p[0] > 128; });
+    EXPECT_EQ(!edge.empty(), c.darkPixels) << c.outline << " " << c.shadow;
+    if (edge.empty())
+      continue;
+    // The dark ring reaches past the glyphs by the outline width (plus the
+    // shadow's offset to the right and below).
+    EXPECT_NEAR(glyphs.left - edge.left, c.outline > 0 ? c.outline : -c.shadow, 1.5);
+    EXPECT_NEAR(edge.right - glyphs.right, c.outline + c.shadow, 1.5);
+    EXPECT_NEAR(edge.bottom - glyphs.bottom, c.outline + c.shadow, 1.5);
+  }
+}
+
+TEST(SubtitleDrawingTest, TheTextIsDrawnLastOverTheComposedPicture) {
+  auto s = VNFFEffectVideoStream::create();
+  s->setMedia(vn::test::openWhole("h264_aac.mp4"));
+  s->setOutputFormat({AV_PIX_FMT_RGBA, kWidth, kHeight});
+  s->setCropRect({0, 0, kWidth, kHeight});
+  s->updateConverter();
+  vn::ff::Frame frame(av_frame_alloc());
+  frame->format = AV_PIX_FMT_YUV420P;
+  frame->width = kWidth;
+  frame->height = kHeight;
+  ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
+  for (int p = 0; p < 3; ++p) {
+    const int h = p ? kHeight / 2 : kHeight, w = p ? kWidth / 2 : kWidth;
+    for (int y = 0; y < h; ++y)
+      std::memset(frame->data[p] + y * frame->linesize[p], p ? 128 : 16, w);  // black
+  }
+  s->writeFrame(frame.get());
+  s->setSubtitleFont("Sans 30");
+  s->setSubtitleCurrentString("Hello");
+  // The settings that change the picture leave the text as it is: not
+  // flipped, not darkened.
+  s->setHflip(true);
+  s->setBrightness(0.2f);
+  const Raster r = rendered(*s->currentEffectImage());
+  ASSERT_EQ(r.width, kWidth);
+  ASSERT_EQ(r.height, kHeight);
+  // Where the text is solid, the frame shows exactly the text's pixels.
+  const std::optional<FilterImage> text = s->currentSubtitleImage();
+  ASSERT_TRUE(text);
+  Raster alone{kWidth, kHeight, text->render(Rect{0, 0, kWidth, kHeight})};
+  int solid = 0;
+  for (int y = 0; y < kHeight; ++y) {
+    for (int x = 0; x < kWidth; ++x) {
+      const uint8_t* t = alone.at(x, y);
+      if (t[3] != 255)
+        continue;
+      ++solid;
+      ASSERT_EQ(0, std::memcmp(t, r.at(x, y), 3)) << x << "," << y;
+    }
+  }
+  EXPECT_GT(solid, 100);
+  // At the bottom of the frame, centred.
+  const Box ink = boxOf(alone, opaque);
+  EXPECT_GT(ink.top, kHeight / 2);
+  EXPECT_NEAR(ink.left, kWidth - 1 - ink.right, 2);
+}
