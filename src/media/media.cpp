@@ -28,6 +28,7 @@ std::shared_ptr<VNFFMedia> VNFFMedia::copy() const {
   copy->selectStreams_ = selectStreams_;
   copy->selectAudios_ = selectAudios_;
   copy->selectSubtitles_ = selectSubtitles_;
+  copy->subtitleCharset_ = subtitleCharset_;
   return copy;
 }
 

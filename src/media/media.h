@@ -51,7 +51,8 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   virtual ~VNFFMedia();
 
   // A new unopened media with the same movie_position, a copy of the source
-  // (unopened, its own demuxer) and the same three selections.
+  // (unopened, its own demuxer), the same three selections and the same
+  // subtitle charset.
   virtual std::shared_ptr<VNFFMedia> copy() const;
 
   // ---- opening and selection ----------------------------------------------
@@ -114,7 +115,8 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // forced, the playback clock if that is earlier. Audio: true as soon as a
   // queued frame is taken into its frame(); in a media with video an audio
   // or subtitle stream is never read for (false when nothing is queued).
-  // Video: true once a picture was decoded. False at the end of the file.
+  // Video, and a subtitle in a media without video: true once a picture (a
+  // subtitle) was decoded. False at the end of the file.
   bool forwardStream(const std::shared_ptr<VNFFMediaStream>& stream);
   bool forwardStream(const std::shared_ptr<VNFFMediaStream>& stream, bool force);
   // Moves every open stream and the demuxer to t, then reads up to t (at
@@ -169,6 +171,13 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   void setSelectStreams(std::optional<VNIndexSet> indices) { selectStreams_ = std::move(indices); }
   const std::optional<VNIndexSet>& selectAudios() const { return selectAudios_; }
   void setSelectAudios(std::optional<VNIndexSet> keys) { selectAudios_ = std::move(keys); }
+  // The charset of text subtitles (an iconv name), converted to UTF-8 by
+  // the subtitle decoders opened after it is set; none: taken as UTF-8. A
+  // name iconv does not know leaves the text subtitle decoders unopened.
+  const std::optional<std::string>& subtitleCharset() const { return subtitleCharset_; }
+  void setSubtitleCharset(std::optional<std::string> charset) {
+    subtitleCharset_ = std::move(charset);
+  }
 
  protected:
   // For create() and for medias that refine reading (tests count seeks).
@@ -210,6 +219,7 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   std::optional<VNIndexSet> selectSubtitles_;  // subtitle keys; null: no restriction
   std::optional<VNIndexSet> selectStreams_;    // container indices to open; null: all
   std::optional<VNIndexSet> selectAudios_;     // audio keys; null: no restriction
+  std::optional<std::string> subtitleCharset_;  // given to the subtitle decoders
   vn::ff::Packet packet_;   // reused by forwardNextPacket; made on first use
   // Packets a seek read ahead of the reading position, routed first by the
   // reads after it, in order. Emptied by every seek.

@@ -132,7 +132,10 @@ bool VNFFMedia::forwardStream(const std::shared_ptr<VNFFMediaStream>& stream, bo
     if (last_pts_ >= limit) return result;
     stream->setHasFrame(false);
     result = forwardNextPacket();
-    if (stream->isVideo() && stream->hasFrame()) return result;
+    // A subtitle stops the reading too: the next one would replace it
+    // before it was ever asked for.
+    if ((stream->isVideo() || stream->isSubtitle()) && stream->hasFrame())
+      return result;
     if (!result) return false;
   }
   return result;

@@ -165,8 +165,17 @@ void VNFFMediaStream::open() {
       codec_->thread_count = 2;
       codec_->thread_type = FF_THREAD_FRAME;
     }
+    // A text subtitle in another charset than UTF-8: the decoder converts
+    // each packet with iconv first (bitmap decoders ignore the option), and
+    // fails to open when iconv does not know the name.
+    AVDictionary* options = nullptr;
+    const std::shared_ptr<VNFFMedia> owner = isSubtitle() ? media_.lock() : nullptr;
+    if (owner && owner->subtitleCharset())
+      av_dict_set(&options, "sub_charenc", owner->subtitleCharset()->c_str(), 0);
     std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
-    if (avcodec_open2(codec_.get(), decoder, nullptr) < 0) {
+    const int opened = avcodec_open2(codec_.get(), decoder, &options);
+    av_dict_free(&options);
+    if (opened < 0) {
       // A failed open leaves the context half torn down; start afresh so a
       // later open, and the format queries, see the stream's parameters.
       if (vn::ff::CodecContext fresh = makeCodecContext()) codec_ = std::move(fresh);
@@ -251,6 +260,7 @@ void VNFFMediaStream::takeFrame(AVFrame* frame, int64_t& sampleOffset, int64_t& 
   } else if (isSubtitle()) {
     av_frame_unref(currentFrame_.get());
     av_frame_move_ref(currentFrame_.get(), frame);
+    hasFrame_ = true;
   } else if (isAudio()) {
     // FFmpeg times only the first frame of a packet; the ones after it
     // carry no time and are placed by their sample offset from the packet's.

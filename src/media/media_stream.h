@@ -6,7 +6,8 @@
 //   audio     decoded frames queued in abuffer(), taken one at a time into
 //             frame() by forward();
 //   subtitle  the timing of the last subtitle in frame() (pts, pkt_duration),
-//             its text in subtitleString(), its bitmap in subtitle().
+//             its text in subtitleString(), its bitmap in subtitle(), hasFrame
+//             set.
 //
 //   created ──open──► open ──decodePacket/forward/seek──► ... ──close──► closed
 //                      ▲                                               │
@@ -188,7 +189,7 @@ class VNFFMediaStream {
   vn::ff::Frame decoded_;
   std::optional<std::string> subtitleString_;  // text of the last text subtitle
   std::optional<vn::FilterImage> subtitle_;    // last bitmap subtitle, placed
-  bool hasFrame_ = false;         // a picture was decoded since last cleared
+  bool hasFrame_ = false;  // a picture or subtitle was decoded since last cleared
   // The owning media. Weak: the media owns its streams, but a stream handed
   // out may outlive it, and then it must not reach a dead media.
   std::weak_ptr<VNFFMedia> media_;

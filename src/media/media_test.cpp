@@ -218,10 +218,12 @@ TEST(MediaTest, CopiesShareSelectionsButNotTheDemuxer) {
   std::shared_ptr<VNFFMedia> media = openWhole("multitrack.mkv");
   media->setMovie_position(1500000);
   media->setSelectAudios(VNIndexSet{2});
+  media->setSubtitleCharset("WINDOWS-1252");
   media->setLast_pts(77);
   std::shared_ptr<VNFFMedia> copy = media->copy();
   EXPECT_EQ(copy->movie_position(), 1500000);
   EXPECT_EQ(copy->selectAudios(), media->selectAudios());
+  EXPECT_EQ(copy->subtitleCharset(), "WINDOWS-1252");
   EXPECT_EQ(copy->selectStreams(), std::nullopt);
   EXPECT_TRUE(copy->streams().empty());
   EXPECT_FALSE(copy->isOpen());

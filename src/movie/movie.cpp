@@ -5,7 +5,9 @@
 #include <iterator>
 
 extern "C" {
+#include <libavformat/avformat.h>
 #include <libavutil/frame.h>
+#include <libavutil/mathematics.h>
 #include <libavutil/pixfmt.h>
 #include <libavutil/samplefmt.h>
 }
@@ -14,9 +16,11 @@ extern "C" {
 #include "core/varnel.h"
 #include "effects/effect_video_stream.h"
 #include "media/media_source.h"
+#include "media/media_stream.h"
 #include "media/subtitle_source.h"
 #include "movie/effect_audio_stream.h"
 #include "movie/output_audio_graph.h"
+#include "platform/text_charset.h"
 
 namespace {
 // Frames mixed per top-up item; the output holds under two of these.
@@ -62,12 +66,36 @@ void VNFFMovie::openMedias(Medias medias) {
 }
 
 bool VNFFMovie::openSubtitle(const std::string& path) {
+  return openSubtitle(path, std::nullopt, std::nullopt);
+}
+
+bool VNFFMovie::openSubtitle(const std::string& path,
+                             std::optional<uint32_t> track,
+                             std::optional<std::string> charset) {
   {
     std::lock_guard<std::mutex> guard(lock_);
     subtitle_.reset();
   }
   auto media = VNFFMedia::create();
   media->setSource(VNSubtitleSource::mediaWithPath(path));
+  // Detected unless given; a media container, binary, gets none.
+  media->setSubtitleCharset(charset ? std::move(charset) : vn::fileCharset(path));
+  if (track) {
+    // Only the track's own decoder is opened: the subtitle is read ahead
+    // only in a media without pictures, and nothing else is decoded.
+    media->source()->open();
+    const AVFormatContext* context = media->formatContext();
+    if (!context)
+      return false;
+    std::optional<uint32_t> index;
+    for (uint32_t i = 0, ordinal = 0; i < context->nb_streams && !index; ++i) {
+      if (context->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE && ordinal++ == *track)
+        index = i;
+    }
+    if (!index)
+      return false;
+    media->setSelectStreams(VNIndexSet{*index});
+  }
   media->open();
   if (!media->hasSubtitle())
     return false;
@@ -367,6 +395,7 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
       ->addOperation([self, media, t, size, &result] {
         VNFFEffectVideoStream& stream = *self->videoEffectStream_;
         media->thumbnailAtTime(t - media->movie_position(), [&](AVFrame* frame) {
+          self->showSubtitlesAt(t, media, true);
           stream.writeFrame(frame);
           const std::optional<vn::FilterImage> effect = stream.currentEffectImage();
           const vn::Rect extent = effect ? effect->extent() : vn::Rect{};
@@ -412,6 +441,29 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
   return result;
 }
 
+void VNFFMovie::showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& media, bool rewind) {
+  VNFFEffectVideoStream& stream = *videoEffectStream_;
+  stream.setMediaSubtitleImage(media ? media->subtitleAtTime(t - media->movie_position())
+                                     : std::nullopt);
+  std::optional<std::string> text;
+  if (const std::shared_ptr<VNFFMedia> subtitle = this->subtitle()) {
+    const int64_t local = t - subtitle->movie_position();
+    // The subtitle media only reads forward: a time before its current
+    // subtitle is found by reading it again from its start.
+    if (const std::shared_ptr<VNFFMediaStream> lines = subtitle->subtitleStream();
+        rewind && lines) {
+      const AVFrame* shown = lines->frame();
+      if (shown->pts != AV_NOPTS_VALUE &&
+          av_rescale_q(shown->pts, lines->timebase(), AVRational{1, 1000000}) -
+                  subtitle->start_time() >=
+              local)
+        subtitle->seek(0);
+    }
+    text = subtitle->subtitleStringAtTime(local);
+  }
+  stream.setSubtitleCurrentString(std::move(text));
+}
+
 void VNFFMovie::decodeImageAtTime(int64_t t,
                                   std::shared_ptr<VNFFMovieImageProvider> provider,
                                   bool wait) {
@@ -419,18 +471,8 @@ void VNFFMovie::decodeImageAtTime(int64_t t,
   auto work = [self, t, provider] {
     VNFFEffectVideoStream& stream = *self->videoEffectStream_;
     const std::shared_ptr<VNFFMedia> media = self->videoMediaAtTime(t);
-    AVFrame* frame = nullptr;
-    std::optional<vn::FilterImage> subtitleImage;
-    if (media) {
-      const int64_t local = t - media->movie_position();
-      frame = media->videoFrameAtTime(local);
-      subtitleImage = media->subtitleAtTime(local);
-    }
-    stream.setMediaSubtitleImage(std::move(subtitleImage));
-    std::optional<std::string> text;
-    if (const std::shared_ptr<VNFFMedia> subtitle = self->subtitle())
-      text = subtitle->subtitleStringAtTime(t - subtitle->movie_position());
-    stream.setSubtitleCurrentString(std::move(text));
+    AVFrame* frame = media ? media->videoFrameAtTime(t - media->movie_position()) : nullptr;
+    self->showSubtitlesAt(t, media);
     const bool wantsData = provider && provider->movieFormatSize;
     stream.writeFrame(frame, [&](int32_t size) -> VNFFEffectVideoStream::DataBuffer {
       if (!wantsData)
@@ -510,6 +552,24 @@ float VNFFMovie::subtitlePosition() {
 
 void VNFFMovie::setSubtitlePosition(float fraction) {
   videoEffectStream_->setSubtitlePosition(fraction);
+  updateSubtitle();
+}
+
+float VNFFMovie::subtitleOutlineWidth() {
+  return videoEffectStream_->subtitleOutlineWidth();
+}
+
+void VNFFMovie::setSubtitleOutlineWidth(float pixels) {
+  videoEffectStream_->setSubtitleOutlineWidth(pixels);
+  updateSubtitle();
+}
+
+float VNFFMovie::subtitleShadowOffset() {
+  return videoEffectStream_->subtitleShadowOffset();
+}
+
+void VNFFMovie::setSubtitleShadowOffset(float pixels) {
+  videoEffectStream_->setSubtitleShadowOffset(pixels);
   updateSubtitle();
 }
 

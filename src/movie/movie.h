@@ -74,6 +74,14 @@ class VNFFMovie : public VNMovieLink,
   // Opens an external subtitle file; true when it holds a subtitle stream.
   // The subtitle media is not on the timeline.
   bool openSubtitle(const std::string& path);
+  // As openSubtitle(path), reading only subtitle stream `track` (counted
+  // among the file's subtitle streams; none: the file's last) with every
+  // other stream of the file closed, so that a media's own text track can
+  // be shown. `charset` names the encoding of a text subtitle file; none:
+  // UTF-8, or UTF-16 with a byte-order mark, else detected from its bytes.
+  bool openSubtitle(const std::string& path,
+                    std::optional<uint32_t> track,
+                    std::optional<std::string> charset);
   // Forgets the medias, the output and the subtitle media.
   void close();
 
@@ -205,6 +213,12 @@ class VNFFMovie : public VNMovieLink,
   void setSubtitleColor(std::optional<vn::FilterImage::Color> color);
   float subtitlePosition();
   void setSubtitlePosition(float fraction);
+  // A dark outline of this width and a shadow this far below and to the
+  // right of the text subtitle, in output pixels; 0 (none) by default.
+  float subtitleOutlineWidth();
+  void setSubtitleOutlineWidth(float pixels);
+  float subtitleShadowOffset();
+  void setSubtitleShadowOffset(float pixels);
   // The output frame's size; a new size is kept as whole pixels (w + 0.1
   // and h + 0.1 truncated).
   vn::Size outputVideoSize();
@@ -223,6 +237,11 @@ class VNFFMovie : public VNMovieLink,
 
  private:
   void openAudioOutput();
+  // Gives the video effect stream the subtitles shown at t: the bitmap
+  // subtitle of media (the picture's media, or null) and the text of the
+  // subtitle media. With rewind, a t before the subtitle media's current
+  // subtitle is found too (pictures taken out of order). On the decode queue.
+  void showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& media, bool rewind = false);
   // Runs work on the decode queue and waits for it; inline when already
   // there.
   void runOnDecodeQueue(const std::function<void()>& work);

@@ -24,6 +24,7 @@
 #include "cli.h"
 #include "input.h"
 #include "picture.h"
+#include "subtitles.h"
 #include "varnel.h"
 
 extern "C" {
@@ -53,6 +54,7 @@ struct ConvertOptions {
   double duration = 0;
   std::string progress;
   PictureOptions picture;
+  SubtitleOptions subtitles;
 };
 
 // Progress on stderr: one rewritten line on a terminal, JSON lines when
@@ -187,6 +189,8 @@ int run(const ConvertOptions& o) {
     if (const int status = o.picture.apply(input); status != kExitOk)
       return status;
   }
+  if (const int status = o.subtitles.apply(input); status != kExitOk)
+    return status;
   // Sizes and rates default to the input's, turned as a player shows it.
   if (video) {
     shownSize(input, movie.rotate(), false, true, &format.width, &format.height);
@@ -203,7 +207,8 @@ int run(const ConvertOptions& o) {
   if (video) {
     int width = 0, height = 0;
     shownSize(input, 0, false, true, &width, &height);
-    composed = o.picture.changesPicture(input) || format.width != width || format.height != height;
+    composed = o.picture.changesPicture(input) || o.subtitles.shows() || format.width != width ||
+               format.height != height;
   }
   if (!o.fps.empty() && !parseRate(o.fps, &format.framerate, &format.frameTime)) {
     return fail("bad --fps", o.fps, "expected N or N/D");
@@ -388,6 +393,7 @@ Registration convertCommand() {
     sub->add_option("--progress", o->progress, "Progress as 'json' lines on stderr")
         ->check(CLI::IsMember({"json", "line"}));
     o->picture.addTo(sub);
+    o->subtitles.addTo(sub);
     sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
   };
 }

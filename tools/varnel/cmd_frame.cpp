@@ -11,6 +11,7 @@
 #include "cli.h"
 #include "input.h"
 #include "picture.h"
+#include "subtitles.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -22,6 +23,7 @@ struct FrameOptions {
   std::string output;
   std::string size;
   PictureOptions picture;
+  SubtitleOptions subtitles;
 };
 
 int run(const FrameOptions& o) {
@@ -37,6 +39,8 @@ int run(const FrameOptions& o) {
   if (const int status = checkTime(o.time, extent, std::to_string(o.time)); status != kExitOk)
     return status;
   if (const int status = o.picture.apply(input); status != kExitOk)
+    return status;
+  if (const int status = o.subtitles.apply(input); status != kExitOk)
     return status;
   VNFFMovie& movie = *input.movie;
   if (o.size.empty())
@@ -72,6 +76,7 @@ Registration frameCommand() {
     sub->add_option("--size", o->size,
                     "Output size WxH (default: the input's, turned as it is shown)");
     o->picture.addTo(sub);
+    o->subtitles.addTo(sub);
     sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
   };
 }

@@ -21,6 +21,7 @@
 #include "input.h"
 #include "picture.h"
 #include "platform/text_image.h"
+#include "subtitles.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -45,6 +46,7 @@ struct ThumbnailOptions {
   int count = 0;
   bool sheet = false;
   PictureOptions picture;
+  SubtitleOptions subtitles;
 };
 
 // "12.5" seconds, or "10%" of the readable length; false when malformed.
@@ -142,6 +144,8 @@ int run(const ThumbnailOptions& o) {
     return status;
   if (const int status = o.picture.apply(input); status != kExitOk)
     return status;
+  if (const int status = o.subtitles.apply(input); status != kExitOk)
+    return status;
   VNFFMovie& movie = *input.movie;
   int width = 0, height = 0;
   shownSize(input, movie.rotate(), true, false, &width, &height);
@@ -210,6 +214,7 @@ Registration thumbnailCommand() {
     sub->add_option("--count", o->count, "With --sheet: how many thumbnails (default 9)");
     sub->add_flag("--sheet", o->sheet, "Lay thumbnails spread over the movie out in a grid");
     o->picture.addTo(sub);
+    o->subtitles.addTo(sub);
     sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
   };
 }

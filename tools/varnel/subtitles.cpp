@@ -1,0 +1,239 @@
+#include "subtitles.h"
+
+#include <iconv.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <optional>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include "picture.h"
+
+namespace varnel_cli {
+namespace {
+
+// Outlines and shadows wider than this are not readability any more.
+constexpr double kMaxDecoration = 100;
+
+const std::map<std::string, vn::FilterImage::Color> kColorNames = {
+    {"white", {1, 1, 1, 1}},
+    {"black", {0, 0, 0, 1}},
+    {"yellow", {1, 1, 0, 1}},
+};
+
+// A number and nothing after it.
+bool parseNumber(const std::string& text, double* value) {
+  char end = 0;
+  return std::sscanf(text.c_str(), "%lf%c", value, &end) == 1 && std::isfinite(*value);
+}
+
+bool parseColor(const std::string& text, vn::FilterImage::Color* color) {
+  if (auto it = kColorNames.find(text); it != kColorNames.end()) {
+    *color = it->second;
+    return true;
+  }
+  if ((text.size() != 7 && text.size() != 9) || text[0] != '#' ||
+      text.find_first_not_of("0123456789abcdefABCDEF", 1) != std::string::npos)
+    return false;
+  double parts[4] = {0, 0, 0, 1};
+  for (size_t i = 0; i < (text.size() - 1) / 2; ++i)
+    parts[i] = std::stoi(text.substr(1 + 2 * i, 2), nullptr, 16) / 255.0;
+  *color = {parts[0], parts[1], parts[2], parts[3]};
+  return true;
+}
+
+bool parseTrack(const std::string& text, uint32_t* track) {
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 9)
+    return false;
+  *track = static_cast<uint32_t>(std::stoul(text));
+  return true;
+}
+
+bool iconvKnows(const std::string& charset) {
+  const iconv_t converter = iconv_open("UTF-8", charset.c_str());
+  if (converter == reinterpret_cast<iconv_t>(-1))
+    return false;
+  iconv_close(converter);
+  return true;
+}
+
+// Why a subtitle file cannot be read before FFmpeg is asked; empty when it
+// can be tried.
+std::string unreadable(const std::string& path) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0)
+    return std::strerror(errno);
+  if (S_ISDIR(info.st_mode))
+    return "is a directory";
+  if (access(path.c_str(), R_OK) != 0)
+    return std::strerror(errno);
+  if (info.st_size == 0)
+    return "the file is empty";
+  return {};
+}
+
+// The container index of the input's subtitle stream `track`, counted among
+// its subtitle streams; none when it has fewer. *count: how many it has.
+std::optional<uint32_t> subtitleStreamIndex(const AVFormatContext* context,
+                                            uint32_t track,
+                                            uint32_t* count) {
+  std::optional<uint32_t> index;
+  *count = 0;
+  for (uint32_t i = 0; context && i < context->nb_streams; ++i) {
+    if (context->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_SUBTITLE)
+      continue;
+    if (*count == track)
+      index = i;
+    ++*count;
+  }
+  return index;
+}
+
+bool isBitmap(const AVStream* stream) {
+  const AVCodecDescriptor* descriptor = avcodec_descriptor_get(stream->codecpar->codec_id);
+  return descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB);
+}
+
+// Shows a bitmap track through the picture media: it opens the stream
+// beside its video and decodes it while reading pictures. The selection key
+// is the stream's place among the media's open subtitle streams.
+bool showBitmapTrack(Input& input, uint32_t index) {
+  VNFFMovie& movie = *input.movie;
+  std::optional<uint32_t> key;
+  for (const std::shared_ptr<VNFFMedia>& media : movie.videos()) {
+    std::optional<VNIndexSet> streams = media->selectStreams();
+    if (streams)
+      streams->insert(index);
+    media->setSelectStreams(std::move(streams));
+    media->updateSelectStreams();
+    uint32_t ordinal = 0;
+    for (const auto& stream : media->streams()) {
+      if (!stream->isOpen() || !stream->isSubtitle())
+        continue;
+      if (static_cast<uint32_t>(stream->stream()->index) == index)
+        key = ordinal;
+      ++ordinal;
+    }
+  }
+  if (!key)
+    return false;
+  movie.setSelectSubtitleStreams(VNIndexSet{*key});
+  return true;
+}
+
+}  // namespace
+
+void SubtitleOptions::addTo(CLI::App* command) {
+  command
+      ->add_option("--subtitles", file,
+                   "A subtitle file (SRT, ASS/SSA, WebVTT...) drawn over the picture")
+      ->type_name("FILE");
+  command
+      ->add_option("--subtitle-track", track,
+                   "Show the input's own subtitle track N (text or bitmap), counted from 0 "
+                   "among its subtitle streams in the order 'varnel info' lists them")
+      ->type_name("N");
+  command
+      ->add_option("--subtitle-charset", charset,
+                   "Charset of a text subtitle, e.g. WINDOWS-1252 (default: UTF-8, UTF-16 "
+                   "with a byte-order mark, else detected)")
+      ->type_name("NAME");
+  command
+      ->add_option("--subtitle-font", font,
+                   "Subtitle font, a Pango font description such as \"Sans 48\" (size in "
+                   "pixels)")
+      ->type_name("DESC");
+  command
+      ->add_option("--subtitle-color", color,
+                   "Subtitle colour: #rrggbb, #rrggbbaa, white, black or yellow")
+      ->type_name("COLOR");
+  command
+      ->add_option("--subtitle-position", position,
+                   "Height of the subtitle's bottom edge above the frame's, a fraction of "
+                   "the frame's height, 0 <= F < 1")
+      ->type_name("F");
+  command
+      ->add_option("--subtitle-outline", outline,
+                   "Width of the dark outline around the text, pixels (default 2; 0: none)")
+      ->type_name("PX");
+  command
+      ->add_option("--subtitle-shadow", shadow,
+                   "Offset of the dark shadow below and right of the text, pixels (default 0: "
+                   "none)")
+      ->type_name("PX");
+}
+
+int SubtitleOptions::apply(Input& input) const {
+  VNFFMovie& movie = *input.movie;
+  // Every value is checked before anything is opened.
+  if (file && track) {
+    return usage("bad --subtitle-track", *track,
+                 "--subtitles and --subtitle-track cannot be used together");
+  }
+  uint32_t trackNumber = 0;
+  if (track && !parseTrack(*track, &trackNumber))
+    return usage("bad --subtitle-track", *track, "expected a track number from 0");
+  if (charset && !iconvKnows(*charset))
+    return usage("bad --subtitle-charset", *charset, "not a charset iconv knows");
+  if (font && font->find_first_not_of(" \t") == std::string::npos)
+    return usage("bad --subtitle-font", *font, "expected a font description such as \"Sans 48\"");
+  vn::FilterImage::Color fill;
+  if (color && !parseColor(*color, &fill))
+    return usage("bad --subtitle-color", *color, "use #rrggbb, #rrggbbaa, white, black or yellow");
+  double height = 0;
+  if (position && !(parseNumber(*position, &height) && height >= 0 && height < 1))
+    return usage("bad --subtitle-position", *position, "expected a fraction 0 <= F < 1");
+  double outlineWidth = 0, shadowOffset = 0;
+  if (!(parseNumber(outline, &outlineWidth) && outlineWidth >= 0 && outlineWidth <= kMaxDecoration))
+    return usage("bad --subtitle-outline", outline, "expected 0 to 100 pixels");
+  if (!(parseNumber(shadow, &shadowOffset) && shadowOffset >= 0 && shadowOffset <= kMaxDecoration))
+    return usage("bad --subtitle-shadow", shadow, "expected 0 to 100 pixels");
+
+  // The input's own subtitles are shown only when asked for.
+  movie.setSelectSubtitleStreams(VNIndexSet{});
+  if (file) {
+    if (const std::string reason = unreadable(*file); !reason.empty())
+      return fail("cannot open subtitles", *file, reason);
+    if (!movie.openSubtitle(*file, std::nullopt, charset))
+      return fail("cannot read subtitles", *file, "no subtitle stream FFmpeg can decode");
+  } else if (track) {
+    const std::string path = input.source->path();
+    const AVFormatContext* context = input.source->formatContext();
+    uint32_t count = 0;
+    const std::optional<uint32_t> index = subtitleStreamIndex(context, trackNumber, &count);
+    if (!index) {
+      return usage("bad --subtitle-track", *track,
+                   count == 0
+                       ? "the input has no subtitle track"
+                       : "the input's subtitle tracks are 0 to " + std::to_string(count - 1));
+    }
+    // A bitmap is laid over the picture it belongs to; a text is drawn as
+    // a subtitle file's would be.
+    const bool shown = isBitmap(context->streams[*index])
+                           ? showBitmapTrack(input, *index)
+                           : movie.openSubtitle(path, trackNumber, charset);
+    if (!shown)
+      return fail("cannot read subtitles", path, "track " + *track + " cannot be decoded");
+  }
+
+  if (font)
+    movie.setSubtitleFont(*font);
+  if (color)
+    movie.setSubtitleColor(fill);
+  if (position)
+    movie.setSubtitlePosition(static_cast<float>(height));
+  movie.setSubtitleOutlineWidth(static_cast<float>(outlineWidth));
+  movie.setSubtitleShadowOffset(static_cast<float>(shadowOffset));
+  return kExitOk;
+}
+
+}  // namespace varnel_cli
