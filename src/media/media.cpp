@@ -134,6 +134,22 @@ bool VNFFMedia::hasVideo() const {
   return !(owner && owner->disableVideo());
 }
 
+std::optional<uint32_t> VNFFMedia::subtitleStreamIndex(const AVFormatContext* context,
+                                                       uint32_t track,
+                                                       uint32_t* count) {
+  std::optional<uint32_t> index;
+  uint32_t seen = 0;
+  for (uint32_t i = 0; context && i < context->nb_streams; ++i) {
+    if (context->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_SUBTITLE)
+      continue;
+    if (seen++ == track)
+      index = i;
+  }
+  if (count)
+    *count = seen;
+  return index;
+}
+
 bool VNFFMedia::hasSubtitle() const { return subtitleStream() != nullptr; }
 
 std::vector<std::string> VNFFMedia::trackNames(std::optional<std::vector<std::string>> given,

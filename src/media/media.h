@@ -87,6 +87,12 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // has them, else the language of every open audio (subtitle) stream.
   std::vector<std::string> audioNames() const;
   std::vector<std::string> subtitleNames() const;
+  // The container index of subtitle stream `track` (counted among the
+  // context's subtitle streams, as track keys are); none when it has fewer.
+  // *count, when given, receives how many subtitle streams it has.
+  static std::optional<uint32_t> subtitleStreamIndex(const AVFormatContext* context,
+                                                     uint32_t track,
+                                                     uint32_t* count = nullptr);
   // The demuxer's start time (0 when unknown) and duration (0 without a
   // demuxer, else as the demuxer gives it), microseconds.
   int64_t start_time() const;

@@ -84,14 +84,8 @@ bool VNFFMovie::openSubtitle(const std::string& path,
     // Only the track's own decoder is opened: the subtitle is read ahead
     // only in a media without pictures, and nothing else is decoded.
     media->source()->open();
-    const AVFormatContext* context = media->formatContext();
-    if (!context)
-      return false;
-    std::optional<uint32_t> index;
-    for (uint32_t i = 0, ordinal = 0; i < context->nb_streams && !index; ++i) {
-      if (context->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE && ordinal++ == *track)
-        index = i;
-    }
+    const std::optional<uint32_t> index =
+        VNFFMedia::subtitleStreamIndex(media->formatContext(), *track);
     if (!index)
       return false;
     media->setSelectStreams(VNIndexSet{*index});
