@@ -7,6 +7,8 @@
 #include "core/formats.h"
 #include "core/log.h"
 #include "core/varnel.h"
+#include "dvd/dvd.h"
+#include "dvd/dvd_source.h"
 #include "effects/array_filter.h"
 #include "effects/effect_manager.h"
 #include "effects/effect_video_stream.h"

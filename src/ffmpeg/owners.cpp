@@ -27,6 +27,12 @@ void SubtitleDeleter::operator()(AVSubtitle* p) const {
   delete p;
 }
 void AvFreeDeleter::operator()(void* p) const { av_free(p); }
+void IOContextDeleter::operator()(AVIOContext* p) const {
+  // The buffer is the context's current one, which FFmpeg may have replaced.
+  if (p)
+    av_freep(&p->buffer);
+  avio_context_free(&p);
+}
 
 Frame makeFrame() { return Frame(av_frame_alloc()); }
 Packet makePacket() { return Packet(av_packet_alloc()); }

@@ -9,6 +9,7 @@ struct AVCodecContext;
 struct AVFilterGraph;
 struct AVFormatContext;
 struct AVFrame;
+struct AVIOContext;
 struct AVPacket;
 struct SwrContext;
 struct SwsContext;
@@ -26,6 +27,9 @@ struct SwrDeleter { void operator()(SwrContext* p) const; };                // s
 struct SwsDeleter { void operator()(SwsContext* p) const; };                // sws_freeContext
 struct SubtitleDeleter { void operator()(AVSubtitle* p) const; };           // avsubtitle_free + delete
 struct AvFreeDeleter { void operator()(void* p) const; };                   // av_free
+struct IOContextDeleter {
+  void operator()(AVIOContext* p) const;
+};  // av_freep(buffer) + avio_context_free
 
 using InputFormatContext = std::unique_ptr<AVFormatContext, InputFormatDeleter>;
 using OutputFormatContext = std::unique_ptr<AVFormatContext, OutputFormatDeleter>;
@@ -36,6 +40,7 @@ using FilterGraph = std::unique_ptr<AVFilterGraph, FilterGraphDeleter>;
 using Swr = std::unique_ptr<SwrContext, SwrDeleter>;
 using Sws = std::unique_ptr<SwsContext, SwsDeleter>;
 using Subtitle = std::unique_ptr<AVSubtitle, SubtitleDeleter>;
+using IOContext = std::unique_ptr<AVIOContext, IOContextDeleter>;
 template <typename T>
 using AvBuffer = std::unique_ptr<T, AvFreeDeleter>;
 

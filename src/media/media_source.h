@@ -131,6 +131,9 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   VNMediaSource() = default;
   // Copies what every source has (the path) into a fresh copy.
   void copyFieldsTo(VNMediaSource& copy) const;
+  // Closes the demuxer at once: a subclass whose byte reader the demuxer
+  // reads through calls it before the reader goes.
+  void closeDemuxer() { format_context_.reset(); }
 
  private:
   std::string fullpath_;                       // the path given at creation

@@ -1,0 +1,194 @@
+// The disc model built by hand: VOB runs from cell tables, titles from
+// program chains, pieces, and how a disc's titles become sources.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <vector>
+
+extern "C" {
+#include <libavutil/error.h>
+}
+
+#include "dvd/dvd.h"
+#include "dvd/dvd_ifo.h"
+#include "dvd/dvd_source.h"
+
+namespace {
+
+struct Span {
+  int32_t start;
+  int32_t count;
+};
+
+std::optional<Span> runOf(const std::shared_ptr<VNDVDMedia>& media) {
+  if (!media)
+    return std::nullopt;
+  return Span{media->start_sector, media->sector_count};
+}
+
+bool operator==(const Span& a, const Span& b) {
+  return a.start == b.start && a.count == b.count;
+}
+
+TEST(DvdModelTest, SubMediaIsTheOverlapOfTwoRuns) {
+  const VNDVDMedia media(100, 100);  // sectors 100..199
+  const struct {
+    int32_t start, count;
+    std::optional<Span> expected;
+  } cases[] = {
+      {150, 100, Span{150, 50}}, {200, 10, std::nullopt},  {50, 60, Span{100, 10}},
+      {0, 100, std::nullopt},    {120, 10, Span{120, 10}}, {0, 1000, Span{100, 100}},
+      {199, 1, Span{199, 1}},    {100, 0, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.start) + "+" + std::to_string(c.count));
+    const std::optional<Span> got = runOf(media.subMediaAt(c.start, c.count));
+    ASSERT_EQ(got.has_value(), c.expected.has_value());
+    if (got) {
+      EXPECT_EQ(*got, *c.expected);
+    }
+  }
+}
+
+TEST(DvdModelTest, VobRunsComeFromTheCellAddressTable) {
+  // VOB 1 has two cells that are not adjacent, VOB 2 none, VOB 3 one; a
+  // cell of VOB 0 and one of VOB 4 belong to no VOB the table counts.
+  std::vector<cell_adr_t> cells = {
+      {1, 1, 0, 500, 599}, {1, 2, 0, 100, 199}, {3, 1, 0, 700, 749},
+      {0, 1, 0, 10, 20},   {4, 1, 0, 900, 999},
+  };
+  c_adt_t table{};
+  table.nr_of_vobs = 3;
+  table.last_byte = static_cast<uint32_t>(7 + 12 * cells.size());
+  table.cell_adr_table = cells.data();
+  VNDVDTitleSet set;
+  vn::dvd::addMedias(set, table);
+  ASSERT_EQ(set.medias.size(), 3u);
+  EXPECT_EQ(*runOf(set.medias[0]), (Span{100, 200}));  // from the lowest cell, the sum of both
+  EXPECT_EQ(*runOf(set.medias[1]), (Span{0x7FFFFFFF, 0}));
+  EXPECT_EQ(*runOf(set.medias[2]), (Span{700, 50}));
+  EXPECT_EQ(set.mediaForVob(2), set.medias[2]);
+  EXPECT_EQ(set.mediaForVob(3), nullptr);
+  // A VOB without cells never overlaps a title.
+  EXPECT_EQ(set.medias[1]->subMediaAt(0, 0x7FFFFFFF), nullptr);
+
+  // A table too short to hold one entry gives VOBs without cells.
+  table.last_byte = 7 + 11;
+  VNDVDTitleSet empty;
+  vn::dvd::addMedias(empty, table);
+  ASSERT_EQ(empty.medias.size(), 3u);
+  EXPECT_EQ(*runOf(empty.medias[0]), (Span{0x7FFFFFFF, 0}));
+}
+
+TEST(DvdModelTest, TitlesAreTheProgramChainsWithCells) {
+  cell_playback_t first[2]{}, only[1]{};
+  first[0].first_sector = 40;
+  first[0].last_sector = 99;
+  first[1].first_sector = 100;
+  first[1].last_sector = 239;
+  only[0].first_sector = 300;
+  only[0].last_sector = 300;
+  pgc_t withCells{}, withoutCells{}, last{};
+  withCells.nr_of_cells = 2;
+  withCells.cell_playback = first;
+  for (uint32_t i = 0; i < 16; ++i)
+    withCells.palette[i] = 0x00108080 + i;
+  withoutCells.nr_of_cells = 0;  // a chain of commands only
+  last.nr_of_cells = 1;
+  last.cell_playback = only;
+  std::vector<pgci_srp_t> entries(4);
+  entries[0].pgc = &withCells;
+  entries[1].pgc = &withoutCells;
+  entries[2].pgc = nullptr;
+  entries[3].pgc = &last;
+  pgcit_t table{};
+  table.nr_of_pgci_srp = 4;
+  table.pgci_srp = entries.data();
+
+  VNDVDTitleSet set;
+  vn::dvd::addTitles(set, table);
+  ASSERT_EQ(set.titles.size(), 2u);
+  EXPECT_EQ(set.titles[0]->description(), "title:0 start:40 count:200");
+  EXPECT_EQ(set.titles[0]->filesize(), 200 * 2048);
+  EXPECT_EQ(set.titles[0]->palette[0], 0x00108080u);
+  EXPECT_EQ(set.titles[0]->palette[15], 0x0010808Fu);
+  EXPECT_EQ(set.titles[1]->description(), "title:3 start:300 count:1");  // numbers keep the gaps
+}
+
+// A disc of one title set whose VOBs are `vobs` runs of 100 sectors, with
+// one title over the first `covered` of them.
+std::shared_ptr<VNDVD> modelDisc(int vobs, int covered, int titleSet = 1) {
+  std::shared_ptr<VNDVD> disc = VNDVD::create();
+  disc->volume = "MOVIE";
+  auto set = std::make_shared<VNDVDTitleSet>();
+  set->title_set = titleSet;
+  for (int i = 0; i < vobs; ++i)
+    set->medias.push_back(std::make_shared<VNDVDMedia>(100 * i, 100));
+  auto title = std::make_shared<VNDVDTitle>();
+  title->start_sector = 0;
+  title->sector_count = 100 * covered;
+  set->titles.push_back(title);
+  disc->title_sets.push_back(set);
+  return disc;
+}
+
+TEST(DvdModelTest, TitlesOfTenPiecesOrMoreAreOfferedPieceByPiece) {
+  const struct {
+    int vobs, covered;
+    size_t sources;
+  } cases[] = {{12, 9, 1}, {12, 10, 10}, {12, 12, 12}, {1, 1, 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.covered) + " pieces");
+    const auto sources = modelDisc(c.vobs, c.covered)->titleSources();
+    ASSERT_EQ(sources.size(), c.sources);
+    if (c.sources > 1) {
+      for (size_t i = 0; i < sources.size(); ++i) {
+        ASSERT_TRUE(sources[i]->media());
+        EXPECT_EQ(sources[i]->start_sector(), static_cast<int32_t>(100 * i));
+        EXPECT_EQ(sources[i]->filesize(), 100 * 2048);
+      }
+    } else {
+      EXPECT_FALSE(sources[0]->media());
+      EXPECT_EQ(sources[0]->filesize(), int64_t{100} * c.covered * 2048);
+    }
+  }
+}
+
+TEST(DvdModelTest, PiecesAreClippedToTheTitleAndShareItsName) {
+  std::shared_ptr<VNDVD> disc = modelDisc(4, 4, 2);
+  VNDVDTitleSet& set = *disc->title_sets[0];
+  set.titles[0]->start_sector = 150;  // from the middle of VOB 2
+  set.titles[0]->sector_count = 200;  // to the middle of VOB 4
+  auto source = VNDVDSource::create(disc, disc->title_sets[0], set.titles[0]);
+  EXPECT_EQ(source->name(), "MOVIE_2_1");
+  EXPECT_TRUE(source->isDVD());
+  const auto pieces = source->dvdMediaSources();
+  ASSERT_EQ(pieces.size(), 3u);
+  const Span expected[] = {{150, 50}, {200, 100}, {300, 50}};
+  for (size_t i = 0; i < pieces.size(); ++i) {
+    EXPECT_EQ(*runOf(pieces[i]->media()), expected[i]);
+    EXPECT_EQ(pieces[i]->name(), "MOVIE_2_1");
+    EXPECT_EQ(pieces[i]->title(), set.titles[0]);
+  }
+  // A copy reads the same run from the start.
+  auto copy = std::static_pointer_cast<VNDVDSource>(pieces[1]->copy());
+  EXPECT_EQ(copy->media(), pieces[1]->media());
+  EXPECT_EQ(copy->read_offset(), 0);
+
+  // A disc without a reader gives sources whose reads find nothing.
+  uint8_t block[2048];
+  EXPECT_EQ(source->readBlock(0, 1, block), 0);
+  EXPECT_EQ(VNDVDSource::readPacket(source.get(), block, sizeof block), AVERROR_EOF);
+  EXPECT_TRUE(source->createMedias().value_or(VNMediaSource::Medias{1}).empty());
+}
+
+TEST(DvdModelTest, DescriptionsNameEveryField) {
+  VNDVDTitleSet set;
+  set.dvdFormat = "pal";
+  set.audioLanguages = {"German", "Spanish"};
+  EXPECT_EQ(set.description(),
+            "format:pal aspect_ratio:(null) audios:(German, Spanish) subtitle:()");
+  EXPECT_EQ(VNDVDMedia(7, 3).description(), "start:7 count:3");
+}
+
+}  // namespace
