@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "disc.h"
 #include "input.h"
 #include "picture.h"
 #include "subtitles.h"
@@ -40,6 +41,7 @@ constexpr double kShortestCut = 1.0;
 
 struct ConvertOptions {
   std::string input;
+  std::optional<int> title;  // the DVD source to read
   std::string output;
   std::string vcodec;
   std::string acodec;
@@ -178,6 +180,7 @@ int run(const ConvertOptions& o) {
   }
 
   Input input;
+  input.title = o.title;
   if (const int status = input.openWithTracks(o.input, o.audioTracks); status != kExitOk)
     return status;
   VNFFMovie& movie = *input.movie;
@@ -371,7 +374,9 @@ Registration convertCommand() {
     auto o = std::make_shared<ConvertOptions>();
     CLI::App* sub =
         app.add_subcommand("convert", "Convert INPUT into OUTPUT (container from its extension)");
-    sub->add_option("INPUT", o->input, "Input media file")->required();
+    sub->add_option("INPUT", o->input, "Input media file or DVD (folder, .iso, device)")
+        ->required();
+    addTitleOption(sub, &o->title);
     sub->add_option("OUTPUT", o->output,
                     "Output file: .mp4 .mkv .mov .avi .mpg .wmv .m4a .m4r .mp3 ...")
         ->required();

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "cli.h"
+#include "disc.h"
 #include "input.h"
 #include "picture.h"
 #include "subtitles.h"
@@ -19,6 +20,7 @@ namespace {
 
 struct FrameOptions {
   std::string input;
+  std::optional<int> title;  // the DVD source to read
   double time = 0;
   std::string output;
   std::string size;
@@ -33,6 +35,7 @@ int run(const FrameOptions& o) {
   if (!o.size.empty() && !parsePictureSize(o.size, &width, &height))
     return usage("bad --size", o.size, "expected WxH with positive numbers");
   Input input;
+  input.title = o.title;
   Input::Extent extent;
   if (const int status = openForPictures(input, o.input, &extent); status != kExitOk)
     return status;
@@ -70,7 +73,9 @@ Registration frameCommand() {
     auto o = std::make_shared<FrameOptions>();
     CLI::App* sub = app.add_subcommand(
         "frame", "Write the picture of INPUT at a time, with the picture settings applied");
-    sub->add_option("INPUT", o->input, "Input media file")->required();
+    sub->add_option("INPUT", o->input, "Input media file or DVD (folder, .iso, device)")
+        ->required();
+    addTitleOption(sub, &o->title);
     sub->add_option("-t,--time", o->time, "Time in seconds")->required();
     sub->add_option("-o,--output", o->output, "Output picture (.png, .jpg)")->required();
     sub->add_option("--size", o->size,

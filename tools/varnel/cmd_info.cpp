@@ -19,6 +19,7 @@ extern "C" {
 }
 
 #include "cli.h"
+#include "disc.h"
 #include "input.h"
 #include "varnel.h"
 
@@ -160,6 +161,8 @@ void printTable(const Json& info) {
 }
 
 int info(const std::string& path, bool json) {
+  if (isDiscPath(path))
+    return discInfo(path, json);
   std::shared_ptr<VNMediaSource> source = VNMediaSource::mediaWithPath(path);
   source->open();
   if (!source->isOpen())
@@ -247,7 +250,8 @@ Registration infoCommand() {
     auto options = std::make_shared<Options>();
     CLI::App* cmd = app.add_subcommand(
         "info", "Show the container, duration, streams and the medias an input is read as");
-    cmd->add_option("INPUT", options->input, "media file")->required();
+    cmd->add_option("INPUT", options->input, "media file or DVD (folder, .iso, device)")
+        ->required();
     cmd->add_flag("--json", options->json, "print one JSON object");
     cmd->callback(
         [&run, options] { run = [options] { return info(options->input, options->json); }; });

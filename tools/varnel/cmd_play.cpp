@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "cli.h"
+#include "disc.h"
 #include "input.h"
 #include "varnel.h"
 
@@ -22,6 +23,7 @@ namespace {
 
 struct PlayOptions {
   std::string input;
+  std::optional<int> title;  // the DVD source to read
   double speed = 1.0;
   double volume = 1.0;
   double start = 0;
@@ -93,6 +95,7 @@ int run(const PlayOptions& o) {
   if (o.volume < 0 || o.volume > 4)
     return fail("bad --volume", std::to_string(o.volume), "use 0 to 4");
   Input input;
+  input.title = o.title;
   if (const int status = input.openWithTracks(o.input, o.audioTracks); status != kExitOk)
     return status;
   VNFFMovie& movie = *input.movie;
@@ -173,7 +176,9 @@ Registration playCommand() {
     auto o = std::make_shared<PlayOptions>();
     CLI::App* sub =
         app.add_subcommand("play", "Play the audio of INPUT on the default sound device");
-    sub->add_option("INPUT", o->input, "Input media file")->required();
+    sub->add_option("INPUT", o->input, "Input media file or DVD (folder, .iso, device)")
+        ->required();
+    addTitleOption(sub, &o->title);
     sub->add_option("--speed", o->speed, "Playback speed, 0.25 to 4 (pitch kept)");
     sub->add_option("--volume", o->volume, "Mix level, 0 to 4 (1 unchanged)");
     sub->add_option("--start", o->start, "Start time in seconds");

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "disc.h"
 #include "input.h"
 #include "picture.h"
 #include "platform/text_image.h"
@@ -40,6 +41,7 @@ constexpr int kMaxCount = 400;
 
 struct ThumbnailOptions {
   std::string input;
+  std::optional<int> title;  // the DVD source to read
   std::string time;
   std::string size = "160x120";
   std::string output;
@@ -139,6 +141,7 @@ int run(const ThumbnailOptions& o) {
   if (o.sheet && !o.time.empty())
     return usage("bad -t", o.time, "a sheet spreads its thumbnails over the whole movie");
   Input input;
+  input.title = o.title;
   Input::Extent extent;
   if (const int status = openForPictures(input, o.input, &extent); status != kExitOk)
     return status;
@@ -205,7 +208,9 @@ Registration thumbnailCommand() {
     auto o = std::make_shared<ThumbnailOptions>();
     CLI::App* sub = app.add_subcommand(
         "thumbnail", "Write a thumbnail of INPUT, or a sheet of thumbnails over its length");
-    sub->add_option("INPUT", o->input, "Input media file")->required();
+    sub->add_option("INPUT", o->input, "Input media file or DVD (folder, .iso, device)")
+        ->required();
+    addTitleOption(sub, &o->title);
     sub->add_option("-t,--time", o->time,
                     "Seconds, or a percentage such as 25% (default 10%); several, comma-separated, "
                     "with %d in OUT");

@@ -1,6 +1,7 @@
 #include "input.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -12,21 +13,47 @@ extern "C" {
 }
 
 #include "cli.h"
+#include "disc.h"
 
 namespace varnel_cli {
 
-bool Input::open(const std::string& path, std::string* reason) {
+std::string unreadableFile(const std::string& path) {
   struct stat info {};
-  if (stat(path.c_str(), &info) != 0) {
-    *reason = std::strerror(errno);
+  if (stat(path.c_str(), &info) != 0)
+    return std::strerror(errno);
+  if (S_ISDIR(info.st_mode))
+    return "is a directory";
+  if (access(path.c_str(), R_OK) != 0)
+    return std::strerror(errno);
+  if (info.st_size == 0)
+    return "the file is empty";
+  return {};
+}
+
+bool Input::openTitle(const std::string& path, std::string* reason) {
+  disc = openDisc(path, reason);
+  if (!disc)
+    return false;
+  std::shared_ptr<VNDVDSource> chosen = chooseSource(*disc, title, reason);
+  if (!chosen)
+    return false;
+  source = chosen;
+  const VNMediaSource::Medias medias = chosen->createMedias().value_or(VNMediaSource::Medias{});
+  if (medias.empty()) {
+    *reason = "title " + chosen->name() +
+              " holds no audio or video that can be read (its VOB files are missing or unreadable)";
     return false;
   }
-  if (S_ISDIR(info.st_mode)) {
-    *reason = "is a directory";
-    return false;
-  }
-  if (info.st_size == 0) {
-    *reason = "the file is empty";
+  movie = VNFFMovie::create();
+  movie->openMedias(medias);
+  return true;
+}
+
+bool Input::open(const std::string& path, std::string* reason) {
+  if (title || isDiscPath(path))
+    return openTitle(path, reason);
+  if (std::string why = unreadableFile(path); !why.empty()) {
+    *reason = std::move(why);
     return false;
   }
   source = VNMediaSource::mediaWithPath(path);
@@ -73,7 +100,9 @@ Input::Extent Input::extent() {
   Extent e;
   const int64_t duration = movie->duration();
   e.duration = duration > 0 ? vn_ff_time_to_double(duration) : 0;
-  e.readable = vn_ff_time_to_double(source->readableDuration());
+  // A disc's title is read piece by piece: it reaches as far as its
+  // pieces do.
+  e.readable = disc ? e.duration : vn_ff_time_to_double(source->readableDuration());
   e.cutShort = truncation.has_value() || (e.duration > 0 && e.readable < e.duration - kSlack);
   return e;
 }
@@ -105,6 +134,13 @@ AVRational Input::videoFrameRate() {
       return r;
   }
   return AVRational{25, 1};
+}
+
+AVFormatContext* Input::formatContext() {
+  if (source && source->formatContext())
+    return source->formatContext();
+  auto medias = movie ? movie->medias() : decltype(movie->medias()){};
+  return medias.empty() ? nullptr : medias.front()->formatContext();
 }
 
 std::string truncationText(const VNTruncation& truncation) {

@@ -17,6 +17,12 @@ extern "C" {
 namespace varnel_cli {
 
 struct Input {
+  // On a DVD-Video disc, the source to read: numbered from 1 as `varnel
+  // info` lists them; none for the longest. Set before open.
+  std::optional<int> title;
+  // The disc, when the input is one (a folder, a device, an .iso or .img
+  // image, or any path given with a title).
+  std::shared_ptr<VNDVD> disc;
   std::shared_ptr<VNMediaSource> source;
   std::shared_ptr<VNFFMovie> movie;
   // Set when the file is shorter than its container says (a cut-off
@@ -56,7 +62,17 @@ struct Input {
   // The exact frame rate of the video (30000/1001 stays 30000/1001); 25/1
   // when the container gives none.
   AVRational videoFrameRate();
+  // The demuxer of the input's first media (on a disc, that of the title's
+  // first piece): the container streams the track options count.
+  AVFormatContext* formatContext();
+
+ private:
+  bool openTitle(const std::string& path, std::string* reason);
 };
+
+// Why path cannot be read as an input file (missing, a directory, not
+// readable, empty), before FFmpeg is asked; empty when it can be tried.
+std::string unreadableFile(const std::string& path);
 
 // "truncated: N of M bytes present", the warning every command gives for a
 // file cut short.

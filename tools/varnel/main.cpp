@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 
 #include "cli.h"
@@ -63,6 +64,10 @@ int main(int argc, char** argv) {
   }
   if (!run)
     return kExitUsage;
+  // The library's log lines are for diagnosis (VARNEL_LOG=1 shows them):
+  // stderr carries the front end's own progress, warnings and errors.
+  if (!std::getenv("VARNEL_LOG"))
+    vn_set_log_handler([](const std::string&) {});
   try {
     Varnel::initialize();
     return run();

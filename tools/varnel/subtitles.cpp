@@ -1,13 +1,9 @@
 #include "subtitles.h"
 
 #include <iconv.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <optional>
 
@@ -66,38 +62,6 @@ bool iconvKnows(const std::string& charset) {
   return true;
 }
 
-// Why a subtitle file cannot be read before FFmpeg is asked; empty when it
-// can be tried.
-std::string unreadable(const std::string& path) {
-  struct stat info {};
-  if (stat(path.c_str(), &info) != 0)
-    return std::strerror(errno);
-  if (S_ISDIR(info.st_mode))
-    return "is a directory";
-  if (access(path.c_str(), R_OK) != 0)
-    return std::strerror(errno);
-  if (info.st_size == 0)
-    return "the file is empty";
-  return {};
-}
-
-// The container index of the input's subtitle stream `track`, counted among
-// its subtitle streams; none when it has fewer. *count: how many it has.
-std::optional<uint32_t> subtitleStreamIndex(const AVFormatContext* context,
-                                            uint32_t track,
-                                            uint32_t* count) {
-  std::optional<uint32_t> index;
-  *count = 0;
-  for (uint32_t i = 0; context && i < context->nb_streams; ++i) {
-    if (context->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_SUBTITLE)
-      continue;
-    if (*count == track)
-      index = i;
-    ++*count;
-  }
-  return index;
-}
-
 bool isBitmap(const AVStream* stream) {
   const AVCodecDescriptor* descriptor = avcodec_descriptor_get(stream->codecpar->codec_id);
   return descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB);
@@ -106,6 +70,22 @@ bool isBitmap(const AVStream* stream) {
 // Shows a bitmap track through the picture media: it opens the stream
 // beside its video and decodes it while reading pictures. The selection key
 // is the stream's place among the media's open subtitle streams.
+// On a disc, track N is subpicture stream N of the title set (the stream
+// id's low bits), found in the container streams of the title's first piece.
+// *count: how many subpicture streams the title set lists.
+std::optional<uint32_t> dvdSubpictureIndex(Input& input, uint32_t track, uint32_t* count) {
+  auto title = std::dynamic_pointer_cast<VNDVDSource>(input.source);
+  *count = title ? static_cast<uint32_t>(title->title_set()->subtitleLanguages.size()) : 0;
+  const AVFormatContext* context = input.formatContext();
+  for (uint32_t i = 0; context && track < *count && i < context->nb_streams; ++i) {
+    const AVStream* stream = context->streams[i];
+    if (stream->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE &&
+        (static_cast<uint32_t>(stream->id) & 15) == track)
+      return i;
+  }
+  return std::nullopt;
+}
+
 bool showBitmapTrack(Input& input, uint32_t index) {
   VNFFMovie& movie = *input.movie;
   std::optional<uint32_t> key;
@@ -119,8 +99,9 @@ bool showBitmapTrack(Input& input, uint32_t index) {
     for (const auto& stream : media->streams()) {
       if (!stream->isOpen() || !stream->isSubtitle())
         continue;
+      // On a disc the key is the subpicture stream's own number.
       if (static_cast<uint32_t>(stream->stream()->index) == index)
-        key = ordinal;
+        key = input.disc ? static_cast<uint32_t>(stream->stream()->id) & 15 : ordinal;
       ++ordinal;
     }
   }
@@ -201,15 +182,17 @@ int SubtitleOptions::apply(Input& input) const {
   // The input's own subtitles are shown only when asked for.
   movie.setSelectSubtitleStreams(VNIndexSet{});
   if (file) {
-    if (const std::string reason = unreadable(*file); !reason.empty())
+    if (const std::string reason = unreadableFile(*file); !reason.empty())
       return fail("cannot open subtitles", *file, reason);
     if (!movie.openSubtitle(*file, std::nullopt, charset))
       return fail("cannot read subtitles", *file, "no subtitle stream FFmpeg can decode");
   } else if (track) {
     const std::string path = input.source->path();
-    const AVFormatContext* context = input.source->formatContext();
+    const AVFormatContext* context = input.formatContext();
     uint32_t count = 0;
-    const std::optional<uint32_t> index = subtitleStreamIndex(context, trackNumber, &count);
+    const std::optional<uint32_t> index =
+        input.disc ? dvdSubpictureIndex(input, trackNumber, &count)
+                   : VNFFMedia::subtitleStreamIndex(context, trackNumber, &count);
     if (!index) {
       return usage("bad --subtitle-track", *track,
                    count == 0
