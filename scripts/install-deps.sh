@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git
   libavformat-dev libavcodec-dev libavfilter-dev libavutil-dev
   libswresample-dev libswscale-dev ffmpeg
-  libdvdread-dev dvdauthor genisoimage
+  libdvdread-dev dvdauthor genisoimage lsdvd
   libvips-dev
   libpango1.0-dev libcairo2-dev fonts-dejavu-core
   libsdl2-dev libsoundtouch-dev

@@ -44,6 +44,21 @@ std::string languageName(uint16_t code) {
   return Varnel::displayStringForLanguage(letters);
 }
 
+int bcd(uint8_t value) {
+  return (value >> 4) * 10 + (value & 0x0F);
+}
+
+// A playing time as a disc stores it: hours, minutes, seconds and frames in
+// BCD, the frame rate in the two high bits of the frames (1: 25 fps, 3:
+// 29.97 fps).
+int64_t microseconds(const dvd_time_t& time) {
+  const int rate = time.frame_u >> 6;
+  const double fps = rate == 1 ? 25.0 : rate == 3 ? 30000.0 / 1001.0 : 0.0;
+  const double frames = fps > 0 ? bcd(time.frame_u & 0x3F) / fps : 0.0;
+  const double seconds = bcd(time.hour) * 3600.0 + bcd(time.minute) * 60.0 + bcd(time.second);
+  return static_cast<int64_t>((seconds + frames) * 1e6 + 0.5);
+}
+
 std::string latin1ToUtf8(const char* text) {
   std::string out;
   for (const unsigned char* c = reinterpret_cast<const unsigned char*>(text); *c; ++c) {
@@ -117,6 +132,7 @@ void addTitles(VNDVDTitleSet& set, const pgcit_t& chains) {
     // bind to a temporary copy.
     for (size_t i = 0; i < title->palette.size(); ++i)
       title->palette[i] = chain->palette[i];
+    title->playback_time = microseconds(chain->playback_time);
     title->start_sector = static_cast<int32_t>(chain->cell_playback[0].first_sector);
     title->sector_count =
         static_cast<int32_t>(chain->cell_playback[chain->nr_of_cells - 1].last_sector + 1 -

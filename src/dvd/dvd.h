@@ -50,6 +50,9 @@ class VNDVDTitle {
   int32_t start_sector = 0;
   // Index of the program chain in the title set's chain table, from 0.
   int32_t title = 0;
+  // How long the chain plays, as the disc states it, in microseconds (0
+  // when it states none).
+  int64_t playback_time = 0;
 
   // sector_count × 2048 bytes.
   int64_t filesize() const;

@@ -89,6 +89,7 @@ TEST(DvdModelTest, TitlesAreTheProgramChainsWithCells) {
   only[0].first_sector = 300;
   only[0].last_sector = 300;
   pgc_t withCells{}, withoutCells{}, last{};
+  withCells.playback_time = {0x01, 0x32, 0x05, 0xC0 | 0x15};  // 1:32:05 and 15 frames at 29.97
   withCells.nr_of_cells = 2;
   withCells.cell_playback = first;
   for (uint32_t i = 0; i < 16; ++i)
@@ -110,6 +111,8 @@ TEST(DvdModelTest, TitlesAreTheProgramChainsWithCells) {
   ASSERT_EQ(set.titles.size(), 2u);
   EXPECT_EQ(set.titles[0]->description(), "title:0 start:40 count:200");
   EXPECT_EQ(set.titles[0]->filesize(), 200 * 2048);
+  EXPECT_EQ(set.titles[0]->playback_time, 5525000000 + 500500);
+  EXPECT_EQ(set.titles[1]->playback_time, 0);
   EXPECT_EQ(set.titles[0]->palette[0], 0x00108080u);
   EXPECT_EQ(set.titles[0]->palette[15], 0x0010808Fu);
   EXPECT_EQ(set.titles[1]->description(), "title:3 start:300 count:1");  // numbers keep the gaps

@@ -336,8 +336,17 @@ int run(const ConvertOptions& o) {
         if (picture)
           writer->writeImage(*picture);
       } else {
-        if (AVFrame* frame =
-                video->videoFrameAtTime(frameTime(videoFrames) - video->movie_position()))
+        // The media whose span holds the time (a DVD title is several, one
+        // after another); past their ends, the last one that started.
+        const int64_t at = frameTime(videoFrames);
+        std::shared_ptr<VNFFMedia> shown = movie.videoMediaAtTime(at);
+        for (const auto& media : shown ? VNFFMovie::Medias{} : movie.videos()) {
+          if (media->movie_position() <= at)
+            shown = media;
+        }
+        if (!shown)
+          shown = video;
+        if (AVFrame* frame = shown->videoFrameAtTime(at - shown->movie_position()))
           writer->writeVideoFrame(frame);
         writeAudioOfFrame(videoFrames);
       }

@@ -74,6 +74,14 @@ std::string sizeText(int64_t bytes) {
   return text;
 }
 
+std::string durationText(const Json& seconds) {
+  if (seconds.get<double>() <= 0)
+    return "nothing readable";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.3f s", seconds.get<double>());
+  return text;
+}
+
 void printDisc(const Json& out) {
   std::printf("%s: DVD-Video \"%s\", region mask 0x%02x (plays in regions %s)\n",
               out["path"].get<std::string>().c_str(), out["volume"].get<std::string>().c_str(),
@@ -86,22 +94,22 @@ void printDisc(const Json& out) {
                                       : set["aspect_ratio"].get<std::string>().c_str(),
         listText(set["audio_languages"]).c_str(), listText(set["subtitle_languages"]).c_str());
     for (const auto& t : set["titles"]) {
-      std::printf("  title %d: sectors %d-%d (%s), %d VOB piece%s, %.3f s\n", t["title"].get<int>(),
+      std::printf("  title %d: sectors %d-%d (%s), %d VOB piece%s, %s\n", t["title"].get<int>(),
                   t["start_sector"].get<int>(),
                   t["start_sector"].get<int>() + t["sector_count"].get<int>() - 1,
                   sizeText(t["size"].get<int64_t>()).c_str(), t["pieces"].get<int>(),
-                  t["pieces"].get<int>() == 1 ? "" : "s", t["duration"].get<double>());
+                  t["pieces"].get<int>() == 1 ? "" : "s", durationText(t["duration"]).c_str());
     }
     if (set["titles"].empty())
       std::printf("  no titles\n");
   }
   std::printf("\nsources (--title N):\n");
   for (const auto& s : out["sources"]) {
-    std::printf("  %2d  %s  title set %d, title %d, sectors %d-%d, %.3f s\n",
-                s["number"].get<int>(), s["name"].get<std::string>().c_str(),
-                s["title_set"].get<int>(), s["title"].get<int>(), s["start_sector"].get<int>(),
+    std::printf("  %2d  %s  title set %d, title %d, sectors %d-%d, %s\n", s["number"].get<int>(),
+                s["name"].get<std::string>().c_str(), s["title_set"].get<int>(),
+                s["title"].get<int>(), s["start_sector"].get<int>(),
                 s["start_sector"].get<int>() + s["sector_count"].get<int>() - 1,
-                s["duration"].get<double>());
+                durationText(s["duration"]).c_str());
   }
   if (out["sources"].empty())
     std::printf("  none\n");
@@ -149,15 +157,22 @@ std::shared_ptr<VNDVDSource> chooseSource(VNDVD& disc,
     }
     return sources[static_cast<size_t>(*title - 1)];
   }
-  return *std::max_element(sources.begin(), sources.end(), [](const auto& a, const auto& b) {
-    return a->sector_count() < b->sector_count();
-  });
+  // The disc states how long each title plays; a piece gets its share by
+  // sectors. Equal times go to the larger.
+  const auto length = [](const std::shared_ptr<VNDVDSource>& s) {
+    const VNDVDTitle& t = *s->title();
+    const double share = t.sector_count > 0 ? double(s->sector_count()) / t.sector_count : 1.0;
+    return std::pair(static_cast<double>(t.playback_time) * share, s->sector_count());
+  };
+  return *std::max_element(sources.begin(), sources.end(),
+                           [&](const auto& a, const auto& b) { return length(a) < length(b); });
 }
 
 void addTitleOption(CLI::App* command, std::optional<int>* title) {
-  command->add_option("--title", *title,
-                      "On a DVD: the title to read, numbered from 1 as 'varnel info' lists the "
-                      "disc's sources (default: the longest)");
+  command->add_option(
+      "--title", *title,
+      "On a DVD: the title to read, numbered from 1 as 'varnel info' lists the "
+      "disc's sources (default: the longest, as the disc states its titles' playing times)");
 }
 
 int discInfo(const std::string& path, bool json) {
@@ -200,6 +215,7 @@ int discInfo(const std::string& path, bool json) {
                              {"sector_count", title->sector_count},
                              {"size", title->filesize()},
                              {"pieces", pieces},
+                             {"playback_time", vn_ff_time_to_double(title->playback_time)},
                              {"duration", t.duration}});
     }
     out["title_sets"].push_back(s);

@@ -1,0 +1,287 @@
+// The generated discs (tests/fixtures/README.md) read through libdvdread:
+// the model, the byte reader, the pieces of a title on the timeline, and
+// discs that are broken.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libavformat/avio.h>
+#include <libavutil/error.h>
+}
+
+#include "core/log.h"
+#include "dvd/dvd.h"
+#include "dvd/dvd_source.h"
+#include "media/media.h"
+#include "test_support.h"
+
+namespace {
+
+using vn::test::fixture;
+namespace fs = std::filesystem;
+
+constexpr int kBlock = 2048;
+
+// A disc and the lines it logged while opening.
+struct Opened {
+  std::shared_ptr<VNDVD> disc;
+  std::vector<std::string> log;
+};
+
+Opened openLogged(const std::string& path) {
+  Opened opened;
+  vn_set_log_handler([&](const std::string& line) { opened.log.push_back(line); });
+  opened.disc = VNDVD::open(path);
+  vn_set_log_handler(nullptr);
+  return opened;
+}
+
+std::shared_ptr<VNDVDSource> titleSource(const std::shared_ptr<VNDVD>& disc,
+                                         size_t set,
+                                         size_t title) {
+  const auto& s = disc->title_sets.at(set);
+  return VNDVDSource::create(disc, s, s->titles.at(title));
+}
+
+// Everything the byte reader gives from `from` to the end.
+std::vector<uint8_t> readAll(VNDVDSource& source, int64_t from) {
+  std::vector<uint8_t> bytes;
+  EXPECT_EQ(VNDVDSource::seekPacket(&source, from, SEEK_SET), from);
+  std::vector<uint8_t> buffer(1 << 20);
+  for (int calls = 0; calls < 100000; ++calls) {
+    const int got =
+        VNDVDSource::readPacket(&source, buffer.data(), static_cast<int>(buffer.size()));
+    if (got == AVERROR_EOF)
+      break;
+    EXPECT_GT(got, 0);
+    bytes.insert(bytes.end(), buffer.begin(), buffer.begin() + got);
+  }
+  return bytes;
+}
+
+TEST(DvdDiscTest, ImageAndFolderGiveTheSameModel) {
+  for (const std::string& path : {fixture("dvd.iso"), fixture("dvd_folder")}) {
+    SCOPED_TRACE(path);
+    const Opened opened = openLogged(path);
+    ASSERT_TRUE(opened.disc);
+    const VNDVD& disc = *opened.disc;
+    EXPECT_EQ(opened.log, std::vector<std::string>{"title_sets 2 Region 0xff"});
+    EXPECT_EQ(disc.region, 0);
+    EXPECT_EQ(disc.path, path);
+    ASSERT_EQ(disc.title_sets.size(), 2u);
+
+    const VNDVDTitleSet& ntsc = *disc.title_sets[0];
+    EXPECT_EQ(ntsc.title_set, 1);
+    EXPECT_EQ(ntsc.description(),
+              "format:ntsc aspect_ratio:4:3 audios:(English, French) subtitle:(English)");
+    const VNDVDTitleSet& pal = *disc.title_sets[1];
+    EXPECT_EQ(pal.description(),
+              "format:pal aspect_ratio:16:9 audios:(German, Spanish) subtitle:()");
+    ASSERT_EQ(pal.titles.size(), 1u);
+
+    // Titles of one, two and ten VOBs; the chain without cells is no title.
+    ASSERT_EQ(ntsc.titles.size(), 3u);
+    const size_t pieces[] = {1, 2, 10};
+    for (size_t t = 0; t < 3; ++t) {
+      EXPECT_EQ(ntsc.titles[t]->title, static_cast<int32_t>(t));
+      EXPECT_EQ(titleSource(opened.disc, 0, t)->dvdMediaSources().size(), pieces[t]);
+    }
+    // Every VOB lies inside a title, one after another.
+    int32_t next = 0;
+    for (const auto& vob : ntsc.medias) {
+      EXPECT_EQ(vob->start_sector, next);
+      EXPECT_GT(vob->sector_count, 0);
+      next = vob->start_sector + vob->sector_count;
+    }
+    // Titles 1 and 2 whole, title 3 piece by piece, the PAL title whole.
+    const auto sources = opened.disc->titleSources();
+    ASSERT_EQ(sources.size(), 13u);
+    EXPECT_FALSE(sources[1]->media());
+    EXPECT_TRUE(sources[2]->media());
+    EXPECT_EQ(sources[11]->name(), sources[2]->name());
+    EXPECT_EQ(sources[12]->name(), disc.volume + "_2_1");
+  }
+}
+
+TEST(DvdDiscTest, VolumeNameIsTheDiscsOrItsFolders) {
+  // The image carries a UDF volume name; a folder has none, so the folder's
+  // own name is used, or its parent's when it is the VIDEO_TS folder.
+  const std::string renamed = vn::test::scratchDir() + "/Movie Night";
+  fs::remove_all(renamed);
+  fs::create_directories(renamed);
+  fs::create_directory_symlink(fs::absolute(fixture("dvd_folder/VIDEO_TS")), renamed + "/video_ts");
+  const struct {
+    std::string path, volume;
+  } cases[] = {
+      {fixture("dvd.iso"), "VARNEL_DVD"},          {fixture("dvd_folder"), "dvd_folder"},
+      {fixture("dvd_folder") + "/", "dvd_folder"}, {fixture("dvd_folder/VIDEO_TS"), "dvd_folder"},
+      {renamed + "/video_ts", "Movie Night"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    std::shared_ptr<VNDVD> disc = VNDVD::open(c.path);
+    ASSERT_TRUE(disc);
+    EXPECT_EQ(disc->volume, c.volume);
+    EXPECT_EQ(disc->title_sets.size(), 2u);
+  }
+}
+
+TEST(DvdDiscTest, ChainsWithoutCellsAreNoTitlesButKeepTheirNumber) {
+  std::shared_ptr<VNDVD> disc = VNDVD::open(fixture("dvd_nocells"));
+  ASSERT_TRUE(disc);
+  ASSERT_EQ(disc->title_sets.size(), 1u);
+  const auto& titles = disc->title_sets[0]->titles;
+  ASSERT_EQ(titles.size(), 2u);
+  EXPECT_EQ(titles[0]->title, 0);
+  EXPECT_EQ(titles[1]->title, 2);
+  const auto sources = disc->titleSources();
+  ASSERT_EQ(sources.size(), 2u);
+  EXPECT_EQ(sources[1]->name(), "dvd_nocells_1_3");
+  // The disc states how long each chain plays.
+  EXPECT_NEAR(titles[0]->playback_time, 2500000, 100000);
+}
+
+TEST(DvdDiscTest, ByteReaderServesWholeBlocksAndTheRestOfOne) {
+  std::shared_ptr<VNDVD> disc = VNDVD::open(fixture("dvd_folder"));
+  ASSERT_TRUE(disc);
+  std::shared_ptr<VNDVDSource> source = titleSource(disc, 0, 1);  // two VOBs
+  ASSERT_TRUE(source->avio_context());
+  EXPECT_EQ(source->avio_context(), source->avio_context());
+  EXPECT_GE(source->blocks(), static_cast<uint32_t>(source->sector_count()));
+  const int64_t size = source->filesize();
+  EXPECT_EQ(size, int64_t{source->sector_count()} * kBlock);
+
+  // The size, asked for, leaves the position; an unknown mode is refused.
+  EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 1000, SEEK_SET), 1000);
+  EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, AVSEEK_SIZE), size);
+  EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, 3), AVERROR(ENOSYS));
+  EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, SEEK_SET | AVSEEK_FORCE), AVERROR(ENOSYS));
+  EXPECT_EQ(source->read_offset(), 1000);
+
+  // Unaligned: the rest of block 0 only; then whole blocks.
+  std::vector<uint8_t> buffer(1048576);
+  EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), 1048);
+  EXPECT_EQ(source->read_offset(), 2048);
+  const int whole = VNDVDSource::readPacket(source.get(), buffer.data(), 1048576);
+  EXPECT_EQ(whole, size - 2048);  // the title is smaller than the request
+  // A short request costs a block and gives what was asked; a remainder
+  // beyond whole blocks waits for the next call.
+  EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 3 * kBlock, SEEK_SET), 3 * kBlock);
+  EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 100), 100);
+  EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 3 * kBlock, SEEK_SET), 3 * kBlock);
+  EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 2 * kBlock + 100), 2 * kBlock);
+  // From the end and past it: nothing.
+  EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, SEEK_END), size);
+  EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), AVERROR_EOF);
+  EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 4096, SEEK_CUR), size + 4096);
+  EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), AVERROR_EOF);
+
+  // What it reads is the title's run of the title set's VOB file.
+  std::ifstream vob(fixture("dvd_folder/VIDEO_TS/VTS_01_1.VOB"), std::ios::binary);
+  std::vector<uint8_t> file((std::istreambuf_iterator<char>(vob)),
+                            std::istreambuf_iterator<char>());
+  const size_t from = static_cast<size_t>(source->start_sector()) * kBlock;
+  ASSERT_GE(file.size(), from + static_cast<size_t>(size));
+  const std::vector<uint8_t> read = readAll(*source, 1000);
+  ASSERT_EQ(read.size(), static_cast<size_t>(size - 1000));
+  EXPECT_TRUE(std::equal(read.begin(), read.end(), file.begin() + static_cast<long>(from) + 1000));
+}
+
+TEST(DvdDiscTest, SourcesOfOneImageReadAtOnce) {
+  // Every title of an image reads through the one file the disc opened.
+  std::shared_ptr<VNDVD> disc = VNDVD::open(fixture("dvd.iso"));
+  ASSERT_TRUE(disc);
+  const auto sources = disc->titleSources();
+  std::vector<std::vector<uint8_t>> alone, together(sources.size());
+  for (const auto& source : sources) {
+    auto copy = std::static_pointer_cast<VNDVDSource>(source->copy());
+    copy->avio_context();
+    alone.push_back(readAll(*copy, 0));
+  }
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < sources.size(); ++i) {
+    threads.emplace_back([&, i] {
+      sources[i]->avio_context();
+      together[i] = readAll(*sources[i], 0);
+    });
+  }
+  for (auto& t : threads)
+    t.join();
+  for (size_t i = 0; i < sources.size(); ++i) {
+    EXPECT_EQ(alone[i].size(), static_cast<size_t>(sources[i]->filesize()));
+    EXPECT_TRUE(together[i] == alone[i]) << "source " << i;
+  }
+}
+
+TEST(DvdDiscTest, PiecesFollowEachOtherOnTheTimeline) {
+  std::shared_ptr<VNDVD> disc = VNDVD::open(fixture("dvd.iso"));
+  ASSERT_TRUE(disc);
+  for (const size_t title : {1u, 2u}) {
+    SCOPED_TRACE("title " + std::to_string(title + 1));
+    std::shared_ptr<VNDVDSource> source = titleSource(disc, 0, title);
+    const VNMediaSource::Medias medias = source->createMedias().value_or(VNMediaSource::Medias{});
+    ASSERT_EQ(medias.size(), source->dvdMediaSources().size());
+    int64_t expected = 0;
+    for (const auto& media : medias) {
+      EXPECT_EQ(media->movie_position(), expected);
+      EXPECT_TRUE(media->hasVideo());
+      EXPECT_TRUE(media->hasAudio());
+      EXPECT_GT(media->duration(), 400000);
+      EXPECT_EQ(media->audioNames(), (std::vector<std::string>{"English", "French"}));
+      EXPECT_EQ(media->source()->name(), source->name());
+      expected = static_cast<int64_t>(static_cast<double>(media->duration()) +
+                                      static_cast<double>(expected) - 0.2 * 1000000);
+    }
+  }
+  // A piece alone is one media at 0.
+  auto piece = titleSource(disc, 0, 2)->dvdMediaSources().at(3);
+  const auto medias = piece->createMedias().value_or(VNMediaSource::Medias{});
+  ASSERT_EQ(medias.size(), 1u);
+  EXPECT_EQ(medias[0]->movie_position(), 0);
+}
+
+TEST(DvdDiscTest, BrokenDiscsEndInNothingToRead) {
+  // Not a disc: libdvdread opens any file as an image, and finds no video
+  // manager in it.
+  for (const std::string& path : {fixture("text.mp4"), fixture("h264_aac.mp4")}) {
+    std::shared_ptr<VNDVD> disc = VNDVD::open(path);
+    EXPECT_TRUE(!disc || disc->title_sets.empty()) << path;
+  }
+  EXPECT_FALSE(VNDVD::open(fixture("no-such-disc.iso")));
+
+  // The IFOs without their VOBs: titles whose pieces hold nothing.
+  std::shared_ptr<VNDVD> bare = VNDVD::open(fixture("dvd_novobs"));
+  ASSERT_TRUE(bare);
+  EXPECT_EQ(bare->title_sets.size(), 2u);
+  for (const auto& source : bare->titleSources()) {
+    EXPECT_TRUE(source->createMedias().value_or(VNMediaSource::Medias{}).empty());
+    EXPECT_EQ(VNDVDSource::readPacket(source.get(), nullptr, 2048), AVERROR_EOF);
+  }
+
+  // An image cut inside the first title set's VOBs: what lies before the
+  // cut reads, what lies after it does not, and the second title set,
+  // whose IFO was after the cut, is left out.
+  const Opened opened = openLogged(fixture("dvd_truncated.iso"));
+  std::shared_ptr<VNDVD> cut = opened.disc;
+  ASSERT_TRUE(cut);
+  EXPECT_EQ(cut->title_sets.size(), 1u);
+  EXPECT_EQ(opened.log,
+            (std::vector<std::string>{"title_sets 2 Region 0xff",
+                                      "title_set 2: its IFO cannot be read; left out"}));
+  size_t readable = 0, empty = 0;
+  for (const auto& source : cut->titleSources()) {
+    const auto medias = source->createMedias().value_or(VNMediaSource::Medias{});
+    (medias.empty() ? empty : readable) += 1;
+    for (const auto& media : medias)
+      EXPECT_GE(media->duration(), 0);
+  }
+  EXPECT_GT(readable, 0u);
+  EXPECT_GT(empty, 0u);
+}
+
+}  // namespace

@@ -1,0 +1,291 @@
+// End-to-end: DVD-Video discs in `varnel info`, `convert`, `frame` and
+// `play`, on the generated discs (tests/fixtures/README.md), with lsdvd as
+// an independent reader of the same structures.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "audio_analysis.h"
+#include "core/varnel.h"
+#include "test_support.h"
+
+namespace {
+
+using vn::test::fixture;
+using vn::test::runVarnel;
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+
+// The English subpicture of title 1 (tests/fixtures/README.md): 160x48 at
+// (280, 400), a red ring 16 px wide left and right around a white centre.
+constexpr int kSpuCentreX = 280 + 80, kSpuCentreY = 400 + 24, kSpuRingX = 280 + 8;
+
+std::string out(const std::string& name) {
+  return vn::test::scratchDir() + "/" + name;
+}
+
+// What lsdvd says of a disc's titles: per title, its title set and number
+// in it, standard, aspect, cells and languages.
+struct LsdvdTitle {
+  int vts = 0, ttn = 0, cells = 0;
+  std::string format, aspect;
+  std::vector<std::string> audio, subtitles;
+};
+
+struct Lsdvd {
+  std::string volume;
+  std::vector<LsdvdTitle> titles;
+};
+
+Lsdvd lsdvd(const std::string& path) {
+  int status = 0;
+  const std::string text =
+      vn::test::runShell("lsdvd -a -s -v " + vn::test::shellQuote(path) + " 2>/dev/null", &status);
+  EXPECT_EQ(status, 0) << text;
+  Lsdvd disc;
+  const std::regex volume(R"(^Disc Title: (.*)$)");
+  const std::regex title(R"(^Title: \d+, Length: [^ ]+ Chapters: \d+, Cells: (\d+),)");
+  const std::regex video(
+      R"(VTS: (\d+), TTN: (\d+), FPS: [^,]+, Format: (\w+), Aspect ratio: ([\d/]+))");
+  const std::regex audio(R"(^\s+Audio: \d+, Language: (\w+) - )");
+  const std::regex subtitle(R"(^\s+Subtitle: \d+, Language: (\w+) - )");
+  std::istringstream lines(text);
+  std::smatch m;
+  for (std::string line; std::getline(lines, line);) {
+    if (std::regex_search(line, m, volume)) {
+      disc.volume = m[1];
+    } else if (std::regex_search(line, m, title)) {
+      disc.titles.push_back({});
+      disc.titles.back().cells = std::stoi(m[1]);
+    } else if (disc.titles.empty()) {
+      continue;
+    } else if (std::regex_search(line, m, video)) {
+      LsdvdTitle& t = disc.titles.back();
+      t.vts = std::stoi(m[1]);
+      t.ttn = std::stoi(m[2]);
+      t.format = m[3];
+      t.aspect = m[4];
+    } else if (std::regex_search(line, m, audio)) {
+      disc.titles.back().audio.push_back(Varnel::displayStringForLanguage(m[1]));
+    } else if (std::regex_search(line, m, subtitle)) {
+      disc.titles.back().subtitles.push_back(Varnel::displayStringForLanguage(m[1]));
+    }
+  }
+  return disc;
+}
+
+Json infoJson(const std::string& path) {
+  const vn::test::CommandResult r = runVarnel({"info", path, "--json"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  return Json::parse(r.out, nullptr, false);
+}
+
+TEST(DvdCliTest, InfoAgreesWithLsdvd) {
+  for (const std::string& path : {fixture("dvd.iso"), fixture("dvd_folder")}) {
+    SCOPED_TRACE(path);
+    const Json info = infoJson(path);
+    ASSERT_FALSE(info.is_discarded());
+    const Lsdvd reference = lsdvd(path);
+    if (path == fixture("dvd.iso")) {
+      EXPECT_EQ(info["volume"], reference.volume);
+    }
+    EXPECT_EQ(info["region"], 0);
+    EXPECT_EQ(info["playable_regions"].size(), 8u);
+
+    size_t titlesWithCells = 0;
+    for (const LsdvdTitle& t : reference.titles) {
+      if (t.cells == 0)
+        continue;
+      ++titlesWithCells;
+      SCOPED_TRACE("title set " + std::to_string(t.vts) + " title " + std::to_string(t.ttn));
+      ASSERT_LE(t.vts, static_cast<int>(info["title_sets"].size()));
+      const Json& set = info["title_sets"][t.vts - 1];
+      std::string format = t.format;
+      for (char& c : format)
+        c = static_cast<char>(std::tolower(c));
+      EXPECT_EQ(set["format"], format);
+      EXPECT_EQ(set["aspect_ratio"], t.aspect == "4/3" ? "4:3" : t.aspect == "16/9" ? "16:9" : "?");
+      // A title lists the streams its chain uses, the title set all it has.
+      EXPECT_EQ(set["audio_languages"].get<std::vector<std::string>>(), t.audio);
+      auto subtitles = set["subtitle_languages"].get<std::vector<std::string>>();
+      subtitles.resize(t.subtitles.size());
+      EXPECT_EQ(subtitles, t.subtitles);
+      if (t.vts == 1 && t.ttn == 1) {
+        EXPECT_EQ(t.subtitles, std::vector<std::string>{"English"});
+      }
+      bool found = false;
+      for (const Json& title : set["titles"])
+        found = found || title["title"] == t.ttn;
+      EXPECT_TRUE(found);
+    }
+    size_t ours = 0;
+    for (const Json& set : info["title_sets"])
+      ours += set["titles"].size();
+    EXPECT_EQ(ours, titlesWithCells);
+    EXPECT_EQ(titlesWithCells, 4u);
+
+    // One source per title, the ten-piece title piece by piece.
+    ASSERT_EQ(info["sources"].size(), 13u);
+    for (size_t i = 0; i < info["sources"].size(); ++i) {
+      EXPECT_EQ(info["sources"][i]["number"], i + 1);
+      EXPECT_GT(info["sources"][i]["duration"].get<double>(), 0.3);
+    }
+  }
+  // The table names the same sources.
+  const vn::test::CommandResult table = runVarnel({"info", fixture("dvd.iso")});
+  EXPECT_EQ(table.status, 0);
+  EXPECT_NE(table.out.find("title set 2: pal 16:9, audio German, Spanish; subtitles none"),
+            std::string::npos)
+      << table.out;
+  EXPECT_NE(table.out.find("13  VARNEL_DVD_2_1"), std::string::npos) << table.out;
+}
+
+double probedDuration(const std::string& path) {
+  const Json probe = vn::test::ffprobe(path);
+  return std::stod(probe["format"]["duration"].get<std::string>());
+}
+
+TEST(DvdCliTest, ConvertedTitleHasItsLengthSoundAndPictures) {
+  // Title 2: two VOBs, each a clip of its own; the second starts 0.2 s
+  // before the first ends.
+  const std::string mp4 = out("dvd-title2.mp4");
+  const vn::test::CommandResult r =
+      runVarnel({"convert", fixture("dvd.iso"), mp4, "--title", "2", "--audio-tracks", "0"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const double first = probedDuration(fixture("dvd_t2a.mpg"));
+  const double second = probedDuration(fixture("dvd_t2b.mpg"));
+  const double frame = 1001.0 / 30000;
+  EXPECT_NEAR(probedDuration(mp4), first + second - 0.2, 2 * frame);
+
+  // The English track's tone, not the French one's.
+  const auto sound = vn::test::decodeWithFfmpeg(mp4, "-ss 0.5 -t 1", 1, 44100);
+  EXPECT_NEAR(vn::test::zeroCrossingFrequency(sound.channel(0), 44100), 440, 5);
+
+  // Pictures of each VOB match their source.
+  const struct {
+    double at;
+    std::string source;
+    double sourceAt;
+  } cases[] = {{1.0, "dvd_t2a.mpg", 1.0}, {first + 1.0, "dvd_t2b.mpg", 1.2}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.at);
+    char ss[32], sourceSs[32];
+    std::snprintf(ss, sizeof ss, "-ss %.3f", c.at);
+    std::snprintf(sourceSs, sizeof sourceSs, "-ss %.3f", c.sourceAt);
+    const vn::test::Raster ours = vn::test::readPicture(mp4, "", ss);
+    const vn::test::Raster theirs = vn::test::readPicture(fixture(c.source), "", sourceSs);
+    EXPECT_GE(vn::test::psnr(ours, theirs), 35.0);
+  }
+}
+
+TEST(DvdCliTest, FramesComeFromTheirVobAndShowTheSubpicture) {
+  const auto frame = [](const std::vector<std::string>& extra, const std::string& name) {
+    const std::string png = out(name);
+    std::vector<std::string> args = {"frame", fixture("dvd_folder")};
+    args.insert(args.end(), extra.begin(), extra.end());
+    args.insert(args.end(), {"-o", png});
+    const vn::test::CommandResult r = runVarnel(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    return vn::test::readPicture(png);
+  };
+  // Inside the second VOB of title 2: its picture, not the first one's.
+  const double first = probedDuration(fixture("dvd_t2a.mpg"));
+  char at[32];
+  std::snprintf(at, sizeof at, "%.3f", first + 0.5);
+  const vn::test::Raster second = frame({"--title", "2", "-t", at}, "dvd-second-vob.png");
+  const vn::test::Raster reference = vn::test::readPicture(fixture("dvd_t2b.mpg"), "", "-ss 0.7");
+  EXPECT_GE(vn::test::psnr(second, reference), 35.0);
+  EXPECT_LT(vn::test::psnr(second, vn::test::readPicture(fixture("dvd_t2a.mpg"), "", "-ss 0.7")),
+            20.0);
+
+  // The English subpicture of title 1, in the title's colours, while its
+  // cue is on, and not before.
+  const vn::test::Raster shown =
+      frame({"--title", "1", "-t", "2.0", "--subtitle-track", "0"}, "dvd-spu-on.png");
+  const vn::test::Raster before =
+      frame({"--title", "1", "-t", "0.5", "--subtitle-track", "0"}, "dvd-spu-off.png");
+  const vn::test::Raster plain = frame({"--title", "1", "-t", "2.0"}, "dvd-spu-none.png");
+  ASSERT_EQ(shown.width, 720);
+  const uint8_t* centre = shown.at(kSpuCentreX, kSpuCentreY);
+  EXPECT_GT(centre[0], 200);
+  EXPECT_GT(centre[1], 200);
+  EXPECT_GT(centre[2], 200);
+  const uint8_t* ring = shown.at(kSpuRingX, kSpuCentreY);
+  EXPECT_GT(ring[0], 180);
+  EXPECT_LT(ring[1], 80);
+  EXPECT_LT(vn::test::psnr(shown, plain), 30.0);
+  EXPECT_GE(vn::test::psnr(before, frame({"--title", "1", "-t", "0.5"}, "dvd-plain-early.png")),
+            45.0);
+}
+
+TEST(DvdCliTest, BadDiscsAreOneErrorLineAndLeaveNothing) {
+  const std::string fake = out("not-a-disc.iso");
+  fs::copy_file(fixture("text.mp4"), fake, fs::copy_options::overwrite_existing);
+  const std::string emptyDir = out("empty-folder");
+  fs::create_directories(emptyDir);
+  const struct {
+    std::vector<std::string> args;
+    std::string reason;
+  } cases[] = {
+      {{"info", fake}, "not a DVD-Video disc"},
+      {{"info", emptyDir}, "not a DVD-Video disc"},
+      {{"convert", fake, "OUT"}, "not a DVD-Video disc"},
+      {{"convert", fixture("h264_aac.mp4"), "OUT", "--title", "1"}, "not a DVD-Video disc"},
+      {{"convert", fixture("dvd.iso"), "OUT", "--title", "14"}, "titles 1 to 13"},
+      {{"convert", fixture("dvd.iso"), "OUT", "--title", "0"}, "titles 1 to 13"},
+      {{"convert", fixture("dvd_novobs"), "OUT"}, "VOB files are missing or unreadable"},
+      {{"frame", fixture("dvd_novobs"), "-t", "1", "-o", "OUT"},
+       "VOB files are missing or unreadable"},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    std::vector<std::string> args = c.args;
+    const std::string target = out("bad-dvd-" + std::to_string(++n) + ".png");
+    for (auto& a : args) {
+      if (a == "OUT")
+        a = args[0] == "frame" ? target : out("bad-dvd-" + std::to_string(n) + ".mp4");
+    }
+    SCOPED_TRACE(args[0] + " " + args[1]);
+    const vn::test::CommandResult r = runVarnel(args, {}, 60);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_NE(r.err.find(c.reason), std::string::npos) << r.err;
+    for (const auto& a : args) {
+      if (a.rfind(vn::test::scratchDir() + "/bad-dvd-", 0) == 0) {
+        EXPECT_FALSE(fs::exists(a)) << a;
+      }
+    }
+  }
+
+  // A cut image still lists what it holds and converts what can be read.
+  const vn::test::CommandResult cut = runVarnel({"info", fixture("dvd_truncated.iso")}, {}, 60);
+  EXPECT_EQ(cut.status, 0) << cut.err;
+  const std::string mp4 = out("dvd-cut.mp4");
+  const vn::test::CommandResult converted =
+      runVarnel({"convert", fixture("dvd_truncated.iso"), mp4, "--title", "1"}, {}, 120);
+  EXPECT_TRUE(converted.status == 0 || converted.status == 1) << converted.err;
+  EXPECT_EQ(converted.status == 0, fs::exists(mp4));
+}
+
+}  // namespace
+
+// Played through SDL's disk driver, a title sounds as its audio track does.
+TEST(PlayCommandTest, PlaysADvdTitle) {
+  const std::string raw = out("dvd-play.raw");
+  const vn::test::CommandResult r =
+      runVarnel({"play", fixture("dvd.iso"), "--title", "1", "--audio-tracks", "1"},
+                {{"SDL_AUDIODRIVER", "disk"}, {"SDL_DISKAUDIOFILE", raw}}, 60);
+  ASSERT_EQ(r.status, 0) << r.err;
+  const auto recording = vn::test::readRawFloat(raw, 2, 44100);
+  const auto tone = vn::test::audible(recording.channel(0));
+  EXPECT_NEAR(vn::test::zeroCrossingFrequency(tone, 44100), 660, 8);  // French
+}
