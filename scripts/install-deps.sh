@@ -10,7 +10,7 @@ packages=(
   libdvdread-dev dvdauthor genisoimage lsdvd
   libvips-dev
   libpango1.0-dev libcairo2-dev fonts-dejavu-core
-  libsdl2-dev libsoundtouch-dev
+  libsdl2-dev libsoundtouch-dev xvfb
   libicu-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev

@@ -166,6 +166,12 @@ TEST(DvdCliTest, ConvertedTitleHasItsLengthSoundAndPictures) {
   const double frame = 1001.0 / 30000;
   EXPECT_NEAR(probedDuration(mp4), first + second - 0.2, 2 * frame);
 
+  // Without a title, the longest the disc states: title 2 (5.0 s), not
+  // title 1 (4.0 s), which has more sectors.
+  const std::string longest = out("dvd-longest.mp4");
+  ASSERT_EQ(runVarnel({"convert", fixture("dvd.iso"), longest, "--acodec", "aac"}).status, 0);
+  EXPECT_NEAR(probedDuration(longest), probedDuration(mp4), frame);
+
   // The English track's tone, not the French one's.
   const auto sound = vn::test::decodeWithFfmpeg(mp4, "-ss 0.5 -t 1", 1, 44100);
   EXPECT_NEAR(vn::test::zeroCrossingFrequency(sound.channel(0), 44100), 440, 5);
