@@ -27,7 +27,7 @@ configure_and_build() {  # dir, extra cmake arguments...
 
 # The playback tests record sound in real time: they run alone, after the
 # rest, so that no other test starves the audio device, and get a second try.
-realtime='PlayCommandTest|MoviePlaybackTest|PlaybackDeviceTest'
+realtime='PlayCommandTest|PlayWindowTest|MoviePlaybackTest|PlaybackDeviceTest'
 run_tests() {  # build dir, [tests to leave out]
   local dir=$1 skip=${2:-}
   ctest --test-dir "$dir" --output-on-failure -j "$jobs" -E "$realtime${skip:+|$skip}"
@@ -65,4 +65,4 @@ tsan_tests='DvdDisc|SerialQueue|FIFODataBuffer|AudioBuffer|Thread|Mix|Playback|A
 export TSAN_OPTIONS="suppressions=$supp/tsan.supp:halt_on_error=1:second_deadlock_stack=1"
 ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R "make_fixtures|$tsan_tests" -E "$realtime"
 ctest --test-dir build-tsan --output-on-failure --repeat until-pass:2 \
-  -R "make_fixtures|MoviePlaybackTest|PlaybackDeviceTest"
+  -R "make_fixtures|MoviePlaybackTest|PlaybackDeviceTest|PlayWindowTest"

@@ -1,8 +1,12 @@
 // varnel play INPUT: plays the mix of the selected audio tracks on the
-// default sound device and shows the clock.
+// default sound device and, when the input has video and a display is
+// there, shows its composed picture in a window, in step with the sound.
 //
-// Keys (when stdin is a terminal): space pauses, left/right seek 10 s, + and
-// - change the speed, q quits. Playback ends at the end of the input.
+// Keys (in the window, or on stdin when it is a terminal or a pipe): space
+// pauses, left/right seek 10 s, + and - change the speed, up/down the
+// volume, m mutes, s saves the picture on screen, . steps one frame while
+// paused, f toggles full screen, q quits. Playback ends at the end of the
+// input, or when the window is closed.
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
@@ -11,12 +15,16 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <thread>
 
 #include "cli.h"
 #include "disc.h"
 #include "input.h"
+#include "picture.h"
+#include "subtitles.h"
 #include "varnel.h"
+#include "video_window.h"
 
 namespace varnel_cli {
 namespace {
@@ -28,6 +36,11 @@ struct PlayOptions {
   double volume = 1.0;
   double start = 0;
   std::string audioTracks;
+  bool noVideo = false;
+  std::string window;  // WxH
+  bool fullscreen = false;
+  PictureOptions picture;
+  SubtitleOptions subtitles;
 };
 
 // Puts the terminal in single-key mode for the life of the object.
@@ -53,35 +66,156 @@ class RawTerminal {
   bool active_ = false;
 };
 
-enum class Key { kNone, kPause, kBack, kForward, kFaster, kSlower, kQuit };
+using Key = VideoWindow::Event;
 
-// Waits up to timeout for a key.
-Key readKey(int timeoutMs) {
-  pollfd fd{0, POLLIN, 0};
-  if (poll(&fd, 1, timeoutMs) <= 0)
-    return Key::kNone;
-  char c[3] = {};
-  const ssize_t n = read(0, c, sizeof c);
-  if (n <= 0)
-    return Key::kNone;
-  if (c[0] == ' ')
-    return Key::kPause;
-  if (c[0] == 'q' || c[0] == 'Q')
-    return Key::kQuit;
-  if (c[0] == '+' || c[0] == '=')
-    return Key::kFaster;
-  if (c[0] == '-' || c[0] == '_')
-    return Key::kSlower;
-  if (n == 3 && c[0] == 27 && c[1] == '[') {
-    if (c[2] == 'C')
-      return Key::kForward;
-    if (c[2] == 'D')
-      return Key::kBack;
+// Keys typed on stdin (a terminal in single-key mode, or a pipe); stops
+// reading at the end of the input.
+class KeyReader {
+ public:
+  explicit KeyReader(bool active) : active_(active) {}
+  // The keys that arrive within timeoutMs (all that are waiting).
+  std::vector<Key> read(int timeoutMs) {
+    std::vector<Key> keys;
+    if (!active_) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
+      return keys;
+    }
+    pollfd fd{0, POLLIN, 0};
+    if (poll(&fd, 1, timeoutMs) <= 0)
+      return keys;
+    char c[64] = {};
+    const ssize_t n = ::read(0, c, sizeof c);
+    if (n <= 0) {
+      active_ = false;  // the end of a pipe
+      return keys;
+    }
+    for (ssize_t i = 0; i < n; ++i) {
+      if (c[i] == 27 && i + 2 < n && c[i + 1] == '[') {
+        const char arrow = c[i + 2];
+        i += 2;
+        if (arrow == 'A')
+          keys.push_back(Key::kVolumeUp);
+        else if (arrow == 'B')
+          keys.push_back(Key::kVolumeDown);
+        else if (arrow == 'C')
+          keys.push_back(Key::kForward);
+        else if (arrow == 'D')
+          keys.push_back(Key::kBack);
+        continue;
+      }
+      switch (c[i]) {
+        case ' ':
+          keys.push_back(Key::kPause);
+          break;
+        case 'q':
+        case 'Q':
+          keys.push_back(Key::kQuit);
+          break;
+        case '+':
+        case '=':
+          keys.push_back(Key::kFaster);
+          break;
+        case '-':
+        case '_':
+          keys.push_back(Key::kSlower);
+          break;
+        case 'm':
+          keys.push_back(Key::kMute);
+          break;
+        case 's':
+          keys.push_back(Key::kSave);
+          break;
+        case '.':
+          keys.push_back(Key::kStep);
+          break;
+        default:
+          break;
+      }
+    }
+    return keys;
   }
-  return Key::kNone;
+
+ private:
+  bool active_;
+};
+
+// The movie's clock: the audio's, or without audio a wall clock that runs
+// at the playback speed.
+class PlayClock {
+ public:
+  PlayClock(VNFFMovie& movie, bool audio) : movie_(movie), audio_(audio) {}
+  double now() {
+    if (!audio_)
+      return base_ + (running_ ? rate_ * elapsed() : 0.0);
+    // The audio clock moves a device buffer at a time; between two steps
+    // it is carried on at the playback speed, for at most one step.
+    const double audio = vn_ff_time_to_double(movie_.currentTime());
+    if (audio != lastAudio_) {
+      lastAudio_ = audio;
+      restart(audio);
+      return audio;
+    }
+    return running_ ? audio + rate_ * std::min(elapsed(), kLongestStep) : audio;
+  }
+  void seek(double seconds) {
+    movie_.seek(microseconds(seconds));
+    restart(seconds);
+  }
+  void setRate(double rate) {
+    if (audio_)
+      movie_.setRate(static_cast<float>(rate));
+    restart(now());
+    rate_ = rate;
+  }
+  void setRunning(bool running) {
+    if (audio_) {
+      running ? movie_.play() : movie_.pause();
+    }
+    restart(now());
+    running_ = running;
+  }
+
+ private:
+  double elapsed() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since_).count();
+  }
+  void restart(double seconds) {
+    base_ = seconds;
+    since_ = std::chrono::steady_clock::now();
+  }
+  // The longest the audio clock stands still while playing: a device
+  // buffer of 2048 frames at 44.1 kHz.
+  static constexpr double kLongestStep = 2048.0 / 44100;
+  VNFFMovie& movie_;
+  bool audio_;
+  double lastAudio_ = -1;
+  double base_ = 0;
+  double rate_ = 1;
+  bool running_ = false;
+  std::chrono::steady_clock::time_point since_ = std::chrono::steady_clock::now();
+};
+
+// The window size asked for: "WxH" with positive numbers.
+bool parseWindow(const std::string& text, int* width, int* height) {
+  char tail = 0;
+  return std::sscanf(text.c_str(), "%dx%d%c", width, height, &tail) == 2 && *width > 0 &&
+         *height > 0 && *width <= 16384 && *height <= 16384;
 }
 
-std::string clock(double seconds) {
+// The size pictures are composed at: the picture as it is shown, fitted
+// into the window asked for, or into 1280x720 when it is larger.
+void pictureSize(Input& input, int windowW, int windowH, int* width, int* height) {
+  shownSize(input, input.movie->rotate(), true, true, width, height);
+  const double boxW = windowW > 0 ? windowW : std::max(*width, 1280);
+  const double boxH = windowH > 0 ? windowH : std::max(*height, 720);
+  const double scale = std::min(boxW / *width, boxH / *height);
+  if (scale < 1 || windowW > 0) {
+    *width = std::max(2, static_cast<int>(std::lround(*width * scale / 2)) * 2);
+    *height = std::max(2, static_cast<int>(std::lround(*height * scale / 2)) * 2);
+  }
+}
+
+std::string clockText(double seconds) {
   char text[32];
   const int whole = static_cast<int>(seconds);
   std::snprintf(text, sizeof text, "%d:%02d:%04.1f", whole / 3600, whole / 60 % 60,
@@ -94,27 +228,70 @@ int run(const PlayOptions& o) {
     return fail("bad --speed", std::to_string(o.speed), "use 0.25 to 4");
   if (o.volume < 0 || o.volume > 4)
     return fail("bad --volume", std::to_string(o.volume), "use 0 to 4");
+  int windowW = 0, windowH = 0;
+  if (!o.window.empty() && !parseWindow(o.window, &windowW, &windowH))
+    return usage("bad --window", o.window, "expected WxH with positive numbers");
   Input input;
   input.title = o.title;
   if (const int status = input.openWithTracks(o.input, o.audioTracks); status != kExitOk)
     return status;
   VNFFMovie& movie = *input.movie;
-  if (!movie.hasAudio())
-    return fail("cannot play", o.input, "it has no audio track to play");
+
+  // The picture, when there is one to show and somewhere to show it.
+  const bool video = input.videoMedia() && !o.noVideo;
+  std::string noWindow = video ? VideoWindow::unavailable() : std::string();
+  if (video && noWindow.empty()) {
+    if (const int status = o.picture.apply(input); status != kExitOk)
+      return status;
+    if (const int status = o.subtitles.apply(input); status != kExitOk)
+      return status;
+  }
+  if (!movie.hasAudio() && (!video || !noWindow.empty())) {
+    return fail(
+        "cannot play", o.input,
+        video ? "it has no audio track, and " + noWindow : "it has no audio or video to play");
+  }
   // A file cut short plays as far as it goes.
   const Input::Extent extent = input.extent();
   input.warnIfCutShort(o.input, extent);
   const double duration = extent.end();
+
+  std::unique_ptr<VideoWindow> window;
+  const AVRational rate = input.videoFrameRate();
+  const double frameSeconds = av_q2d(av_inv_q(rate));
+  if (video && noWindow.empty()) {
+    int width = 0, height = 0;
+    pictureSize(input, windowW, windowH, &width, &height);
+    VideoWindow::Options options;
+    options.width = windowW;
+    options.height = windowH;
+    options.fullscreen = o.fullscreen;
+    const std::string title = std::filesystem::path(o.input).filename().string() + " - varnel";
+    // Nothing to compose: the decoded pictures go to the screen as they are.
+    const bool plain = !o.picture.changesPicture(input) && !o.subtitles.shows();
+    window = VideoWindow::open(input.movie, width, height, plain, frameSeconds, title, options,
+                               &noWindow);
+  }
+  if (video && !window) {
+    if (!movie.hasAudio())
+      return fail("cannot play", o.input, "it has no audio track, and no window: " + noWindow);
+    std::fprintf(stderr, "varnel: playing the sound only: %s\n", noWindow.c_str());
+  }
+
+  PlayClock clock(movie, movie.hasAudio());
   const auto seekTo = [&](double seconds) {
-    seconds = std::clamp(seconds, 0.0, duration);
-    movie.seek(microseconds(seconds));
+    clock.seek(std::clamp(seconds, 0.0, duration));
+    if (window)
+      window->seeked();
   };
   seekTo(o.start);
   movie.flushOperation();
-  movie.setVolume(o.volume);
-  movie.setRate(static_cast<float>(o.speed));
-  movie.play();
-  if (!movie.isPlay()) {
+  double volume = o.volume, unmuted = o.volume;
+  movie.setVolume(volume);
+  float speed = static_cast<float>(o.speed);
+  clock.setRate(speed);
+  clock.setRunning(true);
+  if (movie.hasAudio() && !movie.isPlay()) {
     auto graph = movie.audioOutputGraph();
     return fail("cannot play", o.input, graph ? graph->failureReason() : "no sound device");
   }
@@ -122,50 +299,101 @@ int run(const PlayOptions& o) {
   catchInterrupts();
 
   RawTerminal terminal;
+  KeyReader keys(terminal.active() || !isatty(0));
   const bool tty = isatty(2);
   bool paused = false;
-  float speed = static_cast<float>(o.speed);
   bool quit = false;
+  int saved = 0;
+  const std::string stem = std::filesystem::path(o.input).stem().string();
   while (!quit && !interrupted()) {
-    const Key key = terminal.active() ? readKey(100) : Key::kNone;
-    if (!terminal.active())
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const double now = vn_ff_time_to_double(movie.currentTime());
-    switch (key) {
-      case Key::kQuit:
-        quit = true;
-        break;
-      case Key::kPause:
-        paused = !paused;
-        paused ? movie.pause() : movie.play();
-        break;
-      case Key::kBack:
-        seekTo(now - 10);
-        break;
-      case Key::kForward:
-        seekTo(now + 10);
-        break;
-      case Key::kFaster:
-        speed = std::min(4.0f, speed + 0.25f);
-        movie.setRate(speed);
-        break;
-      case Key::kSlower:
-        speed = std::max(0.25f, speed - 0.25f);
-        movie.setRate(speed);
-        break;
-      case Key::kNone:
-        break;
+    // A window is served at its next frame's start (every 4 ms at most),
+    // the terminal alone ten times a second.
+    int waitMs = 100;
+    if (window) {
+      const double now = clock.now();
+      const double toNext = frameSeconds - std::fmod(std::max(now, 0.0), frameSeconds);
+      waitMs = paused ? 4 : std::clamp(static_cast<int>(std::ceil(toNext / speed * 1000)), 1, 4);
     }
-    if (tty) {
-      std::fprintf(stderr, "\r%s / %s  x%.2f  %s   ", clock(now).c_str(), clock(duration).c_str(),
-                   speed, paused ? "paused " : "playing");
+    std::vector<Key> pressed = keys.read(waitMs);
+    if (window) {
+      for (Key k : window->events())
+        pressed.push_back(k);
     }
+    double now = clock.now();
+    bool changed = false;
+    for (Key key : pressed) {
+      changed = changed || key != Key::kSave;
+      switch (key) {
+        case Key::kQuit:
+          quit = true;
+          break;
+        case Key::kPause:
+          paused = !paused;
+          clock.setRunning(!paused);
+          break;
+        case Key::kBack:
+          seekTo(now - 10);
+          break;
+        case Key::kForward:
+          seekTo(now + 10);
+          break;
+        case Key::kStep:
+          if (paused && window)
+            seekTo(now + frameSeconds);
+          break;
+        case Key::kFaster:
+          speed = std::min(4.0f, speed + 0.25f);
+          clock.setRate(speed);
+          break;
+        case Key::kSlower:
+          speed = std::max(0.25f, speed - 0.25f);
+          clock.setRate(speed);
+          break;
+        case Key::kVolumeUp:
+        case Key::kVolumeDown:
+          volume = std::clamp(volume + (key == Key::kVolumeUp ? 0.1 : -0.1), 0.0, 4.0);
+          unmuted = volume;
+          movie.setVolume(volume);
+          break;
+        case Key::kMute:
+          volume = volume > 0 ? 0 : (unmuted > 0 ? unmuted : 1.0);
+          movie.setVolume(volume);
+          break;
+        case Key::kSave:
+          if (window) {
+            char name[64];
+            std::snprintf(name, sizeof name, "-%.3f-%d.png", now, ++saved);
+            std::string reason;
+            if (window->savePicture(stem + name, &reason))
+              std::fprintf(stderr, "%svarnel: saved %s%s\n", tty ? "\r" : "", (stem + name).c_str(),
+                           tty ? "            " : "");
+            else
+              warn(stem + name, "not saved: " + reason);
+          }
+          break;
+        case Key::kFullscreen:
+          break;
+      }
+      now = clock.now();
+    }
+    char status[160];
+    std::snprintf(status, sizeof status, "%s / %s  x%.2f  vol %d%%  %s", clockText(now).c_str(),
+                  clockText(duration).c_str(), speed, static_cast<int>(std::lround(volume * 100)),
+                  paused ? "paused" : "playing");
+    if (window) {
+      if (changed)
+        window->showStatus(status);
+      window->update(now, paused ? 0.0 : speed);
+    }
+    if (tty)
+      std::fprintf(stderr, "\r%s   ", status);
     if (!paused && now >= duration)
       break;
   }
-  movie.pause();
+  clock.setRunning(false);
   if (tty)
     std::fprintf(stderr, "\n");
+  window.reset();
   return kExitOk;
 }
 
@@ -174,8 +402,8 @@ int run(const PlayOptions& o) {
 Registration playCommand() {
   return [](CLI::App& app, std::function<int()>& run_) {
     auto o = std::make_shared<PlayOptions>();
-    CLI::App* sub =
-        app.add_subcommand("play", "Play the audio of INPUT on the default sound device");
+    CLI::App* sub = app.add_subcommand(
+        "play", "Play INPUT: its sound on the default device, its picture in a window");
     sub->add_option("INPUT", o->input, "Input media file or DVD (folder, .iso, device)")
         ->required();
     addTitleOption(sub, &o->title);
@@ -184,7 +412,14 @@ Registration playCommand() {
     sub->add_option("--start", o->start, "Start time in seconds");
     sub->add_option("--audio-tracks", o->audioTracks,
                     "Audio tracks to mix, e.g. 0,2 (default: all)");
-    sub->footer("Keys: space pause, left/right seek 10 s, +/- speed, q quit.");
+    sub->add_flag("--no-video", o->noVideo, "Play the sound only, without a window");
+    sub->add_option("--window", o->window, "Window size WxH (default: the picture's)");
+    sub->add_flag("--fullscreen", o->fullscreen, "Start in full screen");
+    o->picture.addTo(sub);
+    o->subtitles.addTo(sub);
+    sub->footer(
+        "Keys: space pause, left/right seek 10 s, +/- speed, up/down volume, m mute, s save the "
+        "picture, . next frame (paused), f or double-click full screen, q quit.");
     sub->callback([o, &run_] { run_ = [o] { return run(*o); }; });
   };
 }

@@ -1,0 +1,346 @@
+// End-to-end: `varnel play` with a window, on a virtual display (Xvfb).
+// Screenshots of the window are read back through the frame counter burned
+// into counter.mp4 and matched with the player's trace of what it showed
+// and at which clock (VARNEL_PLAY_TRACE).
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+
+extern char** environ;
+
+namespace {
+
+using vn::test::fixture;
+using Clock = std::chrono::steady_clock;
+
+// A sanitizer build decodes several times slower: its player cannot keep
+// up with the clock, and only what holds at any speed is checked.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kTimed = false;
+#else
+constexpr bool kTimed = true;
+#endif
+
+constexpr int kScreenW = 640, kScreenH = 480;
+constexpr double kFrame = 0.04;  // counter.mp4 runs at 25 fps
+
+int64_t nowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+      .count();
+}
+
+void sleepSeconds(double s) {
+  std::this_thread::sleep_for(std::chrono::duration<double>(s));
+}
+
+// Runs argv with extra environment, stdin from a pipe we write to, stdout
+// and stderr to a file; killed if still running at destruction.
+class Process {
+ public:
+  Process(const std::vector<std::string>& argv,
+          const std::vector<std::string>& env,
+          const std::string& log) {
+    int fds[2];
+    if (pipe(fds) != 0)
+      return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[0], 0);
+    posix_spawn_file_actions_addclose(&actions, fds[1]);
+    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    std::vector<std::string> environment = env;
+    for (char** e = environ; *e; ++e)
+      environment.push_back(*e);
+    std::vector<char*> args, envp;
+    for (const auto& a : argv)
+      args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    for (const auto& e : environment)
+      envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    if (posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), envp.data()) != 0)
+      pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[0]);
+    input_ = fds[1];
+  }
+  ~Process() {
+    if (input_ >= 0)
+      close(input_);
+    // Asked to end first (an X server removes its socket and lock then),
+    // killed when it does not.
+    if (pid_ > 0 && !exited_) {
+      kill(pid_, SIGTERM);
+      if (wait(5) < 0 && !exited_) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+      }
+    }
+  }
+  bool started() const { return pid_ > 0; }
+  void send(const std::string& keys) {
+    ASSERT_EQ(write(input_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  }
+  // The exit status, or -1 when it does not end within the time.
+  int wait(double seconds) {
+    const auto until = Clock::now() + std::chrono::duration<double>(seconds);
+    while (Clock::now() < until) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        exited_ = true;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      }
+      sleepSeconds(0.02);
+    }
+    return -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int input_ = -1;
+  bool exited_ = false;
+};
+
+// A virtual X display for the life of the object.
+class VirtualDisplay {
+ public:
+  VirtualDisplay() {
+    // A display number of this process and this instance, free of any
+    // other server's lock.
+    static int instances = 0;
+    for (int tries = 0; tries < 20; ++tries) {
+      number_ = 40 + static_cast<int>(getpid() % 400) * 8 + (instances++ % 8);
+      struct stat info {};
+      if (stat(("/tmp/.X" + std::to_string(number_) + "-lock").c_str(), &info) != 0)
+        break;
+    }
+    name_ = ":" + std::to_string(number_);
+    server_ = std::make_unique<Process>(
+        std::vector<std::string>{"/usr/bin/Xvfb", name_, "-screen", "0",
+                                 std::to_string(kScreenW) + "x" + std::to_string(kScreenH) + "x24",
+                                 "-nolisten", "tcp"},
+        std::vector<std::string>{}, vn::test::scratchDir() + "/xvfb" + name_.substr(1) + ".log");
+    const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number_);
+    for (int i = 0; i < 250 && !ready_; ++i) {
+      struct stat info {};
+      ready_ = stat(socket.c_str(), &info) == 0;
+      if (!ready_)
+        sleepSeconds(0.02);
+    }
+  }
+  bool ready() const { return ready_; }
+  const std::string& name() const { return name_; }
+
+ private:
+  int number_ = 0;
+  std::string name_;
+  std::unique_ptr<Process> server_;
+  bool ready_ = false;
+};
+
+// One screenshot of the whole screen, RGB, and when it was taken.
+struct Shot {
+  std::vector<uint8_t> rgb;
+  int64_t before = 0, after = 0;
+  const uint8_t* at(int x, int y) const { return &rgb[(size_t(y) * kScreenW + x) * 3]; }
+};
+
+Shot screenshot(const std::string& display) {
+  Shot shot;
+  shot.before = nowNs();
+  const std::string bytes = vn::test::runShell(
+      "ffmpeg -v error -f x11grab -video_size " + std::to_string(kScreenW) + "x" +
+      std::to_string(kScreenH) + " -i " + display + " -frames:v 1 -f rawvideo -pix_fmt rgb24 -");
+  shot.after = nowNs();
+  shot.rgb.assign(bytes.begin(), bytes.end());
+  return shot;
+}
+
+// The frame number on a counter.mp4 picture (320x240) shown in a 640x480
+// window that fills the screen: ten stripes across the top half, the least significant left.
+int frameNumber(const Shot& shot) {
+  if (shot.rgb.size() != size_t(kScreenW) * kScreenH * 3)
+    return -1;
+  int n = 0;
+  for (int bit = 0; bit < 10; ++bit) {
+    const uint8_t* p = shot.at(bit * 64 + 32, 100);
+    if (p[0] > 128)
+      n |= 1 << bit;
+  }
+  return n;
+}
+
+struct TraceLine {
+  int64_t ns = 0;
+  bool shown = false;
+  int64_t index = 0;
+  double time = 0, clock = 0;
+};
+
+std::vector<TraceLine> readTrace(const std::string& path) {
+  std::vector<TraceLine> lines;
+  std::ifstream in(path);
+  std::string kind;
+  TraceLine l;
+  while (in >> l.ns >> kind >> l.index >> l.time >> l.clock) {
+    l.shown = kind == "shown";
+    lines.push_back(l);
+  }
+  return lines;
+}
+
+// The frames that can be on screen in a shot: the last one shown before it
+// began, and those shown while it was taken.
+std::vector<int64_t> onScreenDuring(const std::vector<TraceLine>& trace, const Shot& shot) {
+  std::vector<int64_t> frames;
+  for (const TraceLine& l : trace) {
+    if (!l.shown)
+      continue;
+    if (l.ns <= shot.before) {
+      frames.assign(1, l.index);
+    } else if (l.ns <= shot.after) {
+      frames.push_back(l.index);
+    }
+  }
+  return frames;
+}
+
+bool contains(const std::vector<int64_t>& frames, int64_t n) {
+  return std::find(frames.begin(), frames.end(), n) != frames.end();
+}
+
+std::vector<std::string> playerEnv(const VirtualDisplay& display, const std::string& name) {
+  const std::string dir = vn::test::scratchDir();
+  return {"DISPLAY=" + display.name(), "SDL_AUDIODRIVER=disk",
+          "SDL_DISKAUDIOFILE=" + dir + "/" + name + ".raw",
+          "VARNEL_PLAY_TRACE=" + dir + "/" + name + ".trace"};
+}
+
+TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
+  VirtualDisplay display;
+  ASSERT_TRUE(display.ready()) << "Xvfb did not start";
+  const std::string dir = vn::test::scratchDir();
+  Process player({VARNEL_CLI_PATH, "play", fixture("counter.mp4"), "--window", "640x480"},
+                 playerEnv(display, "window"), dir + "/window.log");
+  ASSERT_TRUE(player.started());
+
+  std::vector<std::pair<std::string, Shot>> shots;
+  sleepSeconds(1.5);
+  shots.emplace_back("at 1.0 speed", screenshot(display.name()));
+  player.send("++++");  // 2.0
+  sleepSeconds(1.5);
+  shots.emplace_back("at 2.0 speed", screenshot(display.name()));
+  player.send("----\x1b[C");  // 1.0, then 10 s on
+  sleepSeconds(1.0);
+  shots.emplace_back("after a seek", screenshot(display.name()));
+  player.send(" ");
+  sleepSeconds(0.5);
+  const Shot paused = screenshot(display.name());
+  sleepSeconds(0.6);
+  const Shot stillPaused = screenshot(display.name());
+  player.send(" ");
+  sleepSeconds(1.0);
+  shots.emplace_back("after pause and resume", screenshot(display.name()));
+  player.send("q");
+  ASSERT_EQ(player.wait(20), 0);
+
+  const std::vector<TraceLine> trace = readTrace(dir + "/window.trace");
+  ASSERT_GT(trace.size(), 50u);
+  for (const auto& [what, shot] : shots) {
+    SCOPED_TRACE(what);
+    const int n = frameNumber(shot);
+    EXPECT_GE(n, 0);
+    const std::vector<int64_t> possible = onScreenDuring(trace, shot);
+    if (kTimed) {
+      EXPECT_TRUE(contains(possible, n)) << "screen shows frame " << n;
+    }
+  }
+  // While paused the picture stands still.
+  EXPECT_EQ(frameNumber(paused), frameNumber(stillPaused));
+  EXPECT_GE(frameNumber(paused), 0);
+
+  // Every picture shown covers the clock when it is shown, within a frame;
+  // the seek jumped about 10 s.
+  int64_t last = -1;
+  bool jumped = false;
+  for (const TraceLine& l : trace) {
+    if (!l.shown)
+      continue;
+    if (kTimed) {
+      EXPECT_GE(l.clock - l.time, -0.001) << "frame " << l.index;
+      EXPECT_LT(l.clock - l.time, kFrame) << "frame " << l.index;
+    }
+    jumped = jumped || (last >= 0 && l.index - last > 200);
+    last = l.index;
+  }
+  EXPECT_TRUE(jumped);
+}
+
+TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
+  VirtualDisplay display;
+  ASSERT_TRUE(display.ready()) << "Xvfb did not start";
+  const std::string dir = vn::test::scratchDir();
+  // utf8.srt shows its two lines from 1 s to 7 s.
+  Process player(
+      {VARNEL_CLI_PATH, "play", fixture("counter.mp4"), "--window", "640x480", "--rotate", "90",
+       "--subtitles", fixture("utf8.srt"), "--subtitle-font", "Sans 24", "--start", "2"},
+      playerEnv(display, "settings"), dir + "/settings.log");
+  ASSERT_TRUE(player.started());
+  sleepSeconds(1.5);
+  const Shot shot = screenshot(display.name());
+  player.send("q");
+  ASSERT_EQ(player.wait(20), 0);
+  ASSERT_EQ(shot.rgb.size(), size_t(kScreenW) * kScreenH * 3);
+
+  // Turned a quarter: a 240x320 picture fills the height, 360 wide, centred
+  // between black bars.
+  for (const int x : {10, 100, 540, 630})
+    EXPECT_LT(shot.at(x, 240)[0] + shot.at(x, 240)[1] + shot.at(x, 240)[2], 30) << x;
+  // The subtitle: white text on the picture's lower part, which is grey
+  // (the counter's lower half, turned, is its left half now) or black.
+  int white = 0;
+  for (int y = 300; y < 480; ++y) {
+    for (int x = 140; x < 500; ++x) {
+      const uint8_t* p = shot.at(x, y);
+      white += p[0] > 235 && p[1] > 235 && p[2] > 235;
+    }
+  }
+  EXPECT_GT(white, 100);
+}
+
+TEST(PlayWindowTest, NoDisplayMeansSoundOnly) {
+  const std::string dir = vn::test::scratchDir();
+  const vn::test::CommandResult r =
+      vn::test::runVarnel({"play", fixture("counter.mp4"), "--start", "22.5"},
+                          {{"DISPLAY", ""},
+                           {"WAYLAND_DISPLAY", ""},
+                           {"SDL_AUDIODRIVER", "disk"},
+                           {"SDL_DISKAUDIOFILE", dir + "/nodisplay.raw"}},
+                          60);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("varnel: playing the sound only: no display"), std::string::npos) << r.err;
+  // A clip without sound needs a window.
+  const vn::test::CommandResult silent = vn::test::runVarnel(
+      {"play", fixture("cues_clip.mp4")}, {{"DISPLAY", ""}, {"WAYLAND_DISPLAY", ""}}, 60);
+  EXPECT_EQ(silent.status, 1);
+  EXPECT_NE(silent.err.find("no audio track, and no display"), std::string::npos) << silent.err;
+}
+
+}  // namespace
