@@ -10,7 +10,12 @@
 #include <deque>
 #include <mutex>
 
+#include "ffmpeg/owners.h"
 #include "input.h"
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
 
 namespace varnel_cli {
 
@@ -41,11 +46,41 @@ struct VideoWindow::Shared {
     std::vector<uint8_t> rgba;
   };
   std::mutex lock;
-  size_t inFlight = 0;        // pictures being decoded
-  uint64_t generation = 0;    // counts seeks: older pictures are dropped
-  std::deque<Picture> ready;  // decoded, in frame order
-  int64_t missing = -1;       // a frame that gave no picture (past the end)
-  double latency = 0.02;      // seconds from asking to having a picture, smoothed
+  size_t inFlight = 0;           // pictures being decoded
+  uint64_t generation = 0;       // counts seeks: older pictures are dropped
+  std::deque<Picture> ready;     // decoded, in frame order
+  int64_t missing = -1;          // a frame that gave no picture (past the end)
+  double latency = 0.02;         // seconds from asking to having a picture, smoothed
+  int screenW = 0, screenH = 0;  // the size the picture takes on screen
+  vn::ff::Sws scaler;            // decode queue only
+
+  // The picture at the size it takes on screen, so that the renderer only
+  // copies it (a software renderer scales slowly). Decode queue.
+  void fit(Picture& picture) {
+    int w = 0, h = 0;
+    {
+      std::lock_guard<std::mutex> hold(lock);
+      w = screenW;
+      h = screenH;
+    }
+    if (w <= 0 || h <= 0 || (w == picture.width && h == picture.height))
+      return;
+    scaler.reset(sws_getCachedContext(scaler.release(), picture.width, picture.height,
+                                      AV_PIX_FMT_RGBA, w, h, AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr,
+                                      nullptr, nullptr));
+    if (!scaler)
+      return;
+    std::vector<uint8_t> out(static_cast<size_t>(w) * h * 4);
+    const uint8_t* from[4] = {picture.rgba.data(), nullptr, nullptr, nullptr};
+    const int fromStride[4] = {picture.width * 4, 0, 0, 0};
+    uint8_t* to[4] = {out.data(), nullptr, nullptr, nullptr};
+    const int toStride[4] = {w * 4, 0, 0, 0};
+    if (sws_scale(scaler.get(), from, fromStride, 0, picture.height, to, toStride) != h)
+      return;
+    picture.rgba = std::move(out);
+    picture.width = w;
+    picture.height = h;
+  }
 };
 
 std::string VideoWindow::unavailable() {
@@ -191,6 +226,8 @@ void VideoWindow::request(int64_t index) {
   // Everything below runs on the decode queue: the picture's pixels are
   // taken there, while they are still the decoder's.
   auto hand = [shared, generation, asked](std::optional<Shared::Picture> picture, int64_t frame) {
+    if (picture)
+      shared->fit(*picture);
     std::lock_guard<std::mutex> hold(shared->lock);
     --shared->inFlight;
     shared->latency = 0.8 * shared->latency + 0.2 * (steadySeconds() - asked);
@@ -263,9 +300,10 @@ void VideoWindow::update(double clock, double rate) {
   bool changed = false;
   for (size_t i = 0; i < due.size(); ++i) {
     Shared::Picture& picture = due[i];
-    // Only the picture of the clock's frame is shown (or, right after a
-    // seek, the first that comes); one whose frame has passed is skipped.
-    const bool show = i + 1 == due.size() && (picture.index == frame || shownIndex_ < 0);
+    // Only the picture of the clock's frame is shown; one whose frame has
+    // passed is skipped, also right after a seek (the picture before it
+    // stays until one comes in time).
+    const bool show = i + 1 == due.size() && picture.index == frame;
     trace(show ? "shown" : "skipped", picture.index, clock);
     if (!show)
       continue;
@@ -343,16 +381,23 @@ void VideoWindow::present() {
   SDL_RenderClear(renderer_);
   int outW = 0, outH = 0;
   SDL_GetRendererOutputSize(renderer_, &outW, &outH);
-  if (texture_ && !onScreen_.empty() && outW > 0 && outH > 0) {
-    // The whole picture, its aspect kept, centred.
+  if (outW > 0 && outH > 0) {
+    // The whole picture, its aspect kept, centred; pictures to come are
+    // made that size.
     const double scale =
         std::min(static_cast<double>(outW) / shownW_, static_cast<double>(outH) / shownH_);
     SDL_Rect to;
-    to.w = static_cast<int>(std::lround(shownW_ * scale));
-    to.h = static_cast<int>(std::lround(shownH_ * scale));
+    to.w = std::max(1, static_cast<int>(std::lround(shownW_ * scale)));
+    to.h = std::max(1, static_cast<int>(std::lround(shownH_ * scale)));
     to.x = (outW - to.w) / 2;
     to.y = (outH - to.h) / 2;
-    SDL_RenderCopy(renderer_, texture_, nullptr, &to);
+    {
+      std::lock_guard<std::mutex> hold(shared_->lock);
+      shared_->screenW = to.w;
+      shared_->screenH = to.h;
+    }
+    if (texture_ && !onScreen_.empty())
+      SDL_RenderCopy(renderer_, texture_, nullptr, &to);
   }
   statusShown_ = status_ && steadySeconds() <= statusUntil_;
   if (statusShown_) {

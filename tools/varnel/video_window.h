@@ -1,11 +1,11 @@
 // The picture of `varnel play`: an SDL window showing the movie's composed
 // picture at the movie's clock.
 //
-// Pictures are decoded one ahead on the movie's decode queue (through
-// decodeImageAtTime and a provider), rendered to RGBA there, and uploaded
-// and shown on the main thread when the clock reaches their frame. A picture
-// that arrives after its frame has passed is skipped: the sound is never
-// held back for the picture.
+// Pictures are decoded two ahead on the movie's decode queue (through
+// decodeImageAtTime and a provider), rendered to RGBA at the size they take
+// on screen there, and uploaded and shown on the main thread when the clock
+// reaches their frame. A picture that arrives after its frame has passed is
+// skipped: the sound is never held back for the picture.
 //
 // Threads: every call on the main thread; the provider runs on the decode
 // queue and meets the main thread only in the hand-over of a picture.
