@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -323,6 +324,32 @@ TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
     }
   }
   EXPECT_GT(white, 100);
+}
+
+TEST(PlayWindowTest, EndsWithTheInputAndSavesThePicture) {
+  VirtualDisplay display;
+  ASSERT_TRUE(display.ready()) << "Xvfb did not start";
+  const std::string dir = vn::test::scratchDir();
+  // The last second and a half, paused on the way for `s` to save the
+  // picture on screen into the working folder.
+  const std::string saved = dir + "/saved";
+  std::filesystem::create_directories(saved);
+  Process player(
+      {"/bin/sh", "-c",
+       "cd " + vn::test::shellQuote(saved) + " && exec " + VARNEL_CLI_PATH + " play " +
+           vn::test::shellQuote(fixture("counter.mp4")) + " --window 320x240 --start 22.5"},
+      playerEnv(display, "end"), dir + "/end.log");
+  ASSERT_TRUE(player.started());
+  sleepSeconds(0.5);
+  player.send(" s ");
+  EXPECT_EQ(player.wait(20), 0);
+  std::vector<std::string> pictures;
+  for (const auto& entry : std::filesystem::directory_iterator(saved))
+    pictures.push_back(entry.path().string());
+  ASSERT_EQ(pictures.size(), 1u);
+  const vn::test::Raster picture = vn::test::readPicture(pictures[0]);
+  EXPECT_EQ(picture.width, 320);
+  EXPECT_EQ(picture.height, 240);
 }
 
 TEST(PlayWindowTest, NoDisplayMeansSoundOnly) {
