@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -45,38 +44,44 @@ struct Lsdvd {
   std::vector<LsdvdTitle> titles;
 };
 
+// The text after "key: " in an lsdvd line, up to the first of `ends`;
+// empty when the key is not there.
+std::string field(const std::string& line, const std::string& key, const char* ends = ",") {
+  const size_t at = line.find(key + ": ");
+  if (at == std::string::npos)
+    return {};
+  const size_t from = at + key.size() + 2;
+  return line.substr(from, line.find_first_of(ends, from) - from);
+}
+
 Lsdvd lsdvd(const std::string& path) {
   int status = 0;
   const std::string text =
       vn::test::runShell("lsdvd -a -s -v " + vn::test::shellQuote(path) + " 2>/dev/null", &status);
   EXPECT_EQ(status, 0) << text;
   Lsdvd disc;
-  const std::regex volume(R"(^Disc Title: (.*)$)");
-  const std::regex title(R"(^Title: \d+, Length: [^ ]+ Chapters: \d+, Cells: (\d+),)");
-  const std::regex video(
-      R"(VTS: (\d+), TTN: (\d+), FPS: [^,]+, Format: (\w+), Aspect ratio: ([\d/]+))");
-  const std::regex audio(R"(^\s+Audio: \d+, Language: (\w+) - )");
-  const std::regex subtitle(R"(^\s+Subtitle: \d+, Language: (\w+) - )");
   std::istringstream lines(text);
-  std::smatch m;
   for (std::string line; std::getline(lines, line);) {
-    if (std::regex_search(line, m, volume)) {
-      disc.volume = m[1];
-    } else if (std::regex_search(line, m, title)) {
+    const bool indented = !line.empty() && line[0] == '\t';
+    if (line.rfind("Disc Title: ", 0) == 0) {
+      disc.volume = line.substr(12);
+    } else if (line.rfind("Title: ", 0) == 0) {
       disc.titles.push_back({});
-      disc.titles.back().cells = std::stoi(m[1]);
-    } else if (disc.titles.empty()) {
+      disc.titles.back().cells = std::stoi(field(line, "Cells"));
+    } else if (!indented || disc.titles.empty()) {
       continue;
-    } else if (std::regex_search(line, m, video)) {
+    } else if (line.find("VTS: ") != std::string::npos) {
       LsdvdTitle& t = disc.titles.back();
-      t.vts = std::stoi(m[1]);
-      t.ttn = std::stoi(m[2]);
-      t.format = m[3];
-      t.aspect = m[4];
-    } else if (std::regex_search(line, m, audio)) {
-      disc.titles.back().audio.push_back(Varnel::displayStringForLanguage(m[1]));
-    } else if (std::regex_search(line, m, subtitle)) {
-      disc.titles.back().subtitles.push_back(Varnel::displayStringForLanguage(m[1]));
+      t.vts = std::stoi(field(line, "VTS"));
+      t.ttn = std::stoi(field(line, "TTN"));
+      t.format = field(line, "Format");
+      t.aspect = field(line, "Aspect ratio");
+    } else if (line.find("\tAudio: ") == 0) {
+      disc.titles.back().audio.push_back(
+          Varnel::displayStringForLanguage(field(line, "Language", " ")));
+    } else if (line.find("\tSubtitle: ") == 0) {
+      disc.titles.back().subtitles.push_back(
+          Varnel::displayStringForLanguage(field(line, "Language", " ")));
     }
   }
   return disc;
