@@ -190,6 +190,11 @@ VNDVD::~VNDVD() {
 }
 
 std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
+  // A path that is not there is not handed to libdvdread, which leaks on
+  // that failure.
+  struct stat there {};
+  if (stat(path.c_str(), &there) != 0)
+    return nullptr;
   static const dvd_logger_cb logger = {ignoreDvdMessage};
   dvd_reader_t* reader = DVDOpen2(nullptr, &logger, path.c_str());
   if (!reader)
