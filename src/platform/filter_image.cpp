@@ -6,11 +6,8 @@
 #include <cstring>
 #include <filesystem>
 #include <limits>
-#include <mutex>
 #include <new>
 #include <utility>
-
-#include <vips/vips.h>
 
 #include "platform/bitmap_context.h"
 #include "platform/bitmap_image.h"
@@ -18,6 +15,7 @@
 #include "platform/parallel.h"
 #include "platform/pixel_buffer.h"
 #include "platform/srgb.h"
+#include "platform/vips_library.h"
 
 namespace vn {
 
@@ -1018,9 +1016,9 @@ struct GObjectUnref {
 };
 using VipsHandle = std::unique_ptr<VipsImage, GObjectUnref>;
 
-std::string vipsReason() {
-  std::string text = vips_error_buffer();
-  vips_error_clear();
+std::string vipsReason(const VipsLibrary& vips) {
+  std::string text = vips.error_buffer();
+  vips.error_clear();
   while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
     text.pop_back();
   const size_t newline = text.find('\n');
@@ -1034,13 +1032,7 @@ std::string vipsReason() {
 // ---------------------------------------------------------------------------
 
 void FilterImage::initializeLibrary() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    if (vips_init("varnel") != 0)
-      vips_error_clear();
-    // The cache would keep references to images that wrap memory we reuse.
-    vips_cache_set_max(0);
-  });
+  VipsLibrary::get();
 }
 
 FilterImage::FilterImage(std::shared_ptr<const Node> node) : node_(std::move(node)) {}
@@ -1090,7 +1082,6 @@ std::optional<FilterImage> FilterImage::fromBitmap(const BitmapImage& bitmap) {
 }
 
 std::optional<FilterImage> FilterImage::fromFile(const std::string& path, std::string* reason) {
-  initializeLibrary();
   std::string ignored;
   std::string& why = reason ? *reason : ignored;
   std::error_code error;
@@ -1098,12 +1089,15 @@ std::optional<FilterImage> FilterImage::fromFile(const std::string& path, std::s
     why = std::filesystem::exists(path, error) ? "not a regular file" : "no such file";
     return std::nullopt;
   }
-  VipsHandle image(vips_image_new_from_file(path.c_str(), nullptr));
+  const VipsLibrary* vips = VipsLibrary::get(&why);
+  if (!vips)
+    return std::nullopt;
+  VipsHandle image(vips->image_new_from_file(path.c_str(), nullptr));
   if (!image) {
-    why = "not an image libvips can read (" + vipsReason() + ")";
+    why = "not an image libvips can read (" + vipsReason(*vips) + ")";
     return std::nullopt;
   }
-  const int width = vips_image_get_width(image.get()), height = vips_image_get_height(image.get());
+  const int width = vips->image_get_width(image.get()), height = vips->image_get_height(image.get());
   if (!withinLimits(IntRect{0, 0, width, height})) {
     why = "image too large (" + std::to_string(width) + "x" + std::to_string(height) +
           "; at most " + std::to_string(kMaxImageSide) + " pixels a side and " +
@@ -1112,28 +1106,28 @@ std::optional<FilterImage> FilterImage::fromFile(const std::string& path, std::s
   }
   // To 8-bit sRGB with an alpha band.
   VipsImage* step = nullptr;
-  if (vips_colourspace(image.get(), &step, VIPS_INTERPRETATION_sRGB, nullptr) != 0) {
-    why = vipsReason();
+  if (vips->colourspace(image.get(), &step, VIPS_INTERPRETATION_sRGB, nullptr) != 0) {
+    why = vipsReason(*vips);
     return std::nullopt;
   }
   VipsHandle srgb(step);
-  if (!vips_image_hasalpha(srgb.get())) {
-    if (vips_bandjoin_const1(srgb.get(), &step, 255, nullptr) != 0) {
-      why = vipsReason();
+  if (!vips->image_hasalpha(srgb.get())) {
+    if (vips->bandjoin_const1(srgb.get(), &step, 255, nullptr) != 0) {
+      why = vipsReason(*vips);
       return std::nullopt;
     }
     srgb.reset(step);
   }
-  if (vips_cast(srgb.get(), &step, VIPS_FORMAT_UCHAR, nullptr) != 0) {
-    why = vipsReason();
+  if (vips->cast(srgb.get(), &step, VIPS_FORMAT_UCHAR, nullptr) != 0) {
+    why = vipsReason(*vips);
     return std::nullopt;
   }
   VipsHandle bytes(step);
   size_t size = 0;
-  void* memory = vips_image_write_to_memory(bytes.get(), &size);
-  if (!memory || size != size_t(width) * height * 4 || vips_image_get_bands(bytes.get()) != 4) {
+  void* memory = vips->image_write_to_memory(bytes.get(), &size);
+  if (!memory || size != size_t(width) * height * 4 || vips->image_get_bands(bytes.get()) != 4) {
     g_free(memory);
-    why = memory ? "unexpected pixel layout" : vipsReason();
+    why = memory ? "unexpected pixel layout" : vipsReason(*vips);
     return std::nullopt;
   }
   std::shared_ptr<uint8_t> owner(static_cast<uint8_t*>(memory), [](uint8_t* p) { g_free(p); });
@@ -1378,7 +1372,6 @@ void FilterImage::draw(BitmapContext& context,
 }
 
 bool FilterImage::writeToFile(const std::string& path, std::string* reason) const {
-  initializeLibrary();
   std::string ignored;
   std::string& why = reason ? *reason : ignored;
   if (isInfinite() || isEmpty()) {
@@ -1399,20 +1392,23 @@ bool FilterImage::writeToFile(const std::string& path, std::string* reason) cons
     why = "image too large to write";
     return false;
   }
+  const VipsLibrary* vips = VipsLibrary::get(&why);
+  if (!vips)
+    return false;
   std::vector<uint8_t> pixels = render(extent());
   if (pixels.empty()) {
     why = "the picture could not be rendered";
     return false;
   }
-  VipsHandle image(vips_image_new_from_memory(pixels.data(), pixels.size(), region.width,
+  VipsHandle image(vips->image_new_from_memory(pixels.data(), pixels.size(), region.width,
                                               region.height, 4, VIPS_FORMAT_UCHAR));
   if (!image) {
-    why = vipsReason();
+    why = vipsReason(*vips);
     return false;
   }
   VipsImage* tagged = nullptr;
-  if (vips_copy(image.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr) != 0) {
-    why = vipsReason();
+  if (vips->copy(image.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr) != 0) {
+    why = vipsReason(*vips);
     return false;
   }
   image.reset(tagged);
@@ -1424,21 +1420,21 @@ bool FilterImage::writeToFile(const std::string& path, std::string* reason) cons
                               std::to_string(reinterpret_cast<uintptr_t>(&pixels)) + ext);
   int status = 0;
   if (png) {
-    status = vips_pngsave(image.get(), temp.c_str(), nullptr);
+    status = vips->pngsave(image.get(), temp.c_str(), nullptr);
   } else {
     VipsImage* flat = nullptr;
     double black[3] = {0, 0, 0};
-    VipsArrayDouble* background = vips_array_double_new(black, 3);
-    status = vips_flatten(image.get(), &flat, "background", background, nullptr);
-    vips_area_unref(VIPS_AREA(background));
+    VipsArrayDouble* background = vips->array_double_new(black, 3);
+    status = vips->flatten(image.get(), &flat, "background", background, nullptr);
+    vips->area_unref(VIPS_AREA(background));
     if (status == 0) {
       VipsHandle flattened(flat);
-      status = vips_jpegsave(flattened.get(), temp.c_str(), "Q", 92, nullptr);
+      status = vips->jpegsave(flattened.get(), temp.c_str(), "Q", 92, nullptr);
     }
   }
   std::error_code error;
   if (status != 0) {
-    why = vipsReason();
+    why = vipsReason(*vips);
     std::filesystem::remove(temp, error);
     return false;
   }

@@ -96,8 +96,9 @@ class FilterImage {
   using RenderStats = ImageRenderStats;
   using RenderOptions = ImageRenderOptions;
 
-  // Starts libvips once per process (image files) and turns its operation
-  // cache off. Any thread; the file functions call it themselves.
+  // Loads and starts libvips once per process (image files), its operation
+  // cache off. Any thread; the file functions call it themselves, so only a
+  // program that wants the cost up front needs it.
   static void initializeLibrary();
 
   // An image of width x height pixels copied from rows of `stride` bytes,
