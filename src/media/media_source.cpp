@@ -255,10 +255,18 @@ void VNMediaSource::open() {
     return;
   }
   vn::ff::InputFormatContext opened(context);
+  // Streams left out of the probe are skipped by the demuxer while it runs.
+  const bool limited = probeStreams_ && !(context->ctx_flags & AVFMTCTX_NOHEADER);
+  for (unsigned i = 0; limited && i < context->nb_streams; ++i) {
+    if (!probeStreams_->count(i))
+      context->streams[i]->discard = AVDISCARD_ALL;
+  }
   std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
   // The probe's status is not a verdict: a file whose streams could not all
   // be probed still opens with what was found.
   (void)avformat_find_stream_info(context, nullptr);
+  for (unsigned i = 0; limited && i < context->nb_streams; ++i)
+    context->streams[i]->discard = AVDISCARD_DEFAULT;
   format_context_ = std::move(opened);
   lastError_.clear();
 }
@@ -286,6 +294,8 @@ std::optional<VNMediaSource::Medias> VNMediaSource::createMediasWithStreams(
     // Two medias over the same file, each with its own demuxer: one feeds
     // only pictures, the other only sound.
     std::shared_ptr<VNFFMedia> sound = media->copy();
+    if (sound->source())
+      sound->source()->setProbeStreams(audio);
     sound->setSelectStreams(std::move(audio));
     sound->open();
     media->setSelectStreams(std::move(video));

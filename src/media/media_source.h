@@ -89,6 +89,12 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   // Does nothing when open. No result: test isOpen(); lastError() says why
   // it failed.
   void open();
+  // Limits the probe of open() to these container streams when the
+  // container's header lists every stream (MP4, Matroska, ...): the others
+  // keep what the header says and are not decoded to learn more. The
+  // second demuxer of a file read as two medias is so spared decoding
+  // pictures it never shows. None (the default): every stream.
+  void setProbeStreams(std::optional<VNIndexSet> streams) { probeStreams_ = std::move(streams); }
 
   // Reads the source as medias keeping only the given container streams
   // (null: all). A source holding video and audio becomes two medias, in
@@ -139,4 +145,5 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   std::string fullpath_;                       // the path given at creation
   vn::ff::InputFormatContext format_context_;  // the demuxer; null until opened
   std::string lastError_;                      // reason of the last failure
+  std::optional<VNIndexSet> probeStreams_;     // what open() probes; none: all
 };
