@@ -229,9 +229,30 @@ bool contains(const std::vector<int64_t>& frames, int64_t n) {
 
 std::vector<std::string> playerEnv(const VirtualDisplay& display, const std::string& name) {
   const std::string dir = vn::test::scratchDir();
-  return {"DISPLAY=" + display.name(), "SDL_AUDIODRIVER=disk",
-          "SDL_DISKAUDIOFILE=" + dir + "/" + name + ".raw",
-          "VARNEL_PLAY_TRACE=" + dir + "/" + name + ".trace"};
+  std::vector<std::string> env{"DISPLAY=" + display.name(), "SDL_AUDIODRIVER=disk",
+                               "SDL_DISKAUDIOFILE=" + dir + "/" + name + ".raw",
+                               "VARNEL_PLAY_TRACE=" + dir + "/" + name + ".trace"};
+#ifdef VARNEL_KEEP_LOADED
+  // The sanitizer's runtime comes first, then the library that keeps the
+  // GL driver loaded (tests/sanitizers/keep_loaded.c).
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    const size_t at = line.find('/');
+    if (at != std::string::npos && line.find("/libasan.so") != std::string::npos) {
+      env.push_back("LD_PRELOAD=" + line.substr(at) + " " + VARNEL_KEEP_LOADED);
+      break;
+    }
+  }
+#endif
+  return env;
+}
+
+// The player's output, for a failure message.
+std::string logOf(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return "player output:\n" + text.str();
 }
 
 TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
@@ -260,7 +281,7 @@ TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
   sleepSeconds(1.0);
   shots.emplace_back("after pause and resume", screenshot(display.name()));
   player.send("q");
-  ASSERT_EQ(player.wait(20), 0);
+  ASSERT_EQ(player.wait(20), 0) << logOf(dir + "/window.log");
 
   // A sanitizer build only shows that every scene runs and ends cleanly.
   if (!kTimed)
@@ -304,7 +325,7 @@ TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
   sleepSeconds(1.5);
   const Shot shot = screenshot(display.name());
   player.send("q");
-  ASSERT_EQ(player.wait(20), 0);
+  ASSERT_EQ(player.wait(20), 0) << logOf(dir + "/settings.log");
   ASSERT_EQ(shot.rgb.size(), size_t(kScreenW) * kScreenH * 3);
   if (!kTimed)
     return;
@@ -341,7 +362,7 @@ TEST(PlayWindowTest, EndsWithTheInputAndSavesThePicture) {
   ASSERT_TRUE(player.started());
   sleepSeconds(0.5);
   player.send(" s ");
-  EXPECT_EQ(player.wait(20), 0);
+  EXPECT_EQ(player.wait(20), 0) << logOf(dir + "/end.log");
   if (!kTimed)
     return;
   std::vector<std::string> pictures;
