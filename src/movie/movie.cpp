@@ -224,7 +224,7 @@ void VNFFMovie::seek(int64_t time) {
   auto snapshot = medias();
   auto graph = audioOutputGraph();
   auto self = shared_from_this();
-  decodeQueue_->addOperation([self, time, snapshot = std::move(snapshot), graph] {
+  auto operation = decodeQueue_->addOperation([self, time, snapshot = std::move(snapshot), graph] {
     // A newer seek was issued after this one: it will do the work.
     if (self->seek_point_.load() != time)
       return;
@@ -237,6 +237,8 @@ void VNFFMovie::seek(int64_t time) {
     if (graph)
       graph->clearBuffer();
   });
+  std::lock_guard<std::mutex> guard(lock_);
+  lastSeek_ = std::move(operation);
 }
 
 void VNFFMovie::flushOperation() {
@@ -278,6 +280,15 @@ double VNFFMovie::volume() {
 }
 
 bool VNFFMovie::readSample(void* bytes, int32_t frames) {
+  std::shared_ptr<vn::SerialQueue::Operation> seek;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    seek = std::move(lastSeek_);
+  }
+  // The seek moves the medias the mix reads; reading alongside it would race
+  // on their demuxers and audio queues, and give audio from before it.
+  if (seek && !decodeQueue_->isCurrent())
+    seek->wait();
   forwardAudioDecodeTime(frames);
   return audioEffectStream_->readSample(bytes, frames);
 }
