@@ -61,6 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   auto movie = VNFFMovie::create();
   movie->openMedias(*medias);
+  // An application may choose its tracks while a seek is still on its way.
+  movie->seek(0);
   movie->setSelectAudioStreams(everyTrack(movie->audioStreams().size()));
   movie->setSelectSubtitleStreams(everyTrack(movie->subtitleStreams().size()));
   // A selection does not rebuild the mix by itself.

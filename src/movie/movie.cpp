@@ -170,38 +170,65 @@ std::shared_ptr<VNFFMedia> VNFFMovie::medias(const Medias& array, int64_t time) 
   return nullptr;
 }
 
+// The medias' streams and selections belong to the decode queue, where a
+// seek or a read may open late streams or reopen decoders: they are read
+// and changed there.
 std::vector<std::string> VNFFMovie::audioStreams() {
-  const Medias all = medias();
-  return all.empty() ? std::vector<std::string>{} : all.front()->audioNames();
+  std::vector<std::string> names;
+  runOnDecodeQueue([&] {
+    const Medias all = medias();
+    if (!all.empty())
+      names = all.front()->audioNames();
+  });
+  return names;
 }
 
 std::vector<std::string> VNFFMovie::subtitleStreams() {
-  const Medias all = medias();
-  return all.empty() ? std::vector<std::string>{} : all.front()->subtitleNames();
+  std::vector<std::string> names;
+  runOnDecodeQueue([&] {
+    const Medias all = medias();
+    if (!all.empty())
+      names = all.front()->subtitleNames();
+  });
+  return names;
 }
 
 std::optional<VNIndexSet> VNFFMovie::selectAudioStreams() {
-  const Medias all = medias();
-  return all.empty() ? std::nullopt : all.front()->selectAudios();
+  std::optional<VNIndexSet> selection;
+  runOnDecodeQueue([&] {
+    const Medias all = medias();
+    if (!all.empty())
+      selection = all.front()->selectAudios();
+  });
+  return selection;
 }
 
 std::optional<VNIndexSet> VNFFMovie::selectSubtitleStreams() {
-  const Medias all = medias();
-  return all.empty() ? std::nullopt : all.front()->selectSubtitles();
+  std::optional<VNIndexSet> selection;
+  runOnDecodeQueue([&] {
+    const Medias all = medias();
+    if (!all.empty())
+      selection = all.front()->selectSubtitles();
+  });
+  return selection;
 }
 
 void VNFFMovie::setSelectAudioStreams(const std::optional<VNIndexSet>& streams) {
-  for (const auto& media : medias()) {
-    media->setSelectAudios(streams);
-    media->updateSelectStreams();
-  }
+  runOnDecodeQueue([&] {
+    for (const auto& media : medias()) {
+      media->setSelectAudios(streams);
+      media->updateSelectStreams();
+    }
+  });
 }
 
 void VNFFMovie::setSelectSubtitleStreams(const std::optional<VNIndexSet>& streams) {
-  for (const auto& media : medias()) {
-    media->setSelectSubtitles(streams);
-    media->updateSelectStreams();
-  }
+  runOnDecodeQueue([&] {
+    for (const auto& media : medias()) {
+      media->setSelectSubtitles(streams);
+      media->updateSelectStreams();
+    }
+  });
 }
 
 int64_t VNFFMovie::currentTime() {

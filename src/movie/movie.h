@@ -98,7 +98,8 @@ class VNFFMovie : public VNMovieLink,
   static std::shared_ptr<VNFFMedia> medias(const Medias& array, int64_t time);
 
   // Stream names and selections. Getters read the first media only, setters
-  // write every media; the mix is not rebuilt by a selection change.
+  // write every media; the mix is not rebuilt by a selection change. Each
+  // runs on the decode queue, after what is queued (a seek), and waits.
   std::vector<std::string> audioStreams();
   std::vector<std::string> subtitleStreams();
   std::optional<VNIndexSet> selectAudioStreams();
