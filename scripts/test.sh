@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds with warnings as errors and runs every
 # test; then the same tests under AddressSanitizer+UndefinedBehaviorSanitizer,
-# and the cross-thread tests under ThreadSanitizer.
+# the cross-thread tests under ThreadSanitizer, and a minute of each fuzz
+# target (scripts/fuzz.sh).
 #
 #   scripts/test.sh            everything
 #   scripts/test.sh --quick    the plain build and its tests only
@@ -66,3 +67,8 @@ export TSAN_OPTIONS="suppressions=$supp/tsan.supp:halt_on_error=1:second_deadloc
 ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R "make_fixtures|$tsan_tests" -E "$realtime"
 ctest --test-dir build-tsan --output-on-failure --repeat until-pass:2 \
   -R "make_fixtures|MoviePlaybackTest|PlaybackDeviceTest|PlayWindowTest"
+
+# A minute of each fuzz target, after the regression inputs, so that the
+# targets keep building and the library keeps holding up on broken input.
+echo "== fuzz targets (a minute each)"
+bash scripts/fuzz.sh 60

@@ -283,7 +283,11 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   local->nb_samples = nbSamples > 0 ? nbSamples : kSilenceSamples;
   if (av_frame_get_buffer(local, 0) < 0)
     return;
-  if (size >= 1 && next->format == format.sample_fmt) {
+  // A frame whose format or channel count is not the stream's (a broken
+  // stream may change them midway) has other planes or other plane sizes:
+  // it is heard as silence.
+  if (size >= 1 && next->format == format.sample_fmt &&
+      next->ch_layout.nb_channels == channels) {
     // Decoded planes are separate buffers: copy each of them.
     av_samples_copy(local->extended_data, next->extended_data, 0, 0, nbSamples, channels,
                     sampleFmt);

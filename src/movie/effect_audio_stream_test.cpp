@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -188,4 +189,35 @@ TEST(MixGraphTest, MovieReadSampleCountsOnTheClock) {
   // a second on the clock.
   EXPECT_EQ(movie->currentTime(), 1500000);
   EXPECT_GT(vn::test::rms(chunk), 0.05);
+}
+
+// Audio read right after a seek, without waiting for it, is the audio of
+// the seek point: the read waits for the seek instead of racing it on the
+// decode queue.
+TEST(MixGraphTest, MovieReadSampleRightAfterASeekReadsFromIt) {
+  auto read = [](bool flush) {
+    auto movie = VNFFMovie::create();
+    auto medias = VNMediaSource::mediaWithPath(vn::test::fixture("aac.m4a"))->createMedias();
+    EXPECT_TRUE(medias);
+    movie->openMedias(medias.value_or(VNFFMovie::Medias{}));
+    movie->configOutputFormat(kPlayback);
+    movie->setExportMovie(true);
+    // A quarter of the tone's period off the start of a second: audio
+    // from another second differs.
+    movie->seek(2'000'250);
+    if (flush)
+      movie->flushOperation();
+    std::vector<float> chunk(2 * 4410);
+    movie->readSample(chunk.data(), 4410);
+    return chunk;
+  };
+  const std::vector<float> waited = read(true);
+  ASSERT_GT(vn::test::rms(waited), 0.02);
+  for (int run = 0; run < 5; ++run) {
+    const std::vector<float> rushed = read(false);
+    float worst = 0;
+    for (size_t i = 0; i < waited.size(); ++i)
+      worst = std::max(worst, std::fabs(rushed[i] - waited[i]));
+    EXPECT_LT(worst, 1e-6f) << "run " << run;
+  }
 }

@@ -170,38 +170,65 @@ std::shared_ptr<VNFFMedia> VNFFMovie::medias(const Medias& array, int64_t time) 
   return nullptr;
 }
 
+// The medias' streams and selections belong to the decode queue, where a
+// seek or a read may open late streams or reopen decoders: they are read
+// and changed there.
 std::vector<std::string> VNFFMovie::audioStreams() {
-  const Medias all = medias();
-  return all.empty() ? std::vector<std::string>{} : all.front()->audioNames();
+  std::vector<std::string> names;
+  runOnDecodeQueue([&] {
+    const Medias all = medias();
+    if (!all.empty())
+      names = all.front()->audioNames();
+  });
+  return names;
 }
 
 std::vector<std::string> VNFFMovie::subtitleStreams() {
-  const Medias all = medias();
-  return all.empty() ? std::vector<std::string>{} : all.front()->subtitleNames();
+  std::vector<std::string> names;
+  runOnDecodeQueue([&] {
+    const Medias all = medias();
+    if (!all.empty())
+      names = all.front()->subtitleNames();
+  });
+  return names;
 }
 
 std::optional<VNIndexSet> VNFFMovie::selectAudioStreams() {
-  const Medias all = medias();
-  return all.empty() ? std::nullopt : all.front()->selectAudios();
+  std::optional<VNIndexSet> selection;
+  runOnDecodeQueue([&] {
+    const Medias all = medias();
+    if (!all.empty())
+      selection = all.front()->selectAudios();
+  });
+  return selection;
 }
 
 std::optional<VNIndexSet> VNFFMovie::selectSubtitleStreams() {
-  const Medias all = medias();
-  return all.empty() ? std::nullopt : all.front()->selectSubtitles();
+  std::optional<VNIndexSet> selection;
+  runOnDecodeQueue([&] {
+    const Medias all = medias();
+    if (!all.empty())
+      selection = all.front()->selectSubtitles();
+  });
+  return selection;
 }
 
 void VNFFMovie::setSelectAudioStreams(const std::optional<VNIndexSet>& streams) {
-  for (const auto& media : medias()) {
-    media->setSelectAudios(streams);
-    media->updateSelectStreams();
-  }
+  runOnDecodeQueue([&] {
+    for (const auto& media : medias()) {
+      media->setSelectAudios(streams);
+      media->updateSelectStreams();
+    }
+  });
 }
 
 void VNFFMovie::setSelectSubtitleStreams(const std::optional<VNIndexSet>& streams) {
-  for (const auto& media : medias()) {
-    media->setSelectSubtitles(streams);
-    media->updateSelectStreams();
-  }
+  runOnDecodeQueue([&] {
+    for (const auto& media : medias()) {
+      media->setSelectSubtitles(streams);
+      media->updateSelectStreams();
+    }
+  });
 }
 
 int64_t VNFFMovie::currentTime() {
@@ -224,7 +251,7 @@ void VNFFMovie::seek(int64_t time) {
   auto snapshot = medias();
   auto graph = audioOutputGraph();
   auto self = shared_from_this();
-  decodeQueue_->addOperation([self, time, snapshot = std::move(snapshot), graph] {
+  auto operation = decodeQueue_->addOperation([self, time, snapshot = std::move(snapshot), graph] {
     // A newer seek was issued after this one: it will do the work.
     if (self->seek_point_.load() != time)
       return;
@@ -237,6 +264,8 @@ void VNFFMovie::seek(int64_t time) {
     if (graph)
       graph->clearBuffer();
   });
+  std::lock_guard<std::mutex> guard(lock_);
+  lastSeek_ = std::move(operation);
 }
 
 void VNFFMovie::flushOperation() {
@@ -278,6 +307,15 @@ double VNFFMovie::volume() {
 }
 
 bool VNFFMovie::readSample(void* bytes, int32_t frames) {
+  std::shared_ptr<vn::SerialQueue::Operation> seek;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    seek = std::move(lastSeek_);
+  }
+  // The seek moves the medias the mix reads; reading alongside it would race
+  // on their demuxers and audio queues, and give audio from before it.
+  if (seek && !decodeQueue_->isCurrent())
+    seek->wait();
   forwardAudioDecodeTime(frames);
   return audioEffectStream_->readSample(bytes, frames);
 }

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "core/formats.h"
+#include "core/serial_queue.h"
 #include "media/media.h"
 #include "media/movie_link.h"
 #include "movie/output_audio_graph_delegate.h"
@@ -32,9 +33,6 @@
 #include "platform/filter_image.h"
 #include "platform/rect.h"
 
-namespace vn {
-class SerialQueue;
-}
 class VNFFEffectAudioStream;
 class VNFFEffectVideoStream;
 class VNOutputAudioGraph;
@@ -100,7 +98,8 @@ class VNFFMovie : public VNMovieLink,
   static std::shared_ptr<VNFFMedia> medias(const Medias& array, int64_t time);
 
   // Stream names and selections. Getters read the first media only, setters
-  // write every media; the mix is not rebuilt by a selection change.
+  // write every media; the mix is not rebuilt by a selection change. Each
+  // runs on the decode queue, after what is queued (a seek), and waits.
   std::vector<std::string> audioStreams();
   std::vector<std::string> subtitleStreams();
   std::optional<VNIndexSet> selectAudioStreams();
@@ -142,7 +141,9 @@ class VNFFMovie : public VNMovieLink,
   double volume();
 
   // The application's audio pull while it writes a file: counts the frames
-  // on the clock, then reads them from the mix. Always true.
+  // on the clock, then reads them from the mix, once the last seek has run
+  // (the mix is read on the caller's thread and must not meet a seek of its
+  // medias on the decode queue). Always true.
   bool readSample(void* bytes, int32_t frames);
 
   // --- playback ----------------------------------------------------------------
@@ -257,6 +258,9 @@ class VNFFMovie : public VNMovieLink,
   std::unique_ptr<vn::SerialQueue> decodeQueue_;
   // The composed picture a thumbnail is scaled from; decode queue only.
   std::vector<uint8_t> thumbnailScratch_;
+  // The last seek posted to the decode queue; readSample waits for it.
+  // Guarded by lock_.
+  std::shared_ptr<vn::SerialQueue::Operation> lastSeek_;
 
   std::mutex lock_;
   // Guarded by lock_: replaced whole, read as a copy.

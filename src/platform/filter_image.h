@@ -92,6 +92,8 @@ class FilterImage {
   // An sRGB colour, components 0..1, not premultiplied.
   struct Color {
     double red = 0, green = 0, blue = 0, alpha = 1;
+
+    bool operator==(const Color&) const = default;
   };
   using RenderStats = ImageRenderStats;
   using RenderOptions = ImageRenderOptions;
