@@ -187,6 +187,10 @@ int run(const ConvertOptions& o) {
 
   const std::shared_ptr<VNFFMedia> video = input.videoMedia();
   const bool hasAudio = movie.hasAudio();
+  // FFmpeg learns a picture's size from the first one it decodes: without
+  // it, no picture of the video can be read.
+  if (video && (video->videoFormat().width <= 0 || video->videoFormat().height <= 0))
+    return fail("cannot convert", o.input, "no picture of its video can be decoded");
 
   if (video) {
     if (const int status = o.picture.apply(input); status != kExitOk)

@@ -39,7 +39,7 @@ int run(const FrameOptions& o) {
   Input::Extent extent;
   if (const int status = openForPictures(input, o.input, &extent); status != kExitOk)
     return status;
-  if (const int status = checkTime(o.time, extent, std::to_string(o.time)); status != kExitOk)
+  if (const int status = checkTime(o.time, extent, std::to_string(o.time), o.input); status != kExitOk)
     return status;
   if (const int status = o.picture.apply(input); status != kExitOk)
     return status;

@@ -164,7 +164,7 @@ int run(const ThumbnailOptions& o) {
       double seconds = extent.end() * kDefaultPercent / 100;
       if (!text.empty() && !parseTime(text, extent.end(), &seconds))
         return usage("bad -t", text, "expected seconds from the start, or a percentage");
-      if (const int status = checkTime(seconds, extent, text); status != kExitOk)
+      if (const int status = checkTime(seconds, extent, text, o.input); status != kExitOk)
         return status;
       times.push_back(seconds);
     }

@@ -23,6 +23,9 @@ std::string unreadableFile(const std::string& path) {
     return std::strerror(errno);
   if (S_ISDIR(info.st_mode))
     return "is a directory";
+  // A pipe or a device would block or never end.
+  if (!S_ISREG(info.st_mode))
+    return "not a regular file";
   if (access(path.c_str(), R_OK) != 0)
     return std::strerror(errno);
   if (info.st_size == 0)

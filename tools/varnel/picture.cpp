@@ -147,14 +147,21 @@ int openForPictures(Input& input, const std::string& path, Input::Extent* extent
   return kExitOk;
 }
 
-int checkTime(double seconds, const Input::Extent& extent, const std::string& text) {
+int checkTime(double seconds,
+              const Input::Extent& extent,
+              const std::string& text,
+              const std::string& path) {
   if (!std::isfinite(seconds) || seconds < 0)
     return usage("bad -t", text, "expected seconds from the start, or a percentage");
   if (seconds >= extent.end()) {
+    // Inside a file that is cut short, the time is good and the file is
+    // not: the work fails.
+    const bool cut = extent.cutShort && (extent.duration <= 0 || seconds < extent.duration);
     char reason[96];
-    std::snprintf(reason, sizeof reason, "past the end (the video can be read up to %.3f s)",
+    std::snprintf(reason, sizeof reason, cut ? "cut short: its video can be read up to %.3f s"
+                                             : "past the end (the video can be read up to %.3f s)",
                   extent.end());
-    return usage("bad -t", text, reason);
+    return cut ? fail("cannot read", path, reason) : usage("bad -t", text, reason);
   }
   return kExitOk;
 }

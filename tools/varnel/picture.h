@@ -55,8 +55,12 @@ struct PictureOptions {
 // is warned of), or the exit status once the error line is printed.
 int openForPictures(Input& input, const std::string& path, Input::Extent* extent);
 // Checks a time given with -t against where the input can be read:
-// kExitOk, or kExitUsage once the error line is printed.
-int checkTime(double seconds, const Input::Extent& extent, const std::string& text);
+// kExitOk, or once the error line is printed kExitUsage (past the end) or
+// kExitFailed (inside a file that is cut short before it).
+int checkTime(double seconds,
+              const Input::Extent& extent,
+              const std::string& text,
+              const std::string& path);
 // Writes a finite picture to OUT (.png, .jpg or .jpeg): kExitOk, or the exit
 // status once the error line is printed; nothing is left behind on failure.
 int writePicture(const vn::FilterImage& picture, const std::string& output);
