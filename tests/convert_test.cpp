@@ -175,6 +175,7 @@ TEST(ConvertTest, FailuresAreOneLineAndLeaveNothing) {
   const struct {
     std::vector<std::string> args;
     std::string target;
+    int status = 1;  // 2 for a malformed value
   } cases[] = {
       {{"convert", in, out("failed-x.xyz")}, out("failed-x.xyz")},
       {{"convert", in, "/nonexistent/dir/x.mp4"}, "/nonexistent/dir/x.mp4"},
@@ -182,12 +183,12 @@ TEST(ConvertTest, FailuresAreOneLineAndLeaveNothing) {
       {{"convert", in, out("failed-wma.mp4"), "--acodec", "wma2"}, out("failed-wma.mp4")},
       {{"convert", fixture("truncated.mp4"), out("failed-t.mp4")}, out("failed-t.mp4")},
       {{"convert", fixture("missing.mp4"), out("failed-m.mp4")}, out("failed-m.mp4")},
-      {{"convert", in, out("failed-v.mp4"), "--vcodec", "h.264"}, out("failed-v.mp4")},
+      {{"convert", in, out("failed-v.mp4"), "--vcodec", "h.264"}, out("failed-v.mp4"), 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args[2]);
     vn::test::CommandResult r = vn::test::runVarnel(c.args);
-    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_EQ(r.status, c.status) << r.err;
     EXPECT_EQ(r.err.rfind("varnel: error: ", 0), 0u) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     if (c.target != in) {

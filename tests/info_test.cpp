@@ -135,7 +135,7 @@ TEST(InfoTest, UnreadableInputsGiveOneErrorLine) {
     const char* reason;
   } cases[] = {
       {fixture("no-such-file.mp4"), "No such file or directory"},
-      {fixture("empty.mp4"), "Invalid data found when processing input"},
+      {fixture("empty.mp4"), "the file is empty"},
       {fixture("text.mp4"), "Invalid data found when processing input"},
       {fixture("truncated.mp4"), "Invalid data found when processing input"},
   };

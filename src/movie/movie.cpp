@@ -164,7 +164,10 @@ std::shared_ptr<VNFFMedia> VNFFMovie::videoMediaAtTime(int64_t time) {
 std::shared_ptr<VNFFMedia> VNFFMovie::medias(const Medias& array, int64_t time) {
   for (const auto& media : array) {
     const int64_t start = media->movie_position();
-    if (start <= time && time < start + media->duration())
+    // A media whose demuxer gives no duration (an ASF file cut before its
+    // index) reaches on from its start as far as it can be read.
+    const int64_t duration = media->duration();
+    if (start <= time && (duration <= 0 || time - start < duration))
       return media;
   }
   return nullptr;

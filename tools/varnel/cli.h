@@ -21,6 +21,13 @@ inline constexpr int kExitUsage = 2;
 
 // Prints the one error line and returns kExitFailed.
 int fail(const std::string& what, const std::string& path, const std::string& reason);
+// Prints the one error line of a bad value and returns kExitUsage.
+int usage(const std::string& what, const std::string& value, const std::string& reason);
+// Why output cannot be written as a file for this input, before any work
+// starts: a folder, something other than a file (a device, a pipe: the
+// output is written beside it and renamed over it), a folder that is missing
+// or not writable, or the input itself. Empty when it can be tried.
+std::string unwritableOutput(const std::string& output, const std::string& input);
 // Prints the one warning line.
 void warn(const std::string& path, const std::string& message);
 

@@ -38,6 +38,8 @@ namespace {
 
 // The least a file cut short must give to be worth converting, in seconds.
 constexpr double kShortestCut = 1.0;
+// The most frames a second written.
+constexpr double kMaxFrameRate = 240;
 
 struct ConvertOptions {
   std::string input;
@@ -47,13 +49,13 @@ struct ConvertOptions {
   std::string acodec;
   std::string size;
   std::string fps;
-  int64_t vbitrate = 0;
-  int64_t abitrate = 0;
-  int sampleRate = 0;
-  int channels = 0;
+  std::optional<int64_t> vbitrate;
+  std::optional<int64_t> abitrate;
+  std::optional<int> sampleRate;
+  std::optional<int> channels;
   std::string audioTracks;
   double start = 0;
-  double duration = 0;
+  std::optional<double> duration;
   std::string progress;
   PictureOptions picture;
   SubtitleOptions subtitles;
@@ -104,11 +106,15 @@ bool parseSize(const std::string& text, int* w, int* h) {
   return parsePictureSize(text, w, h) && *w % 2 == 0 && *h % 2 == 0;
 }
 
+// "N" or "N/D", the whole text, at most kMaxFrameRate.
 bool parseRate(const std::string& text, int* num, int* den) {
+  char end = 0;
   *den = 1;
-  const int n = std::sscanf(text.c_str(), "%d/%d", num, den);
-  return n >= 1 && *num > 0 && *den > 0;
+  const bool whole = std::sscanf(text.c_str(), "%d%c", num, &end) == 1 ||
+                     std::sscanf(text.c_str(), "%d/%d%c", num, den, &end) == 2;
+  return whole && *num > 0 && *den > 0 && double(*num) / *den <= kMaxFrameRate;
 }
+
 
 // A name in the same directory with the same extension (the container is
 // chosen from it), hidden while it is being written.
@@ -166,18 +172,34 @@ int run(const ConvertOptions& o) {
   namespace fs = std::filesystem;
   VNFFMovieFileOutputFormat format;
   movieFileOutputFormatToDefaults(&format);
-  if (!o.vcodec.empty() && !(format.video_codec = vn_get_codec_id_by_name(o.vcodec))) {
-    return fail("unknown video codec", o.vcodec, "use one of h264 mpeg4 mpeg1 mpeg2 animation");
+  // Every value is checked before the input is opened.
+  if (!o.vcodec.empty() && (!(format.video_codec = vn_get_codec_id_by_name(o.vcodec)) ||
+                            avcodec_get_type(AVCodecID(format.video_codec)) != AVMEDIA_TYPE_VIDEO)) {
+    return usage("unknown video codec", o.vcodec, "use one of h264 mpeg4 mpeg1 mpeg2 animation");
   }
-  if (!o.acodec.empty() && !(format.audio_codec = vn_get_codec_id_by_name(o.acodec))) {
-    return fail("unknown audio codec", o.acodec,
-                "use one of mp2 mp3 aac alac ac3 vorbis wma1 wma2");
+  if (!o.acodec.empty() && (!(format.audio_codec = vn_get_codec_id_by_name(o.acodec)) ||
+                            avcodec_get_type(AVCodecID(format.audio_codec)) != AVMEDIA_TYPE_AUDIO)) {
+    return usage("unknown audio codec", o.acodec,
+                 "use one of mp2 mp3 aac alac ac3 vorbis wma1 wma2");
   }
+  if (!o.fps.empty() && !parseRate(o.fps, &format.framerate, &format.frameTime)) {
+    return usage("bad --fps", o.fps, "expected N or N/D, more than 0 and at most 240");
+  }
+  if (o.vbitrate && *o.vbitrate <= 0)
+    return usage("bad --vbitrate", std::to_string(*o.vbitrate), "expected bits a second, above 0");
+  if (o.abitrate && *o.abitrate <= 0)
+    return usage("bad --abitrate", std::to_string(*o.abitrate), "expected bits a second, above 0");
+  if (o.sampleRate && *o.sampleRate <= 0)
+    return usage("bad --sample-rate", std::to_string(*o.sampleRate), "expected Hz, above 0");
+  if (o.channels && !vn::defaultChannelLayout(*o.channels))
+    return usage("bad --channels", std::to_string(*o.channels), "expected 1 to 8 channels");
+  if (o.duration && !(std::isfinite(*o.duration) && *o.duration > 0))
+    return usage("bad --duration", numberText(*o.duration), "expected seconds, more than 0");
+  if (const std::string why = unwritableOutput(o.output, o.input); !why.empty())
+    return fail("cannot write", o.output, why);
+  if (fs::path(o.output).extension().empty())
+    return fail("cannot write", o.output, "no extension to choose the container by");
   std::error_code ec;
-  if (fs::exists(o.output, ec) && fs::exists(o.input, ec) &&
-      fs::equivalent(o.input, o.output, ec)) {
-    return fail("cannot write", o.output, "the output is the input");
-  }
 
   Input input;
   input.title = o.title;
@@ -187,6 +209,10 @@ int run(const ConvertOptions& o) {
 
   const std::shared_ptr<VNFFMedia> video = input.videoMedia();
   const bool hasAudio = movie.hasAudio();
+  // FFmpeg learns a picture's size from the first one it decodes: without
+  // it, no picture of the video can be read.
+  if (video && (video->videoFormat().width <= 0 || video->videoFormat().height <= 0))
+    return fail("cannot convert", o.input, "no picture of its video can be decoded");
 
   if (video) {
     if (const int status = o.picture.apply(input); status != kExitOk)
@@ -213,31 +239,29 @@ int run(const ConvertOptions& o) {
     composed = o.picture.changesPicture(input) || o.subtitles.shows() || format.width != width ||
                format.height != height;
   }
-  if (!o.fps.empty() && !parseRate(o.fps, &format.framerate, &format.frameTime)) {
-    return fail("bad --fps", o.fps, "expected N or N/D");
-  }
-  if (o.vbitrate > 0)
-    format.video_bitrate = static_cast<int32_t>(o.vbitrate);
-  if (o.abitrate > 0)
-    format.audio_bitrate = static_cast<int32_t>(o.abitrate);
-  if (o.sampleRate > 0)
-    format.sample_rate = o.sampleRate;
-  if (o.channels > 0)
-    format.channel_layout = vn::defaultChannelLayout(o.channels);
-  if (!format.channel_layout)
-    return fail("bad --channels", std::to_string(o.channels), "no layout");
+  if (!o.fps.empty())
+    parseRate(o.fps, &format.framerate, &format.frameTime);  // checked above
+  if (o.vbitrate)
+    format.video_bitrate = static_cast<int32_t>(std::min<int64_t>(*o.vbitrate, INT32_MAX));
+  if (o.abitrate)
+    format.audio_bitrate = static_cast<int32_t>(std::min<int64_t>(*o.abitrate, INT32_MAX));
+  if (o.sampleRate)
+    format.sample_rate = *o.sampleRate;
+  if (o.channels)
+    format.channel_layout = vn::defaultChannelLayout(*o.channels);
 
   // A file cut short is converted as far as it can be read, when that
   // gives at least a second of what was asked for.
   const Input::Extent extent = input.extent();
   const double requestedEnd =
-      o.duration > 0 ? o.start + o.duration : std::numeric_limits<double>::infinity();
+      o.duration ? o.start + *o.duration : std::numeric_limits<double>::infinity();
   const double endSeconds = std::min(extent.end(), requestedEnd);
   const std::string cut = input.truncation ? truncationText(*input.truncation) + "; " : "";
   if (extent.end() <= 0)
     return fail("cannot convert", o.input, cut + "none of its audio or video can be read");
-  if (o.start < 0 || o.start >= endSeconds) {
-    return fail("bad --start", o.input, "the start is not inside the input");
+  if (const int status = checkTime("--start", o.start, extent, numberText(o.start), o.input);
+      status != kExitOk) {
+    return status;
   }
   if (extent.cutShort && extent.end() < requestedEnd && endSeconds - o.start < kShortestCut) {
     char text[80];

@@ -204,8 +204,9 @@ int list(bool json) {
 
 // ---- pictures ---------------------------------------------------------------------
 
-// kExitOk when a PNG or JPEG file can be made at path; else the error line.
-int checkOutput(const std::string& path) {
+// kExitOk when a PNG or JPEG file can be made at path from input; else the
+// error line.
+int checkOutput(const std::string& path, const std::string& input) {
   namespace fs = std::filesystem;
   std::string ext = fs::path(path).extension().string();
   std::transform(ext.begin(), ext.end(), ext.begin(),
@@ -215,15 +216,8 @@ int checkOutput(const std::string& path) {
                 "unknown image type for extension " + (ext.empty() ? "(none)" : ext) +
                     " (use .png, .jpg or .jpeg)");
   }
-  std::error_code ec;
-  if (fs::is_directory(path, ec))
-    return fail("cannot write", path, "is a directory");
-  const fs::path parent =
-      fs::path(path).parent_path().empty() ? fs::path(".") : fs::path(path).parent_path();
-  if (!fs::is_directory(parent, ec))
-    return fail("cannot write", path, "no such directory");
-  if (access(parent.c_str(), W_OK) != 0)
-    return fail("cannot write", path, "the directory is not writable");
+  if (const std::string why = unwritableOutput(path, input); !why.empty())
+    return fail("cannot write", path, why);
   return kExitOk;
 }
 
@@ -236,7 +230,7 @@ int checkPreset(const std::string& name) {
 int apply(const EffectsOptions& o) {
   if (const int status = checkPreset(o.preset); status != kExitOk)
     return status;
-  if (const int status = checkOutput(o.output); status != kExitOk)
+  if (const int status = checkOutput(o.output, o.image); status != kExitOk)
     return status;
   std::string reason;
   const std::optional<FilterImage> picture = FilterImage::fromFile(o.image, &reason);
@@ -382,7 +376,7 @@ int sheet(const EffectsOptions& o) {
     std::snprintf(text, sizeof text, "%g", o.time);
     return fail("bad time", text, "the time must be 0 or more");
   }
-  if (const int status = checkOutput(o.output); status != kExitOk)
+  if (const int status = checkOutput(o.output, o.sheet); status != kExitOk)
     return status;
   int status = kExitOk;
   const std::optional<Picture> picture = pictureAt(o.sheet, o.time, &status);

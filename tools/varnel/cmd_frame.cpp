@@ -34,12 +34,14 @@ int run(const FrameOptions& o) {
   int width = 0, height = 0;
   if (!o.size.empty() && !parsePictureSize(o.size, &width, &height))
     return usage("bad --size", o.size, "expected WxH with positive numbers");
+  if (const std::string why = unwritableOutput(o.output, o.input); !why.empty())
+    return fail("cannot write", o.output, why);
   Input input;
   input.title = o.title;
   Input::Extent extent;
   if (const int status = openForPictures(input, o.input, &extent); status != kExitOk)
     return status;
-  if (const int status = checkTime(o.time, extent, std::to_string(o.time)); status != kExitOk)
+  if (const int status = checkTime("-t", o.time, extent, numberText(o.time), o.input); status != kExitOk)
     return status;
   if (const int status = o.picture.apply(input); status != kExitOk)
     return status;

@@ -163,6 +163,8 @@ void printTable(const Json& info) {
 int info(const std::string& path, bool json) {
   if (isDiscPath(path))
     return discInfo(path, json);
+  if (std::string why = unreadableFile(path); !why.empty())
+    return fail("cannot open", path, why);
   std::shared_ptr<VNMediaSource> source = VNMediaSource::mediaWithPath(path);
   source->open();
   if (!source->isOpen())

@@ -195,13 +195,6 @@ class PlayClock {
   std::chrono::steady_clock::time_point since_ = std::chrono::steady_clock::now();
 };
 
-// The window size asked for: "WxH" with positive numbers.
-bool parseWindow(const std::string& text, int* width, int* height) {
-  char tail = 0;
-  return std::sscanf(text.c_str(), "%dx%d%c", width, height, &tail) == 2 && *width > 0 &&
-         *height > 0 && *width <= 16384 && *height <= 16384;
-}
-
 // The size pictures are composed at: the picture as it is shown, fitted
 // into the window asked for, or into 1280x720 when it is larger.
 void pictureSize(Input& input, int windowW, int windowH, int* width, int* height) {
@@ -224,12 +217,13 @@ std::string clockText(double seconds) {
 }
 
 int run(const PlayOptions& o) {
-  if (o.speed < 0.25 || o.speed > 4)
-    return fail("bad --speed", std::to_string(o.speed), "use 0.25 to 4");
-  if (o.volume < 0 || o.volume > 4)
-    return fail("bad --volume", std::to_string(o.volume), "use 0 to 4");
+  // Every value is checked before anything plays (a NaN fails each test).
+  if (!(o.speed >= 0.25 && o.speed <= 4))
+    return usage("bad --speed", numberText(o.speed), "use 0.25 to 4");
+  if (!(o.volume >= 0 && o.volume <= 4))
+    return usage("bad --volume", numberText(o.volume), "use 0 to 4");
   int windowW = 0, windowH = 0;
-  if (!o.window.empty() && !parseWindow(o.window, &windowW, &windowH))
+  if (!o.window.empty() && !parsePictureSize(o.window, &windowW, &windowH))
     return usage("bad --window", o.window, "expected WxH with positive numbers");
   Input input;
   input.title = o.title;
@@ -240,7 +234,8 @@ int run(const PlayOptions& o) {
   // The picture, when there is one to show and somewhere to show it.
   const bool video = input.videoMedia() && !o.noVideo;
   std::string noWindow = video ? VideoWindow::unavailable() : std::string();
-  if (video && noWindow.empty()) {
+  // The picture settings are checked even when no picture will be shown.
+  if (input.videoMedia()) {
     if (const int status = o.picture.apply(input); status != kExitOk)
       return status;
     if (const int status = o.subtitles.apply(input); status != kExitOk)
@@ -253,6 +248,10 @@ int run(const PlayOptions& o) {
   }
   // A file cut short plays as far as it goes.
   const Input::Extent extent = input.extent();
+  if (const int status = checkTime("--start", o.start, extent, numberText(o.start), o.input);
+      status != kExitOk) {
+    return status;
+  }
   input.warnIfCutShort(o.input, extent);
   const double duration = extent.end();
 

@@ -164,19 +164,26 @@ int run(const ThumbnailOptions& o) {
       double seconds = extent.end() * kDefaultPercent / 100;
       if (!text.empty() && !parseTime(text, extent.end(), &seconds))
         return usage("bad -t", text, "expected seconds from the start, or a percentage");
-      if (const int status = checkTime(seconds, extent, text); status != kExitOk)
+      if (const int status = checkTime("-t", seconds, extent, text, o.input); status != kExitOk)
         return status;
       times.push_back(seconds);
     }
     const bool numbered = o.output.find("%d") != std::string::npos;
     if (times.size() > 1 && !numbered)
       return usage("bad -o", o.output, "several times need %d in the name, e.g. thumb-%d.png");
-    std::vector<std::string> written;
+    std::vector<std::string> names;
     for (size_t i = 0; i < times.size(); ++i) {
-      const std::optional<FilterImage> thumb = thumbnailAt(movie, times[i], box, o.input);
       std::string name = o.output;
       if (numbered)
         name.replace(name.find("%d"), 2, std::to_string(i + 1));
+      if (const std::string why = unwritableOutput(name, o.input); !why.empty())
+        return fail("cannot write", name, why);
+      names.push_back(std::move(name));
+    }
+    std::vector<std::string> written;
+    for (size_t i = 0; i < times.size(); ++i) {
+      const std::optional<FilterImage> thumb = thumbnailAt(movie, times[i], box, o.input);
+      const std::string& name = names[i];
       const int status = thumb ? writePicture(*thumb, name) : kExitFailed;
       if (status != kExitOk) {
         // All or nothing: the ones already written go too.
@@ -189,6 +196,8 @@ int run(const ThumbnailOptions& o) {
     return kExitOk;
   }
 
+  if (const std::string why = unwritableOutput(o.output, o.input); !why.empty())
+    return fail("cannot write", o.output, why);
   const int count = o.count > 0 ? o.count : 9;
   std::vector<std::pair<FilterImage, double>> thumbs;
   for (int i = 0; i < count; ++i) {

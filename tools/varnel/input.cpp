@@ -23,6 +23,9 @@ std::string unreadableFile(const std::string& path) {
     return std::strerror(errno);
   if (S_ISDIR(info.st_mode))
     return "is a directory";
+  // A pipe or a device would block or never end.
+  if (!S_ISREG(info.st_mode))
+    return "not a regular file";
   if (access(path.c_str(), R_OK) != 0)
     return std::strerror(errno);
   if (info.st_size == 0)
@@ -77,6 +80,13 @@ bool Input::selectAudioTracks(const std::string& list, std::string* reason) {
   std::optional<VNIndexSet> tracks;
   if (!parseIndexList(list, &tracks, reason))
     return false;
+  const VNFFMovie::Medias audios = movie->audios();
+  const size_t count = audios.empty() ? 0 : audios.front()->audioNames().size();
+  if (tracks && !tracks->empty() && *tracks->rbegin() >= count) {
+    *reason = count == 0 ? "the input has no audio track"
+                         : "the input's audio tracks are 0 to " + std::to_string(count - 1);
+    return false;
+  }
   movie->setSelectAudioStreams(tracks);
   // A selection does not rebuild the mix by itself: rebuild it over the
   // streams now enabled.
@@ -88,7 +98,7 @@ int Input::openWithTracks(const std::string& path, const std::string& tracks) {
   if (std::string reason; !open(path, &reason))
     return fail("cannot open", path, reason);
   if (std::string reason; !selectAudioTracks(tracks, &reason))
-    return fail("bad --audio-tracks", tracks, reason);
+    return usage("bad --audio-tracks", tracks, reason);
   return kExitOk;
 }
 

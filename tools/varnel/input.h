@@ -35,7 +35,7 @@ struct Input {
   bool open(const std::string& path, std::string* reason);
   // Mixes only the listed audio tracks ("0,2", counted among the input's
   // audio tracks; "" or "all" for every track). False with a reason when the
-  // list cannot be read.
+  // list cannot be read or names a track the input does not have.
   bool selectAudioTracks(const std::string& list, std::string* reason);
   // open, then selectAudioTracks, as every command starts: kExitOk, or the
   // command's exit status once the one-line error is printed. Does not warn

@@ -1,9 +1,11 @@
 // varnel: the command-line front end of libvarnel.
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 
 #include "cli.h"
 #include "varnel.h"
@@ -33,6 +35,29 @@ int fail(const std::string& what, const std::string& path, const std::string& re
   return kExitFailed;
 }
 
+int usage(const std::string& what, const std::string& value, const std::string& reason) {
+  fail(what, value, reason);
+  return kExitUsage;
+}
+
+std::string unwritableOutput(const std::string& output, const std::string& input) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const fs::file_status status = fs::status(output, ec);
+  if (fs::is_directory(status))
+    return "is a directory";
+  if (fs::exists(status) && !fs::is_regular_file(status))
+    return "not a regular file";
+  const fs::path parent = fs::path(output).has_parent_path() ? fs::path(output).parent_path() : ".";
+  if (!fs::is_directory(parent, ec))
+    return "no such directory";
+  if (access(parent.c_str(), W_OK) != 0)
+    return "the directory is not writable";
+  if (fs::exists(status) && fs::equivalent(input, output, ec))
+    return "the output is the input";
+  return {};
+}
+
 void warn(const std::string& path, const std::string& message) {
   std::fprintf(stderr, "varnel: warning: '%s': %s\n", path.c_str(), message.c_str());
 }
@@ -58,9 +83,11 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    std::fprintf(stderr, "varnel: usage: %s\n", e.what());
-    std::fprintf(stderr, "Run 'varnel --help' for the commands and their options.\n");
-    return kExitUsage;
+    // One line, as every error: the command, what is wrong, where help is.
+    const std::vector<CLI::App*> named = app.get_subcommands();
+    const std::string command = named.empty() ? "varnel" : "varnel " + named.front()->get_name();
+    return usage("bad usage of", command, std::string(e.what()) + " ('" + command +
+                                              " --help' lists the options)");
   }
   if (!run)
     return kExitUsage;

@@ -34,8 +34,10 @@ bool parseZoom(const std::string& text, int32_t* zoom) {
     *zoom = it->second;
     return true;
   }
+  // A number is a zoom type itself: 0 (the background only) to the last.
   char end = 0;
-  return std::sscanf(text.c_str(), "%d%c", zoom, &end) == 1;
+  return std::sscanf(text.c_str(), "%d%c", zoom, &end) == 1 && *zoom >= 0 &&
+         *zoom <= VNFFEffectVideoStream::kZoomPanscan;
 }
 
 bool parseCrop(const std::string& text, double crop[4]) {
@@ -52,11 +54,6 @@ bool parsePictureSize(const std::string& text, int* width, int* height) {
   char end = 0;
   return std::sscanf(text.c_str(), "%dx%d%c", width, height, &end) == 2 && *width > 0 &&
          *height > 0 && *width <= vn::kMaxImageSide && *height <= vn::kMaxImageSide;
-}
-
-int usage(const std::string& what, const std::string& value, const std::string& reason) {
-  fail(what, value, reason);
-  return kExitUsage;
 }
 
 void PictureOptions::addTo(CLI::App* command) {
@@ -110,7 +107,7 @@ int PictureOptions::apply(Input& input) const {
   }
   int32_t zoomType = VNFFEffectVideoStream::kZoomDefault;
   if (!zoom.empty() && !parseZoom(zoom, &zoomType))
-    return usage("bad --zoom", zoom, "use stretch, fit, 16:9, 4:3, panscan or a number");
+    return usage("bad --zoom", zoom, "use stretch, fit, 16:9, 4:3, panscan or a number 0 to 6");
   movie.setZoomType(zoomType);
   const double turn = rotate.value_or(displayRotation(input));
   if (!std::isfinite(turn))
@@ -147,16 +144,30 @@ int openForPictures(Input& input, const std::string& path, Input::Extent* extent
   return kExitOk;
 }
 
-int checkTime(double seconds, const Input::Extent& extent, const std::string& text) {
+int checkTime(const std::string& option,
+              double seconds,
+              const Input::Extent& extent,
+              const std::string& text,
+              const std::string& path) {
   if (!std::isfinite(seconds) || seconds < 0)
-    return usage("bad -t", text, "expected seconds from the start, or a percentage");
+    return usage("bad " + option, text, "expected seconds from the start");
   if (seconds >= extent.end()) {
+    // Inside a file that is cut short, the time is good and the file is
+    // not: the work fails.
+    const bool cut = extent.cutShort && (extent.duration <= 0 || seconds < extent.duration);
     char reason[96];
-    std::snprintf(reason, sizeof reason, "past the end (the video can be read up to %.3f s)",
+    std::snprintf(reason, sizeof reason, cut ? "cut short: its video can be read up to %.3f s"
+                                             : "past the end (the video can be read up to %.3f s)",
                   extent.end());
-    return usage("bad -t", text, reason);
+    return cut ? fail("cannot read", path, reason) : usage("bad " + option, text, reason);
   }
   return kExitOk;
+}
+
+std::string numberText(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", value);
+  return text;
 }
 
 bool isPictureName(const std::string& output) {

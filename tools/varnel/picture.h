@@ -24,9 +24,6 @@ namespace varnel_cli {
 // the largest picture the library makes.
 bool parsePictureSize(const std::string& text, int* width, int* height);
 
-// Prints the one error line of a bad value and returns kExitUsage.
-int usage(const std::string& what, const std::string& value, const std::string& reason);
-
 struct PictureOptions {
   std::string crop;
   std::optional<double> rotate;
@@ -54,9 +51,17 @@ struct PictureOptions {
 // the input open, its video found and its extent measured (a file cut short
 // is warned of), or the exit status once the error line is printed.
 int openForPictures(Input& input, const std::string& path, Input::Extent* extent);
-// Checks a time given with -t against where the input can be read:
-// kExitOk, or kExitUsage once the error line is printed.
-int checkTime(double seconds, const Input::Extent& extent, const std::string& text);
+// Checks a time given with option (-t, --start) against where the input can
+// be read: kExitOk, or once the error line is printed kExitUsage (not a time
+// from the start, or past the end) or kExitFailed (inside a file that is cut
+// short before it).
+int checkTime(const std::string& option,
+              double seconds,
+              const Input::Extent& extent,
+              const std::string& text,
+              const std::string& path);
+// A number as the user would write it: 2.5, not 2.500000.
+std::string numberText(double value);
 // Writes a finite picture to OUT (.png, .jpg or .jpeg): kExitOk, or the exit
 // status once the error line is printed; nothing is left behind on failure.
 int writePicture(const vn::FilterImage& picture, const std::string& output);
