@@ -242,11 +242,11 @@ TEST_P(BrokenInputTest, EveryCommandReadsWhatItCanOrFailsCleanly) {
   EXPECT_GT(count, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Groups,
-                         BrokenInputTest,
-                         testing::Values("mp4", "mkv", "ts", "mpg", "wmv", "rm", "audio", "dvd",
-                                         "other"),
-                         [](const testing::TestParamInfo<std::string>& p) { return p.param; });
+INSTANTIATE_TEST_SUITE_P(
+    Groups,
+    BrokenInputTest,
+    testing::Values("mp4", "mkv", "ts", "mpg", "wmv", "rm", "audio", "dvd", "other"),
+    [](const testing::TestParamInfo<std::string>& p) { return p.param; });
 
 // Inputs that cannot be opened as files at all: a named pipe (opening it
 // would wait for a writer forever) and a file without read permission.
