@@ -269,6 +269,7 @@ TEST(HostileCliTest, InfoEffectsAndNoCommand) {
           {{"effects", "--sheet", "{in}", "-t", "1", "-o", "{dir}/o.png", "--tile", "0x0"}, kUsage},
           {{"effects", "--apply", "Glow", "{pic}", "--sheet", "{in}", "-o", "{dir}/o.png"}, kUsage},
           {{"effects", "--nosuch"}, kUsage},
+          {{"effects", "--json", "extra"}, kUsage},
           // Documented as failed work: a name that is not a preset, a
           // negative time, an output that cannot be written.
           {{"effects", "--apply", "nosuch", "{pic}", "-o", "{dir}/o.png"}, kFailed},
