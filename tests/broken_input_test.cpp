@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -236,6 +237,12 @@ TEST_P(BrokenInputTest, EveryCommandReadsWhatItCanOrFailsCleanly) {
     ++count;
     SCOPED_TRACE(c.file);
     const std::string input = vn::test::fixture(std::string("broken/") + c.file);
+    // Not every ffmpeg writes RealMedia; without the good file there are no cuts of it.
+    if (std::string(c.file).find(".rm") != std::string::npos &&
+        !fs::exists(vn::test::fixture("rv20_ac3.rm"))) {
+      std::cout << "[ SKIPPED  ] " << c.file << ": this ffmpeg cannot write RealMedia\n";
+      continue;
+    }
     ASSERT_TRUE(fs::exists(input)) << "made by tests/broken/make_broken.sh";
     runCase(input, c.file, c.info, c.frame, c.thumbnail, c.convert, c.at, c.subtitles, runPlain);
   }
