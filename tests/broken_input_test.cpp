@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -236,17 +237,23 @@ TEST_P(BrokenInputTest, EveryCommandReadsWhatItCanOrFailsCleanly) {
     ++count;
     SCOPED_TRACE(c.file);
     const std::string input = vn::test::fixture(std::string("broken/") + c.file);
+    // Not every ffmpeg writes RealMedia; without the good file there are no cuts of it.
+    if (std::string(c.file).find(".rm") != std::string::npos &&
+        !fs::exists(vn::test::fixture("rv20_ac3.rm"))) {
+      std::cout << "[ SKIPPED  ] " << c.file << ": this ffmpeg cannot write RealMedia\n";
+      continue;
+    }
     ASSERT_TRUE(fs::exists(input)) << "made by tests/broken/make_broken.sh";
     runCase(input, c.file, c.info, c.frame, c.thumbnail, c.convert, c.at, c.subtitles, runPlain);
   }
   EXPECT_GT(count, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Groups,
-                         BrokenInputTest,
-                         testing::Values("mp4", "mkv", "ts", "mpg", "wmv", "rm", "audio", "dvd",
-                                         "other"),
-                         [](const testing::TestParamInfo<std::string>& p) { return p.param; });
+INSTANTIATE_TEST_SUITE_P(
+    Groups,
+    BrokenInputTest,
+    testing::Values("mp4", "mkv", "ts", "mpg", "wmv", "rm", "audio", "dvd", "other"),
+    [](const testing::TestParamInfo<std::string>& p) { return p.param; });
 
 // Inputs that cannot be opened as files at all: a named pipe (opening it
 // would wait for a writer forever) and a file without read permission.

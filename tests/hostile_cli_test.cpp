@@ -104,13 +104,13 @@ void runTable(const std::string& name, const std::vector<Case>& cases) {
     std::vector<std::string> args;
     for (const std::string& a : c.args)
       args.push_back(substituted(a, dir));
-    const vn::test::CommandResult r = vn::test::runVarnel(
-        args,
-        {{"SDL_AUDIODRIVER", "disk"},
-         {"SDL_DISKAUDIOFILE", dir + "/played.raw"},
-         {"DISPLAY", ""},
-         {"WAYLAND_DISPLAY", ""}},
-        kTimeout);
+    const vn::test::CommandResult r =
+        vn::test::runVarnel(args,
+                            {{"SDL_AUDIODRIVER", "disk"},
+                             {"SDL_DISKAUDIOFILE", dir + "/played.raw"},
+                             {"DISPLAY", ""},
+                             {"WAYLAND_DISPLAY", ""}},
+                            kTimeout);
     EXPECT_EQ(r.status, c.status) << r.err;
     EXPECT_EQ(r.err.rfind("varnel: error: ", 0), 0u) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
@@ -129,88 +129,85 @@ TEST(HostileCliTest, Convert) {
     args.insert(args.end(), extra.begin(), extra.end());
     return args;
   };
-  runTable("convert",
-           {
-               {with({"--size", "-2x-2"}), kUsage},
-               {with({"--size", "0x0"}), kUsage},
-               {with({"--size", "10"}), kUsage},
-               {with({"--size", "11x11"}), kUsage},  // encoders want even sides
-               {with({"--fps", "0"}), kUsage},
-               {with({"--fps", "-1"}), kUsage},
-               {with({"--fps", "abc"}), kUsage},
-               {with({"--fps", "30abc"}), kUsage},
-               {with({"--fps", "1/0"}), kUsage},
-               {with({"--fps", "100000"}), kUsage},
-               {with({"--crop", "0,0,400,400"}), kUsage},
-               {with({"--crop", "1,2,3"}), kUsage},
-               {with({"--audio-tracks", ","}), kUsage},
-               {with({"--audio-tracks", "9"}), kUsage},
-               {with({"--audio-tracks", "-1"}), kUsage},
-               {with({"--vcodec", "nosuch"}), kUsage},
-               {with({"--acodec", "nosuch"}), kUsage},
-               {with({"--vcodec", "mp3"}), kUsage},
-               {with({"--acodec", "h264"}), kUsage},
-               {with({"--start", "-5"}), kUsage},
-               {with({"--start", "nan"}), kUsage},
-               {with({"--start", "inf"}), kUsage},
-               {with({"--start", "50"}), kUsage},
-               {with({"--duration", "0"}), kUsage},
-               {with({"--duration", "-1"}), kUsage},
-               {with({"--duration", "nan"}), kUsage},
-               {with({"--vbitrate", "-5"}), kUsage},
-               {with({"--abitrate", "0"}), kUsage},
-               {with({"--sample-rate", "-1"}), kUsage},
-               {with({"--channels", "0"}), kUsage},
-               {with({"--channels", "9"}), kUsage},
-               {with({"--progress", "xml"}), kUsage},
-               {with({"--subtitle-position", "1.5"}), kUsage},
-               {with({"--subtitle-outline", "-1"}), kUsage},
-               {with({"--subtitle-track", "5"}), kUsage},
-               {with({"--saturation", "2"}), kUsage},
-               {with({"--rotate", "nan"}), kUsage},
-               {with({"--zoom", "999"}), kUsage},
-               {with({"--effect", "nosuch"}), kUsage},
-               {with({"--nosuch"}), kUsage},
-               {with({"--size"}), kUsage},
-               {{"convert", "{in}"}, kUsage},
-               {with({"extra"}), kUsage},
-               {{"convert", "{in}", "{dir}/missing/o.mp4"}, kFailed},
-               {{"convert", "{in}", "/dev/full"}, kFailed},
-               {{"convert", "{in}", "{in}"}, kFailed},
-               {{"convert", "{in}", "{dir}"}, kFailed},
-               {{"convert", "{in}", "{dir}/o"}, kFailed},
-               {{"convert", "{dvd}", "{dir}/o.mp4", "--title", "0"}, kFailed},
-           });
+  runTable("convert", {
+                          {with({"--size", "-2x-2"}), kUsage},
+                          {with({"--size", "0x0"}), kUsage},
+                          {with({"--size", "10"}), kUsage},
+                          {with({"--size", "11x11"}), kUsage},  // encoders want even sides
+                          {with({"--fps", "0"}), kUsage},
+                          {with({"--fps", "-1"}), kUsage},
+                          {with({"--fps", "abc"}), kUsage},
+                          {with({"--fps", "30abc"}), kUsage},
+                          {with({"--fps", "1/0"}), kUsage},
+                          {with({"--fps", "100000"}), kUsage},
+                          {with({"--crop", "0,0,400,400"}), kUsage},
+                          {with({"--crop", "1,2,3"}), kUsage},
+                          {with({"--audio-tracks", ","}), kUsage},
+                          {with({"--audio-tracks", "9"}), kUsage},
+                          {with({"--audio-tracks", "-1"}), kUsage},
+                          {with({"--vcodec", "nosuch"}), kUsage},
+                          {with({"--acodec", "nosuch"}), kUsage},
+                          {with({"--vcodec", "mp3"}), kUsage},
+                          {with({"--acodec", "h264"}), kUsage},
+                          {with({"--start", "-5"}), kUsage},
+                          {with({"--start", "nan"}), kUsage},
+                          {with({"--start", "inf"}), kUsage},
+                          {with({"--start", "50"}), kUsage},
+                          {with({"--duration", "0"}), kUsage},
+                          {with({"--duration", "-1"}), kUsage},
+                          {with({"--duration", "nan"}), kUsage},
+                          {with({"--vbitrate", "-5"}), kUsage},
+                          {with({"--abitrate", "0"}), kUsage},
+                          {with({"--sample-rate", "-1"}), kUsage},
+                          {with({"--channels", "0"}), kUsage},
+                          {with({"--channels", "9"}), kUsage},
+                          {with({"--progress", "xml"}), kUsage},
+                          {with({"--subtitle-position", "1.5"}), kUsage},
+                          {with({"--subtitle-outline", "-1"}), kUsage},
+                          {with({"--subtitle-track", "5"}), kUsage},
+                          {with({"--saturation", "2"}), kUsage},
+                          {with({"--rotate", "nan"}), kUsage},
+                          {with({"--zoom", "999"}), kUsage},
+                          {with({"--effect", "nosuch"}), kUsage},
+                          {with({"--nosuch"}), kUsage},
+                          {with({"--size"}), kUsage},
+                          {{"convert", "{in}"}, kUsage},
+                          {with({"extra"}), kUsage},
+                          {{"convert", "{in}", "{dir}/missing/o.mp4"}, kFailed},
+                          {{"convert", "{in}", "/dev/full"}, kFailed},
+                          {{"convert", "{in}", "{in}"}, kFailed},
+                          {{"convert", "{in}", "{dir}"}, kFailed},
+                          {{"convert", "{in}", "{dir}/o"}, kFailed},
+                          {{"convert", "{dvd}", "{dir}/o.mp4", "--title", "0"}, kFailed},
+                      });
 }
 
 TEST(HostileCliTest, FrameAndThumbnail) {
-  runTable("frame",
-           {
-               {{"frame", "{in}", "-t", "20", "-o", "{dir}/o.png"}, kUsage},
-               {{"frame", "{in}", "-t", "nan", "-o", "{dir}/o.png"}, kUsage},
-               {{"frame", "{in}", "-t", "inf", "-o", "{dir}/o.png"}, kUsage},
-               {{"frame", "{in}", "-t", "-1", "-o", "{dir}/o.png"}, kUsage},
-               {{"frame", "{in}", "-t", "abc", "-o", "{dir}/o.png"}, kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--size", "0x0"}, kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--size", "10"}, kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--crop", "1,2,3"}, kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--crop", "300,0,100,100"},
-                kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--subtitle-position", "1.5"},
-                kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--subtitle-outline", "-1"},
-                kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.bmp"}, kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "/dev/full"}, kUsage},  // not a picture name
-               {{"frame", "{in}", "-t", "1"}, kUsage},
-               {{"frame", "{in}", "-o", "{dir}/o.png"}, kUsage},
-               {{"frame", "{in}", "-t", "1", "-o"}, kUsage},
-               {{"frame", "{in}", "extra", "-t", "1", "-o", "{dir}/o.png"}, kUsage},
-               {{"frame", "-t", "1", "-o", "{dir}/o.png"}, kUsage},
-               {{"frame", "{in}", "-t", "1", "-o", "{dir}/missing/o.png"}, kFailed},
-               {{"frame", "{pic}", "-t", "0", "-o", "{pic}"}, kFailed},
-               {{"frame", "{dvd}", "-t", "1", "-o", "{dir}/o.png", "--title", "0"}, kFailed},
-           });
+  runTable(
+      "frame",
+      {
+          {{"frame", "{in}", "-t", "20", "-o", "{dir}/o.png"}, kUsage},
+          {{"frame", "{in}", "-t", "nan", "-o", "{dir}/o.png"}, kUsage},
+          {{"frame", "{in}", "-t", "inf", "-o", "{dir}/o.png"}, kUsage},
+          {{"frame", "{in}", "-t", "-1", "-o", "{dir}/o.png"}, kUsage},
+          {{"frame", "{in}", "-t", "abc", "-o", "{dir}/o.png"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--size", "0x0"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--size", "10"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--crop", "1,2,3"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--crop", "300,0,100,100"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--subtitle-position", "1.5"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.png", "--subtitle-outline", "-1"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "{dir}/o.bmp"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "/dev/full"}, kUsage},  // not a picture name
+          {{"frame", "{in}", "-t", "1"}, kUsage},
+          {{"frame", "{in}", "-o", "{dir}/o.png"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o"}, kUsage},
+          {{"frame", "{in}", "extra", "-t", "1", "-o", "{dir}/o.png"}, kUsage},
+          {{"frame", "-t", "1", "-o", "{dir}/o.png"}, kUsage},
+          {{"frame", "{in}", "-t", "1", "-o", "{dir}/missing/o.png"}, kFailed},
+          {{"frame", "{pic}", "-t", "0", "-o", "{pic}"}, kFailed},
+          {{"frame", "{dvd}", "-t", "1", "-o", "{dir}/o.png", "--title", "0"}, kFailed},
+      });
   runTable("thumbnail",
            {
                {{"thumbnail", "{in}", "-o", "{dir}/o.png", "-t", "20"}, kUsage},
@@ -233,56 +230,55 @@ TEST(HostileCliTest, FrameAndThumbnail) {
 }
 
 TEST(HostileCliTest, PlayRefusesBeforePlaying) {
-  runTable("play",
-           {
-               {{"play", "{in}", "--speed", "0"}, kUsage},
-               {{"play", "{in}", "--speed", "-1"}, kUsage},
-               {{"play", "{in}", "--speed", "nan"}, kUsage},
-               {{"play", "{in}", "--volume", "-1"}, kUsage},
-               {{"play", "{in}", "--volume", "nan"}, kUsage},
-               {{"play", "{in}", "--start", "-5"}, kUsage},
-               {{"play", "{in}", "--start", "nan"}, kUsage},
-               {{"play", "{in}", "--start", "50"}, kUsage},
-               {{"play", "{in}", "--window", "0x0"}, kUsage},
-               {{"play", "{in}", "--audio-tracks", ","}, kUsage},
-               {{"play", "{in}", "--audio-tracks", "9"}, kUsage},
-               // Checked though there is no window to show the picture in.
-               {{"play", "{in}", "--crop", "1,2,3"}, kUsage},
-               {{"play", "{in}", "--subtitle-position", "1.5"}, kUsage},
-               {{"play", "{in}", "--subtitle-outline", "-1"}, kUsage},
-               {{"play", "{in}", "--nosuch"}, kUsage},
-               {{"play"}, kUsage},
-               {{"play", "{in}", "extra"}, kUsage},
-               {{"play", "{dvd}", "--title", "0"}, kFailed},
-           });
+  runTable("play", {
+                       {{"play", "{in}", "--speed", "0"}, kUsage},
+                       {{"play", "{in}", "--speed", "-1"}, kUsage},
+                       {{"play", "{in}", "--speed", "nan"}, kUsage},
+                       {{"play", "{in}", "--volume", "-1"}, kUsage},
+                       {{"play", "{in}", "--volume", "nan"}, kUsage},
+                       {{"play", "{in}", "--start", "-5"}, kUsage},
+                       {{"play", "{in}", "--start", "nan"}, kUsage},
+                       {{"play", "{in}", "--start", "50"}, kUsage},
+                       {{"play", "{in}", "--window", "0x0"}, kUsage},
+                       {{"play", "{in}", "--audio-tracks", ","}, kUsage},
+                       {{"play", "{in}", "--audio-tracks", "9"}, kUsage},
+                       // Checked though there is no window to show the picture in.
+                       {{"play", "{in}", "--crop", "1,2,3"}, kUsage},
+                       {{"play", "{in}", "--subtitle-position", "1.5"}, kUsage},
+                       {{"play", "{in}", "--subtitle-outline", "-1"}, kUsage},
+                       {{"play", "{in}", "--nosuch"}, kUsage},
+                       {{"play"}, kUsage},
+                       {{"play", "{in}", "extra"}, kUsage},
+                       {{"play", "{dvd}", "--title", "0"}, kFailed},
+                   });
 }
 
 TEST(HostileCliTest, InfoEffectsAndNoCommand) {
-  runTable("others",
-           {
-               {{}, kUsage},
-               {{"nosuch"}, kUsage},
-               {{"info"}, kUsage},
-               {{"info", "{in}", "extra"}, kUsage},
-               {{"info", "{in}", "--nosuch"}, kUsage},
-               {{"info", "{in}", "--title", "1"}, kUsage},
-               {{"info", "/dev/full"}, kFailed},
-               {{"effects", "--apply", "Glow", "{pic}"}, kUsage},
-               {{"effects", "--apply", "Glow", "-o", "{dir}/o.png"}, kUsage},
-               {{"effects", "--sheet", "{in}", "-t", "1", "-o", "{dir}/o.png", "--tile", "0x0"},
-                kUsage},
-               {{"effects", "--apply", "Glow", "{pic}", "--sheet", "{in}", "-o", "{dir}/o.png"},
-                kUsage},
-               {{"effects", "--nosuch"}, kUsage},
-               // Documented as failed work: a name that is not a preset, a
-               // negative time, an output that cannot be written.
-               {{"effects", "--apply", "nosuch", "{pic}", "-o", "{dir}/o.png"}, kFailed},
-               {{"effects", "--sheet", "{in}", "-t", "-1", "-o", "{dir}/o.png"}, kFailed},
-               {{"effects", "--apply", "Glow", "{pic}", "-o", "/dev/full"}, kFailed},
-               {{"effects", "--apply", "Glow", "{pic}", "-o", "{dir}/missing/o.png"}, kFailed},
-               {{"effects", "--apply", "Glow", "{pic}", "-o", "{pic}"}, kFailed},
-               {{"effects", "--sheet", "{pic}", "-t", "0", "-o", "{pic}"}, kFailed},
-           });
+  runTable(
+      "others",
+      {
+          {{}, kUsage},
+          {{"nosuch"}, kUsage},
+          {{"info"}, kUsage},
+          {{"info", "{in}", "extra"}, kUsage},
+          {{"info", "{in}", "--nosuch"}, kUsage},
+          {{"info", "{in}", "--title", "1"}, kUsage},
+          {{"info", "/dev/full"}, kFailed},
+          {{"effects", "--apply", "Glow", "{pic}"}, kUsage},
+          {{"effects", "--apply", "Glow", "-o", "{dir}/o.png"}, kUsage},
+          {{"effects", "--sheet", "{in}", "-t", "1", "-o", "{dir}/o.png", "--tile", "0x0"}, kUsage},
+          {{"effects", "--apply", "Glow", "{pic}", "--sheet", "{in}", "-o", "{dir}/o.png"}, kUsage},
+          {{"effects", "--nosuch"}, kUsage},
+          {{"effects", "--json", "extra"}, kUsage},
+          // Documented as failed work: a name that is not a preset, a
+          // negative time, an output that cannot be written.
+          {{"effects", "--apply", "nosuch", "{pic}", "-o", "{dir}/o.png"}, kFailed},
+          {{"effects", "--sheet", "{in}", "-t", "-1", "-o", "{dir}/o.png"}, kFailed},
+          {{"effects", "--apply", "Glow", "{pic}", "-o", "/dev/full"}, kFailed},
+          {{"effects", "--apply", "Glow", "{pic}", "-o", "{dir}/missing/o.png"}, kFailed},
+          {{"effects", "--apply", "Glow", "{pic}", "-o", "{pic}"}, kFailed},
+          {{"effects", "--sheet", "{pic}", "-t", "0", "-o", "{pic}"}, kFailed},
+      });
 }
 
 }  // namespace

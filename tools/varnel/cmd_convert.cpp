@@ -115,7 +115,6 @@ bool parseRate(const std::string& text, int* num, int* den) {
   return whole && *num > 0 && *den > 0 && double(*num) / *den <= kMaxFrameRate;
 }
 
-
 // A name in the same directory with the same extension (the container is
 // chosen from it), hidden while it is being written.
 std::string temporaryPath(const std::string& output) {
@@ -173,12 +172,14 @@ int run(const ConvertOptions& o) {
   VNFFMovieFileOutputFormat format;
   movieFileOutputFormatToDefaults(&format);
   // Every value is checked before the input is opened.
-  if (!o.vcodec.empty() && (!(format.video_codec = vn_get_codec_id_by_name(o.vcodec)) ||
-                            avcodec_get_type(AVCodecID(format.video_codec)) != AVMEDIA_TYPE_VIDEO)) {
+  if (!o.vcodec.empty() &&
+      (!(format.video_codec = vn_get_codec_id_by_name(o.vcodec)) ||
+       avcodec_get_type(AVCodecID(format.video_codec)) != AVMEDIA_TYPE_VIDEO)) {
     return usage("unknown video codec", o.vcodec, "use one of h264 mpeg4 mpeg1 mpeg2 animation");
   }
-  if (!o.acodec.empty() && (!(format.audio_codec = vn_get_codec_id_by_name(o.acodec)) ||
-                            avcodec_get_type(AVCodecID(format.audio_codec)) != AVMEDIA_TYPE_AUDIO)) {
+  if (!o.acodec.empty() &&
+      (!(format.audio_codec = vn_get_codec_id_by_name(o.acodec)) ||
+       avcodec_get_type(AVCodecID(format.audio_codec)) != AVMEDIA_TYPE_AUDIO)) {
     return usage("unknown audio codec", o.acodec,
                  "use one of mp2 mp3 aac alac ac3 vorbis wma1 wma2");
   }

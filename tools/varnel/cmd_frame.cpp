@@ -41,7 +41,8 @@ int run(const FrameOptions& o) {
   Input::Extent extent;
   if (const int status = openForPictures(input, o.input, &extent); status != kExitOk)
     return status;
-  if (const int status = checkTime("-t", o.time, extent, numberText(o.time), o.input); status != kExitOk)
+  if (const int status = checkTime("-t", o.time, extent, numberText(o.time), o.input);
+      status != kExitOk)
     return status;
   if (const int status = o.picture.apply(input); status != kExitOk)
     return status;

@@ -86,8 +86,8 @@ int main(int argc, char** argv) {
     // One line, as every error: the command, what is wrong, where help is.
     const std::vector<CLI::App*> named = app.get_subcommands();
     const std::string command = named.empty() ? "varnel" : "varnel " + named.front()->get_name();
-    return usage("bad usage of", command, std::string(e.what()) + " ('" + command +
-                                              " --help' lists the options)");
+    return usage("bad usage of", command,
+                 std::string(e.what()) + " ('" + command + " --help' lists the options)");
   }
   if (!run)
     return kExitUsage;

@@ -156,8 +156,9 @@ int checkTime(const std::string& option,
     // not: the work fails.
     const bool cut = extent.cutShort && (extent.duration <= 0 || seconds < extent.duration);
     char reason[96];
-    std::snprintf(reason, sizeof reason, cut ? "cut short: its video can be read up to %.3f s"
-                                             : "past the end (the video can be read up to %.3f s)",
+    std::snprintf(reason, sizeof reason,
+                  cut ? "cut short: its video can be read up to %.3f s"
+                      : "past the end (the video can be read up to %.3f s)",
                   extent.end());
     return cut ? fail("cannot read", path, reason) : usage("bad " + option, text, reason);
   }
