@@ -8,6 +8,8 @@
 # running longer than 10 s). Findings are written to build-fuzz/findings/;
 # the corpora grow in build-fuzz/corpus/ from run to run. Fixtures come
 # from VARNEL_FIXTURES_DIR, else build/fixtures (made when missing).
+# VARNEL_FUZZ_SEED fixes libFuzzer's random seed, so that a run from the same
+# corpus tries the same inputs (the CI stage does).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -123,7 +125,7 @@ for t in "${targets[@]}"; do
   # One process, one input at a time: the machine may be shared.
   if ! ASAN_OPTIONS=$(asan_options "$t") "$build/fuzz/varnel_fuzz_$t" "$corpus" "$seeds/$t" \
       -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2560 -malloc_limit_mb="$(malloc_limit "$t")" \
-      -max_len="$(max_len "$t")" \
+      -max_len="$(max_len "$t")" ${VARNEL_FUZZ_SEED:+-seed="$VARNEL_FUZZ_SEED"} \
       -artifact_prefix="$findings/" -print_final_stats=1 >"$log" 2>&1; then
     status=1
     tail -n 80 "$log"
