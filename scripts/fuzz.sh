@@ -30,6 +30,9 @@ fi
 build="$root/build-fuzz"
 fixtures=${VARNEL_FIXTURES_DIR:-$root/build/fixtures}
 targets=(media subtitle dvd)
+# VARNEL_FUZZ_TARGETS limits the fuzzing (not the regression replay) to some
+# of them, e.g. "media subtitle".
+read -r -a fuzzed <<<"${VARNEL_FUZZ_TARGETS:-${targets[*]}}"
 
 echo "== fuzz: build (clang, libFuzzer + ASan + UBSan)"
 start=$SECONDS
@@ -117,7 +120,7 @@ done
 
 summary=()
 status=0
-for t in "${targets[@]}"; do
+for t in "${fuzzed[@]}"; do
   echo "== fuzz: $t for $seconds s"
   corpus="$build/corpus/$t" findings="$build/findings/$t"
   mkdir -p "$corpus" "$findings"
