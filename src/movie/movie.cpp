@@ -176,44 +176,32 @@ std::shared_ptr<VNFFMedia> VNFFMovie::medias(const Medias& array, int64_t time) 
 // The medias' streams and selections belong to the decode queue, where a
 // seek or a read may open late streams or reopen decoders: they are read
 // and changed there.
-std::vector<std::string> VNFFMovie::audioStreams() {
-  std::vector<std::string> names;
+template <typename T, typename Read>
+T VNFFMovie::readFirstMedia(Read read) {
+  T value{};
   runOnDecodeQueue([&] {
     const Medias all = medias();
     if (!all.empty())
-      names = all.front()->audioNames();
+      value = read(*all.front());
   });
-  return names;
+  return value;
+}
+
+std::vector<std::string> VNFFMovie::audioStreams() {
+  return readFirstMedia<std::vector<std::string>>([](VNFFMedia& m) { return m.audioNames(); });
 }
 
 std::vector<std::string> VNFFMovie::subtitleStreams() {
-  std::vector<std::string> names;
-  runOnDecodeQueue([&] {
-    const Medias all = medias();
-    if (!all.empty())
-      names = all.front()->subtitleNames();
-  });
-  return names;
+  return readFirstMedia<std::vector<std::string>>([](VNFFMedia& m) { return m.subtitleNames(); });
 }
 
 std::optional<VNIndexSet> VNFFMovie::selectAudioStreams() {
-  std::optional<VNIndexSet> selection;
-  runOnDecodeQueue([&] {
-    const Medias all = medias();
-    if (!all.empty())
-      selection = all.front()->selectAudios();
-  });
-  return selection;
+  return readFirstMedia<std::optional<VNIndexSet>>([](VNFFMedia& m) { return m.selectAudios(); });
 }
 
 std::optional<VNIndexSet> VNFFMovie::selectSubtitleStreams() {
-  std::optional<VNIndexSet> selection;
-  runOnDecodeQueue([&] {
-    const Medias all = medias();
-    if (!all.empty())
-      selection = all.front()->selectSubtitles();
-  });
-  return selection;
+  return readFirstMedia<std::optional<VNIndexSet>>(
+      [](VNFFMedia& m) { return m.selectSubtitles(); });
 }
 
 void VNFFMovie::setSelectAudioStreams(const std::optional<VNIndexSet>& streams) {

@@ -246,6 +246,10 @@ class VNFFMovie : public VNMovieLink,
   // Runs work on the decode queue and waits for it; inline when already
   // there.
   void runOnDecodeQueue(const std::function<void()>& work);
+  // What read takes from the first media, on the decode queue; T{} when
+  // there is none.
+  template <typename T, typename Read>
+  T readFirstMedia(Read read);
 
   std::atomic<double> decode_samples_{0};  // frames produced since the last seek
   std::atomic<int64_t> duration_{0};
