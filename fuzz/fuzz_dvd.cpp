@@ -46,7 +46,7 @@ void describe(const VNDVD& disc) {
     for (uint32_t i = 0; i <= set->medias.size(); ++i) {
       if (const std::shared_ptr<VNDVDMedia> vob = set->mediaForVob(i)) {
         vob->description();
-        vob->subMediaAt(vob->start_sector + 1, vob->sector_count);
+        vob->subMediaAt(vob->start_sector / 2, vob->sector_count);
       }
     }
   }

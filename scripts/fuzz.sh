@@ -118,6 +118,14 @@ for t in "${targets[@]}"; do
   }
 done
 
+# The first frame of a report's first stack that is not the sanitizer's or
+# the C library's: where the fault is.
+faulting_frame() {
+  sed -n '/ERROR: /,$p' "$1" | grep -E '^ +#[0-9]+ ' |
+    grep -vE 'libclang_rt|__interceptor_|__asan|__sanitizer|compiler-rt| fuzzer::|/libc\.so|string/|sysdeps/' |
+    head -n 1
+}
+
 summary=()
 status=0
 for t in "${fuzzed[@]}"; do
@@ -130,9 +138,16 @@ for t in "${fuzzed[@]}"; do
       -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2560 -malloc_limit_mb="$(malloc_limit "$t")" \
       -max_len="$(max_len "$t")" ${VARNEL_FUZZ_SEED:+-seed="$VARNEL_FUZZ_SEED"} \
       -artifact_prefix="$findings/" -print_final_stats=1 >"$log" 2>&1; then
-    status=1
     tail -n 80 "$log"
-    echo "fuzz: $t found a fault: $(ls "$findings")" >&2
+    frame=$(faulting_frame "$log")
+    # libdvdread 6.1.3 has faults of its own on broken IFOs (fuzz/README.md):
+    # they are shown, and end this target's run, but are not ours to fail on.
+    if [[ $t == dvd && $frame == *libdvdread.so* ]]; then
+      echo "fuzz: $t: a fault inside libdvdread, not in varnel: $frame" >&2
+    else
+      status=1
+      echo "fuzz: $t found a fault (log: $log, inputs: $findings)" >&2
+    fi
   fi
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   summary+=("$t: ${runs:-?} executions, corpus $(ls "$corpus" | wc -l) inputs")
