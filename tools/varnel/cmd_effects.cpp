@@ -9,8 +9,6 @@
 // A preset is applied with applyEffectPreset, the step a decoded frame takes
 // too. Pictures are written with FilterImage::writeToFile, under a hidden
 // name beside OUT that is renamed when the file is complete.
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>

@@ -248,7 +248,10 @@ int run(const PlayOptions& o) {
   }
   // A file cut short plays as far as it goes.
   const Input::Extent extent = input.extent();
-  if (const int status = checkTime("--start", o.start, extent, numberText(o.start), o.input);
+  // The start is always there, even in an input whose length is not known.
+  if (const int status = o.start == 0
+                             ? kExitOk
+                             : checkTime("--start", o.start, extent, numberText(o.start), o.input);
       status != kExitOk) {
     return status;
   }
