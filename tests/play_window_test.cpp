@@ -292,6 +292,10 @@ TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
     return;
   const std::vector<TraceLine> trace = readTrace(dir + "/window.trace");
   ASSERT_GT(trace.size(), 50u);
+  // Playing starts on the first frame, shown before the clock runs.
+  EXPECT_TRUE(trace.front().shown);
+  EXPECT_EQ(trace.front().index, 0);
+  EXPECT_EQ(trace.front().clock, 0);
   for (const auto& [what, shot] : shots) {
     SCOPED_TRACE(what);
     const int n = frameNumber(shot);

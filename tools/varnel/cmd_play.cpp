@@ -68,6 +68,9 @@ class RawTerminal {
 
 using Key = VideoWindow::Event;
 
+// The longest the first picture is waited for before playing starts.
+constexpr double kPrerollSeconds = 2.0;
+
 // Keys typed on stdin (a terminal in single-key mode, or a pipe); stops
 // reading at the end of the input.
 class KeyReader {
@@ -292,6 +295,10 @@ int run(const PlayOptions& o) {
   movie.setVolume(volume);
   float speed = static_cast<float>(o.speed);
   clock.setRate(speed);
+  // The first picture is on screen before the clock starts: none is late
+  // from the start.
+  if (window)
+    window->preroll(clock.now(), kPrerollSeconds);
   clock.setRunning(true);
   if (movie.hasAudio() && !movie.isPlay()) {
     auto graph = movie.audioOutputGraph();

@@ -281,6 +281,26 @@ void VideoWindow::seeked() {
   lastRequested_ = -1;
 }
 
+void VideoWindow::preroll(double clock, double seconds) {
+  const int64_t frame = static_cast<int64_t>(std::floor(std::max(clock, 0.0) / frameSeconds_));
+  const double until = steadySeconds() + seconds;
+  for (;;) {
+    update(clock, 0.0);
+    int64_t missing = -1;
+    size_t inFlight = 0;
+    {
+      std::lock_guard<std::mutex> hold(shared_->lock);
+      missing = shared_->missing;
+      inFlight = shared_->inFlight;
+    }
+    // The pictures after it are decoded too.
+    const bool ready = shownIndex_ == frame && inFlight == 0;
+    if (ready || (missing >= 0 && missing <= frame) || steadySeconds() > until)
+      return;
+    SDL_Delay(4);
+  }
+}
+
 void VideoWindow::update(double clock, double rate) {
   const int64_t frame = static_cast<int64_t>(std::floor(std::max(clock, 0.0) / frameSeconds_));
   std::vector<Shared::Picture> due;

@@ -76,6 +76,11 @@ class VideoWindow {
   void update(double clock, double rate);
   // The clock jumped: pictures asked for before are not shown.
   void seeked();
+  // With the clock standing at `clock`, waits until its frame's picture is
+  // on screen and the next ones are decoded (or the movie has no picture
+  // there), for at most `seconds`: a clock started afterwards finds its
+  // first pictures in time.
+  void preroll(double clock, double seconds);
   // A line of text over the picture for two seconds.
   void showStatus(const std::string& text);
   // Writes the picture on screen as PNG; false with a reason.
