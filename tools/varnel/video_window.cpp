@@ -1,12 +1,14 @@
 #include "video_window.h"
 
 #include <SDL.h>
+#include <SDL_opengl.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <mutex>
 
@@ -34,6 +36,26 @@ int64_t steadyNanoseconds() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
              std::chrono::steady_clock::now().time_since_epoch())
       .count();
+}
+
+// Whether the renderer is GL drawn by a software rasteriser (Mesa's
+// llvmpipe or softpipe, or another named so). Its GL context is current
+// after it is made.
+bool rastersOnTheCpu(SDL_Renderer* renderer) {
+  SDL_RendererInfo info{};
+  if (SDL_GetRendererInfo(renderer, &info) != 0 || std::strncmp(info.name, "opengl", 6) != 0)
+    return false;
+  using GetString = const GLubyte*(APIENTRY*)(GLenum);
+  const auto getString = reinterpret_cast<GetString>(SDL_GL_GetProcAddress("glGetString"));
+  const GLubyte* name = getString ? getString(GL_RENDERER) : nullptr;
+  if (!name)
+    return false;
+  const std::string text(reinterpret_cast<const char*>(name));
+  for (const char* software : {"llvmpipe", "softpipe", "Software Rasterizer", "SWR"}) {
+    if (text.find(software) != std::string::npos)
+      return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -118,6 +140,15 @@ std::unique_ptr<VideoWindow> VideoWindow::open(std::shared_ptr<VNFFMovie> movie,
   if (w->window_) {
     SDL_SetHint(SDL_HINT_RENDER_SCALE_QUALITY, "linear");
     w->renderer_ = SDL_CreateRenderer(w->window_, -1, 0);
+    if (w->renderer_ && !SDL_GetHint(SDL_HINT_RENDER_DRIVER) && rastersOnTheCpu(w->renderer_)) {
+      // A GL driver that draws on the CPU (a virtual display, a machine
+      // without a GPU) costs a full core at 50 pictures a second; SDL's own
+      // software renderer, shown through a shared-memory image, a tenth of
+      // it.
+      SDL_DestroyRenderer(w->renderer_);
+      SDL_SetHint(SDL_HINT_FRAMEBUFFER_ACCELERATION, "0");
+      w->renderer_ = SDL_CreateRenderer(w->window_, -1, SDL_RENDERER_SOFTWARE);
+    }
   }
   if (!w->renderer_) {
     *reason = SDL_GetError();
