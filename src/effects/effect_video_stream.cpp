@@ -6,9 +6,6 @@
 #include <cstring>
 
 extern "C" {
-#include <libavfilter/avfilter.h>
-#include <libavfilter/buffersink.h>
-#include <libavfilter/buffersrc.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
 #include <libavutil/opt.h>
@@ -16,6 +13,7 @@ extern "C" {
 }
 
 #include "effects/effect_manager.h"
+#include "ffmpeg/filter_library.h"
 #include "media/media.h"
 #include "platform/affine_transform.h"
 
@@ -67,7 +65,10 @@ void VNFFEffectVideoStream::updateConverter() {
 void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
   releaseGraph();
   graphInput_ = in;
-  graph_.reset(avfilter_graph_alloc());
+  const vn::ff::FilterLibrary* f = vn::ff::FilterLibrary::get();
+  if (!f)
+    return;
+  graph_.reset(f->graph_alloc());
   if (!graph_)
     return;
   // The time base and aspect are fixed on purpose: the graph only converts
@@ -78,21 +79,21 @@ void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
   // The scaler that configuration inserts is bilinear (2).
   graph_->scale_sws_opts = av_strdup("flags=bilinear");
   AVFilterContext* source_ctx = nullptr;
-  if (avfilter_graph_create_filter(&source_ctx, avfilter_get_by_name("buffer"), "buffersrc", args,
-                                   nullptr, graph_.get()) >= 0) {
+  if (f->graph_create_filter(&source_ctx, f->get_by_name("buffer"), "buffersrc", args, nullptr,
+                             graph_.get()) >= 0) {
     buffersrc_ = source_ctx;
   }
   const int pixelFormats[] = {outputFormat().pix_fmt, AV_PIX_FMT_NONE};
   AVFilterContext* sink =
-      avfilter_graph_alloc_filter(graph_.get(), avfilter_get_by_name("buffersink"), "buffersink");
+      f->graph_alloc_filter(graph_.get(), f->get_by_name("buffersink"), "buffersink");
   if (sink &&
       av_opt_set_int_list(sink, "pix_fmts", pixelFormats, AV_PIX_FMT_NONE,
                           AV_OPT_SEARCH_CHILDREN) >= 0 &&
-      avfilter_init_str(sink, nullptr) >= 0) {
+      f->init_str(sink, nullptr) >= 0) {
     buffersink_ = sink;
   }
-  if (!buffersrc_ || !buffersink_ || avfilter_link(buffersrc_, 0, buffersink_, 0) != 0 ||
-      avfilter_graph_config(graph_.get(), nullptr) != 0) {
+  if (!buffersrc_ || !buffersink_ || f->link(buffersrc_, 0, buffersink_, 0) != 0 ||
+      f->graph_config(graph_.get(), nullptr) != 0) {
     releaseGraph();
   }
 }
@@ -127,15 +128,15 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider&
   }
   if (frame && frame->data[0] && buffersrc_) {
     // The graph takes its own reference; the caller's frame stays as it is.
-    const int ignored = av_buffersrc_add_frame_flags(buffersrc_, const_cast<AVFrame*>(frame),
-                                                     AV_BUFFERSRC_FLAG_KEEP_REF);
+    const int ignored = vn::ff::loadedFilters().buffersrc_add_frame_flags(
+        buffersrc_, const_cast<AVFrame*>(frame), AV_BUFFERSRC_FLAG_KEEP_REF);
     (void)ignored;
   }
   // The previous picture goes even when no new one came in.
   free_frame_image_buffer();
   if (buffersink_) {
     std::shared_ptr<AVFrame> out(av_frame_alloc(), vn::ff::FrameDeleter{});
-    if (out && av_buffersink_get_frame(buffersink_, out.get()) >= 0)
+    if (out && vn::ff::loadedFilters().buffersink_get_frame(buffersink_, out.get()) >= 0)
       buffer_ = std::move(out);
   }
   const int64_t size = buffer_ ? int64_t{buffer_->height} * buffer_->linesize[0] : 0;

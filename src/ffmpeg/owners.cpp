@@ -1,8 +1,9 @@
 #include "ffmpeg/owners.h"
 
+#include "ffmpeg/filter_library.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavfilter/avfilter.h>
 #include <libavformat/avformat.h>
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
@@ -19,7 +20,10 @@ void OutputFormatDeleter::operator()(AVFormatContext* p) const {
 void CodecContextDeleter::operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
 void FrameDeleter::operator()(AVFrame* p) const { av_frame_free(&p); }
 void PacketDeleter::operator()(AVPacket* p) const { av_packet_free(&p); }
-void FilterGraphDeleter::operator()(AVFilterGraph* p) const { avfilter_graph_free(&p); }
+void FilterGraphDeleter::operator()(AVFilterGraph* p) const {
+  if (p)
+    loadedFilters().graph_free(&p);
+}
 void SwrDeleter::operator()(SwrContext* p) const { swr_free(&p); }
 void SwsDeleter::operator()(SwsContext* p) const { sws_freeContext(p); }
 void SubtitleDeleter::operator()(AVSubtitle* p) const {

@@ -5,10 +5,8 @@
 // side takes them out (read) as reference-counted frames that outlive the
 // decoder's own. The graph does no processing.
 //
-// Threads: writeFrame and read may run on different threads; they are
-// serialised by this object's own lock. config and free_graph take no lock:
-// the owning stream calls them only while no read is in progress (on open and
-// on seek).
+// Threads: every call may run on any thread; they are serialised by this
+// object's own lock.
 #pragma once
 
 #include <mutex>
@@ -27,8 +25,8 @@ class VNFFAudioBuffer {
   VNFFAudioBuffer& operator=(const VNFFAudioBuffer&) = delete;
   ~VNFFAudioBuffer();
 
-  // (Re)builds the graph for this format; whatever was queued is dropped.
-  // When the graph cannot be built (a sample format without a name, an
+  // Sets the format, for which the first write builds the graph; whatever
+  // was queued is dropped. When the graph cannot be built (a sample format without a name, an
   // unknown layout...) the buffer stays unconfigured: writes are dropped and
   // reads return null.
   void config(VNFFAudioFormat format);
@@ -49,8 +47,14 @@ class VNFFAudioBuffer {
   VNFFAudioFormat audioFormat() const { return audioFormat_; }
 
  private:
-  std::mutex lock_;               // serialises writeFrame and read
-  vn::ff::FilterGraph graph_;     // null when not configured
+  // Under lock_: the graph for audioFormat_, the first time a frame comes.
+  void buildGraph();
+  // Under lock_: forgets the filters and frees the graph.
+  void releaseGraph();
+
+  std::mutex lock_;               // serialises every call
+  bool pending_ = false;          // configured, the graph not built yet
+  vn::ff::FilterGraph graph_;     // null when not configured or not built
   AVFilterContext* buffersink_ = nullptr;  // owned by graph_
   AVFilterContext* buffersrc_ = nullptr;   // owned by graph_
   VNFFAudioFormat audioFormat_;   // format of the last config

@@ -5,9 +5,6 @@
 #include <utility>
 
 extern "C" {
-#include <libavfilter/avfilter.h>
-#include <libavfilter/buffersink.h>
-#include <libavfilter/buffersrc.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
 #include <libavutil/mathematics.h>
@@ -15,6 +12,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include "ffmpeg/filter_library.h"
 #include "media/media.h"
 #include "media/media_stream.h"
 
@@ -124,9 +122,10 @@ AVFilterContext* VNFFEffectAudioStream::createInputMediaStreamFilter(const VNFFM
   // name and carries its input number.
   const std::string name =
       "avfilter_vn_ff_media_audio" + (index ? "_" + std::to_string(index) : "");
+  const vn::ff::FilterLibrary& f = vn::ff::loadedFilters();
   AVFilterContext* source = nullptr;
-  if (avfilter_graph_create_filter(&source, avfilter_get_by_name("abuffer"), name.c_str(), args,
-                                   nullptr, graph_.get()) < 0) {
+  if (f.graph_create_filter(&source, f.get_by_name("abuffer"), name.c_str(), args, nullptr,
+                            graph_.get()) < 0) {
     return nullptr;
   }
   return source;
@@ -142,50 +141,49 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
   const int n = std::min<int>(static_cast<int>(streams.size()), kMaxMixedStreams);
 
   free_graph();
-  graph_.reset(avfilter_graph_alloc());
+  const vn::ff::FilterLibrary* f = vn::ff::FilterLibrary::get();
+  if (!f)
+    return;
+  graph_.reset(f->graph_alloc());
   if (!graph_)
     return;
   AVFilterGraph* graph = graph_.get();
   const VNFFAudioFormat out = outputParam();
 
-  avfilter_graph_create_filter(&buffersink_, avfilter_get_by_name("abuffersink"), "buffersink",
-                               nullptr, nullptr, graph);
+  f->graph_create_filter(&buffersink_, f->get_by_name("abuffersink"), "buffersink", nullptr,
+                         nullptr, graph);
 
   char text[256];
   std::snprintf(text, sizeof text, "%d", n);
   AVFilterContext* volumeFix = nullptr;
-  avfilter_graph_create_filter(&volumeFix, avfilter_get_by_name("volume"), "volumeFix", text,
-                               nullptr, graph);
+  f->graph_create_filter(&volumeFix, f->get_by_name("volume"), "volumeFix", text, nullptr, graph);
   if (volumeFix && buffersink_)
-    avfilter_link(volumeFix, 0, buffersink_, 0);
+    f->link(volumeFix, 0, buffersink_, 0);
 
   std::snprintf(text, sizeof text, "%f", static_cast<double>(static_cast<float>(volume_.load())));
   volumeText_ = text;
-  avfilter_graph_create_filter(&volumeAdjust_, avfilter_get_by_name("volume"), "volume", text,
-                               nullptr, graph);
+  f->graph_create_filter(&volumeAdjust_, f->get_by_name("volume"), "volume", text, nullptr, graph);
   volumeChanged_.store(false);
   if (volumeAdjust_ && volumeFix)
-    avfilter_link(volumeAdjust_, 0, volumeFix, 0);
+    f->link(volumeAdjust_, 0, volumeFix, 0);
 
   const char* fmtName = av_get_sample_fmt_name(static_cast<AVSampleFormat>(out.sample_fmt));
   std::snprintf(text, sizeof text, "sample_fmts=%s:channel_layouts=%s:sample_rates=%d",
                 fmtName ? fmtName : "", channelLayoutName(out.channel_layout).c_str(),
                 out.sample_rate);
   AVFilterContext* format = nullptr;
-  avfilter_graph_create_filter(&format, avfilter_get_by_name("aformat"), "format", text, nullptr,
-                               graph);
+  f->graph_create_filter(&format, f->get_by_name("aformat"), "format", text, nullptr, graph);
   if (format && volumeAdjust_)
-    avfilter_link(format, 0, volumeAdjust_, 0);
+    f->link(format, 0, volumeAdjust_, 0);
 
   AVFilterContext* mixer = format;
   if (n > 1) {
     std::snprintf(text, sizeof text, "inputs=%d", n);
     AVFilterContext* amix = nullptr;
-    if (avfilter_graph_create_filter(&amix, avfilter_get_by_name("amix"), "amix", text, nullptr,
-                                     graph) >= 0 &&
+    if (f->graph_create_filter(&amix, f->get_by_name("amix"), "amix", text, nullptr, graph) >= 0 &&
         amix) {
       if (format)
-        avfilter_link(amix, 0, format, 0);
+        f->link(amix, 0, format, 0);
       mixer = amix;
     }
   }
@@ -195,21 +193,22 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
     if (!source)
       continue;
     if (mixer)
-      avfilter_link(source, 0, mixer, static_cast<unsigned>(i));
+      f->link(source, 0, mixer, static_cast<unsigned>(i));
     sources_.push_back({source, streams[i]});
   }
   {
     std::lock_guard<std::mutex> guard(lock_);
     inputs_ = medias;
   }
-  if (!buffersink_ || avfilter_graph_config(graph, nullptr) < 0)
+  if (!buffersink_ || f->graph_config(graph, nullptr) < 0)
     free_graph();
 }
 
 std::string VNFFEffectAudioStream::stageArguments(const std::string& instanceName) {
   if (!graph_)
     return {};
-  AVFilterContext* filter = avfilter_graph_get_filter(graph_.get(), instanceName.c_str());
+  AVFilterContext* filter =
+      vn::ff::loadedFilters().graph_get_filter(graph_.get(), instanceName.c_str());
   if (!filter)
     return {};
   // The live volume is changed by command, which its option does not show.
@@ -286,8 +285,7 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   // A frame whose format or channel count is not the stream's (a broken
   // stream may change them midway) has other planes or other plane sizes:
   // it is heard as silence.
-  if (size >= 1 && next->format == format.sample_fmt &&
-      next->ch_layout.nb_channels == channels) {
+  if (size >= 1 && next->format == format.sample_fmt && next->ch_layout.nb_channels == channels) {
     // Decoded planes are separate buffers: copy each of them.
     av_samples_copy(local->extended_data, next->extended_data, 0, 0, nbSamples, channels,
                     sampleFmt);
@@ -297,14 +295,14 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   local->pts = pts;
   // A refused frame only leaves the source starved; the next read feeds it
   // again.
-  (void)!av_buffersrc_add_frame_flags(source.filter, local, 0);
+  (void)!vn::ff::loadedFilters().buffersrc_add_frame_flags(source.filter, local, 0);
   av_frame_unref(local);
 }
 
 bool VNFFEffectAudioStream::feedStarvedSources() {
   bool fed = false;
   for (Source& source : sources_) {
-    if (av_buffersrc_get_nb_failed_requests(source.filter) > 0) {
+    if (vn::ff::loadedFilters().buffersrc_get_nb_failed_requests(source.filter) > 0) {
       requestFrame(source);
       fed = true;
     }
@@ -319,7 +317,7 @@ void VNFFEffectAudioStream::applyPendingVolume() {
   std::snprintf(text, sizeof text, "%f", volume_.load());
   // Sent to this one instance: the graph-wide command would also reach
   // "volumeFix", which is a volume filter too.
-  if (avfilter_process_command(volumeAdjust_, "volume", text, nullptr, 0, 0) >= 0) {
+  if (vn::ff::loadedFilters().process_command(volumeAdjust_, "volume", text, nullptr, 0, 0) >= 0) {
     volumeText_ = text;
   }
 }
@@ -335,7 +333,7 @@ bool VNFFEffectAudioStream::readFrame(AVFrame* frame) {
   if (buffersink_ && nb > 0) {
     applyPendingVolume();
     for (int round = 0; round < kMaxFeedRounds; ++round) {
-      const int r = av_buffersink_get_samples(buffersink_, pulled, nb);
+      const int r = vn::ff::loadedFilters().buffersink_get_samples(buffersink_, pulled, nb);
       if (r >= 0) {
         got = true;
         break;
