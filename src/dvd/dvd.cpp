@@ -210,7 +210,10 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   if (disc->volume.empty())
     disc->volume = displayName(path);
 
-  Ifo manager(ifoOpen(reader, 0));
+  // Only the tables the model uses are read: each header, and a title set's
+  // program chains and cell addresses. libdvdread's readers of the others
+  // fault on some broken IFOs.
+  Ifo manager(ifoOpenVMGI(reader));
   if (!manager || !manager->vmgi_mat)
     return disc;
   const int titleSets = manager->vmgi_mat->vmg_nr_of_title_sets;
@@ -219,9 +222,14 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   manager.reset();
 
   for (int t = 1; t <= titleSets; ++t) {
-    Ifo ifo(ifoOpen(reader, t));
+    Ifo ifo(ifoOpenVTSI(reader, t));
     if (!ifo || !ifo->vtsi_mat) {
       vn_log("title_set %d: its IFO cannot be read; left out", t);
+      continue;
+    }
+    if (!vn::dvd::titleTablesReadable(reader, t, *ifo->vtsi_mat) || !ifoRead_PGCIT(ifo.get()) ||
+        !ifoRead_TITLE_C_ADT(ifo.get())) {
+      vn_log("title_set %d: its program chains or cell addresses cannot be read; left out", t);
       continue;
     }
     auto set = std::make_shared<VNDVDTitleSet>();

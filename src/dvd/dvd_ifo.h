@@ -1,12 +1,24 @@
 // How a title set's tables become the disc model: the VOB runs from the cell
-// address table and the titles from the program chain table.
+// address table and the titles from the program chain table, once they are
+// known to be safe to hand to libdvdread.
 #pragma once
 
+#include <dvdread/dvd_reader.h>
 #include <dvdread/ifo_types.h>
 
 #include "dvd/dvd.h"
 
 namespace vn::dvd {
+
+// Whether libdvdread's readers of the title set's program chain table
+// (ifoRead_PGCIT) and cell address table (ifoRead_TITLE_C_ADT) may be run on
+// the IFO that ifoOpenVTSI read `info` from. They trust what the file says:
+// the table sectors, the entries and chains of the program chain table, the
+// parts of each chain and the cell table's end. Here every read they would
+// make must lie inside the file, the entries and chain headers inside their
+// table, and every chain must read whole: a chain that fails half read
+// leaks its parts, and an entry sharing it follows a null pointer.
+bool titleTablesReadable(dvd_reader_t* reader, int titleSet, const vtsi_mat_t& info);
 
 // One media per VOB of the table, each from its lowest cell sector and as
 // long as the sum of its cells. A VOB without cells keeps start 0x7FFFFFFF
