@@ -113,18 +113,27 @@ void addMedias(VNDVDTitleSet& set, const c_adt_t& cells) {
   for (size_t i = 0; i < count && cells.cell_adr_table; ++i) {
     const cell_adr_t& cell = cells.cell_adr_table[i];
     std::shared_ptr<VNDVDMedia> media = set.mediaForVob(static_cast<uint32_t>(cell.vob_id) - 1);
-    if (!media)
+    if (!media || cell.last_sector < cell.start_sector ||
+        cell.last_sector >= static_cast<uint32_t>(kNoSector))
       continue;
-    media->sector_count += static_cast<int32_t>(cell.last_sector - cell.start_sector + 1);
+    const int64_t sum = int64_t{media->sector_count} + (cell.last_sector - cell.start_sector + 1);
+    media->sector_count = static_cast<int32_t>(std::min<int64_t>(sum, kNoSector));
     if (cell.start_sector < static_cast<uint32_t>(media->start_sector))
       media->start_sector = static_cast<int32_t>(cell.start_sector);
   }
+  // Cells that overlap may add up to more than the sectors left.
+  for (const std::shared_ptr<VNDVDMedia>& media : set.medias)
+    media->sector_count = std::min(media->sector_count, kNoSector - media->start_sector);
 }
 
 void addTitles(VNDVDTitleSet& set, const pgcit_t& chains) {
   for (uint16_t k = 0; k < chains.nr_of_pgci_srp && chains.pgci_srp; ++k) {
     const pgc_t* chain = chains.pgci_srp[k].pgc;
     if (!chain || chain->nr_of_cells == 0 || !chain->cell_playback)
+      continue;
+    const uint32_t first = chain->cell_playback[0].first_sector;
+    const uint32_t last = chain->cell_playback[chain->nr_of_cells - 1].last_sector;
+    if (last < first || last >= static_cast<uint32_t>(kNoSector))
       continue;
     auto title = std::make_shared<VNDVDTitle>();
     title->title = k;
@@ -133,10 +142,8 @@ void addTitles(VNDVDTitleSet& set, const pgcit_t& chains) {
     for (size_t i = 0; i < title->palette.size(); ++i)
       title->palette[i] = chain->palette[i];
     title->playback_time = microseconds(chain->playback_time);
-    title->start_sector = static_cast<int32_t>(chain->cell_playback[0].first_sector);
-    title->sector_count =
-        static_cast<int32_t>(chain->cell_playback[chain->nr_of_cells - 1].last_sector + 1 -
-                             chain->cell_playback[0].first_sector);
+    title->start_sector = static_cast<int32_t>(first);
+    title->sector_count = static_cast<int32_t>(last + 1 - first);
     set.titles.push_back(std::move(title));
   }
 }

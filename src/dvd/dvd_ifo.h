@@ -21,12 +21,16 @@ namespace vn::dvd {
 bool titleTablesReadable(dvd_reader_t* reader, int titleSet, const vtsi_mat_t& info);
 
 // One media per VOB of the table, each from its lowest cell sector and as
-// long as the sum of its cells. A VOB without cells keeps start 0x7FFFFFFF
-// and count 0; a cell of a VOB the table does not count is ignored.
+// long as the sum of its cells, ending at sector 0x7FFFFFFF at the latest.
+// A VOB without cells keeps start 0x7FFFFFFF and count 0; a cell of a VOB
+// the table does not count, one that ends before it starts and one that
+// ends at sector 0x7FFFFFFF or later are ignored.
 void addMedias(VNDVDTitleSet& set, const c_adt_t& cells);
 
 // One title per program chain that has cells, numbered by its place in the
-// table (a chain without cells leaves a gap in the numbers).
+// table (a chain without cells leaves a gap in the numbers). A chain whose
+// last cell ends before its first starts, or at sector 0x7FFFFFFF or later,
+// is no title either.
 void addTitles(VNDVDTitleSet& set, const pgcit_t& chains);
 
 }  // namespace vn::dvd
