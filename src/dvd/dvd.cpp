@@ -221,12 +221,15 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   // program chains and cell addresses. libdvdread's readers of the others
   // fault on some broken IFOs.
   Ifo manager(ifoOpenVMGI(reader));
-  if (!manager || !manager->vmgi_mat)
-    return disc;
-  const int titleSets = manager->vmgi_mat->vmg_nr_of_title_sets;
-  disc->region = static_cast<int32_t>((manager->vmgi_mat->vmg_category >> 16) & 0xFF);
-  vn_log("title_sets %d Region 0x%02x", titleSets, disc->region ^ 0xFF);
+  const std::optional<vmgi_mat_t> header = manager && manager->vmgi_mat
+                                               ? std::optional<vmgi_mat_t>(*manager->vmgi_mat)
+                                               : vn::dvd::managerBackupHeader(reader);
   manager.reset();
+  if (!header)
+    return disc;
+  const int titleSets = header->vmg_nr_of_title_sets;
+  disc->region = static_cast<int32_t>((header->vmg_category >> 16) & 0xFF);
+  vn_log("title_sets %d Region 0x%02x", titleSets, disc->region ^ 0xFF);
 
   for (int t = 1; t <= titleSets; ++t) {
     Ifo ifo(ifoOpenVTSI(reader, t));

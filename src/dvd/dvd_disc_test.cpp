@@ -285,6 +285,19 @@ TEST(DvdDiscTest, BrokenDiscsEndInNothingToRead) {
   EXPECT_GT(empty, 0u);
 }
 
+TEST(DvdDiscTest, VideoManagerWithoutItsIfoIsReadFromTheBackup) {
+  const std::string copy = vn::test::scratchDir() + "/no-manager-ifo";
+  fs::remove_all(copy);
+  fs::copy(fixture("dvd_folder"), copy, fs::copy_options::recursive);
+  fs::remove(copy + "/VIDEO_TS/VIDEO_TS.IFO");
+  const Opened opened = openLogged(copy);
+  ASSERT_TRUE(opened.disc);
+  EXPECT_EQ(opened.log, std::vector<std::string>{"title_sets 2 Region 0xff"});
+  EXPECT_EQ(opened.disc->title_sets.size(), 2u);
+  EXPECT_EQ(opened.disc->titleSources().size(), 13u);
+  fs::remove_all(copy);
+}
+
 TEST(DvdDiscTest, TitleSetWithBrokenTablesIsLeftOut) {
   // Each case writes big-endian values into one title set's IFO of a copy
   // of the folder disc: the program chain table is at sector 2, its entries

@@ -153,6 +153,20 @@ bool cellTableInside(IfoFile& file, uint32_t sector) {
 
 namespace vn::dvd {
 
+std::optional<vmgi_mat_t> managerBackupHeader(dvd_reader_t* reader) {
+  IfoFile file(reader, 0, DVD_READ_INFO_BACKUP_FILE);
+  if (!file)
+    return std::nullopt;
+  const std::optional<std::vector<uint8_t>> header = file.readHeader(sizeof(vmgi_mat_t));
+  vmgi_mat_t info{};
+  if (!header || std::memcmp(header->data(), "DVDVIDEO-VMG", sizeof(info.vmg_identifier)) != 0)
+    return std::nullopt;
+  std::memcpy(info.vmg_identifier, header->data(), sizeof(info.vmg_identifier));
+  info.vmg_category = be32(*header, offsetof(vmgi_mat_t, vmg_category));
+  info.vmg_nr_of_title_sets = be16(*header, offsetof(vmgi_mat_t, vmg_nr_of_title_sets));
+  return info;
+}
+
 bool titleTablesReadable(dvd_reader_t* reader, int titleSet, const vtsi_mat_t& info) {
   if (info.vts_pgcit == 0 || info.vts_c_adt == 0)
     return false;

@@ -8,7 +8,15 @@
 
 #include "dvd/dvd.h"
 
+#include <optional>
+
 namespace vn::dvd {
+
+// The video manager's header as VIDEO_TS.BUP holds it, for a disc without
+// VIDEO_TS.IFO (ifoOpenVMGI does not try the backup then): its identifier,
+// category and number of title sets in host order, the rest zero; none
+// when the backup cannot be read as a video manager's.
+std::optional<vmgi_mat_t> managerBackupHeader(dvd_reader_t* reader);
 
 // Whether libdvdread's readers of the title set's program chain table
 // (ifoRead_PGCIT) and cell address table (ifoRead_TITLE_C_ADT) may be run on
