@@ -113,18 +113,27 @@ void addMedias(VNDVDTitleSet& set, const c_adt_t& cells) {
   for (size_t i = 0; i < count && cells.cell_adr_table; ++i) {
     const cell_adr_t& cell = cells.cell_adr_table[i];
     std::shared_ptr<VNDVDMedia> media = set.mediaForVob(static_cast<uint32_t>(cell.vob_id) - 1);
-    if (!media)
+    if (!media || cell.last_sector < cell.start_sector ||
+        cell.last_sector >= static_cast<uint32_t>(kNoSector))
       continue;
-    media->sector_count += static_cast<int32_t>(cell.last_sector - cell.start_sector + 1);
+    const int64_t sum = int64_t{media->sector_count} + (cell.last_sector - cell.start_sector + 1);
+    media->sector_count = static_cast<int32_t>(std::min<int64_t>(sum, kNoSector));
     if (cell.start_sector < static_cast<uint32_t>(media->start_sector))
       media->start_sector = static_cast<int32_t>(cell.start_sector);
   }
+  // Cells that overlap may add up to more than the sectors left.
+  for (const std::shared_ptr<VNDVDMedia>& media : set.medias)
+    media->sector_count = std::min(media->sector_count, kNoSector - media->start_sector);
 }
 
 void addTitles(VNDVDTitleSet& set, const pgcit_t& chains) {
   for (uint16_t k = 0; k < chains.nr_of_pgci_srp && chains.pgci_srp; ++k) {
     const pgc_t* chain = chains.pgci_srp[k].pgc;
     if (!chain || chain->nr_of_cells == 0 || !chain->cell_playback)
+      continue;
+    const uint32_t first = chain->cell_playback[0].first_sector;
+    const uint32_t last = chain->cell_playback[chain->nr_of_cells - 1].last_sector;
+    if (last < first || last >= static_cast<uint32_t>(kNoSector))
       continue;
     auto title = std::make_shared<VNDVDTitle>();
     title->title = k;
@@ -133,10 +142,8 @@ void addTitles(VNDVDTitleSet& set, const pgcit_t& chains) {
     for (size_t i = 0; i < title->palette.size(); ++i)
       title->palette[i] = chain->palette[i];
     title->playback_time = microseconds(chain->playback_time);
-    title->start_sector = static_cast<int32_t>(chain->cell_playback[0].first_sector);
-    title->sector_count =
-        static_cast<int32_t>(chain->cell_playback[chain->nr_of_cells - 1].last_sector + 1 -
-                             chain->cell_playback[0].first_sector);
+    title->start_sector = static_cast<int32_t>(first);
+    title->sector_count = static_cast<int32_t>(last + 1 - first);
     set.titles.push_back(std::move(title));
   }
 }
@@ -210,18 +217,29 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   if (disc->volume.empty())
     disc->volume = displayName(path);
 
-  Ifo manager(ifoOpen(reader, 0));
-  if (!manager || !manager->vmgi_mat)
-    return disc;
-  const int titleSets = manager->vmgi_mat->vmg_nr_of_title_sets;
-  disc->region = static_cast<int32_t>((manager->vmgi_mat->vmg_category >> 16) & 0xFF);
-  vn_log("title_sets %d Region 0x%02x", titleSets, disc->region ^ 0xFF);
+  // Only the tables the model uses are read: each header, and a title set's
+  // program chains and cell addresses. libdvdread's readers of the others
+  // fault on some broken IFOs.
+  Ifo manager(ifoOpenVMGI(reader));
+  const std::optional<vmgi_mat_t> header = manager && manager->vmgi_mat
+                                               ? std::optional<vmgi_mat_t>(*manager->vmgi_mat)
+                                               : vn::dvd::managerBackupHeader(reader);
   manager.reset();
+  if (!header)
+    return disc;
+  const int titleSets = header->vmg_nr_of_title_sets;
+  disc->region = static_cast<int32_t>((header->vmg_category >> 16) & 0xFF);
+  vn_log("title_sets %d Region 0x%02x", titleSets, disc->region ^ 0xFF);
 
   for (int t = 1; t <= titleSets; ++t) {
-    Ifo ifo(ifoOpen(reader, t));
+    Ifo ifo(ifoOpenVTSI(reader, t));
     if (!ifo || !ifo->vtsi_mat) {
       vn_log("title_set %d: its IFO cannot be read; left out", t);
+      continue;
+    }
+    if (!vn::dvd::titleTablesReadable(reader, t, *ifo->vtsi_mat) || !ifoRead_PGCIT(ifo.get()) ||
+        !ifoRead_TITLE_C_ADT(ifo.get())) {
+      vn_log("title_set %d: its program chains or cell addresses cannot be read; left out", t);
       continue;
     }
     auto set = std::make_shared<VNDVDTitleSet>();

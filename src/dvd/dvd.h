@@ -95,7 +95,8 @@ class VNDVD : public std::enable_shared_from_this<VNDVD> {
   // Opens the disc at path (a device, an image, a folder holding VIDEO_TS or
   // the VIDEO_TS folder itself) and reads its structure; none when
   // libdvdread cannot open it. A disc whose video manager cannot be read has
-  // no title sets; a title set whose IFO cannot be read is left out.
+  // no title sets; a title set whose IFO, program chain table or cell
+  // address table cannot be read is left out.
   static std::shared_ptr<VNDVD> open(const std::string& path);
   // A disc with no reader: a model to fill by hand.
   static std::shared_ptr<VNDVD> create();

@@ -3,6 +3,7 @@
 // discs that are broken.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -282,6 +283,79 @@ TEST(DvdDiscTest, BrokenDiscsEndInNothingToRead) {
   }
   EXPECT_GT(readable, 0u);
   EXPECT_GT(empty, 0u);
+}
+
+TEST(DvdDiscTest, VideoManagerWithoutItsIfoIsReadFromTheBackup) {
+  const std::string copy = vn::test::scratchDir() + "/no-manager-ifo";
+  fs::remove_all(copy);
+  fs::copy(fixture("dvd_folder"), copy, fs::copy_options::recursive);
+  fs::remove(copy + "/VIDEO_TS/VIDEO_TS.IFO");
+  const Opened opened = openLogged(copy);
+  ASSERT_TRUE(opened.disc);
+  EXPECT_EQ(opened.log, std::vector<std::string>{"title_sets 2 Region 0xff"});
+  EXPECT_EQ(opened.disc->title_sets.size(), 2u);
+  EXPECT_EQ(opened.disc->titleSources().size(), 13u);
+  fs::remove_all(copy);
+}
+
+TEST(DvdDiscTest, TitleSetWithBrokenTablesIsLeftOut) {
+  // Each case writes big-endian values into one title set's IFO of a copy
+  // of the folder disc: the program chain table is at sector 2, its entries
+  // from byte 8, the first chain of set 1 at byte 32 of it and the cell
+  // address table at sector 4 (as tests/fixtures/make_fixtures.sh builds it).
+  constexpr int kChains = 2 * kBlock;
+  constexpr int kFirstChain = kChains + 32;
+  constexpr int kCells = 4 * kBlock;
+  struct Patch {
+    int offset;
+    uint32_t value;
+    int bytes;
+  };
+  const struct {
+    const char* what;
+    int set;
+    std::vector<Patch> patches;
+  } cases[] = {
+      {"program chain table past the file", 2, {{0xCC, 0x100000, 4}}},
+      {"more entries than the table holds", 2, {{kChains, 0xFFFF, 2}}},
+      {"a chain past the table's end", 2, {{kChains + 8 + 4, 0x10000, 4}}},
+      {"a chain's cells past the file", 1, {{kFirstChain + 0xE8, 0xFFF0, 2}}},
+      {"a chain's commands past the file", 1, {{kFirstChain + 0xE4, 0xFF00, 2}}},
+      // The third entry shares the first chain, which cannot be read whole.
+      {"a shared chain that cannot be read",
+       1,
+       {{kChains + 8 + 2 * 8 + 4, 32, 4}, {kFirstChain + 0xE8, 0xFFF0, 2}}},
+      {"cell address table ending past the file", 2, {{kCells + 4, 0xFFFFFFF0, 4}}},
+      {"cell address table past the file", 2, {{0xE0, 0x7FFFFFFF, 4}}},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string copy = vn::test::scratchDir() + "/broken-tables-" + std::to_string(++n);
+    fs::remove_all(copy);
+    fs::copy(fixture("dvd_folder"), copy, fs::copy_options::recursive);
+    char name[32];
+    std::snprintf(name, sizeof name, "/VIDEO_TS/VTS_%02d_0.IFO", c.set);
+    {
+      std::fstream ifo(copy + name, std::ios::in | std::ios::out | std::ios::binary);
+      for (const Patch& patch : c.patches) {
+        ifo.seekp(patch.offset);
+        for (int i = patch.bytes - 1; i >= 0; --i)
+          ifo.put(static_cast<char>(patch.value >> (8 * i)));
+      }
+      ASSERT_TRUE(ifo.good());
+    }
+    const Opened opened = openLogged(copy);
+    ASSERT_TRUE(opened.disc);
+    ASSERT_EQ(opened.disc->title_sets.size(), 1u);
+    EXPECT_EQ(opened.disc->title_sets[0]->title_set, 3 - c.set);
+    EXPECT_EQ(opened.log,
+              (std::vector<std::string>{
+                  "title_sets 2 Region 0xff",
+                  "title_set " + std::to_string(c.set) +
+                      ": its program chains or cell addresses cannot be read; left out"}));
+    fs::remove_all(copy);
+  }
 }
 
 }  // namespace

@@ -78,6 +78,22 @@ TEST(DvdModelTest, VobRunsComeFromTheCellAddressTable) {
   vn::dvd::addMedias(empty, table);
   ASSERT_EQ(empty.medias.size(), 3u);
   EXPECT_EQ(*runOf(empty.medias[0]), (Span{0x7FFFFFFF, 0}));
+
+  // A broken table: a cell that ends before it starts and one that ends at
+  // the last sector count for nothing; cells that overlap add up to no
+  // more than the sectors left.
+  std::vector<cell_adr_t> broken = {
+      {1, 1, 0, 500, 499},        {1, 2, 0, 10, 0x7FFFFFFF},  {1, 3, 0, 10, 19},
+      {2, 1, 0, 100, 0x7FFFFFFE}, {2, 2, 0, 100, 0x7FFFFFFE},
+  };
+  table.nr_of_vobs = 2;
+  table.last_byte = static_cast<uint32_t>(7 + 12 * broken.size());
+  table.cell_adr_table = broken.data();
+  VNDVDTitleSet bad;
+  vn::dvd::addMedias(bad, table);
+  ASSERT_EQ(bad.medias.size(), 2u);
+  EXPECT_EQ(*runOf(bad.medias[0]), (Span{10, 10}));
+  EXPECT_EQ(*runOf(bad.medias[1]), (Span{100, 0x7FFFFFFF - 100}));
 }
 
 TEST(DvdModelTest, TitlesAreTheProgramChainsWithCells) {
@@ -97,13 +113,26 @@ TEST(DvdModelTest, TitlesAreTheProgramChainsWithCells) {
   withoutCells.nr_of_cells = 0;  // a chain of commands only
   last.nr_of_cells = 1;
   last.cell_playback = only;
-  std::vector<pgci_srp_t> entries(4);
+  // Cells that run backwards, or up to the last sector, make no title.
+  cell_playback_t backwards[2]{}, tooFar[1]{};
+  backwards[0].first_sector = 500;
+  backwards[1].last_sector = 499;
+  tooFar[0].first_sector = 10;
+  tooFar[0].last_sector = 0x7FFFFFFF;
+  pgc_t broken{}, reaching{};
+  broken.nr_of_cells = 2;
+  broken.cell_playback = backwards;
+  reaching.nr_of_cells = 1;
+  reaching.cell_playback = tooFar;
+  std::vector<pgci_srp_t> entries(6);
   entries[0].pgc = &withCells;
   entries[1].pgc = &withoutCells;
   entries[2].pgc = nullptr;
   entries[3].pgc = &last;
+  entries[4].pgc = &broken;
+  entries[5].pgc = &reaching;
   pgcit_t table{};
-  table.nr_of_pgci_srp = 4;
+  table.nr_of_pgci_srp = 6;
   table.pgci_srp = entries.data();
 
   VNDVDTitleSet set;
