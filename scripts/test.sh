@@ -35,14 +35,17 @@ run_tests() {  # build dir, [tests to leave out]
   ctest --test-dir "$dir" --output-on-failure --repeat until-pass:2 -R "make_fixtures|$realtime"
 }
 
-echo "== build (warnings as errors)"
+# Each stage's heading says how long the run has taken so far.
+stage() { echo "== $1 (at $((SECONDS / 60)) min $((SECONDS % 60)) s)"; }
+
+stage "build (warnings as errors)"
 configure_and_build build
-echo "== tests"
+stage "tests"
 run_tests build
 # The recordings' lengths, levels and gaps hold only when the device is fed
 # in time, which a shared machine cannot promise: they are reported here and
 # do not fail the run.
-echo "== real-time playback checks (reported, not gating)"
+stage "real-time playback checks (reported, not gating)"
 VARNEL_REALTIME_TESTS=1 ctest --test-dir build --output-on-failure --repeat until-pass:2 \
   -R "make_fixtures|$realtime" ||
   echo "== real-time playback checks: a recording was starved on this machine (see above)"
@@ -50,17 +53,17 @@ VARNEL_REALTIME_TESTS=1 ctest --test-dir build --output-on-failure --repeat unti
 [ $quick = 1 ] && exit 0
 
 supp="$root/tests/sanitizers"
-echo "== build with AddressSanitizer + UndefinedBehaviorSanitizer"
+stage "build with AddressSanitizer + UndefinedBehaviorSanitizer"
 configure_and_build build-asan -DVARNEL_SANITIZE=address -DVARNEL_BUILD_BENCH=OFF
-echo "== tests under ASan + UBSan"
+stage "tests under ASan + UBSan"
 ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:detect_odr_violation=0" \
 LSAN_OPTIONS="suppressions=$supp/lsan.supp:print_suppressions=0" \
 UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
   run_tests build-asan installed_library_links
 
-echo "== build with ThreadSanitizer"
+stage "build with ThreadSanitizer"
 configure_and_build build-tsan -DVARNEL_SANITIZE=thread -DVARNEL_BUILD_BENCH=OFF
-echo "== cross-thread tests under TSan"
+stage "cross-thread tests under TSan"
 # The tests whose code runs on more than one thread.
 tsan_tests='DvdDisc|SerialQueue|FIFODataBuffer|AudioBuffer|Thread|Mix|Playback|AudioGraph|MovieSeek|MovieQueue|FilterImage|ImageKernels|EffectManager|ConvertWritesComposed'
 export TSAN_OPTIONS="suppressions=$supp/tsan.supp:halt_on_error=1:second_deadlock_stack=1"
@@ -70,7 +73,8 @@ ctest --test-dir build-tsan --output-on-failure --repeat until-pass:2 \
 
 # A minute of each fuzz target, after the regression inputs, so that the
 # targets keep building and the library keeps holding up on broken input.
-echo "== fuzz targets (a minute each)"
+stage "fuzz targets (a minute each)"
 # A fixed seed: the stage tries the same inputs on every run, so it fails
 # only on a fault that is really there, not on the luck of one run.
 VARNEL_FUZZ_SEED=1 bash scripts/fuzz.sh 60
+stage "done"

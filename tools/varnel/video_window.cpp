@@ -162,7 +162,10 @@ std::unique_ptr<VideoWindow> VideoWindow::open(std::shared_ptr<VNFFMovie> movie,
 }
 
 VideoWindow::~VideoWindow() {
-  // A picture still being decoded hands itself to the shared part only.
+  // The pictures asked for are decoded first: a request holds the movie,
+  // and the process must not end while the decode queue still composes.
+  if (movie_)
+    movie_->flushOperation();
   if (trace_)
     std::fclose(trace_);
   if (status_)

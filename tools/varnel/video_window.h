@@ -65,7 +65,7 @@ class VideoWindow {
                                            std::string* reason);
   VideoWindow(const VideoWindow&) = delete;
   VideoWindow& operator=(const VideoWindow&) = delete;
-  // Waits for the picture being decoded, then closes the window.
+  // Waits for the pictures being decoded, then closes the window.
   ~VideoWindow();
 
   // What the user did in the window since the last call.
