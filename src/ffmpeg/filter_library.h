@@ -1,7 +1,7 @@
 // libavfilter, loaded the first time a filter graph is made.
 //
 // libavfilter brings some thirty libraries of its own into a process
-// (speech synthesis voices, LAPACK, Vulkan, OCR...), whose relocation at
+// (speech synthesis voices and recognition, LAPACK, Vulkan...), whose relocation at
 // every start costs a short command such as `varnel info` more than probing
 // its movie. Only playing, mixing and effects make filter graphs, so the
 // library is opened with dlopen on first use and its functions are called

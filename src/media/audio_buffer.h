@@ -26,9 +26,9 @@ class VNFFAudioBuffer {
   ~VNFFAudioBuffer();
 
   // Sets the format, for which the first write builds the graph; whatever
-  // was queued is dropped. When the graph cannot be built (a sample format without a name, an
-  // unknown layout...) the buffer stays unconfigured: writes are dropped and
-  // reads return null.
+  // was queued is dropped. When the graph cannot be built (a sample format
+  // without a name, an unknown layout...) the buffer stays unconfigured:
+  // writes are dropped and reads return null.
   void config(VNFFAudioFormat format);
 
   // Queues a decoded frame of the configured format; frames without samples
