@@ -24,6 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using vn::test::CommandResult;
+using vn::test::lines;
 using vn::test::shellQuote;
 
 // Every run is stopped after this long; one that is stopped fails its case.
@@ -135,14 +136,6 @@ std::vector<std::string> entries(const std::string& dir) {
   for (const auto& e : fs::directory_iterator(dir))
     names.push_back(e.path().filename().string());
   return names;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> all;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    all.push_back(line);
-  return all;
 }
 
 // Checks one run against its outcome; output is the file it writes ("" for

@@ -47,6 +47,14 @@ std::string scratchDir() {
   return dir;
 }
 
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> all;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    all.push_back(line);
+  return all;
+}
+
 std::string runShell(const std::string& command, int* status) {
   std::string out;
   FILE* pipe = popen(command.c_str(), "r");

@@ -27,6 +27,9 @@ std::string fixture(const std::string& name);
 // A scratch directory of this test run, created on first use.
 std::string scratchDir();
 
+// The lines of a text, without their line ends.
+std::vector<std::string> lines(const std::string& text);
+
 // Runs the varnel binary with the arguments; captures stdout and stderr.
 struct CommandResult {
   int status = -1;  // exit status, or -1 when it did not exit normally

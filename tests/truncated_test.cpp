@@ -18,6 +18,7 @@
 namespace {
 
 using nlohmann::json;
+using vn::test::lines;
 using vn::test::shellQuote;
 namespace fs = std::filesystem;
 
@@ -134,14 +135,6 @@ const std::vector<Cut>& cuts() {
     return list;
   }();
   return all;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    out.push_back(line);
-  return out;
 }
 
 // The lines varnel itself writes on stderr (not progress).

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 #include <optional>
+#include <set>
 #include <vector>
 
 namespace {
@@ -123,16 +124,13 @@ bool chainTableReadable(IfoFile& file, uint32_t sector) {
       file.read(offset + PGCIT_SIZE, uint64_t{count} * PGCI_SRP_SIZE);
   if (!entries)
     return false;
-  std::vector<uint32_t> starts;
+  std::set<uint32_t> starts;
   for (size_t i = 0; i < count; ++i) {
     const uint32_t start = be32(*entries, i * PGCI_SRP_SIZE + offsetof(pgci_srp_t, pgc_start_byte));
     if (uint64_t{start} + PGC_SIZE > size)
       return false;
     // Entries that share a chain share its one reading.
-    if (std::find(starts.begin(), starts.end(), start) != starts.end())
-      continue;
-    starts.push_back(start);
-    if (!chainReadable(file, offset + start))
+    if (starts.insert(start).second && !chainReadable(file, offset + start))
       return false;
   }
   return true;

@@ -183,9 +183,9 @@ int run(const ConvertOptions& o) {
     return usage("unknown audio codec", o.acodec,
                  "use one of mp2 mp3 aac alac ac3 vorbis wma1 wma2");
   }
-  if (!o.fps.empty() && !parseRate(o.fps, &format.framerate, &format.frameTime)) {
+  int fpsNum = 0, fpsDen = 1;
+  if (!o.fps.empty() && !parseRate(o.fps, &fpsNum, &fpsDen))
     return usage("bad --fps", o.fps, "expected N or N/D, more than 0 and at most 240");
-  }
   if (o.vbitrate && *o.vbitrate <= 0)
     return usage("bad --vbitrate", std::to_string(*o.vbitrate), "expected bits a second, above 0");
   if (o.abitrate && *o.abitrate <= 0)
@@ -200,7 +200,6 @@ int run(const ConvertOptions& o) {
     return fail("cannot write", o.output, why);
   if (fs::path(o.output).extension().empty())
     return fail("cannot write", o.output, "no extension to choose the container by");
-  std::error_code ec;
 
   Input input;
   input.title = o.title;
@@ -240,8 +239,10 @@ int run(const ConvertOptions& o) {
     composed = o.picture.changesPicture(input) || o.subtitles.shows() || format.width != width ||
                format.height != height;
   }
-  if (!o.fps.empty())
-    parseRate(o.fps, &format.framerate, &format.frameTime);  // checked above
+  if (!o.fps.empty()) {
+    format.framerate = fpsNum;
+    format.frameTime = fpsDen;
+  }
   if (o.vbitrate)
     format.video_bitrate = static_cast<int32_t>(std::min<int64_t>(*o.vbitrate, INT32_MAX));
   if (o.abitrate)
@@ -285,6 +286,7 @@ int run(const ConvertOptions& o) {
     writer->openVideo();
   if (hasAudio)
     writer->openAudio();
+  std::error_code ec;
   auto cleanup = [&] { fs::remove(temp, ec); };
   // Gives up before anything was converted: nothing of the output stays.
   auto failWrite = [&](const std::string& reason) {

@@ -251,12 +251,12 @@ int run(const PlayOptions& o) {
   }
   // A file cut short plays as far as it goes.
   const Input::Extent extent = input.extent();
-  // The start is always there, even in an input whose length is not known.
-  if (const int status = o.start == 0
-                             ? kExitOk
-                             : checkTime("--start", o.start, extent, numberText(o.start), o.input);
-      status != kExitOk) {
-    return status;
+  // The start of the input is always there, even when its length is not
+  // known: only another start is checked.
+  if (o.start != 0) {
+    if (const int status = checkTime("--start", o.start, extent, numberText(o.start), o.input);
+        status != kExitOk)
+      return status;
   }
   input.warnIfCutShort(o.input, extent);
   const double duration = extent.end();

@@ -315,8 +315,12 @@ void VideoWindow::seeked() {
   lastRequested_ = -1;
 }
 
+int64_t VideoWindow::frameAt(double clock) const {
+  return static_cast<int64_t>(std::floor(std::max(clock, 0.0) / frameSeconds_));
+}
+
 void VideoWindow::preroll(double clock, double seconds) {
-  const int64_t frame = static_cast<int64_t>(std::floor(std::max(clock, 0.0) / frameSeconds_));
+  const int64_t frame = frameAt(clock);
   const double until = steadySeconds() + seconds;
   for (;;) {
     update(clock, 0.0);
@@ -336,7 +340,7 @@ void VideoWindow::preroll(double clock, double seconds) {
 }
 
 void VideoWindow::update(double clock, double rate) {
-  const int64_t frame = static_cast<int64_t>(std::floor(std::max(clock, 0.0) / frameSeconds_));
+  const int64_t frame = frameAt(clock);
   std::vector<Shared::Picture> due;
   size_t pending = 0;
   int64_t missing = -1;

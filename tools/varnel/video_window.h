@@ -92,6 +92,8 @@ class VideoWindow {
  private:
   struct Shared;
   VideoWindow() = default;
+  // The frame that covers the clock (seconds).
+  int64_t frameAt(double clock) const;
   void request(int64_t index);
   void present();
   // One line of the trace: what happened to a picture, at which clock.
