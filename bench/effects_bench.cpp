@@ -38,11 +38,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-#include "effects/effect_manager.h"
-#include "effects/preset_image.h"
-#include "platform/bitmap_image.h"
-#include "platform/filter_image.h"
-#include "platform/image_filter.h"
+#include "varnel.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "core/fifo_data_buffer.h"
+#include "varnel.h"
 
 namespace {
 

@@ -22,11 +22,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
-#include "core/formats.h"
-#include "core/varnel.h"
-#include "media/media.h"
-#include "media/media_source.h"
-#include "movie/effect_audio_stream.h"
+#include "varnel.h"
 
 namespace {
 

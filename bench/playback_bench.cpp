@@ -18,8 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/serial_queue.h"
-#include "movie/output_audio_graph.h"
+#include "varnel.h"
 
 namespace {
 

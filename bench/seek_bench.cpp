@@ -30,11 +30,7 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-#include "core/serial_queue.h"
-#include "media/media.h"
-#include "media/media_source.h"
-#include "media/media_stream.h"
-#include "movie/movie.h"
+#include "varnel.h"
 
 namespace {
 

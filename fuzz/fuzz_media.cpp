@@ -22,8 +22,8 @@
 namespace {
 
 // Demuxers mostly probe the content; a few also weigh the file name.
-constexpr const char* kExtensions[] = {"", ".mp4", ".mkv", ".ts", ".mpg", ".mp3", ".ac3",
-                                       ".wmv", ".rm", ".m4a", ".avi"};
+constexpr const char* kExtensions[] = {"",     ".mp4", ".mkv", ".ts",  ".mpg", ".mp3",
+                                       ".ac3", ".wmv", ".rm",  ".m4a", ".avi"};
 constexpr int kSeeks = 3;
 constexpr int kAudioChunks = 4;
 constexpr int kAudioChunkFrames = 1024;
@@ -47,7 +47,8 @@ int64_t timeFor(uint64_t hash, int64_t duration) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string extension = kExtensions[size ? data[size - 1] % std::size(kExtensions) : 0];
   const vn::fuzz::ScratchPath file("media" + extension);
-  if (!vn::fuzz::writeFile(file.path(), std::string_view(reinterpret_cast<const char*>(data), size)))
+  if (!vn::fuzz::writeFile(file.path(),
+                           std::string_view(reinterpret_cast<const char*>(data), size)))
     return 0;
 
   std::shared_ptr<VNMediaSource> source = VNMediaSource::mediaWithPath(file.path());

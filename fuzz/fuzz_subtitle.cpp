@@ -22,18 +22,18 @@
 #include "media/media.h"
 #include "media/media_source.h"
 #include "movie/movie.h"
-#include "platform/text_charset.h"
-#include "platform/text_image.h"
+#include "text/text_charset.h"
+#include "text/text_image.h"
 
 namespace {
 
 constexpr const char* kExtensions[] = {".srt", ".ass", ".vtt", ".ssa"};
 // None: UTF-8, UTF-16 with a byte-order mark, else detected.
 const std::optional<std::string> kCharsets[] = {std::nullopt, std::nullopt, "WINDOWS-1252",
-                                                "SHIFT_JIS", "UTF-16LE", "GB18030"};
+                                                "SHIFT_JIS",  "UTF-16LE",   "GB18030"};
 // Cue times the fixtures' subtitles use, and a few past them (microseconds).
-constexpr int64_t kTimes[] = {500'000, 1'500'000, 2'500'000, 3'000'000, 4'700'000, 5'500'000,
-                              7'000'000, 65'000'000};
+constexpr int64_t kTimes[] = {500'000,   1'500'000, 2'500'000, 3'000'000,
+                              4'700'000, 5'500'000, 7'000'000, 65'000'000};
 constexpr int64_t kPictureTimes[] = {2'500'000, 4'700'000, 5'500'000};
 
 std::string videoPath() {

@@ -15,8 +15,8 @@ namespace {
 std::string makeScratchDir() {
   namespace fs = std::filesystem;
   std::error_code error;
-  const fs::path base = fs::is_directory("/dev/shm", error) ? fs::path("/dev/shm")
-                                                            : fs::temp_directory_path(error);
+  const fs::path base =
+      fs::is_directory("/dev/shm", error) ? fs::path("/dev/shm") : fs::temp_directory_path(error);
   const fs::path dir = base / ("varnel-fuzz-" + std::to_string(::getpid()));
   fs::remove_all(dir, error);
   fs::create_directories(dir, error);

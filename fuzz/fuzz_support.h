@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/filter_image.h"
+#include "image/filter_image.h"
 
 namespace vn::fuzz {
 

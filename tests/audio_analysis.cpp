@@ -18,7 +18,8 @@ std::vector<float> Samples::channel(int which) const {
       out[i] = data[i * channels + which];
     } else {
       float sum = 0;
-      for (int c = 0; c < channels; ++c) sum += data[i * channels + c];
+      for (int c = 0; c < channels; ++c)
+        sum += data[i * channels + c];
       out[i] = sum / channels;
     }
   }
@@ -26,14 +27,17 @@ std::vector<float> Samples::channel(int which) const {
 }
 
 double rms(const std::vector<float>& signal) {
-  if (signal.empty()) return 0;
+  if (signal.empty())
+    return 0;
   double sum = 0;
-  for (float s : signal) sum += double(s) * s;
+  for (float s : signal)
+    sum += double(s) * s;
   return std::sqrt(sum / signal.size());
 }
 
 double toneAmplitude(const std::vector<float>& signal, int rate, double hz) {
-  if (signal.empty()) return 0;
+  if (signal.empty())
+    return 0;
   const double w = 2 * M_PI * hz / rate;
   const double coeff = 2 * std::cos(w);
   double s1 = 0, s2 = 0;
@@ -53,15 +57,18 @@ double zeroCrossingFrequency(const std::vector<float>& signal, int rate) {
   std::vector<size_t> crossings;
   bool armed = false;
   for (size_t i = 0; i < signal.size(); ++i) {
-    if (signal[i] < -kHysteresis) armed = true;
+    if (signal[i] < -kHysteresis)
+      armed = true;
     if (armed && signal[i] > kHysteresis) {
       crossings.push_back(i);
       armed = false;
     }
   }
-  if (crossings.size() < 3) return 0;
+  if (crossings.size() < 3)
+    return 0;
   std::vector<size_t> periods;
-  for (size_t i = 1; i < crossings.size(); ++i) periods.push_back(crossings[i] - crossings[i - 1]);
+  for (size_t i = 1; i < crossings.size(); ++i)
+    periods.push_back(crossings[i] - crossings[i - 1]);
   std::nth_element(periods.begin(), periods.begin() + periods.size() / 2, periods.end());
   // Sum a window of periods around the median for sub-sample precision.
   const size_t median = periods[periods.size() / 2];
@@ -78,8 +85,10 @@ double zeroCrossingFrequency(const std::vector<float>& signal, int rate) {
 
 std::vector<float> audible(const std::vector<float>& signal, float floor) {
   size_t first = 0, last = signal.size();
-  while (first < last && std::abs(signal[first]) < floor) ++first;
-  while (last > first && std::abs(signal[last - 1]) < floor) --last;
+  while (first < last && std::abs(signal[first]) < floor)
+    ++first;
+  while (last > first && std::abs(signal[last - 1]) < floor)
+    --last;
   return std::vector<float>(signal.begin() + first, signal.begin() + last);
 }
 
@@ -94,9 +103,12 @@ Samples readRawFloat(const std::string& path, int channels, int rate) {
   return s;
 }
 
-Samples decodeWithFfmpeg(const std::string& input, const std::string& extraArgs, int channels,
+Samples decodeWithFfmpeg(const std::string& input,
+                         const std::string& extraArgs,
+                         int channels,
                          int rate) {
-  const std::string out = scratchDir() + "/decoded-" + std::to_string(std::hash<std::string>{}(input + extraArgs)) + ".f32";
+  const std::string out = scratchDir() + "/decoded-" +
+                          std::to_string(std::hash<std::string>{}(input + extraArgs)) + ".f32";
   const std::string command = "ffmpeg -hide_banner -loglevel error -y -i '" + input + "' " +
                               extraArgs + " -f f32le -ac " + std::to_string(channels) + " -ar " +
                               std::to_string(rate) + " '" + out + "'";

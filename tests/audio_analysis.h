@@ -38,7 +38,9 @@ Samples readRawFloat(const std::string& path, int channels, int rate);
 
 // Decodes any audio file to interleaved float32 with the ffmpeg command line
 // (extra_args go before the output, e.g. a filter graph).
-Samples decodeWithFfmpeg(const std::string& input, const std::string& extraArgs, int channels,
+Samples decodeWithFfmpeg(const std::string& input,
+                         const std::string& extraArgs,
+                         int channels,
                          int rate);
 
 }  // namespace vn::test

@@ -21,11 +21,14 @@ using nlohmann::json;
 using vn::test::fixture;
 namespace fs = std::filesystem;
 
-std::string out(const std::string& name) { return vn::test::scratchDir() + "/" + name; }
+std::string out(const std::string& name) {
+  return vn::test::scratchDir() + "/" + name;
+}
 
 const json* streamOf(const json& probe, const std::string& type) {
   for (const auto& s : probe["streams"]) {
-    if (s["codec_type"] == type) return &s;
+    if (s["codec_type"] == type)
+      return &s;
   }
   return nullptr;
 }
@@ -53,7 +56,8 @@ double psnr(const std::string& output, const std::string& input, int w, int h) {
   const std::string log = vn::test::runShell(
       "ffmpeg -hide_banner -nostats -i '" + output + "' -i '" + input +
       "' -lavfi \"[0:v]settb=1/1000,setpts=N,format=yuv420p[a];[1:v]settb=1/1000,setpts=N,scale=" +
-      std::to_string(w) + ":" + std::to_string(h) + ",format=yuv420p[b];[a][b]psnr\" -f null - 2>&1");
+      std::to_string(w) + ":" + std::to_string(h) +
+      ",format=yuv420p[b];[a][b]psnr\" -f null - 2>&1");
   const auto at = log.find("average:");
   return at == std::string::npos ? 0 : std::atof(log.c_str() + at + 8);
 }
@@ -62,7 +66,8 @@ double psnr(const std::string& output, const std::string& input, int w, int h) {
 // of an interrupted or failed run.
 bool noTemporaryFiles() {
   for (const auto& entry : fs::directory_iterator(vn::test::scratchDir())) {
-    if (entry.path().filename().string().find(".varnel-") != std::string::npos) return false;
+    if (entry.path().filename().string().find(".varnel-") != std::string::npos)
+      return false;
   }
   return true;
 }
@@ -104,8 +109,10 @@ TEST(ConvertTest, RoundTripsKeepCodecsSizeRateDurationPictureAndSound) {
     SCOPED_TRACE(std::string(t.input) + " -> " + t.output);
     const std::string in = fixture(t.input), o = out(t.output);
     std::vector<std::string> args = {"convert", in, o};
-    if (*t.vcodec) args.insert(args.end(), {"--vcodec", t.vcodec});
-    if (*t.acodec) args.insert(args.end(), {"--acodec", t.acodec});
+    if (*t.vcodec)
+      args.insert(args.end(), {"--vcodec", t.vcodec});
+    if (*t.acodec)
+      args.insert(args.end(), {"--acodec", t.acodec});
     vn::test::CommandResult r = vn::test::runVarnel(args);
     ASSERT_EQ(r.status, 0) << r.err;
 
@@ -132,10 +139,11 @@ TEST(ConvertTest, RoundTripsKeepCodecsSizeRateDurationPictureAndSound) {
     EXPECT_EQ(number((*a)["sample_rate"]), 44100);
     EXPECT_EQ((*a)["channels"], 2);
 
-    if (std::string(t.input) == "multitrack.mkv") continue;  // three tones, mixed
+    if (std::string(t.input) == "multitrack.mkv")
+      continue;  // three tones, mixed
     // The tone and its level survive.
-    const auto before = vn::test::audible(
-        vn::test::decodeWithFfmpeg(in, "-map 0:a:0 -t 3", 1, 44100).channel(0));
+    const auto before =
+        vn::test::audible(vn::test::decodeWithFfmpeg(in, "-map 0:a:0 -t 3", 1, 44100).channel(0));
     const auto after =
         vn::test::audible(vn::test::decodeWithFfmpeg(o, "-t 3", 1, 44100).channel(0));
     ASSERT_GT(after.size(), 44100u);
@@ -148,10 +156,9 @@ TEST(ConvertTest, RoundTripsKeepCodecsSizeRateDurationPictureAndSound) {
 
 TEST(ConvertTest, SizeRateStartAndDuration) {
   const std::string o = out("cut.mp4");
-  vn::test::CommandResult r =
-      vn::test::runVarnel({"convert", fixture("h264_aac.mp4"), o, "--size", "160x120", "--fps",
-                           "30000/1001", "--start", "2", "--duration", "3", "--sample-rate",
-                           "48000", "--channels", "1", "--progress", "json"});
+  vn::test::CommandResult r = vn::test::runVarnel(
+      {"convert", fixture("h264_aac.mp4"), o, "--size", "160x120", "--fps", "30000/1001", "--start",
+       "2", "--duration", "3", "--sample-rate", "48000", "--channels", "1", "--progress", "json"});
   ASSERT_EQ(r.status, 0) << r.err;
   const json dst = vn::test::ffprobe(o);
   const json* v = streamOf(dst, "video");
@@ -202,8 +209,10 @@ TEST(ConvertTest, FailuresAreOneLineAndLeaveNothing) {
 
 TEST(ConvertTest, VideoOnlyInput) {
   const std::string in = out("video-only.mp4");
-  vn::test::runShell("ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=160x120:rate=25:duration=2 "
-                     "-c:v libx264 -preset ultrafast '" + in + "'");
+  vn::test::runShell(
+      "ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=160x120:rate=25:duration=2 "
+      "-c:v libx264 -preset ultrafast '" +
+      in + "'");
   const std::string o = out("video-only.mkv");
   vn::test::CommandResult r = vn::test::runVarnel({"convert", in, o});
   ASSERT_EQ(r.status, 0) << r.err;

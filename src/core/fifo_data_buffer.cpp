@@ -13,9 +13,11 @@ bool VNFIFODataBuffer::appendBytes(const void* bytes, uint64_t length) {
 uint64_t VNFIFODataBuffer::readBytesHelper(uint8_t* bytes, uint64_t length) {
   const uint64_t available = readData_.size() - readIndex_;
   const uint64_t n = std::min(available, length);
-  if (n > 0) std::memcpy(bytes, readData_.data() + readIndex_, n);
+  if (n > 0)
+    std::memcpy(bytes, readData_.data() + readIndex_, n);
   readIndex_ += n;
-  if (readIndex_ < readData_.size()) return n;
+  if (readIndex_ < readData_.size())
+    return n;
   // The read array is exhausted: the filled array becomes the read array and
   // the old one, truncated, is recycled for writing.
   readIndex_ = 0;
@@ -31,7 +33,8 @@ uint64_t VNFIFODataBuffer::readBytes(void* bytes, uint64_t length) {
   uint64_t n = readBytesHelper(dest, length);
   // After the first call drained the read array, all of the former write
   // array is readable: a second call always suffices.
-  if (n < length && n < total) n += readBytesHelper(dest + n, length - n);
+  if (n < length && n < total)
+    n += readBytesHelper(dest + n, length - n);
   return n;
 }
 

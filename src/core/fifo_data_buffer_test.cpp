@@ -64,10 +64,12 @@ TEST(FIFODataBufferTest, SteadyStateDoesNotAllocate) {
     const bool whole = fifo.readBytes(out.data(), out.size()) == out.size();
     return fifo.readBytes(out.data(), out.size() / 2) == out.size() / 2 && whole;
   };
-  for (int i = 0; i < 4; ++i) cycle();  // both arrays grow to the working size
+  for (int i = 0; i < 4; ++i)
+    cycle();  // both arrays grow to the working size
   const uint64_t before = vn::test::allocationCount();
   bool allRead = true;
-  for (int i = 0; i < 16; ++i) allRead = cycle() && allRead;
+  for (int i = 0; i < 16; ++i)
+    allRead = cycle() && allRead;
   EXPECT_EQ(vn::test::allocationCount(), before);
   EXPECT_TRUE(allRead);
 }
@@ -83,10 +85,12 @@ TEST(FIFODataBufferTest, OneWriterOneReaderKeepOrder) {
     uint64_t written = 0;
     while (written < kTotal) {
       const uint64_t n = std::min<uint64_t>(kTotal - written, 1 + rng() % chunk.size());
-      for (uint64_t i = 0; i < n; ++i) chunk[i] = static_cast<uint8_t>((written + i) * 131 >> 3);
+      for (uint64_t i = 0; i < n; ++i)
+        chunk[i] = static_cast<uint8_t>((written + i) * 131 >> 3);
       fifo.appendBytes(chunk.data(), n);
       written += n;
-      if (fifo.length() > (8u << 20)) std::this_thread::yield();
+      if (fifo.length() > (8u << 20))
+        std::this_thread::yield();
     }
   });
   std::mt19937 rng(2);
@@ -96,10 +100,12 @@ TEST(FIFODataBufferTest, OneWriterOneReaderKeepOrder) {
   while (read < kTotal) {
     const uint64_t n = fifo.readBytes(out.data(), 1 + rng() % out.size());
     for (uint64_t i = 0; i < n; ++i) {
-      if (out[i] != static_cast<uint8_t>((read + i) * 131 >> 3)) ++mismatches;
+      if (out[i] != static_cast<uint8_t>((read + i) * 131 >> 3))
+        ++mismatches;
     }
     read += n;
-    if (n == 0) std::this_thread::yield();
+    if (n == 0)
+      std::this_thread::yield();
   }
   writer.join();
   EXPECT_EQ(read, kTotal);

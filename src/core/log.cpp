@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <mutex>
 
-
 namespace {
 
 std::mutex& handlerLock() {

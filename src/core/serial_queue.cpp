@@ -37,7 +37,8 @@ SerialQueue::SerialQueue(std::string name)
       {
         std::unique_lock<std::mutex> guard(state->lock);
         state->wake.wait(guard, [&] { return state->stopping || !state->pending.empty(); });
-        if (state->pending.empty()) return;  // stopping and drained
+        if (state->pending.empty())
+          return;  // stopping and drained
         item = std::move(state->pending.front());
         state->pending.pop_front();
       }
@@ -63,7 +64,8 @@ SerialQueue::~SerialQueue() {
     state_->stopping = true;
   }
   state_->wake.notify_all();
-  if (last) last->wait();
+  if (last)
+    last->wait();
 }
 
 std::shared_ptr<SerialQueue::Operation> SerialQueue::addOperation(Task task) {
@@ -80,7 +82,8 @@ std::shared_ptr<SerialQueue::Operation> SerialQueue::addOperation(Task task) {
 }
 
 void SerialQueue::waitUntilAllOperationsAreFinished() {
-  if (isCurrent()) return;
+  if (isCurrent())
+    return;
   addOperation([] {})->wait();
 }
 

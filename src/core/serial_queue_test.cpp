@@ -13,7 +13,8 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
   std::atomic<int> overlaps{0};
   for (int i = 0; i < 200; ++i) {
     queue.addOperation([&, i] {
-      if (running.fetch_add(1) != 0) ++overlaps;
+      if (running.fetch_add(1) != 0)
+        ++overlaps;
       EXPECT_TRUE(queue.isCurrent());
       order.push_back(i);
       running.fetch_sub(1);
@@ -23,7 +24,8 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
   EXPECT_FALSE(queue.isCurrent());
   EXPECT_EQ(overlaps.load(), 0);
   ASSERT_EQ(order.size(), 200u);
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
+  for (int i = 0; i < 200; ++i)
+    EXPECT_EQ(order[i], i);
 }
 
 TEST(SerialQueueTest, WaitOnOneOperation) {
@@ -60,7 +62,8 @@ TEST(SerialQueueTest, DestructionRunsPendingWork) {
   std::atomic<int> ran{0};
   {
     vn::SerialQueue queue("test");
-    for (int i = 0; i < 10; ++i) queue.addOperation([&] { ++ran; });
+    for (int i = 0; i < 10; ++i)
+      queue.addOperation([&] { ++ran; });
   }
   EXPECT_EQ(ran.load(), 10);
 }

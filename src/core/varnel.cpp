@@ -17,35 +17,42 @@ namespace {
 // locale does not know it (ICU then echoes the code back).
 std::string displayName(const std::string& code) {
   // ICU reads "" as the root locale and names it "Unknown language".
-  if (code.empty()) return {};
+  if (code.empty())
+    return {};
   icu::Locale locale(code.c_str());
-  if (locale.isBogus()) return {};
+  if (locale.isBogus())
+    return {};
   icu::UnicodeString name;
   locale.getDisplayLanguage(icu::Locale::getDefault(), name);
   std::string utf8;
   name.toUTF8String(utf8);
-  if (utf8.empty()) return {};
+  if (utf8.empty())
+    return {};
   // ICU answers with the (normalised) code itself when it has no name.
   icu::UnicodeString folded(name);
   folded.foldCase();
   icu::UnicodeString asked = icu::UnicodeString::fromUTF8(locale.getLanguage());
   asked.foldCase();
-  if (folded == asked) return {};
+  if (folded == asked)
+    return {};
   icu::UnicodeString given = icu::UnicodeString::fromUTF8(code);
   given.foldCase();
-  if (folded == given) return {};
+  if (folded == given)
+    return {};
   return utf8;
 }
 
 }  // namespace
 
 std::string Varnel::displayStringForLanguage(const std::string& code) {
-  if (std::string name = displayName(code); !name.empty()) return name;
+  if (std::string name = displayName(code); !name.empty())
+    return name;
   if (code.size() >= 3) {
     if (std::string name = displayName(code.substr(0, 2)); !name.empty())
       return name;
   }
-  if (std::string name = displayName("en"); !name.empty()) return name;
+  if (std::string name = displayName("en"); !name.empty())
+    return name;
   return code;
 }
 

@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/image_filter.h"
+#include "image/image_filter.h"
 
 class ArrayFilter : public vn::ImageFilter {
  public:

@@ -21,7 +21,7 @@
 #include <variant>
 #include <vector>
 
-#include "platform/image_filter.h"
+#include "image/image_filter.h"
 
 class EffectManager {
  public:

@@ -14,8 +14,8 @@ extern "C" {
 
 #include "effects/effect_manager.h"
 #include "ffmpeg/filter_library.h"
+#include "image/affine_transform.h"
 #include "media/media.h"
-#include "platform/affine_transform.h"
 
 namespace {
 

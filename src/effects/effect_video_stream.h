@@ -36,11 +36,11 @@
 
 #include "core/formats.h"
 #include "ffmpeg/owners.h"
-#include "platform/bitmap_image.h"
-#include "platform/filter_image.h"
-#include "platform/image_filter.h"
-#include "platform/rect.h"
-#include "platform/text_image.h"
+#include "image/bitmap_image.h"
+#include "image/filter_image.h"
+#include "image/image_filter.h"
+#include "image/rect.h"
+#include "text/text_image.h"
 
 struct AVFilterContext;
 struct AVFrame;

@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "effects/effect_manager.h"
-#include "platform/image_filter.h"
+#include "image/image_filter.h"
 
 std::optional<vn::FilterImage> applyEffectPreset(const std::string& name,
                                                  const vn::FilterImage& image) {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/filter_image.h"
+#include "image/filter_image.h"
 
 // The picture with the named preset applied: a fresh copy of the preset's
 // filter is given the picture as its input image, and its output is cropped

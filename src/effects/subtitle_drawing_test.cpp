@@ -15,7 +15,7 @@ extern "C" {
 #include "effects/effect_video_stream.h"
 #include "ffmpeg/owners.h"
 #include "media/media_test_support.h"
-#include "platform/text_image.h"
+#include "text/text_image.h"
 
 namespace {
 

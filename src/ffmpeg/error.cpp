@@ -8,7 +8,8 @@ namespace vn::ff {
 
 std::string errorText(int status) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  if (av_strerror(status, text, sizeof text) < 0) return "error " + std::to_string(status);
+  if (av_strerror(status, text, sizeof text) < 0)
+    return "error " + std::to_string(status);
   return text;
 }
 

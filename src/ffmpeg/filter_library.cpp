@@ -1,6 +1,6 @@
 #include "ffmpeg/filter_library.h"
 
-#include "platform/dynamic_library.h"
+#include "base/dynamic_library.h"
 
 namespace vn::ff {
 

@@ -17,16 +17,36 @@ struct AVSubtitle;
 
 namespace vn::ff {
 
-struct InputFormatDeleter { void operator()(AVFormatContext* p) const; };   // avformat_close_input
-struct OutputFormatDeleter { void operator()(AVFormatContext* p) const; };  // avio_closep + avformat_free_context
-struct CodecContextDeleter { void operator()(AVCodecContext* p) const; };   // avcodec_free_context
-struct FrameDeleter { void operator()(AVFrame* p) const; };                 // av_frame_free
-struct PacketDeleter { void operator()(AVPacket* p) const; };               // av_packet_free
-struct FilterGraphDeleter { void operator()(AVFilterGraph* p) const; };     // avfilter_graph_free
-struct SwrDeleter { void operator()(SwrContext* p) const; };                // swr_free
-struct SwsDeleter { void operator()(SwsContext* p) const; };                // sws_freeContext
-struct SubtitleDeleter { void operator()(AVSubtitle* p) const; };           // avsubtitle_free + delete
-struct AvFreeDeleter { void operator()(void* p) const; };                   // av_free
+struct InputFormatDeleter {
+  void operator()(AVFormatContext* p) const;
+};  // avformat_close_input
+struct OutputFormatDeleter {
+  void operator()(AVFormatContext* p) const;
+};  // avio_closep + avformat_free_context
+struct CodecContextDeleter {
+  void operator()(AVCodecContext* p) const;
+};  // avcodec_free_context
+struct FrameDeleter {
+  void operator()(AVFrame* p) const;
+};  // av_frame_free
+struct PacketDeleter {
+  void operator()(AVPacket* p) const;
+};  // av_packet_free
+struct FilterGraphDeleter {
+  void operator()(AVFilterGraph* p) const;
+};  // avfilter_graph_free
+struct SwrDeleter {
+  void operator()(SwrContext* p) const;
+};  // swr_free
+struct SwsDeleter {
+  void operator()(SwsContext* p) const;
+};  // sws_freeContext
+struct SubtitleDeleter {
+  void operator()(AVSubtitle* p) const;
+};  // avsubtitle_free + delete
+struct AvFreeDeleter {
+  void operator()(void* p) const;
+};  // av_free
 struct IOContextDeleter {
   void operator()(AVIOContext* p) const;
 };  // av_freep(buffer) + avio_context_free

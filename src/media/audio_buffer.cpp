@@ -14,7 +14,9 @@ std::shared_ptr<VNFFAudioBuffer> VNFFAudioBuffer::create() {
   return std::make_shared<VNFFAudioBuffer>();
 }
 
-VNFFAudioBuffer::~VNFFAudioBuffer() { releaseGraph(); }
+VNFFAudioBuffer::~VNFFAudioBuffer() {
+  releaseGraph();
+}
 
 void VNFFAudioBuffer::config(VNFFAudioFormat format) {
   std::lock_guard<std::mutex> hold(lock_);
@@ -29,9 +31,11 @@ void VNFFAudioBuffer::buildGraph() {
   pending_ = false;
   const VNFFAudioFormat format = audioFormat_;
   const vn::ff::FilterLibrary* f = vn::ff::FilterLibrary::get();
-  if (!f) return;
+  if (!f)
+    return;
   graph_.reset(f->graph_alloc());
-  if (!graph_) return;
+  if (!graph_)
+    return;
 
   // The sink accepts only the stream's sample format, so the graph never
   // converts anything.
@@ -52,8 +56,8 @@ void VNFFAudioBuffer::buildGraph() {
     std::snprintf(args, sizeof args,
                   "time_base=%d/%d:sample_rate=%d:sample_fmt=%s:channel_layout=0x%" PRIx64, 1,
                   format.sample_rate, format.sample_rate, formatName, format.channel_layout);
-    if (f->graph_create_filter(&source, f->get_by_name("abuffer"), "buffersrc", args,
-                                     nullptr, graph_.get()) < 0) {
+    if (f->graph_create_filter(&source, f->get_by_name("abuffer"), "buffersrc", args, nullptr,
+                               graph_.get()) < 0) {
       source = nullptr;
     }
   }
@@ -69,21 +73,27 @@ void VNFFAudioBuffer::buildGraph() {
 
 void VNFFAudioBuffer::writeFrame(AVFrame* frame) {
   std::lock_guard<std::mutex> hold(lock_);
-  if (!frame || frame->nb_samples < 1) return;
-  if (pending_) buildGraph();
-  if (!buffersrc_) return;
+  if (!frame || frame->nb_samples < 1)
+    return;
+  if (pending_)
+    buildGraph();
+  if (!buffersrc_)
+    return;
   const vn::ff::FilterLibrary& f = vn::ff::loadedFilters();
   // A frame the source refuses (another format) is dropped; nothing else
   // is to be done with it here.
-  if (f.buffersrc_add_frame(buffersrc_, frame) < 0) av_frame_unref(frame);
+  if (f.buffersrc_add_frame(buffersrc_, frame) < 0)
+    av_frame_unref(frame);
 }
 
 vn::ff::Frame VNFFAudioBuffer::read() {
   std::lock_guard<std::mutex> hold(lock_);
-  if (!buffersink_) return {};
+  if (!buffersink_)
+    return {};
   const vn::ff::FilterLibrary& f = vn::ff::loadedFilters();
   vn::ff::Frame frame = vn::ff::makeFrame();
-  if (!frame || f.buffersink_get_frame(buffersink_, frame.get()) < 0) return {};
+  if (!frame || f.buffersink_get_frame(buffersink_, frame.get()) < 0)
+    return {};
   return frame;
 }
 

@@ -52,10 +52,10 @@ class VNFFAudioBuffer {
   // Under lock_: forgets the filters and frees the graph.
   void releaseGraph();
 
-  std::mutex lock_;               // serialises every call
-  bool pending_ = false;          // configured, the graph not built yet
-  vn::ff::FilterGraph graph_;     // null when not configured or not built
+  std::mutex lock_;                        // serialises every call
+  bool pending_ = false;                   // configured, the graph not built yet
+  vn::ff::FilterGraph graph_;              // null when not configured or not built
   AVFilterContext* buffersink_ = nullptr;  // owned by graph_
   AVFilterContext* buffersrc_ = nullptr;   // owned by graph_
-  VNFFAudioFormat audioFormat_;   // format of the last config
+  VNFFAudioFormat audioFormat_;            // format of the last config
 };

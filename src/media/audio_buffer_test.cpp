@@ -93,7 +93,8 @@ TEST(AudioBufferTest, DecoderAndMixerThreadsShareTheQueue) {
   buffer.config(kStereoFloat);
   constexpr int kFrames = 400;
   std::thread decoder([&buffer] {
-    for (int i = 0; i < kFrames; ++i) write(buffer, kStereoFloat, 64, i);
+    for (int i = 0; i < kFrames; ++i)
+      write(buffer, kStereoFloat, 64, i);
   });
   std::vector<int64_t> seen;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -106,5 +107,6 @@ TEST(AudioBufferTest, DecoderAndMixerThreadsShareTheQueue) {
   }
   decoder.join();
   ASSERT_EQ(seen.size(), static_cast<size_t>(kFrames));
-  for (int i = 0; i < kFrames; ++i) EXPECT_EQ(seen[i], i);
+  for (int i = 0; i < kFrames; ++i)
+    EXPECT_EQ(seen[i], i);
 }

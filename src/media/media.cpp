@@ -24,7 +24,8 @@ VNFFMedia::~VNFFMedia() {
 std::shared_ptr<VNFFMedia> VNFFMedia::copy() const {
   std::shared_ptr<VNFFMedia> copy = create();
   copy->movie_position_ = movie_position_;
-  if (source_) copy->source_ = source_->copy();
+  if (source_)
+    copy->source_ = source_->copy();
   copy->selectStreams_ = selectStreams_;
   copy->selectAudios_ = selectAudios_;
   copy->selectSubtitles_ = selectSubtitles_;
@@ -34,23 +35,29 @@ std::shared_ptr<VNFFMedia> VNFFMedia::copy() const {
 
 // ---- opening and selection ------------------------------------------------------
 
-bool VNFFMedia::isOpen() const { return formatContext() != nullptr; }
+bool VNFFMedia::isOpen() const {
+  return formatContext() != nullptr;
+}
 
 AVFormatContext* VNFFMedia::formatContext() const {
   return source_ ? source_->formatContext() : nullptr;
 }
 
 void VNFFMedia::open() {
-  if (!source_) return;
+  if (!source_)
+    return;
   source_->open();
   AVFormatContext* context = formatContext();
-  if (!context) return;
+  if (!context)
+    return;
   for (unsigned i = streams_.size(); i < context->nb_streams; ++i) {
     std::shared_ptr<VNFFMediaStream> stream =
         VNFFMediaStream::create(weak_from_this(), context->streams[i]);
-    if (!stream) break;  // out of memory: the indices must stay aligned
+    if (!stream)
+      break;  // out of memory: the indices must stay aligned
     if (stream->isSubtitle()) {
-      if (const uint32_t* palette = source_->palette()) stream->fillPalette(palette);
+      if (const uint32_t* palette = source_->palette())
+        stream->fillPalette(palette);
     }
     streams_.push_back(std::move(stream));
   }
@@ -70,7 +77,8 @@ void VNFFMedia::updateSelectStreams() {
       stream.close();
       stream.setEnable(false);
     }
-    if (!stream.isOpen()) continue;
+    if (!stream.isOpen())
+      continue;
     // On a DVD the key is the track number in the stream id's low bits.
     const uint32_t dvdKey = static_cast<uint32_t>(stream.stream()->id) & 15;
     if (stream.isAudio() && selectAudios_) {
@@ -89,7 +97,8 @@ template <typename Test>
 VNFFMedia::Streams VNFFMedia::enabledStreams(Test test) const {
   Streams found;
   for (const auto& stream : streams_) {
-    if (stream->enable() && test(*stream)) found.push_back(stream);
+    if (stream->enable() && test(*stream))
+      found.push_back(stream);
   }
   return found;
 }
@@ -109,7 +118,8 @@ VNFFMedia::Streams VNFFMedia::subtitles() const {
 template <typename Test>
 std::shared_ptr<VNFFMediaStream> VNFFMedia::lastEnabledStream(Test test) const {
   for (auto it = streams_.rbegin(); it != streams_.rend(); ++it) {
-    if ((*it)->enable() && test(**it)) return *it;
+    if ((*it)->enable() && test(**it))
+      return *it;
   }
   return nullptr;
 }
@@ -126,10 +136,13 @@ std::shared_ptr<VNFFMediaStream> VNFFMedia::subtitleStream() const {
   return lastEnabledStream([](const VNFFMediaStream& s) { return s.isSubtitle(); });
 }
 
-bool VNFFMedia::hasAudio() const { return audioStream() != nullptr; }
+bool VNFFMedia::hasAudio() const {
+  return audioStream() != nullptr;
+}
 
 bool VNFFMedia::hasVideo() const {
-  if (!videoStream()) return false;
+  if (!videoStream())
+    return false;
   std::shared_ptr<VNMovieLink> owner = movie();
   return !(owner && owner->disableVideo());
 }
@@ -150,14 +163,18 @@ std::optional<uint32_t> VNFFMedia::subtitleStreamIndex(const AVFormatContext* co
   return index;
 }
 
-bool VNFFMedia::hasSubtitle() const { return subtitleStream() != nullptr; }
+bool VNFFMedia::hasSubtitle() const {
+  return subtitleStream() != nullptr;
+}
 
 std::vector<std::string> VNFFMedia::trackNames(std::optional<std::vector<std::string>> given,
                                                bool (VNFFMediaStream::*isKind)() const) const {
-  if (given) return *given;
+  if (given)
+    return *given;
   std::vector<std::string> names;
   for (const auto& stream : streams_) {
-    if (stream->isOpen() && ((*stream).*isKind)()) names.push_back(stream->language());
+    if (stream->isOpen() && ((*stream).*isKind)())
+      names.push_back(stream->language());
   }
   return names;
 }
@@ -173,7 +190,8 @@ std::vector<std::string> VNFFMedia::subtitleNames() const {
 
 int64_t VNFFMedia::start_time() const {
   AVFormatContext* context = formatContext();
-  if (!context || context->start_time == AV_NOPTS_VALUE) return 0;
+  if (!context || context->start_time == AV_NOPTS_VALUE)
+    return 0;
   return context->start_time;
 }
 
@@ -193,7 +211,9 @@ float VNFFMedia::framerate() const {
 }
 
 std::shared_ptr<VNFFMediaStream> VNFFMedia::mediaStreamForStreamIndex(uint32_t index) {
-  if (index >= streams_.size()) open();
-  if (index >= streams_.size()) return nullptr;
+  if (index >= streams_.size())
+    open();
+  if (index >= streams_.size())
+    return nullptr;
   return streams_[index];
 }

@@ -30,8 +30,8 @@
 
 #include "core/formats.h"
 #include "ffmpeg/owners.h"
+#include "image/filter_image.h"
 #include "media/index_set.h"
-#include "platform/filter_image.h"
 
 struct AVFormatContext;
 class VNFFMediaStream;
@@ -190,7 +190,6 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   VNFFMedia();
 
  private:
-
   // Enabled streams that pass a test, in index order.
   template <typename Test>
   Streams enabledStreams(Test test) const;
@@ -215,18 +214,18 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   std::vector<std::string> trackNames(std::optional<std::vector<std::string>> given,
                                       bool (VNFFMediaStream::*isKind)() const) const;
 
-  int64_t current_pts_;     // stored for callers
-  Streams streams_;         // index i is container stream i
-  int64_t movie_position_ = 0;  // start on the movie timeline
-  int64_t last_pts_;        // pts of the last packet routed to an enabled stream
+  int64_t current_pts_;                    // stored for callers
+  Streams streams_;                        // index i is container stream i
+  int64_t movie_position_ = 0;             // start on the movie timeline
+  int64_t last_pts_;                       // pts of the last packet routed to an enabled stream
   std::shared_ptr<VNMediaSource> source_;  // where the bytes come from
   // The movie. Weak: the movie owns its medias.
   std::weak_ptr<VNMovieLink> movie_;
-  std::optional<VNIndexSet> selectSubtitles_;  // subtitle keys; null: no restriction
-  std::optional<VNIndexSet> selectStreams_;    // container indices to open; null: all
-  std::optional<VNIndexSet> selectAudios_;     // audio keys; null: no restriction
+  std::optional<VNIndexSet> selectSubtitles_;   // subtitle keys; null: no restriction
+  std::optional<VNIndexSet> selectStreams_;     // container indices to open; null: all
+  std::optional<VNIndexSet> selectAudios_;      // audio keys; null: no restriction
   std::optional<std::string> subtitleCharset_;  // given to the subtitle decoders
-  vn::ff::Packet packet_;   // reused by forwardNextPacket; made on first use
+  vn::ff::Packet packet_;                       // reused by forwardNextPacket; made on first use
   // Packets a seek read ahead of the reading position, routed first by the
   // reads after it, in order. Emptied by every seek.
   std::deque<vn::ff::Packet> ahead_;

@@ -59,9 +59,12 @@ constexpr int kStepsBack = 10;
 
 bool VNFFMedia::nextPacket() {
   AVFormatContext* context = formatContext();
-  if (!context) return false;
-  if (!packet_) packet_ = vn::ff::makePacket();
-  if (!packet_) return false;
+  if (!context)
+    return false;
+  if (!packet_)
+    packet_ = vn::ff::makePacket();
+  if (!packet_)
+    return false;
   if (!ahead_.empty()) {
     av_packet_move_ref(packet_.get(), ahead_.front().get());
     ahead_.pop_front();
@@ -79,7 +82,8 @@ bool VNFFMedia::forwardNextPacket() {
     std::shared_ptr<VNMovieLink> owner = movie();
     const bool noVideo = owner && owner->disableVideo();
     for (const auto& stream : streams_) {
-      if (stream->enable() && !(noVideo && stream->isVideo()) && stream->drain()) return true;
+      if (stream->enable() && !(noVideo && stream->isVideo()) && stream->drain())
+        return true;
     }
     return false;
   }
@@ -89,13 +93,16 @@ bool VNFFMedia::forwardNextPacket() {
 }
 
 void VNFFMedia::forwardPacket(AVPacket* packet) {
-  if (!packet || packet->stream_index < 0) return;
+  if (!packet || packet->stream_index < 0)
+    return;
   std::shared_ptr<VNFFMediaStream> stream =
       mediaStreamForStreamIndex(static_cast<uint32_t>(packet->stream_index));
-  if (!stream || !stream->enable()) return;
+  if (!stream || !stream->enable())
+    return;
   if (stream->isVideo()) {
     std::shared_ptr<VNMovieLink> owner = movie();
-    if (owner && owner->disableVideo()) return;
+    if (owner && owner->disableVideo())
+      return;
   }
   if (packet->pts != AV_NOPTS_VALUE) {
     last_pts_ = av_rescale_q(packet->pts, stream->timebase(), kMicroseconds);
@@ -108,7 +115,8 @@ bool VNFFMedia::forwardStream(const std::shared_ptr<VNFFMediaStream>& stream) {
 }
 
 bool VNFFMedia::forwardStream(const std::shared_ptr<VNFFMediaStream>& stream, bool force) {
-  if (!stream) return false;
+  if (!stream)
+    return false;
   std::shared_ptr<VNMovieLink> owner = movie();
   const bool playing = owner && !owner->exportMovie();
   int64_t base = last_pts_;
@@ -124,19 +132,23 @@ bool VNFFMedia::forwardStream(const std::shared_ptr<VNFFMediaStream>& stream, bo
   bool result = true;
   for (int read = 0; read < kReadBound; ++read) {
     if (stream->isAudio()) {
-      if (stream->forward()) return true;
+      if (stream->forward())
+        return true;
       result = false;
     }
     // In a media with video, reading is driven by the video.
-    if (!stream->isVideo() && hasVideo()) return result;
-    if (last_pts_ >= limit) return result;
+    if (!stream->isVideo() && hasVideo())
+      return result;
+    if (last_pts_ >= limit)
+      return result;
     stream->setHasFrame(false);
     result = forwardNextPacket();
     // A subtitle stops the reading too: the next one would replace it
     // before it was ever asked for.
     if ((stream->isVideo() || stream->isSubtitle()) && stream->hasFrame())
       return result;
-    if (!result) return false;
+    if (!result)
+      return false;
   }
   return result;
 }
@@ -145,7 +157,8 @@ void VNFFMedia::seek(int64_t t) {
   last_pts_ = AV_NOPTS_VALUE;
   ahead_.clear();
   AVFormatContext* context = formatContext();
-  if (!context) return;
+  if (!context)
+    return;
   const int64_t target = start_time() + t;
   int64_t timestamp;
   if (isFormat(context, "rm")) {
@@ -158,7 +171,8 @@ void VNFFMedia::seek(int64_t t) {
   // Every open stream, enabled or not, forgets what it decoded and takes the
   // target as its own (a negative one too: nothing before it is dropped).
   for (const auto& stream : streams_) {
-    if (stream->isOpen()) stream->seek(av_rescale_q(target, kMicroseconds, stream->timebase()));
+    if (stream->isOpen())
+      stream->seek(av_rescale_q(target, kMicroseconds, stream->timebase()));
   }
 
   if (av_seek_frame(context, -1, timestamp, AVSEEK_FLAG_BACKWARD) < 0) {
@@ -181,7 +195,8 @@ void VNFFMedia::seek(int64_t t) {
       const int64_t earlier = target - av_rescale_q(back, AVRational{1, 2}, kMicroseconds);
       (void)av_seek_frame(context, -1, std::max<int64_t>(earlier, 0), AVSEEK_FLAG_BACKWARD);
       back += 5;
-      if (!forwardNextPacket()) break;
+      if (!forwardNextPacket())
+        break;
     }
   }
 
@@ -208,18 +223,21 @@ void VNFFMedia::seek(int64_t t) {
     } else if (!forwardNextPacket()) {
       break;
     }
-    if (last_pts_ >= target || --count == 0) break;
+    if (last_pts_ >= target || --count == 0)
+      break;
   }
 
   // MP3 reads on until its audio has queued a first frame.
   if (isFormat(context, "mp3") && hasAudio()) {
     std::shared_ptr<VNFFMediaStream> audio = audioStream();
     for (int read = 0; read < kReadBound && audio->last_pts() == AV_NOPTS_VALUE; ++read) {
-      if (!forwardNextPacket()) break;
+      if (!forwardNextPacket())
+        break;
     }
   }
 
-  for (const auto& audio : audios()) audio->forward();
+  for (const auto& audio : audios())
+    audio->forward();
 }
 
 void VNFFMedia::seekBackToKeyframe(int64_t target, int64_t timestamp) {
@@ -298,7 +316,8 @@ bool VNFFMedia::startsAfter(const AVPacket& packet, int64_t target) {
 
 AVFrame* VNFFMedia::videoFrameAtTime(int64_t t) {
   std::shared_ptr<VNFFMediaStream> video = videoStream();
-  if (!video) return nullptr;
+  if (!video)
+    return nullptr;
   // The picture's end is compared with the time itself, not with the time
   // rounded to the stream's units: in a millisecond time base a time just
   // after a boundary would round onto it and keep the picture ending there.
@@ -308,7 +327,8 @@ AVFrame* VNFFMedia::videoFrameAtTime(int64_t t) {
     return av_compare_ts(frameEnd(frame), tb, want, kMicroseconds) < 0;
   };
   for (int i = 0; i < kVideoAdvances && before(video->frame()); ++i) {
-    if (!forwardStream(video)) break;
+    if (!forwardStream(video))
+      break;
   }
   // Past a gap of a variable frame rate, the picture before is still shown.
   AVFrame* frame = video->frame();
@@ -323,7 +343,8 @@ AVFrame* VNFFMedia::videoFrameAtTime(int64_t t) {
 
 std::optional<std::string> VNFFMedia::subtitleStringAtTime(int64_t t) {
   std::shared_ptr<VNFFMediaStream> subtitle = subtitleStream();
-  if (!subtitle) return std::nullopt;
+  if (!subtitle)
+    return std::nullopt;
   const int64_t want = av_rescale_q(start_time() + t, kMicroseconds, subtitle->timebase());
   // In a media with video, forwardStream does not read for a subtitle
   // stream and still answers true: stop at the first step that moved
@@ -331,25 +352,31 @@ std::optional<std::string> VNFFMedia::subtitleStringAtTime(int64_t t) {
   for (int i = 0; i < kReadBound && frameEnd(subtitle->frame()) < want; ++i) {
     const int64_t shown = subtitle->frame()->pts;
     const int64_t read = last_pts_;
-    if (!forwardStream(subtitle)) break;
-    if (subtitle->frame()->pts == shown && last_pts_ == read) break;
+    if (!forwardStream(subtitle))
+      break;
+    if (subtitle->frame()->pts == shown && last_pts_ == read)
+      break;
   }
-  if (!shows(*subtitle, want)) return std::nullopt;
+  if (!shows(*subtitle, want))
+    return std::nullopt;
   return subtitle->subtitleString();
 }
 
 std::optional<vn::FilterImage> VNFFMedia::subtitleAtTime(int64_t t) {
   std::shared_ptr<VNFFMediaStream> subtitle = subtitleStream();
-  if (!subtitle) return std::nullopt;
+  if (!subtitle)
+    return std::nullopt;
   const int64_t want = av_rescale_q(start_time() + t, kMicroseconds, subtitle->timebase());
-  if (!shows(*subtitle, want)) return std::nullopt;
+  if (!shows(*subtitle, want))
+    return std::nullopt;
   return subtitle->subtitle();
 }
 
 bool VNFFMedia::shows(const VNFFMediaStream& subtitle, int64_t want) {
   const AVFrame* frame = subtitle.frame();
   int64_t since;
-  if (frame->pts == AV_NOPTS_VALUE || __builtin_sub_overflow(want, frame->pts, &since)) return false;
+  if (frame->pts == AV_NOPTS_VALUE || __builtin_sub_overflow(want, frame->pts, &since))
+    return false;
   return since > 0 && since < frame->pkt_duration;
 }
 
@@ -361,8 +388,10 @@ void VNFFMedia::thumbnailAtTime(int64_t t, const std::function<void(AVFrame*)>& 
   // The picture that covers t: a decoder hands pictures out a few packets
   // after it was given them, so the seek may leave an earlier one current.
   AVFrame* frame = videoFrameAtTime(t);
-  if (!frame->data[0]) forwardStream(video, true);
-  if (block) block(frame);
+  if (!frame->data[0])
+    forwardStream(video, true);
+  if (block)
+    block(frame);
 }
 
 std::optional<std::vector<std::string>> VNFFMedia::textsFromAVSubtitle(AVSubtitle*) {

@@ -38,9 +38,11 @@ VNMediaSource::Medias mediasOf(const std::string& path) {
 // which also times the pictures a program stream leaves without one.
 std::vector<int64_t> ffprobeFramePts(const std::string& path) {
   int status = -1;
-  std::istringstream out(vn::test::runShell(
-      "ffprobe -v error -select_streams v:0 -show_entries frame=best_effort_timestamp -of csv=p=0 '" + path + "'",
-      &status));
+  std::istringstream out(
+      vn::test::runShell("ffprobe -v error -select_streams v:0 -show_entries "
+                         "frame=best_effort_timestamp -of csv=p=0 '" +
+                             path + "'",
+                         &status));
   EXPECT_EQ(status, 0);
   std::vector<int64_t> pts;
   for (std::string line; std::getline(out, line);) {
@@ -53,7 +55,9 @@ std::vector<int64_t> ffprobeFramePts(const std::string& path) {
   return pts;
 }
 
-int64_t microseconds(double seconds) { return static_cast<int64_t>(seconds * 1e6); }
+int64_t microseconds(double seconds) {
+  return static_cast<int64_t>(seconds * 1e6);
+}
 
 }  // namespace
 
@@ -118,10 +122,11 @@ TEST(MediaReadingTest, SubtitleTextIsShownStrictlyInsideItsTimes) {
     double at;
     std::optional<std::string> text;
   } asked[] = {
-      {3.0, "Hello\nWorld"}, {2.0, std::nullopt}, {4.0, std::nullopt},   {4.7, " sir"},
+      {3.0, "Hello\nWorld"}, {2.0, std::nullopt}, {4.0, std::nullopt}, {4.7, " sir"},
       {5.1, std::nullopt},   {5.5, " bien"},      {100, std::nullopt},
   };
-  for (const auto& a : asked) EXPECT_EQ(ass->subtitleStringAtTime(microseconds(a.at)), a.text) << a.at;
+  for (const auto& a : asked)
+    EXPECT_EQ(ass->subtitleStringAtTime(microseconds(a.at)), a.text) << a.at;
   // A rewind reads the file again from its start.
   ass->seek(0);
   EXPECT_EQ(ass->subtitleStringAtTime(3000000), "Hello\nWorld");
@@ -137,9 +142,11 @@ TEST(MediaReadingTest, BitmapSubtitleOfThePictureMedia) {
   media->seek(0);
   // Reading the picture decodes the subpicture on the way; as in playback,
   // the picture is asked for often, each time advancing a few frames.
-  for (int64_t t = 0; t <= 1000000; t += 100000) media->videoFrameAtTime(t);
+  for (int64_t t = 0; t <= 1000000; t += 100000)
+    media->videoFrameAtTime(t);
   EXPECT_FALSE(media->subtitleAtTime(1000000));
-  for (int64_t t = 1000000; t <= 3000000; t += 100000) media->videoFrameAtTime(t);
+  for (int64_t t = 1000000; t <= 3000000; t += 100000)
+    media->videoFrameAtTime(t);
   std::optional<vn::FilterImage> image = media->subtitleAtTime(3000000);
   ASSERT_TRUE(image);
   EXPECT_EQ(image->extent().x, 280);
@@ -164,20 +171,23 @@ TEST(MediaReadingTest, ReadingAheadFollowsThePlaybackClock) {
   std::shared_ptr<VNFFMediaStream> audio = sound.audioStream();
   // While playing at 0 s, reading stops two seconds ahead.
   int advanced = 0;
-  while (advanced < 10000 && sound.forwardStream(audio)) ++advanced;
+  while (advanced < 10000 && sound.forwardStream(audio))
+    ++advanced;
   EXPECT_GE(sound.last_pts(), 2000000);
   EXPECT_LT(sound.last_pts(), 2100000);
   // Forced, or while exporting, it goes on from what was read.
   EXPECT_TRUE(sound.forwardStream(audio, true));
   movie->exporting = true;
-  while (advanced < 10000 && sound.forwardStream(audio)) ++advanced;
+  while (advanced < 10000 && sound.forwardStream(audio))
+    ++advanced;
   EXPECT_GT(sound.last_pts(), 9900000) << "to the end of the file";
 
   // A movie with video turned off gets no pictures decoded.
   std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
   media->setMovie(movie);
   movie->noVideo = true;
-  for (int i = 0; i < 50; ++i) media->forwardNextPacket();
+  for (int i = 0; i < 50; ++i)
+    media->forwardNextPacket();
   EXPECT_FALSE(media->streams()[0]->hasFrame());
 }
 
@@ -191,7 +201,8 @@ TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
     std::fstream file(damaged, std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(static_cast<std::streamoff>(size * 3 / 10));
     std::mt19937 noise(7);
-    for (auto i = size * 3 / 10; i < size * 7 / 10; ++i) file.put(static_cast<char>(noise()));
+    for (auto i = size * 3 / 10; i < size * 7 / 10; ++i)
+      file.put(static_cast<char>(noise()));
   }
   for (const std::string& path : {damaged, fixture("truncated_faststart.mp4"),
                                   fixture("mpeg2_mp2.mpg"), fixture("ac3_51.ac3")}) {
@@ -204,7 +215,8 @@ TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
       }
       int reads = 0;
       for (const auto& s : media->streams()) {
-        while (s->enable() && reads < 100000 && media->forwardStream(s)) ++reads;
+        while (s->enable() && reads < 100000 && media->forwardStream(s))
+          ++reads;
       }
       EXPECT_LT(reads, 100000);
     }
@@ -224,14 +236,14 @@ TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
 // starts after the audio, decoders without any delay (WMV2, RV20).
 TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
   const char* const files[] = {
-      "h264_aac.mp4",   "multitrack.mkv", "h264_23976.mp4", "h264_2997.mp4",
-      "vfr.mkv",        "mpeg2_mp2.mpg",  "dvdsub.mpg",     "mpeg2_24p.ts",
-      "h264_2997.ts",
-      "wmv2_wmav2.wmv", "rv20_ac3.rm",    "long_1080p.mp4",
+      "h264_aac.mp4", "multitrack.mkv", "h264_23976.mp4", "h264_2997.mp4",
+      "vfr.mkv",      "mpeg2_mp2.mpg",  "dvdsub.mpg",     "mpeg2_24p.ts",
+      "h264_2997.ts", "wmv2_wmav2.wmv", "rv20_ac3.rm",    "long_1080p.mp4",
   };
   for (const char* name : files) {
     const std::string path = fixture(name);
-    if (!std::filesystem::exists(path)) continue;
+    if (!std::filesystem::exists(path))
+      continue;
     SCOPED_TRACE(name);
     VNMediaSource::Medias medias = mediasOf(path);
     ASSERT_FALSE(medias.empty());
@@ -254,9 +266,11 @@ TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
       AVFrame* frame = media->videoFrameAtTime(t);
       ASSERT_NE(frame->pts, AV_NOPTS_VALUE) << "t " << t;
       const int64_t want = media->start_time() + t;
-      const auto covering = std::partition_point(frames.begin(), frames.end(), [&](int64_t pts) {
-                              return av_compare_ts(pts, tb, want, kMicroseconds) <= 0;
-                            }) - 1;
+      const auto covering =
+          std::partition_point(
+              frames.begin(), frames.end(),
+              [&](int64_t pts) { return av_compare_ts(pts, tb, want, kMicroseconds) <= 0; }) -
+          1;
       const auto got = std::lower_bound(frames.begin(), frames.end(), frame->pts);
       const int off = static_cast<int>(got - covering);
       if (off == 0 && got != frames.end() && *got == frame->pts) {
@@ -289,7 +303,8 @@ TEST(MediaReadingTest, SeekShowsThePictureOfAReadFromTheStart) {
       AVFrame* read = nullptr;
       for (int step = 0; step < 1000; ++step) {
         read = reading->videoFrameAtTime(t);
-        if (read->pts >= shown->pts) break;
+        if (read->pts >= shown->pts)
+          break;
       }
       ASSERT_EQ(read->pts, shown->pts) << "t " << t;
       ASSERT_EQ(read->height, shown->height);

@@ -29,7 +29,8 @@ constexpr int kMaxFramesPerPacket = 4096;
 constexpr int kPaletteTextSize = 256;
 
 uint64_t effectiveChannelLayout(const AVChannelLayout& layout) {
-  if (const uint64_t mask = vn::channelMask(layout)) return mask;
+  if (const uint64_t mask = vn::channelMask(layout))
+    return mask;
   return vn::defaultChannelLayout(layout.nb_channels);
 }
 
@@ -37,9 +38,11 @@ uint64_t effectiveChannelLayout(const AVChannelLayout& layout) {
 
 std::shared_ptr<VNFFMediaStream> VNFFMediaStream::create(std::weak_ptr<VNFFMedia> media,
                                                          AVStream* stream) {
-  if (!stream) return nullptr;
+  if (!stream)
+    return nullptr;
   vn::ff::Frame current = vn::ff::makeFrame();
-  if (!current) return nullptr;
+  if (!current)
+    return nullptr;
   std::shared_ptr<VNFFMediaStream> created(
       new VNFFMediaStream(std::move(media), stream, std::move(current), nullptr));
   created->codec_ = created->makeCodecContext();
@@ -72,14 +75,17 @@ VNFFMediaStream::~VNFFMediaStream() {
 
 vn::ff::CodecContext VNFFMediaStream::makeCodecContext() const {
   vn::ff::CodecContext context(avcodec_alloc_context3(nullptr));
-  if (!context) return nullptr;
-  if (avcodec_parameters_to_context(context.get(), stream_->codecpar) < 0) return nullptr;
+  if (!context)
+    return nullptr;
+  if (avcodec_parameters_to_context(context.get(), stream_->codecpar) < 0)
+    return nullptr;
   context->pkt_timebase = stream_->time_base;
   if (!palette_.empty()) {
     av_freep(&context->extradata);
     context->extradata =
         static_cast<uint8_t*>(av_mallocz(palette_.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-    if (!context->extradata) return nullptr;
+    if (!context->extradata)
+      return nullptr;
     std::memcpy(context->extradata, palette_.data(), palette_.size());
     context->extradata_size = static_cast<int>(palette_.size());
   }
@@ -88,16 +94,28 @@ vn::ff::CodecContext VNFFMediaStream::makeCodecContext() const {
 
 // ---- what the stream is ------------------------------------------------------
 
-int32_t VNFFMediaStream::mediaType() const { return codec_->codec_type; }
-bool VNFFMediaStream::isVideo() const { return mediaType() == AVMEDIA_TYPE_VIDEO; }
-bool VNFFMediaStream::isAudio() const { return mediaType() == AVMEDIA_TYPE_AUDIO; }
-bool VNFFMediaStream::isSubtitle() const { return mediaType() == AVMEDIA_TYPE_SUBTITLE; }
-bool VNFFMediaStream::isOpen() const { return avcodec_is_open(codec_.get()) > 0; }
+int32_t VNFFMediaStream::mediaType() const {
+  return codec_->codec_type;
+}
+bool VNFFMediaStream::isVideo() const {
+  return mediaType() == AVMEDIA_TYPE_VIDEO;
+}
+bool VNFFMediaStream::isAudio() const {
+  return mediaType() == AVMEDIA_TYPE_AUDIO;
+}
+bool VNFFMediaStream::isSubtitle() const {
+  return mediaType() == AVMEDIA_TYPE_SUBTITLE;
+}
+bool VNFFMediaStream::isOpen() const {
+  return avcodec_is_open(codec_.get()) > 0;
+}
 
 AVRational VNFFMediaStream::timebase() const {
   AVRational tb = stream_->time_base;
-  if (tb.num <= 0) tb.num = 1;
-  if (tb.den <= 0) tb.den = 1;
+  if (tb.num <= 0)
+    tb.num = 1;
+  if (tb.den <= 0)
+    tb.den = 1;
   return tb;
 }
 
@@ -126,9 +144,11 @@ float VNFFMediaStream::framerate() const {
   }
   if (rate < 1 || rate > 50) {
     const AVRational avg = stream_->avg_frame_rate;
-    if (avg.num > 0 && avg.den > 0) rate = static_cast<float>(avg.num / avg.den);
+    if (avg.num > 0 && avg.den > 0)
+      rate = static_cast<float>(avg.num / avg.den);
   }
-  if (rate < 1 || rate > 50) rate = 30;
+  if (rate < 1 || rate > 50)
+    rate = 30;
   return rate;
 }
 
@@ -139,25 +159,29 @@ std::string VNFFMediaStream::language() const {
 }
 
 std::string VNFFMediaStream::codecName() const {
-  if (!isOpen() || !codec_->codec) return {};
+  if (!isOpen() || !codec_->codec)
+    return {};
   return codec_->codec->name;
 }
 
 VNFFAudioFormat VNFFMediaStream::audioFormat() const {
-  if (!isAudio()) return VNFFAudioFormat{-1, 0, 0};
+  if (!isAudio())
+    return VNFFAudioFormat{-1, 0, 0};
   return VNFFAudioFormat{codec_->sample_fmt, effectiveChannelLayout(codec_->ch_layout),
                          codec_->sample_rate};
 }
 
 VNFFVideoFormat VNFFMediaStream::videoFormat() const {
-  if (!isVideo()) return VNFFVideoFormat{-1, 0, 0};
+  if (!isVideo())
+    return VNFFVideoFormat{-1, 0, 0};
   return VNFFVideoFormat{codec_->pix_fmt, codec_->width, codec_->height};
 }
 
 // ---- open, close, palette ------------------------------------------------------
 
 void VNFFMediaStream::open() {
-  if (isOpen()) return;
+  if (isOpen())
+    return;
   if (const AVCodec* decoder = avcodec_find_decoder(codec_->codec_id)) {
     if (isVideo()) {
       // Two frame threads: pictures decode in parallel, each coming out one
@@ -178,7 +202,8 @@ void VNFFMediaStream::open() {
     if (opened < 0) {
       // A failed open leaves the context half torn down; start afresh so a
       // later open, and the format queries, see the stream's parameters.
-      if (vn::ff::CodecContext fresh = makeCodecContext()) codec_ = std::move(fresh);
+      if (vn::ff::CodecContext fresh = makeCodecContext())
+        codec_ = std::move(fresh);
     }
   }
   if (isAudio()) {
@@ -186,7 +211,8 @@ void VNFFMediaStream::open() {
     abuffer_->config(audioFormat());
   }
   // An embedded cover picture is not a video track.
-  if (stream_->disposition == AV_DISPOSITION_ATTACHED_PIC) close();
+  if (stream_->disposition == AV_DISPOSITION_ATTACHED_PIC)
+    close();
   seek_pts_ = AV_NOPTS_VALUE;
 }
 
@@ -194,17 +220,20 @@ void VNFFMediaStream::close() {
   abuffer_.reset();
   subtitle_.reset();
   subtitleString_.reset();
-  if (!isOpen()) return;
+  if (!isOpen())
+    return;
   // FFmpeg frees a decoder with its context; a fresh unopened context keeps
   // the stream's formats readable and lets it open again.
   vn::ff::CodecContext fresh = makeCodecContext();
-  if (!fresh) return;
+  if (!fresh)
+    return;
   std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
   codec_ = std::move(fresh);
 }
 
 void VNFFMediaStream::fillPalette(const uint32_t* palette) {
-  if (!palette) return;
+  if (!palette)
+    return;
   char text[kPaletteTextSize] = {};
   int used = std::snprintf(text, sizeof text, "palette:");
   for (int i = 0; i < 16; ++i) {
@@ -222,18 +251,22 @@ void VNFFMediaStream::fillPalette(const uint32_t* palette) {
   }
   std::snprintf(text + used, sizeof text - used, "\n\r");
   palette_.assign(text, text + kPaletteTextSize);
-  if (isOpen()) return;
-  if (vn::ff::CodecContext withPalette = makeCodecContext()) codec_ = std::move(withPalette);
+  if (isOpen())
+    return;
+  if (vn::ff::CodecContext withPalette = makeCodecContext())
+    codec_ = std::move(withPalette);
 }
 
 // ---- decoding ----------------------------------------------------------------
 
 bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
-  if (!packet || packet->size < 1) return false;
+  if (!packet || packet->size < 1)
+    return false;
   AVPacket* copy = pending_.get();
   AVFrame* local = decoded_.get();
   av_packet_unref(copy);
-  if (av_packet_ref(copy, packet) < 0) return false;
+  if (av_packet_ref(copy, packet) < 0)
+    return false;
 
   bool result = false;
   int64_t sampleOffset = 0;
@@ -242,7 +275,8 @@ bool VNFFMediaStream::decodePacket(const AVPacket* packet) {
   // that could do neither abandons it), so the first step without a frame
   // means the decoder has nothing more for this packet.
   for (int pass = 0; pass < kMaxFramesPerPacket; ++pass) {
-    if (!decodePacket(copy, local)) break;
+    if (!decodePacket(copy, local))
+      break;
     result = true;
     takeFrame(local, sampleOffset, packetPts);
   }
@@ -264,8 +298,10 @@ void VNFFMediaStream::takeFrame(AVFrame* frame, int64_t& sampleOffset, int64_t& 
   } else if (isAudio()) {
     // FFmpeg times only the first frame of a packet; the ones after it
     // carry no time and are placed by their sample offset from the packet's.
-    if (frame->pts == AV_NOPTS_VALUE) frame->pts = packetPts;
-    if (sampleOffset == 0) packetPts = frame->pts;
+    if (frame->pts == AV_NOPTS_VALUE)
+      frame->pts = packetPts;
+    if (sampleOffset == 0)
+      packetPts = frame->pts;
     const int samples = frame->nb_samples;
     queueAudio(frame, sampleOffset);
     sampleOffset += samples;
@@ -273,13 +309,16 @@ void VNFFMediaStream::takeFrame(AVFrame* frame, int64_t& sampleOffset, int64_t& 
 }
 
 bool VNFFMediaStream::drain() {
-  if (!isOpen() || (!isVideo() && !isAudio())) return false;
+  if (!isOpen() || (!isVideo() && !isAudio()))
+    return false;
   if (!draining_) {
     draining_ = true;
-    if (avcodec_send_packet(codec_.get(), nullptr) < 0) return false;
+    if (avcodec_send_packet(codec_.get(), nullptr) < 0)
+      return false;
   }
   AVFrame* frame = decoded_.get();
-  if (avcodec_receive_frame(codec_.get(), frame) < 0) return false;
+  if (avcodec_receive_frame(codec_.get(), frame) < 0)
+    return false;
   finishFrame(frame);
   int64_t sampleOffset = 0, pts = frame->pts;
   takeFrame(frame, sampleOffset, pts);
@@ -288,9 +327,11 @@ bool VNFFMediaStream::drain() {
 }
 
 bool VNFFMediaStream::decodePacket(AVPacket* packet, AVFrame* frame) {
-  if (!packet || !frame) return false;
+  if (!packet || !frame)
+    return false;
   av_frame_unref(frame);
-  if (isSubtitle()) return decodeSubtitle(packet, frame);
+  if (isSubtitle())
+    return decodeSubtitle(packet, frame);
   if ((!isAudio() && !isVideo()) || !isOpen()) {
     av_packet_unref(packet);
     return false;
@@ -299,7 +340,8 @@ bool VNFFMediaStream::decodePacket(AVPacket* packet, AVFrame* frame) {
     // EAGAIN: the decoder is full; the packet stays to be sent again once a
     // frame has been taken out. Any other answer ends the packet (an error
     // abandons it).
-    if (avcodec_send_packet(codec_.get(), packet) != AVERROR(EAGAIN)) av_packet_unref(packet);
+    if (avcodec_send_packet(codec_.get(), packet) != AVERROR(EAGAIN))
+      av_packet_unref(packet);
   }
   if (avcodec_receive_frame(codec_.get(), frame) < 0) {
     // A decoder that neither takes the packet nor gives a frame would hold
@@ -322,7 +364,8 @@ void VNFFMediaStream::finishFrame(AVFrame* frame) {
       frame->ch_layout = effective;
     }
   }
-  if (frame->best_effort_timestamp != AV_NOPTS_VALUE) frame->pts = frame->best_effort_timestamp;
+  if (frame->best_effort_timestamp != AV_NOPTS_VALUE)
+    frame->pts = frame->best_effort_timestamp;
   if (isVideo()) {
     if (frame->pkt_duration <= 0)
       frame->pkt_duration = frameDuration();
@@ -359,17 +402,18 @@ bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
   int got = 0;
   (void)avcodec_decode_subtitle2(codec_.get(), subtitle.get(), &got, packet);
   av_packet_unref(packet);
-  if (!got) return false;
+  if (!got)
+    return false;
 
-  const vn::SubtitleTimes times =
-      vn::subtitleTimes(subtitle->pts, subtitle->start_display_time, subtitle->end_display_time,
-                        timebase());
+  const vn::SubtitleTimes times = vn::subtitleTimes(subtitle->pts, subtitle->start_display_time,
+                                                    subtitle->end_display_time, timebase());
   frame->pts = times.pts;
   frame->pkt_duration = times.duration;
   frame->pkt_dts = times.pts;
   for (unsigned i = 0; i < subtitle->num_rects; ++i) {
     const AVSubtitleRect* rect = subtitle->rects[i];
-    if (!rect) continue;
+    if (!rect)
+      continue;
     if (rect->type == SUBTITLE_ASS && rect->ass) {
       subtitleString_ = vn::subtitleTextFromAss(rect->ass);
     } else if (rect->type == SUBTITLE_BITMAP) {
@@ -381,7 +425,8 @@ bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
 
 void VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) {
   const int w = rect.w, h = rect.h;
-  if (w <= 0 || h <= 0 || !rect.data[0] || !rect.data[1] || rect.linesize[0] <= 0) return;
+  if (w <= 0 || h <= 0 || !rect.data[0] || !rect.data[1] || rect.linesize[0] <= 0)
+    return;
   // Row by row, so a source row wider or narrower than w never makes the
   // conversion write past the w x h destination.
   const int columns = std::min(w, rect.linesize[0]);
@@ -394,7 +439,8 @@ void VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) {
   // The palette holds native 0xAARRGGBB words: BGRA in memory.
   std::optional<vn::FilterImage> image =
       vn::FilterImage::fromRaster(bgra.data(), w, h, w * 4, vn::FilterImage::ByteOrder::BGRA);
-  if (!image) return;
+  if (!image)
+    return;
   std::shared_ptr<VNFFMedia> owner = media_.lock();
   const int height = owner ? owner->videoFormat().height : 0;
   subtitle_ = image->translated(rect.x, height - rect.y - h);
@@ -404,23 +450,29 @@ void VNFFMediaStream::queueAudio(AVFrame* frame, int64_t sampleOffset) {
   const AVRational fb = framebase(), tb = timebase();
   frame->pkt_duration = av_rescale_q(frame->nb_samples, fb, tb);
   frame->pts += av_rescale_q(sampleOffset, fb, tb);
-  if (seek_pts_ == AV_NOPTS_VALUE) return;
-  const double ends = static_cast<double>(frame->pts) + 0.5 * static_cast<double>(frame->pkt_duration);
-  if (ends < static_cast<double>(std::max(seek_pts_, last_pts_))) return;
+  if (seek_pts_ == AV_NOPTS_VALUE)
+    return;
+  const double ends =
+      static_cast<double>(frame->pts) + 0.5 * static_cast<double>(frame->pkt_duration);
+  if (ends < static_cast<double>(std::max(seek_pts_, last_pts_)))
+    return;
   const int64_t pts = frame->pts;
-  if (abuffer_) abuffer_->writeFrame(frame);
+  if (abuffer_)
+    abuffer_->writeFrame(frame);
   last_pts_ = pts;
 }
 
 void VNFFMediaStream::seek(int64_t t) {
-  if (isOpen()) avcodec_flush_buffers(codec_.get());
+  if (isOpen())
+    avcodec_flush_buffers(codec_.get());
   draining_ = false;
   next_pts_ = AV_NOPTS_VALUE;
   subtitle_.reset();
   seek_pts_ = t;
   sync_pts_ = av_rescale_q(t, timebase(), framebase());
   last_pts_ = AV_NOPTS_VALUE;
-  if (abuffer_) abuffer_->config(audioFormat());
+  if (abuffer_)
+    abuffer_->config(audioFormat());
   forward();
 }
 
@@ -428,7 +480,8 @@ bool VNFFMediaStream::forward() {
   if (isAudio()) {
     frame_buffer_ = abuffer_ ? abuffer_->read() : vn::ff::Frame();
     av_frame_unref(currentFrame_.get());
-    if (frame_buffer_) av_frame_ref(currentFrame_.get(), frame_buffer_.get());
+    if (frame_buffer_)
+      av_frame_ref(currentFrame_.get(), frame_buffer_.get());
     return currentFrame_->nb_samples > 0;
   }
   if (isVideo()) {

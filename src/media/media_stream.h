@@ -33,7 +33,7 @@ extern "C" {
 
 #include "core/formats.h"
 #include "ffmpeg/owners.h"
-#include "platform/filter_image.h"
+#include "image/filter_image.h"
 
 struct AVStream;
 struct AVSubtitleRect;
@@ -155,7 +155,9 @@ class VNFFMediaStream {
   void setSeek_pts(int64_t value) { seek_pts_ = value; }
 
  private:
-  VNFFMediaStream(std::weak_ptr<VNFFMedia> media, AVStream* stream, vn::ff::Frame current,
+  VNFFMediaStream(std::weak_ptr<VNFFMedia> media,
+                  AVStream* stream,
+                  vn::ff::Frame current,
                   vn::ff::CodecContext codec);
 
   // A fresh, unopened codec context from the stream's parameters (and the
@@ -180,9 +182,9 @@ class VNFFMediaStream {
   // the samples of the frames before it.
   void queueAudio(AVFrame* frame, int64_t sampleOffset);
 
-  vn::ff::Frame currentFrame_;    // the current frame; never null
-  vn::ff::Frame frame_buffer_;    // the audio frame exposed through currentFrame_
-  vn::ff::Frame previousFrame_;   // the picture before currentFrame_; never null
+  vn::ff::Frame currentFrame_;   // the current frame; never null
+  vn::ff::Frame frame_buffer_;   // the audio frame exposed through currentFrame_
+  vn::ff::Frame previousFrame_;  // the picture before currentFrame_; never null
   // Reused by every decode call: the packet being decoded and the frame it
   // gives. Never null.
   vn::ff::Packet pending_;
@@ -193,14 +195,14 @@ class VNFFMediaStream {
   // The owning media. Weak: the media owns its streams, but a stream handed
   // out may outlive it, and then it must not reach a dead media.
   std::weak_ptr<VNFFMedia> media_;
-  int64_t sync_pts_ = 0;          // running sample clock of the mix (framebase)
-  AVStream* stream_;              // owned by the media's demuxer
+  int64_t sync_pts_ = 0;                      // running sample clock of the mix (framebase)
+  AVStream* stream_;                          // owned by the media's demuxer
   std::shared_ptr<VNFFAudioBuffer> abuffer_;  // audio queue while open
-  int64_t last_pts_;              // pts of the last queued audio frame
-  bool enable_ = false;           // set by the media: receives packets
-  int64_t seek_pts_;              // target of the last seek; unset before
-  vn::ff::CodecContext codec_;    // the decoder; never null
-  std::vector<uint8_t> palette_;  // "palette:" text for the DVD subpicture decoder
-  bool draining_ = false;         // the decoder was told the input ended
-  int64_t next_pts_;              // where the last picture ends; unset after a seek
+  int64_t last_pts_;                          // pts of the last queued audio frame
+  bool enable_ = false;                       // set by the media: receives packets
+  int64_t seek_pts_;                          // target of the last seek; unset before
+  vn::ff::CodecContext codec_;                // the decoder; never null
+  std::vector<uint8_t> palette_;              // "palette:" text for the DVD subpicture decoder
+  bool draining_ = false;                     // the decoder was told the input ended
+  int64_t next_pts_;                          // where the last picture ends; unset after a seek
 };

@@ -37,8 +37,10 @@ vn::ff::Packet joinPackets(VNFFMedia& media, int streamIndex, int count) {
   int64_t pts = AV_NOPTS_VALUE;
   int joined = 0;
   vn::test::readPackets(media, [&](VNFFMediaStream& stream, AVPacket* packet) {
-    if (stream.stream()->index != streamIndex || joined == count) return;
-    if (joined++ == 0) pts = packet->pts;
+    if (stream.stream()->index != streamIndex || joined == count)
+      return;
+    if (joined++ == 0)
+      pts = packet->pts;
     bytes.insert(bytes.end(), packet->data, packet->data + packet->size);
   });
   vn::ff::Packet packet = vn::ff::makePacket();
@@ -61,10 +63,14 @@ TEST(MediaStreamTest, FramerateRules) {
     AVRational real, average;
     float rate;
   } cases[] = {
-      {{24000, 1001}, {0, 0}, 23.97f},  {{30000, 1001}, {0, 0}, 29.97f},
-      {{2997, 100}, {0, 0}, 29},        {{25, 1}, {0, 0}, 25},
-      {{120, 1}, {24, 1}, 24},          {{0, 0}, {0, 0}, 30},
-      {{0, 0}, {50, 1}, 50},            {{60000, 1001}, {0, 0}, 30},
+      {{24000, 1001}, {0, 0}, 23.97f},
+      {{30000, 1001}, {0, 0}, 29.97f},
+      {{2997, 100}, {0, 0}, 29},
+      {{25, 1}, {0, 0}, 25},
+      {{120, 1}, {24, 1}, 24},
+      {{0, 0}, {0, 0}, 30},
+      {{0, 0}, {50, 1}, 50},
+      {{60000, 1001}, {0, 0}, 30},
       {{60000, 1001}, {30000, 1001}, 29},  // the average is an integer quotient
       {{1, 2}, {0, 1}, 30},
   };
@@ -108,14 +114,15 @@ TEST(MediaStreamTest, PaletteTextKeepsTheUnclampedArithmetic) {
       0x00eb8080,  // white
       0x00ff00ff,  // Y 255, V 0, U 255: green and blue spill into their neighbours
       0x00ffff00,  // Y 255, V 255, U 0: red spills past its byte
-  };                // the rest: Y 0, V 0, U 0, all components out of range
+  };               // the rest: Y 0, V 0, U 0, all components out of range
   stream->fillPalette(palette);
   std::string expected = "palette:101010,ebebeb,";
   // Y 255, U 127, V -128: R 74.84, G 302.88, B 480.93.
   expected += "4b2fe0,";
   // Y 255, U -128, V 127: R 433.75, G 208.18, B 27.29.
   expected += "1b1d01b,";
-  for (int i = 4; i < 16; ++i) expected += "ffffff1d,";
+  for (int i = 4; i < 16; ++i)
+    expected += "ffffff1d,";
   expected += "\n\r";
   AVCodecContext* context = stream->codecContext();
   ASSERT_EQ(context->extradata_size, 256);
@@ -132,9 +139,11 @@ TEST(MediaStreamTest, AudioFramesOfOnePacketGetIncreasingTimes) {
   // MPEG audio at 44100 Hz in a program stream (time base 1/90000).
   const std::string path = vn::test::scratchDir() + "/mp2_44100.mpg";
   int status = -1;
-  vn::test::runShell("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi "
-                     "-i sine=sample_rate=44100:duration=1 -c:a mp2 -f mpeg '" + path + "'",
-                     &status);
+  vn::test::runShell(
+      "ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi "
+      "-i sine=sample_rate=44100:duration=1 -c:a mp2 -f mpeg '" +
+          path + "'",
+      &status);
   ASSERT_EQ(status, 0);
   std::shared_ptr<VNFFMedia> media = VNFFMedia::create();
   media->setSource(VNMediaSource::mediaWithPath(path));
@@ -178,9 +187,11 @@ TEST(MediaStreamTest, AudioIsQueuedOnlyFromTheSeekTargetOn) {
   rewind(*media);
   std::vector<int64_t> queued;
   vn::test::readPackets(*media, [&](VNFFMediaStream& s, AVPacket* p) {
-    if (!s.isAudio()) return;
+    if (!s.isAudio())
+      return;
     s.decodePacket(p);
-    while (s.forward()) queued.push_back(s.frame()->pts);
+    while (s.forward())
+      queued.push_back(s.frame()->pts);
   });
   ASSERT_FALSE(queued.empty());
   // The first frame queued is the one that covers the target (it ends less
@@ -188,7 +199,8 @@ TEST(MediaStreamTest, AudioIsQueuedOnlyFromTheSeekTargetOn) {
   const int64_t frame = av_rescale_q(1024, audio->framebase(), audio->timebase());
   EXPECT_GE(queued.front() + frame / 2, target);
   EXPECT_LT(queued.front() - frame, target);
-  for (size_t i = 1; i < queued.size(); ++i) EXPECT_GT(queued[i], queued[i - 1]);
+  for (size_t i = 1; i < queued.size(); ++i)
+    EXPECT_GT(queued[i], queued[i - 1]);
   EXPECT_EQ(audio->last_pts(), queued.back());
 }
 
@@ -201,14 +213,17 @@ TEST(MediaStreamTest, TextSubtitlesKeepTheirTimesAndCleanedText) {
   std::shared_ptr<VNFFMedia> media = openWhole("multitrack.mkv");
   std::vector<Cue> subrip, ass;
   vn::test::readPackets(*media, [&](VNFFMediaStream& s, AVPacket* p) {
-    if (!s.isSubtitle() || !s.decodePacket(p)) return;
+    if (!s.isSubtitle() || !s.decodePacket(p))
+      return;
     Cue cue{s.frame()->pts, s.frame()->pkt_duration, s.subtitleString().value_or("(none)")};
     (s.stream()->index == 4 ? subrip : ass).push_back(cue);
   });
   // Matroska times are milliseconds. The SubRip track's italic line ends in
   // a closing tag, so nothing of it is left; commas cut the text.
-  EXPECT_EQ(subrip, (std::vector<Cue>{{2000, 2000, ""}, {4500, 500, " sir"}, {5200, 600, " très bien"}}));
-  EXPECT_EQ(ass, (std::vector<Cue>{{2000, 2000, "Hello\nWorld"}, {4500, 500, " sir"}, {5200, 600, " bien"}}));
+  EXPECT_EQ(subrip,
+            (std::vector<Cue>{{2000, 2000, ""}, {4500, 500, " sir"}, {5200, 600, " très bien"}}));
+  EXPECT_EQ(ass, (std::vector<Cue>{
+                     {2000, 2000, "Hello\nWorld"}, {4500, 500, " sir"}, {5200, 600, " bien"}}));
 }
 
 TEST(MediaStreamTest, BitmapSubtitlesArePlacedInPictureSpace) {
@@ -253,28 +268,32 @@ TEST(MediaStreamTest, DecodingWholeFilesEndsCleanly) {
     double seconds;  // of audio and video, 0 when the file is cut short
     double fps;
   } cases[] = {
-      {"h264_aac.mp4", 10, 25},    {"multitrack.mkv", 6, 25},   {"aac.m4a", 5, 0},
-      {"mp3_cover.mp3", 5, 0},     {"dvdsub.mkv", 6, 29.97},    {"dvdsub.mpg", 6, 29.97},
-      {"ac3_51.ac3", 5, 0},        {"mpeg2_mp2.mpg", 5, 29.97}, {"h264_23976.mp4", 5, 23.976},
-      {"wmv2_wmav2.wmv", 5, 25},   {"subs.srt", 0, 0},          {"truncated_faststart.mp4", 0, 0},
+      {"h264_aac.mp4", 10, 25},  {"multitrack.mkv", 6, 25},   {"aac.m4a", 5, 0},
+      {"mp3_cover.mp3", 5, 0},   {"dvdsub.mkv", 6, 29.97},    {"dvdsub.mpg", 6, 29.97},
+      {"ac3_51.ac3", 5, 0},      {"mpeg2_mp2.mpg", 5, 29.97}, {"h264_23976.mp4", 5, 23.976},
+      {"wmv2_wmav2.wmv", 5, 25}, {"subs.srt", 0, 0},          {"truncated_faststart.mp4", 0, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     std::shared_ptr<VNFFMedia> media = openWhole(c.name);
     ASSERT_TRUE(media->isOpen());
     for (const auto& s : media->streams()) {
-      if (s->isOpen()) s->seek(s->startTime());
+      if (s->isOpen())
+        s->seek(s->startTime());
     }
     int pictures = 0;
     std::vector<int64_t> samples(media->streams().size(), 0);
     vn::test::readPackets(*media, [&](VNFFMediaStream& s, AVPacket* p) {
-      if (!s.enable()) return;
+      if (!s.enable())
+        return;
       s.setHasFrame(false);
       s.decodePacket(p);
       pictures += s.hasFrame();
-      while (s.forward()) samples[s.stream()->index] += s.frame()->nb_samples;
+      while (s.forward())
+        samples[s.stream()->index] += s.frame()->nb_samples;
     });
-    if (c.seconds == 0) continue;
+    if (c.seconds == 0)
+      continue;
     if (c.fps > 0) {
       EXPECT_NEAR(pictures, c.seconds * c.fps, c.seconds * c.fps * 0.05);
     }

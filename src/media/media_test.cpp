@@ -25,7 +25,8 @@ class DvdKeyedSource : public VNMediaSource {
 
 std::vector<int> indices(const VNFFMedia::Streams& streams) {
   std::vector<int> found;
-  for (const auto& s : streams) found.push_back(s->stream()->index);
+  for (const auto& s : streams)
+    found.push_back(s->stream()->index);
   return found;
 }
 
@@ -86,7 +87,8 @@ TEST(MediaSourceTest, FilesSplitIntoAVideoAndAnAudioMedia) {
       VNFFMedia& media = *(*medias)[i];
       std::vector<int> enabled;
       for (const auto& s : media.streams()) {
-        if (s->enable()) enabled.push_back(s->stream()->index);
+        if (s->enable())
+          enabled.push_back(s->stream()->index);
       }
       EXPECT_EQ(enabled, c.medias[i]);
       EXPECT_EQ(media.selectStreams(), VNIndexSet(c.medias[i].begin(), c.medias[i].end()));
@@ -123,25 +125,26 @@ TEST(MediaTest, TrackSelectionsUseOrdinalsOrDvdStreamIds) {
   media->updateSelectStreams();
   EXPECT_FALSE(media->hasAudio());
   EXPECT_EQ(media->audioStream(), nullptr);
-
 }
 
 TEST(MediaTest, DvdTracksAreKeyedByStreamId) {
   // Two audio tracks whose stream ids (transport stream PIDs) end in 5 and 3.
   const std::string path = vn::test::scratchDir() + "/two_tracks.ts";
   int status = -1;
-  vn::test::runShell("ffmpeg -hide_banner -loglevel error -nostdin -y "
-                     "-f lavfi -i sine=duration=1 -f lavfi -i sine=duration=1 -map 0 -map 1 "
-                     "-c:a mp2 -streamid 0:0x105 -streamid 1:0x103 -f mpegts '" + path + "'",
-                     &status);
+  vn::test::runShell(
+      "ffmpeg -hide_banner -loglevel error -nostdin -y "
+      "-f lavfi -i sine=duration=1 -f lavfi -i sine=duration=1 -map 0 -map 1 "
+      "-c:a mp2 -streamid 0:0x105 -streamid 1:0x103 -f mpegts '" +
+          path + "'",
+      &status);
   ASSERT_EQ(status, 0);
   const struct {
     bool dvd;
     uint32_t key;
     std::vector<int> selected;
   } cases[] = {
-      {false, 1, {1}}, {false, 5, {}},  // keys are ordinals among the audio tracks
-      {true, 1, {}}, {true, 5, {0}}, {true, 3, {1}},  // keys are ids & 15
+      {false, 1, {1}}, {false, 5, {}},                  // keys are ordinals among the audio tracks
+      {true, 1, {}},   {true, 5, {0}}, {true, 3, {1}},  // keys are ids & 15
   };
   for (const auto& c : cases) {
     std::shared_ptr<VNFFMedia> media = VNFFMedia::create();
@@ -253,9 +256,8 @@ TEST(MediaTest, StreamsFoundLateAreAddedWhileReading) {
   EXPECT_EQ(media->mediaStreamForStreamIndex(1), nullptr);
 
   bool sawAudio = false;
-  vn::test::readPackets(*media, [&](VNFFMediaStream& stream, AVPacket*) {
-    sawAudio = sawAudio || stream.isAudio();
-  });
+  vn::test::readPackets(
+      *media, [&](VNFFMediaStream& stream, AVPacket*) { sawAudio = sawAudio || stream.isAudio(); });
   EXPECT_TRUE(sawAudio);
   std::shared_ptr<VNFFMediaStream> audio = media->mediaStreamForStreamIndex(1);
   ASSERT_NE(audio, nullptr);

@@ -35,7 +35,8 @@ int readPackets(VNFFMedia& media, Visit visit, int limit = 100000) {
   while (count < limit && av_read_frame(media.formatContext(), packet.get()) >= 0) {
     ++count;
     std::shared_ptr<VNFFMediaStream> stream = media.mediaStreamForStreamIndex(packet->stream_index);
-    if (stream) visit(*stream, packet.get());
+    if (stream)
+      visit(*stream, packet.get());
     av_packet_unref(packet.get());
   }
   return count;

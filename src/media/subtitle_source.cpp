@@ -6,7 +6,9 @@ std::shared_ptr<VNSubtitleSource> VNSubtitleSource::create(const std::string& pa
   return source;
 }
 
-bool VNSubtitleSource::isSubtitle() { return true; }
+bool VNSubtitleSource::isSubtitle() {
+  return true;
+}
 
 std::shared_ptr<VNMediaSource> VNSubtitleSource::copy() {
   std::shared_ptr<VNSubtitleSource> copy(new VNSubtitleSource());

@@ -17,7 +17,8 @@ TEST(SubtitleTextTest, AssLinesKeepTheTextAfterTheLastFieldOrTag) {
       {"0,0,Default,,0,0,0,,ends with a backslash\\", "ends with a backslash\\"},
       {"", ""},
   };
-  for (const auto& c : cases) EXPECT_EQ(vn::subtitleTextFromAss(c.line), c.shown) << c.line;
+  for (const auto& c : cases)
+    EXPECT_EQ(vn::subtitleTextFromAss(c.line), c.shown) << c.line;
 }
 
 TEST(SubtitleTextTest, DisplayTimesBecomeStreamTimes) {

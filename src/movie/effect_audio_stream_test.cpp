@@ -28,8 +28,10 @@ const VNFFAudioFormat kPlayback{AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 44100};
 // a first seek).
 Medias openFixture(const std::string& name) {
   auto medias = VNMediaSource::mediaWithPath(vn::test::fixture(name))->createMedias();
-  if (!medias) return {};
-  for (auto& media : *medias) media->seek(0);
+  if (!medias)
+    return {};
+  for (auto& media : *medias)
+    media->seek(0);
   return *medias;
 }
 
@@ -64,7 +66,8 @@ TEST(MixGraphTest, StagesFollowTheStreamCount) {
   // Forty streams: only the first 32 are mixed, and the level is made up
   // for all 32.
   Medias forty;
-  for (int i = 0; i < 40; ++i) forty.push_back(audioMedia("aac.m4a"));
+  for (int i = 0; i < 40; ++i)
+    forty.push_back(audioMedia("aac.m4a"));
   mix.setInputStreams(forty);
   EXPECT_EQ(mix.sourceCount(), 32);
   EXPECT_EQ(mix.stageArguments("amix"), "32");

@@ -12,6 +12,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include "audio_out/output_audio_graph.h"
 #include "core/serial_queue.h"
 #include "core/varnel.h"
 #include "effects/effect_video_stream.h"
@@ -19,8 +20,7 @@ extern "C" {
 #include "media/media_stream.h"
 #include "media/subtitle_source.h"
 #include "movie/effect_audio_stream.h"
-#include "movie/output_audio_graph.h"
-#include "platform/text_charset.h"
+#include "text/text_charset.h"
 
 namespace {
 // Frames mixed per top-up item; the output holds under two of these.

@@ -24,14 +24,14 @@
 #include <string>
 #include <vector>
 
+#include "audio_out/output_audio_graph_delegate.h"
 #include "core/formats.h"
 #include "core/serial_queue.h"
+#include "image/bitmap_image.h"
+#include "image/filter_image.h"
+#include "image/rect.h"
 #include "media/media.h"
 #include "media/movie_link.h"
-#include "movie/output_audio_graph_delegate.h"
-#include "platform/bitmap_image.h"
-#include "platform/filter_image.h"
-#include "platform/rect.h"
 
 class VNFFEffectAudioStream;
 class VNFFEffectVideoStream;

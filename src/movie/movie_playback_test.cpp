@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "audio_analysis.h"
+#include "audio_out/audio_device.h"
+#include "audio_out/output_audio_graph.h"
 #include "media/media.h"
 #include "media/media_source.h"
 #include "movie/movie.h"
-#include "movie/output_audio_graph.h"
-#include "platform/audio_device.h"
 #include "test_support.h"
 
 namespace {
@@ -139,7 +139,8 @@ TEST_F(MoviePlaybackTest, ClockTracksThePlayedSamples) {
     const auto from = recording.begin() + at;
     const auto to = recording.begin() + std::min(recording.size(), at + kDeviceFrames);
     const bool silent = std::all_of(from, to, [](float v) { return v == 0.0f; });
-    if (begun && silent && to - from == kDeviceFrames) continue;
+    if (begun && silent && to - from == kDeviceFrames)
+      continue;
     begun = begun || !silent;
     all.insert(all.end(), from, to);
   }

@@ -6,11 +6,11 @@
 #include <future>
 #include <vector>
 
+#include "audio_out/output_audio_graph.h"
 #include "core/serial_queue.h"
 #include "media/media.h"
 #include "media/media_source.h"
 #include "media/media_stream.h"
-#include "movie/output_audio_graph.h"
 #include "test_support.h"
 
 namespace {
@@ -56,13 +56,14 @@ TEST(MovieTest, EmptyMovie) {
 
 TEST(MovieTest, MediasOnTheTimeline) {
   auto movie = VNFFMovie::create();
-  Medias a = mediasOf("aac.m4a");          // 5 s
-  Medias b = mediasOf("h264_aac.mp4");     // 10 s: video + audio
+  Medias a = mediasOf("aac.m4a");       // 5 s
+  Medias b = mediasOf("h264_aac.mp4");  // 10 s: video + audio
   ASSERT_EQ(a.size(), 1u);
   ASSERT_EQ(b.size(), 2u);
   const int64_t lengthA = 5000000;
   a[0]->setMovie_position(10000000);
-  for (auto& m : b) m->setMovie_position(12000000);
+  for (auto& m : b)
+    m->setMovie_position(12000000);
   Medias all = {a[0], b[0], b[1]};
   movie->openMedias(all);
   ASSERT_NEAR(a[0]->duration(), lengthA, 50000);

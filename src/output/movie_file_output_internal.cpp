@@ -16,10 +16,10 @@ extern "C" {
 }
 
 #include "core/codec_lock.h"
-#include "effects/image_colorspace_converter.h"
 #include "ffmpeg/error.h"
+#include "image/bitmap_context.h"
 #include "output/audio_converter.h"
-#include "platform/bitmap_context.h"
+#include "output/image_colorspace_converter.h"
 
 namespace {
 

@@ -18,11 +18,11 @@ extern "C" {
 }
 
 #include "audio_analysis.h"
+#include "image/bitmap_context.h"
+#include "image/bitmap_image.h"
+#include "image/filter_image.h"
 #include "output/audio_converter.h"
 #include "output/movie_file_output_internal.h"
-#include "platform/bitmap_context.h"
-#include "platform/bitmap_image.h"
-#include "platform/filter_image.h"
 #include "test_support.h"
 
 namespace {
@@ -146,7 +146,9 @@ struct Case {
 };
 
 // Test logs name a case by its file.
-void PrintTo(const Case& c, std::ostream* os) { *os << c.file; }
+void PrintTo(const Case& c, std::ostream* os) {
+  *os << c.file;
+}
 
 // Writes kFrames pictures and kSamples samples of tone through the writer,
 // interleaved frame by frame; the RGBA reference goes to reference.

@@ -47,7 +47,8 @@ int32_t vn_get_codec_id_by_name(const std::string& name) {
   std::transform(lower.begin(), lower.end(), lower.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   for (const auto& [known, id] : kNames) {
-    if (lower == known) return id;
+    if (lower == known)
+      return id;
   }
   return AV_CODEC_ID_NONE;
 }

@@ -30,11 +30,7 @@ extern "C" {
 }
 
 #include "cli.h"
-#include "core/serial_queue.h"
-#include "effects/preset_image.h"
 #include "input.h"
-#include "platform/pixel_buffer.h"
-#include "platform/text_image.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -336,10 +332,7 @@ std::optional<FilterImage> fitted(const Picture& picture, int width, int height)
   const FilterImage scaled =
       picture.image.translated(-e.x, -e.y)
           .transformed(vn::AffineTransform::identity().scaled(w / e.width, h / e.height));
-  vn::PixelBuffer pixels = scaled.renderPixels(Rect{0, 0, double(w), double(h)});
-  if (pixels.pixels.empty())
-    return std::nullopt;
-  return FilterImage::fromPixels(std::make_shared<const vn::PixelBuffer>(std::move(pixels)));
+  return scaled.rendered(Rect{0, 0, double(w), double(h)});
 }
 
 FilterImage blackOver(const FilterImage& image, int width, int height) {

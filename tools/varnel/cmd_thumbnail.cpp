@@ -21,7 +21,6 @@
 #include "disc.h"
 #include "input.h"
 #include "picture.h"
-#include "platform/text_image.h"
 #include "subtitles.h"
 #include "varnel.h"
 

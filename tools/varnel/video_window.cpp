@@ -12,8 +12,8 @@
 #include <deque>
 #include <mutex>
 
-#include "ffmpeg/owners.h"
 #include "input.h"
+#include "varnel.h"
 
 extern "C" {
 #include <libswscale/swscale.h>

@@ -1,0 +1,101 @@
+#include "audio_out/audio_device.h"
+
+#include <SDL.h>
+
+#include <cstring>
+#include <mutex>
+
+namespace vn {
+
+namespace {
+
+// SDL's audio subsystem is set up once per process and kept until exit;
+// a failed set-up is tried again by the next open.
+bool initializeAudio(std::string* reason) {
+  static std::mutex lock;
+  static bool initialized = false;
+  std::lock_guard<std::mutex> guard(lock);
+  if (initialized)
+    return true;
+  // The audio subsystem brings up SDL's events, which would otherwise take
+  // over SIGINT and SIGTERM from the application.
+  SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+  SDL_SetHintWithPriority(SDL_HINT_AUDIO_DEVICE_APP_NAME, "varnel", SDL_HINT_DEFAULT);
+  if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
+    *reason = std::string("no sound device: ") + SDL_GetError();
+    return false;
+  }
+  initialized = true;
+  return true;
+}
+
+}  // namespace
+
+AudioDevice::AudioDevice(Render render, void* context) : render_(render), context_(context) {}
+
+AudioDevice::~AudioDevice() {
+  close();
+}
+
+bool AudioDevice::open() {
+  if (isOpen())
+    return true;
+  if (!initializeAudio(&failureReason_))
+    return false;
+  SDL_AudioSpec want;
+  std::memset(&want, 0, sizeof want);
+  want.freq = kSampleRate;
+  want.format = AUDIO_F32SYS;
+  want.channels = kChannels;
+  want.samples = kFramesPerCallback;
+  want.callback = &AudioDevice::callback;
+  want.userdata = this;
+  SDL_AudioSpec have;
+  // No change allowed: when the hardware differs, SDL converts behind the
+  // callback, which always sees this format and this many frames.
+  const SDL_AudioDeviceID id = SDL_OpenAudioDevice(nullptr, 0, &want, &have, 0);
+  if (id == 0) {
+    failureReason_ = std::string("no sound device: ") + SDL_GetError();
+    return false;
+  }
+  device_ = id;
+  return true;
+}
+
+void AudioDevice::close() {
+  if (device_ != 0)
+    SDL_CloseAudioDevice(device_);
+  device_ = 0;
+}
+
+bool AudioDevice::isOpen() const {
+  return device_ != 0;
+}
+
+bool AudioDevice::start() {
+  if (device_ == 0) {
+    failureReason_ = "the sound device is not open";
+    return false;
+  }
+  SDL_PauseAudioDevice(device_, 0);
+  return true;
+}
+
+void AudioDevice::stop() {
+  // SDL pauses under the lock it holds around each render call, so no call
+  // is in progress once this returns.
+  if (device_ != 0)
+    SDL_PauseAudioDevice(device_, 1);
+}
+
+bool AudioDevice::isRunning() const {
+  return device_ != 0 && SDL_GetAudioDeviceStatus(device_) == SDL_AUDIO_PLAYING;
+}
+
+void AudioDevice::callback(void* self, uint8_t* stream, int length) {
+  auto* device = static_cast<AudioDevice*>(self);
+  const int32_t frames = length / static_cast<int32_t>(kChannels * sizeof(float));
+  device->render_(device->context_, reinterpret_cast<float*>(stream), frames);
+}
+
+}  // namespace vn

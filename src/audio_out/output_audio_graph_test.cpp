@@ -1,0 +1,445 @@
+#include "audio_out/output_audio_graph.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <numbers>
+#include <vector>
+
+#include "audio_out/audio_device.h"
+#include "core/log.h"
+#include "core/serial_queue.h"
+#include "test_support.h"
+
+namespace {
+
+constexpr int32_t kChunkFrames = 2048;  // what the movie appends at a time
+constexpr int32_t kRate = VNAudioGraph::kSampleRate;
+
+// The samples a test feeds: frame i of a recognisable ramp, or of a tone.
+using Signal = float (*)(int64_t frame, int channel);
+
+float ramp(int64_t frame, int channel) {
+  const float v = static_cast<float>(frame % 60000 + 1) / 65536.0f;
+  return channel == 0 ? v : -v;
+}
+
+float tone440(int64_t frame, int /*channel*/) {
+  return 0.5f * static_cast<float>(std::sin(2 * std::numbers::pi * 440.0 * frame / kRate));
+}
+
+std::vector<float> frames(Signal signal, int64_t first, int32_t count) {
+  std::vector<float> out(2 * static_cast<size_t>(count));
+  for (int32_t i = 0; i < count; ++i) {
+    out[2 * i] = signal(first + i, 0);
+    out[2 * i + 1] = signal(first + i, 1);
+  }
+  return out;
+}
+
+// Frequency of the left channel from its rising zero crossings.
+double frequency(const std::vector<float>& stereo) {
+  int crossings = 0;
+  for (size_t i = 2; i < stereo.size(); i += 2) {
+    if (stereo[i - 2] < 0 && stereo[i] >= 0)
+      ++crossings;
+  }
+  return crossings * static_cast<double>(kRate) / static_cast<double>(stereo.size() / 2);
+}
+
+// Stands in for the movie when the graph is driven offline: counts the
+// top-up requests and, if it has a signal, tops the FIFO up at once by the
+// movie's rule (one chunk while fewer than a chunk's worth are buffered).
+struct InlineMovie : VNOutputAudioGraphDelegate {
+  void decodeMoreAudioDataToAudioOutput() override {
+    ++requests;
+    if (!signal || graph->bufferFrames() >= kChunkFrames)
+      return;
+    const std::vector<float> chunk = frames(signal, produced, kChunkFrames);
+    graph->writeSample(chunk.data(), kChunkFrames);
+    produced += kChunkFrames;
+  }
+
+  VNOutputAudioGraph* graph = nullptr;
+  Signal signal = nullptr;
+  int64_t produced = 0;
+  int requests = 0;
+};
+
+class OutputAudioGraphTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    graph_ = VNOutputAudioGraph::create();
+    movie_.graph = graph_.get();
+    graph_->setDelegate(&movie_);
+  }
+
+  // One render call of the whole chain, as the device makes it.
+  std::vector<float> render(int32_t count, float fill = 9.0f) {
+    std::vector<float> out(2 * static_cast<size_t>(count), fill);
+    vn::AudioBuffer buffer{2, static_cast<uint32_t>(out.size() * sizeof(float)), out.data()};
+    EXPECT_TRUE(graph_->renderNode(graph_->outputNode(), vn::AudioBufferList(&buffer, 1), count));
+    return out;
+  }
+
+  void fill(int32_t count) {
+    const std::vector<float> data = frames(ramp, 0, count);
+    graph_->writeSample(data.data(), count);
+  }
+
+  std::shared_ptr<VNOutputAudioGraph> graph_;
+  InlineMovie movie_;
+};
+
+bool isSilent(const std::vector<float>& out) {
+  for (float s : out) {
+    if (s != 0.0f)
+      return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// A render call asks for one top-up and plays only whole answers: a FIFO
+// short of the frames asked for is emptied all the same and gives silence.
+TEST_F(OutputAudioGraphTest, RenderIsAllOrNothing) {
+  struct Case {
+    int32_t buffered;
+    int32_t asked;
+    bool plays;
+    uint64_t left;
+  };
+  for (const Case& c : {Case{0, 1024, false, 0}, Case{1000, 1024, false, 0},
+                        Case{1024, 1024, true, 0}, Case{3000, 1024, true, 1976}}) {
+    graph_->clearBuffer();
+    fill(c.buffered);
+    const int requestsBefore = movie_.requests;
+    const std::vector<float> out = render(c.asked);
+    EXPECT_EQ(movie_.requests - requestsBefore, 1) << c.buffered;
+    EXPECT_EQ(isSilent(out), !c.plays) << c.buffered;
+    if (c.plays) {
+      EXPECT_EQ(out, frames(ramp, 0, c.asked)) << c.buffered;
+    }
+    EXPECT_EQ(graph_->bufferFrames(), c.left) << c.buffered;
+  }
+}
+
+// At rate 1.0 and full volume, chunk after chunk comes out bit for bit, with
+// the FIFO never holding two chunks.
+TEST_F(OutputAudioGraphTest, NormalRatePlaysChunksBackToBack) {
+  movie_.signal = ramp;
+  int64_t played = 0;
+  for (int call = 0; call < 60; ++call) {
+    const int32_t count = call % 3 == 0 ? 700 : 512;
+    EXPECT_EQ(render(count), frames(ramp, played, count)) << "call " << call;
+    played += count;
+    EXPECT_LT(graph_->bufferFrames(), 2u * kChunkFrames);
+  }
+  EXPECT_EQ(movie_.produced - static_cast<int64_t>(graph_->bufferFrames()), played);
+}
+
+TEST_F(OutputAudioGraphTest, VolumeScalesTheOutput) {
+  EXPECT_EQ(graph_->volume(), 1.0f);
+  graph_->setVolume(0.25f);
+  EXPECT_EQ(graph_->volume(), 0.25f);
+  movie_.signal = ramp;
+  const std::vector<float> out = render(512);
+  const std::vector<float> in = frames(ramp, 0, 512);
+  for (size_t i = 0; i < in.size(); ++i)
+    ASSERT_EQ(out[i], in[i] * 0.25f) << i;
+
+  graph_->setVolume(3.0f);  // a device level is at most 1
+  EXPECT_EQ(graph_->volume(), 1.0f);
+}
+
+// Speed changes without pitch change: a 440 Hz tone stays at 440 Hz while
+// the FIFO is drained rate times as fast as the output plays.
+TEST_F(OutputAudioGraphTest, RateChangesSpeedNotPitch) {
+  movie_.signal = tone440;
+  for (float rate : {0.5f, 1.5f, 2.0f}) {
+    graph_->clearBuffer();
+    graph_->setRate(rate);
+    EXPECT_EQ(graph_->rate(), rate);
+    // Let the time-pitch unit fill up, then measure over three seconds.
+    for (int i = 0; i < 40; ++i)
+      render(512);
+    const int64_t consumedBefore = movie_.produced - static_cast<int64_t>(graph_->bufferFrames());
+    std::vector<float> played;
+    for (int i = 0; i < 3 * kRate / 512; ++i) {
+      const std::vector<float> out = render(512);
+      played.insert(played.end(), out.begin(), out.end());
+    }
+    const int64_t consumed =
+        movie_.produced - static_cast<int64_t>(graph_->bufferFrames()) - consumedBefore;
+    EXPECT_NEAR(static_cast<double>(consumed) / static_cast<double>(played.size() / 2), rate,
+                0.02 * rate);
+    EXPECT_NEAR(frequency(played), 440.0, 4.0) << "rate " << rate;
+  }
+}
+
+// The graph refuses shapes it could not render and forgets removed units.
+TEST(AudioGraphTest, ShapesThatCannotRenderAreRefused) {
+  auto graph = VNAudioGraph::create();
+  EXPECT_EQ(graph->createAUNode(vn::fourCC("aumx"), vn::fourCC("mcmx")), 0);
+  const int32_t a =
+      graph->createAUNode(VNAudioGraph::kTypeFormatConverter, VNAudioGraph::kSubTypeConverter);
+  const int32_t b =
+      graph->createAUNode(VNAudioGraph::kTypeFormatConverter, VNAudioGraph::kSubTypeTimePitch);
+  ASSERT_NE(a, 0);
+  ASSERT_NE(b, 0);
+  graph->connectNode(a, b);
+  graph->connectNode(b, a);  // would close a loop
+  graph->connectNode(a, a);
+  std::vector<float> out(2 * 64, 9.0f);
+  vn::AudioBuffer buffer{2, static_cast<uint32_t>(out.size() * sizeof(float)), out.data()};
+  EXPECT_TRUE(graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 64));
+  EXPECT_TRUE(isSilent(out));  // a has no input: silence
+
+  // The base graph answers no render callback: silence, not stale bytes.
+  graph->setInputCallbackForNode(a);
+  std::fill(out.begin(), out.end(), 9.0f);
+  EXPECT_TRUE(graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 64));
+  EXPECT_TRUE(isSilent(out));
+
+  graph->removeAUNode(a);
+  EXPECT_EQ(graph->audioUnitForNode(a), nullptr);
+  std::fill(out.begin(), out.end(), 9.0f);
+  EXPECT_TRUE(graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 64));
+  EXPECT_TRUE(isSilent(out));
+  EXPECT_FALSE(graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 65));  // too small
+  // Without an output unit there is nothing to start.
+  graph->start();
+  EXPECT_FALSE(graph->isStart());
+  EXPECT_EQ(graph->failureReason(), "the audio graph has no output unit");
+}
+
+// ---- playback on the device thread, fed from a decode queue ----------------
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Stands in for the movie during real playback: each request posts one
+// top-up item on a decode queue, which appends a chunk while fewer than a
+// chunk's worth are buffered, until it has made chunkLimit chunks. On the
+// device thread it notes the operator new calls made outside its own post.
+class QueuedMovie : public VNOutputAudioGraphDelegate {
+ public:
+  static constexpr int kRecords = 4096;
+
+  // clearBefore: the index of a chunk before which the buffered samples are
+  // dropped, as a seek does; -1 for none.
+  QueuedMovie(VNOutputAudioGraph* graph, Signal signal, int chunkLimit, int clearBefore)
+      : graph_(graph), signal_(signal), chunkLimit_(chunkLimit), clearBefore_(clearBefore) {}
+
+  void decodeMoreAudioDataToAudioOutput() override {
+    const uint64_t before = vn::test::allocationCount();
+    const int n = requests_.load(std::memory_order_relaxed);
+    queue_.addOperation([this] { topUp(); });
+    const uint64_t after = vn::test::allocationCount();
+    if (n > 0 && n < kRecords) {
+      outside_[n] = before - lastAfter_;
+      inPost_[n] = after - before;
+    }
+    lastAfter_ = after;
+    requests_.store(n + 1, std::memory_order_release);
+  }
+
+  // Waits until every chunk was made and played; false after 20 s.
+  bool waitUntilPlayedOut() {
+    return playedOut_.get_future().wait_for(20s) == std::future_status::ready;
+  }
+
+  // After the graph stopped: the allocations noted for requests from..end.
+  uint64_t allocationsOutsidePosts(int from) {
+    uint64_t sum = 0;
+    for (int i = from; i < std::min(requests_.load(std::memory_order_acquire), kRecords); ++i)
+      sum += outside_[i];
+    return sum;
+  }
+  // The largest and the mean number of allocations of one post, from..end.
+  std::pair<uint64_t, double> allocationsInPosts(int from) {
+    const int end = std::min(requests_.load(std::memory_order_acquire), kRecords);
+    uint64_t most = 0, sum = 0;
+    for (int i = from; i < end; ++i) {
+      most = std::max(most, inPost_[i]);
+      sum += inPost_[i];
+    }
+    return {most, end > from ? static_cast<double>(sum) / (end - from) : 0.0};
+  }
+  int requests() const { return requests_.load(std::memory_order_acquire); }
+
+  void finish() { queue_.waitUntilAllOperationsAreFinished(); }
+  const std::vector<float>& producedSamples() const { return produced_; }
+
+ private:
+  void topUp() {  // decode queue
+    if (chunks_ < chunkLimit_ && graph_->bufferFrames() < kChunkFrames) {
+      if (chunks_ == clearBefore_) {
+        graph_->clearBuffer();
+        produced_.clear();
+      }
+      const std::vector<float> chunk =
+          frames(signal_, int64_t{chunks_} * kChunkFrames, kChunkFrames);
+      graph_->writeSample(chunk.data(), kChunkFrames);
+      produced_.insert(produced_.end(), chunk.begin(), chunk.end());
+      ++chunks_;
+    }
+    if (chunks_ == chunkLimit_ && graph_->bufferFrames() == 0 && !playedOutSet_) {
+      playedOutSet_ = true;
+      playedOut_.set_value();
+    }
+  }
+
+  VNOutputAudioGraph* const graph_;  // outlives this
+  const Signal signal_;
+  const int chunkLimit_;
+  const int clearBefore_;
+  // Device thread.
+  uint64_t lastAfter_ = 0;
+  std::array<uint64_t, kRecords> outside_{};  // allocations between two posts
+  std::array<uint64_t, kRecords> inPost_{};   // allocations of one post
+  std::atomic<int> requests_{0};
+  // Decode queue.
+  int chunks_ = 0;
+  bool playedOutSet_ = false;
+  std::promise<void> playedOut_;
+  std::vector<float> produced_;  // since the last clear
+  vn::SerialQueue queue_{"test decode"};
+};
+
+class PlaybackDeviceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    recording_ = vn::test::scratchDir() + "/" +
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".raw";
+    // The disk driver records what the device plays, in real time.
+    setenv("SDL_AUDIODRIVER", "disk", 1);
+    setenv("SDL_DISKAUDIOFILE", recording_.c_str(), 1);
+    unsetenv("SDL_DISKAUDIODELAY");
+    graph_ = VNOutputAudioGraph::create();
+  }
+
+  void play(Signal signal, int chunks, int clearBefore = -1) {
+    movie_ = std::make_unique<QueuedMovie>(graph_.get(), signal, chunks, clearBefore);
+    graph_->setDelegate(movie_.get());
+    graph_->start();
+    ASSERT_TRUE(graph_->isStart()) << graph_->failureReason();
+  }
+
+  void TearDown() override {
+    graph_->stop();
+    if (movie_)
+      movie_->finish();
+  }
+
+  // What the device played, from the first sound on.
+  std::vector<float> recorded() {
+    std::ifstream in(recording_, std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<float> samples(bytes.size() / sizeof(float));
+    std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
+    const auto first = std::find_if(samples.begin(), samples.end(), [](float s) { return s != 0; });
+    return std::vector<float>(samples.begin() + (first - samples.begin()) / 2 * 2, samples.end());
+  }
+
+  std::string recording_;
+  std::shared_ptr<VNOutputAudioGraph> graph_;
+  std::unique_ptr<QueuedMovie> movie_;
+};
+
+}  // namespace
+
+// What the device played is exactly what the decode queue made, chunk after
+// chunk with nothing lost or repeated at the joins, and the device thread
+// allocated nothing but the top-up posts.
+TEST_F(PlaybackDeviceTest, PlaysExactlyWhatWasProduced) {
+  constexpr int kChunks = 16;  // about 0.75 s
+  play(ramp, kChunks);
+  ASSERT_TRUE(movie_->waitUntilPlayedOut());
+  graph_->stop();  // closes the recording
+  movie_->finish();
+
+  std::vector<float> played = recorded();
+  const std::vector<float>& produced = movie_->producedSamples();
+  ASSERT_GE(played.size(), produced.size());
+  if (vn::test::kRealTime) {
+    EXPECT_TRUE(std::equal(produced.begin(), produced.end(), played.begin()));
+    EXPECT_TRUE(std::all_of(played.begin() + static_cast<ptrdiff_t>(produced.size()), played.end(),
+                            [](float s) { return s == 0; }));
+  }
+
+  EXPECT_EQ(movie_->allocationsOutsidePosts(10), 0u);
+  const auto [most, mean] = movie_->allocationsInPosts(10);
+  std::printf("a top-up post on the device thread: %.2f operator new calls (at most %llu)\n", mean,
+              static_cast<unsigned long long>(most));
+}
+
+// Stopping keeps the FIFO: what was not played waits, in order, for the next
+// start.
+TEST_F(PlaybackDeviceTest, StopAndPlayAgainKeepTheFifo) {
+  constexpr int32_t kWritten = 16 * 1024;
+  const std::vector<float> data = frames(ramp, 0, kWritten);
+  graph_->writeSample(data.data(), kWritten);
+  play(nullptr, 0);  // the queue makes nothing
+  for (int round = 0; round < 2; ++round) {
+    if (round > 0)
+      graph_->start();
+    EXPECT_TRUE(graph_->isStart());
+    graph_->stop();
+    EXPECT_FALSE(graph_->isStart());
+    // Each render call took one device call's worth; the rest waits.
+    EXPECT_EQ(graph_->bufferFrames(), kWritten - static_cast<uint64_t>(movie_->requests()) *
+                                                     vn::AudioDevice::kFramesPerCallback);
+  }
+  const auto left = static_cast<int32_t>(graph_->bufferFrames());
+  std::vector<float> rest(2 * static_cast<size_t>(left));
+  ASSERT_TRUE(graph_->readSample(rest.data(), left));
+  EXPECT_EQ(rest, frames(ramp, kWritten - left, left));
+}
+
+// Stretched, scaled playback with a seek in the middle: the tone keeps its
+// pitch, and once the time-pitch unit has filled, the device thread
+// allocates nothing but the top-up posts.
+TEST_F(PlaybackDeviceTest, RateVolumeAndSeekWhilePlaying) {
+  graph_->setRate(1.5f);
+  graph_->setVolume(0.5f);
+  play(tone440, 24, 12);
+  ASSERT_TRUE(movie_->waitUntilPlayedOut());
+  graph_->stop();
+  movie_->finish();
+
+  EXPECT_EQ(movie_->allocationsOutsidePosts(40), 0u);
+  std::vector<float> played = recorded();
+  ASSERT_GT(played.size(), 2u * kRate / 2);
+  played.resize(2 * kRate / 2);
+  if (vn::test::kRealTime) {
+    EXPECT_NEAR(frequency(played), 440.0, 4.0);
+  }
+  const float peak = *std::max_element(played.begin(), played.end());
+  EXPECT_NEAR(peak, 0.25f, 0.05f);
+}
+
+// A device that cannot open leaves the graph stopped, logs both start steps
+// and keeps the reason for the front end.
+TEST_F(PlaybackDeviceTest, StartFailureIsLoggedAndKept) {
+  setenv("SDL_DISKAUDIOFILE", "/nonexistent-dir/out.raw", 1);
+  std::vector<std::string> lines;
+  vn_set_log_handler([&](const std::string& line) { lines.push_back(line); });
+  graph_->start();
+  vn_set_log_handler(nullptr);
+  EXPECT_FALSE(graph_->isStart());
+  EXPECT_EQ(lines, (std::vector<std::string>{"AUGraphInitialize (graph)", "AUGraphStart(graph)"}));
+  EXPECT_EQ(graph_->failureReason().rfind("no sound device: ", 0), 0u) << graph_->failureReason();
+}

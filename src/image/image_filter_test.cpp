@@ -1,0 +1,464 @@
+#include "image/image_filter.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <functional>
+#include <numbers>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "image/srgb.h"
+
+namespace {
+
+using vn::FilterImage;
+using vn::FilterValue;
+using vn::FilterVector;
+using vn::ImageFilter;
+using vn::Rect;
+using Color = FilterImage::Color;
+using Px = std::array<int, 4>;  // 8-bit RGBA, straight alpha
+using Settings = std::vector<std::pair<std::string, FilterValue>>;
+
+constexpr double kPi = std::numbers::pi;
+
+// A width x height picture at (0, 0); fill gives the colour of each pixel by
+// its picture-space position (x, y of its bottom-left corner, y up).
+FilterImage picture(int width, int height, const std::function<Px(int x, int y)>& fill) {
+  std::vector<uint8_t> bytes(static_cast<size_t>(width) * height * 4);
+  for (int row = 0; row < height; ++row) {
+    for (int x = 0; x < width; ++x) {
+      const Px p = fill(x, height - 1 - row);
+      for (int i = 0; i < 4; ++i)
+        bytes[(static_cast<size_t>(row) * width + x) * 4 + i] = static_cast<uint8_t>(p[i]);
+    }
+  }
+  return *FilterImage::fromRaster(bytes.data(), width, height, width * 4,
+                                  FilterImage::ByteOrder::RGBA);
+}
+
+FilterImage uniform(int width, int height, Px p) {
+  return picture(width, height, [p](int, int) { return p; });
+}
+
+// The pixel whose bottom-left corner is (x, y) in picture space.
+Px pixelAt(const FilterImage& image, int x, int y) {
+  const std::vector<uint8_t> bytes = image.render(Rect{double(x), double(y), 1, 1});
+  if (bytes.size() != 4)
+    return {-1, -1, -1, -1};
+  return {bytes[0], bytes[1], bytes[2], bytes[3]};
+}
+
+// A filter from the registry with settings applied in order.
+std::shared_ptr<ImageFilter> makeFilter(const std::string& name, const Settings& settings) {
+  std::shared_ptr<ImageFilter> filter = ImageFilter::withName(name);
+  EXPECT_TRUE(filter) << name;
+  if (!filter)
+    return nullptr;
+  for (const auto& [key, value] : settings)
+    EXPECT_TRUE(filter->setValue(key, value)) << name << " " << key;
+  return filter;
+}
+
+FilterImage filtered(const std::string& name, const Settings& settings, const FilterImage& in) {
+  std::shared_ptr<ImageFilter> filter = makeFilter(name, settings);
+  if (!filter)
+    return in;
+  filter->setValue(vn::kInputImageKey, in);
+  std::optional<FilterImage> out = filter->outputImage();
+  EXPECT_TRUE(out) << name;
+  return out ? *out : in;
+}
+
+void expectExtent(const FilterImage& image, Rect r, double tolerance = 1e-9) {
+  const Rect e = image.extent();
+  EXPECT_NEAR(e.x, r.x, tolerance);
+  EXPECT_NEAR(e.y, r.y, tolerance);
+  EXPECT_NEAR(e.width, r.width, tolerance);
+  EXPECT_NEAR(e.height, r.height, tolerance);
+}
+
+// The sRGB colour whose decoded value is the linear l.
+double encoded(double l) {
+  return vn::srgbOetf(l);
+}
+
+int code(double linear) {
+  return vn::linearToSrgb(static_cast<float>(linear));
+}
+
+}  // namespace
+
+TEST(ImageFilterTest, NeutralSettingsKeepEveryCode) {
+  // Every code in every channel, and a second row with the channels swapped.
+  const FilterImage in = picture(256, 2, [](int x, int y) {
+    return y == 0 ? Px{x, 255 - x, (x * 7) & 255, 255} : Px{(x * 7) & 255, x, 255 - x, 255};
+  });
+  const std::vector<uint8_t> expected = in.render();
+  const struct {
+    const char* name;
+    Settings settings;
+  } cases[] = {
+      {"ColorControls", {}},
+      {"ColorControls", {{vn::kInputSaturationKey, 1.0}, {vn::kInputContrastKey, 1.0}}},
+      {"HueAdjust", {}},
+      {"ExposureAdjust", {}},
+      {"ColorMonochrome", {{vn::kInputIntensityKey, 0.0}}},
+      {"SepiaTone", {{vn::kInputIntensityKey, 0.0}}},
+      {"Bloom", {{vn::kInputIntensityKey, 0.0}}},
+      {"Gloom", {{vn::kInputIntensityKey, 0.0}}},
+      {"GaussianBlur", {{vn::kInputRadiusKey, 0.1}}},
+      {"SharpenLuminance", {{vn::kInputSharpnessKey, 0.0}}},
+  };
+  for (const auto& c : cases) {
+    const FilterImage out = filtered(c.name, c.settings, in);
+    expectExtent(out, in.extent());
+    EXPECT_EQ(out.render(), expected) << c.name;
+  }
+}
+
+TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
+  const Settings none;
+  const struct {
+    const char* name;
+    Settings settings;
+    Px in;
+    Px out;
+  } cases[] = {
+      // Saturation, brightness and contrast work on linear light about the
+      // linear mid-grey, in that order.
+      {"ColorControls", {{vn::kInputSaturationKey, 0.0}}, {255, 0, 0, 255}, {127, 127, 127, 255}},
+      {"ColorControls", {{vn::kInputSaturationKey, 1.5}}, {200, 100, 50, 255}, {226, 81, 0, 255}},
+      {"ColorControls", {{vn::kInputBrightnessKey, 0.1}}, {0, 0, 0, 255}, {89, 89, 89, 255}},
+      {"ColorControls",
+       {{vn::kInputBrightnessKey, -0.4}},
+       {255, 255, 255, 255},
+       {203, 203, 203, 255}},
+      {"ColorControls", {{vn::kInputContrastKey, 2.0}}, {128, 128, 128, 255}, {0, 0, 0, 255}},
+      {"ColorControls", {{vn::kInputContrastKey, 2.0}}, {200, 200, 200, 255}, {212, 212, 212, 255}},
+      {"ColorControls",
+       {{vn::kInputSaturationKey, 1.2},
+        {vn::kInputBrightnessKey, 0.05},
+        {vn::kInputContrastKey, 1.1}},
+       {180, 120, 60, 255},
+       {197, 124, 30, 255}},
+      // Hue turns about the grey axis; positive angles take red to green.
+      {"HueAdjust", {{vn::kInputAngleKey, 2 * kPi / 3}}, {255, 0, 0, 255}, {0, 255, 0, 255}},
+      {"HueAdjust", {{vn::kInputAngleKey, kPi / 3}}, {255, 0, 0, 255}, {213, 213, 0, 255}},
+      {"HueAdjust", {{vn::kInputAngleKey, -kPi / 3}}, {255, 0, 0, 255}, {213, 0, 213, 255}},
+      {"HueAdjust", {{vn::kInputAngleKey, kPi}}, {255, 0, 0, 255}, {0, 213, 213, 255}},
+      {"HueAdjust", {{vn::kInputAngleKey, kPi / 2}}, {200, 100, 50, 255}, {121, 197, 0, 255}},
+      {"HueAdjust", {{vn::kInputAngleKey, 1.0}}, {128, 128, 128, 255}, {128, 128, 128, 255}},
+      // Inversion of linear, unpremultiplied colour.
+      {"ColorInvert", none, {128, 128, 128, 255}, {229, 229, 229, 255}},
+      {"ColorInvert", none, {200, 100, 50, 255}, {174, 240, 251, 255}},
+      {"ColorInvert", none, {255, 0, 0, 255}, {0, 255, 255, 255}},
+      {"ColorInvert", none, {255, 0, 0, 128}, {0, 255, 255, 128}},
+      {"ExposureAdjust", {{vn::kInputEVKey, 1.0}}, {128, 128, 128, 255}, {176, 176, 176, 255}},
+      {"ExposureAdjust", {{vn::kInputEVKey, -1.0}}, {255, 255, 255, 255}, {188, 188, 188, 255}},
+      {"ExposureAdjust", {{vn::kInputEVKey, 0.5}}, {100, 100, 100, 255}, {118, 118, 118, 255}},
+      {"ExposureAdjust", {{vn::kInputEVKey, -2.0}}, {64, 128, 192, 255}, {30, 66, 102, 255}},
+      // Monochrome with its default colour (0.6, 0.45, 0.3).
+      {"ColorMonochrome", none, {128, 128, 128, 255}, {104, 77, 50, 255}},
+      {"ColorMonochrome",
+       {{vn::kInputIntensityKey, 0.5}},
+       {128, 128, 128, 255},
+       {117, 106, 99, 255}},
+      {"ColorMonochrome", none, {255, 0, 0, 255}, {103, 76, 49, 255}},
+      {"ColorMonochrome", none, {230, 230, 230, 255}, {220, 211, 205, 255}},
+      {"ColorMonochrome", none, {255, 255, 255, 255}, {255, 255, 255, 255}},
+      {"ColorMonochrome", none, {0, 0, 0, 255}, {0, 0, 0, 255}},
+      {"SepiaTone", none, {255, 255, 255, 255}, {255, 255, 248, 255}},
+      {"SepiaTone", {{vn::kInputIntensityKey, 0.5}}, {255, 255, 255, 255}, {255, 255, 251, 255}},
+      {"SepiaTone", none, {128, 128, 128, 255}, {147, 139, 124, 255}},
+      {"SepiaTone", none, {200, 100, 50, 255}, {156, 148, 132, 255}},
+  };
+  for (const auto& c : cases) {
+    const FilterImage out = filtered(c.name, c.settings, uniform(2, 2, c.in));
+    expectExtent(out, Rect{0, 0, 2, 2});
+    EXPECT_EQ(pixelAt(out, 1, 1), c.out)
+        << c.name << " on " << c.in[0] << "," << c.in[1] << "," << c.in[2] << "," << c.in[3];
+  }
+}
+
+TEST(ImageFilterTest, PositionedPointFiltersMatchReferenceColours) {
+  const Px white = {255, 255, 255, 255};
+  const Px grey128 = {128, 128, 128, 255};
+  const Px grey188 = {188, 188, 188, 255};
+  const Settings screen = {{vn::kInputCenterKey, FilterVector::xy(0, 0)},
+                           {vn::kInputAngleKey, 0.0},
+                           {vn::kInputWidthKey, 6.0},
+                           {vn::kInputSharpnessKey, 0.7}};
+  Settings screenAcross = screen;
+  screenAcross[1].second = kPi / 2;
+  Settings screenHard = screen;
+  screenHard[3].second = 1.0;
+  const Settings redLight = {{vn::kInputColorKey, Color{1, 0, 0, 1}}};
+  const struct {
+    const char* name;
+    Settings settings;
+    int size;  // of a square uniform picture
+    Px in;
+    int x, y;  // picture space
+    Px out;
+  } cases[] = {
+      // The spotlight's defaults on a 400 x 400 picture; y is up, so raster
+      // row 399 is y = 0.
+      {"SpotLight", {}, 400, white, 199, 200, {250, 250, 250, 255}},
+      {"SpotLight", {}, 400, white, 0, 0, {193, 193, 193, 255}},
+      {"SpotLight", {}, 400, white, 399, 399, {179, 179, 179, 255}},
+      {"SpotLight", {}, 400, white, 300, 0, {180, 180, 180, 255}},
+      {"SpotLight", {}, 400, grey128, 199, 200, {125, 125, 125, 255}},
+      {"SpotLight", {}, 400, grey128, 0, 0, {95, 95, 95, 255}},
+      {"SpotLight", {}, 400, grey128, 399, 399, {88, 88, 88, 255}},
+      {"SpotLight", {}, 400, grey128, 300, 0, {88, 88, 88, 255}},
+      {"SpotLight", redLight, 400, white, 199, 200, {250, 0, 0, 255}},
+      // Horizontal lines through the origin, six pixels apart.
+      {"LineScreen", screen, 12, grey188, 0, 0, {0, 0, 0, 255}},
+      {"LineScreen", screen, 12, grey188, 0, 1, {189, 189, 189, 255}},
+      {"LineScreen", screen, 12, grey188, 0, 2, {255, 255, 255, 255}},
+      {"LineScreen", screen, 12, grey188, 0, 3, {255, 255, 255, 255}},
+      {"LineScreen", screen, 12, grey188, 0, 4, {189, 189, 189, 255}},
+      {"LineScreen", screen, 12, grey188, 0, 5, {0, 0, 0, 255}},
+      {"LineScreen", screen, 12, grey188, 0, 6, {0, 0, 0, 255}},
+      {"LineScreen", screen, 12, grey188, 5, 7, {189, 189, 189, 255}},
+      {"LineScreen", screen, 12, grey188, 0, 8, {255, 255, 255, 255}},
+      {"LineScreen", screenAcross, 12, grey188, 1, 0, {189, 189, 189, 255}},
+      {"LineScreen", screenHard, 12, grey188, 0, 1, {255, 255, 255, 255}},
+      {"LineScreen", screen, 12, {0, 0, 0, 255}, 0, 2, {0, 0, 0, 255}},
+  };
+  for (const auto& c : cases) {
+    const FilterImage out = filtered(c.name, c.settings, uniform(c.size, c.size, c.in));
+    expectExtent(out, Rect{0, 0, double(c.size), double(c.size)});
+    EXPECT_EQ(pixelAt(out, c.x, c.y), c.out) << c.name << " at " << c.x << "," << c.y;
+  }
+}
+
+TEST(ImageFilterTest, BlurGrowsTheExtentAndFadesToTransparent) {
+  // One white pixel in a transparent 7 x 7 field.
+  const FilterImage dot = picture(7, 7, [](int x, int y) {
+    return x == 3 && y == 3 ? Px{255, 255, 255, 255} : Px{0, 0, 0, 0};
+  });
+  const FilterImage blurredDot = filtered("GaussianBlur", {{vn::kInputRadiusKey, 1.0}}, dot);
+  expectExtent(blurredDot, Rect{-3, -3, 13, 13});
+  EXPECT_EQ(pixelAt(blurredDot, 3, 3), (Px{255, 255, 255, 41}));
+  EXPECT_EQ(pixelAt(blurredDot, 4, 3), (Px{255, 255, 255, 25}));
+  EXPECT_EQ(pixelAt(blurredDot, 3, 2), (Px{255, 255, 255, 25}));
+  EXPECT_EQ(pixelAt(blurredDot, 2, 4), (Px{255, 255, 255, 15}));
+
+  const FilterImage field = uniform(100, 100, {255, 255, 255, 255});
+  const FilterImage blurred = filtered("GaussianBlur", {{vn::kInputRadiusKey, 10.0}}, field);
+  expectExtent(blurred, Rect{-30, -30, 160, 160});
+  EXPECT_EQ(pixelAt(blurred, 0, 50), (Px{255, 255, 255, 133}));    // middle of an edge
+  EXPECT_EQ(pixelAt(blurred, 99, 0), (Px{255, 255, 255, 69}));     // corner
+  EXPECT_EQ(pixelAt(blurred, 50, 100), (Px{255, 255, 255, 122}));  // first row outside
+  EXPECT_EQ(pixelAt(blurred, 50, 50), (Px{255, 255, 255, 255}));
+  const FilterImage black = FilterImage::withColor(Color{0, 0, 0, 1}).cropped(blurred.extent());
+  const FilterImage flat =
+      filtered("SourceOverCompositing",
+               {{vn::kInputImageKey, blurred}, {vn::kInputBackgroundImageKey, black}}, blurred);
+  EXPECT_EQ(pixelAt(flat, 0, 50), (Px{191, 191, 191, 255}));
+}
+
+TEST(ImageFilterTest, NeighbourhoodFiltersMatchReferenceColours) {
+  const auto dotIn = [](Px field) {
+    return picture(21, 21, [field](int x, int y) {
+      return x == 10 && y == 10 ? Px{255, 255, 255, 255} : field;
+    });
+  };
+  // A black left half and a white right half.
+  const FilterImage step = picture(8, 4, [](int x, int) {
+    return x < 4 ? Px{0, 0, 0, 255} : Px{255, 255, 255, 255};
+  });
+  const FilterImage grey188 = uniform(8, 8, {188, 188, 188, 255});
+  const FilterImage grey128 = uniform(8, 8, {128, 128, 128, 255});
+  const Settings half = {{vn::kInputIntensityKey, 0.5}};
+  const Settings full = {{vn::kInputIntensityKey, 1.0}};
+  const Settings narrowHalf = {{vn::kInputRadiusKey, 1.0}, {vn::kInputIntensityKey, 0.5}};
+  // Red on the left half, blue on the right, cells centred on the middle.
+  const FilterImage halves = picture(32, 32, [](int x, int) {
+    return x < 16 ? Px{255, 0, 0, 255} : Px{0, 0, 255, 255};
+  });
+  const Settings cells = {{vn::kInputCenterKey, FilterVector::xy(16, 16)},
+                          {vn::kInputScaleKey, 8.0}};
+  const struct {
+    const char* name;
+    Settings settings;
+    FilterImage in;
+    int x, y;
+    Px out;
+  } cases[] = {
+      // Luma detail is added to every channel, chroma kept.
+      {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 10, 10, {255, 255, 255, 255}},
+      {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 11, 10, {186, 186, 186, 255}},
+      {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 10, 9, {186, 186, 186, 255}},
+      {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 0, 0, {188, 188, 188, 255}},
+      {"SharpenLuminance", {}, dotIn({200, 100, 50, 255}), 9, 10, {198, 94, 36, 255}},
+      // A screen (bloom) or multiply (gloom) blend with a blurred copy.
+      {"Bloom", half, grey188, 4, 4, {208, 208, 208, 255}},
+      {"Gloom", half, grey188, 4, 4, {165, 165, 165, 255}},
+      {"Bloom", full, grey188, 0, 0, {225, 225, 225, 255}},
+      {"Gloom", full, grey188, 7, 7, {138, 138, 138, 255}},
+      {"Bloom", half, grey128, 4, 4, {149, 149, 149, 255}},
+      {"Gloom", half, grey128, 4, 4, {101, 101, 101, 255}},
+      {"Bloom", narrowHalf, step, 3, 1, {108, 108, 108, 255}},
+      {"Gloom", narrowHalf, step, 3, 1, {0, 0, 0, 255}},
+      {"Bloom", narrowHalf, step, 4, 1, {255, 255, 255, 255}},
+      {"Gloom", narrowHalf, step, 4, 1, {237, 237, 237, 255}},
+      // Each hexagonal cell holds the mean of its pixels.
+      {"HexagonalPixellate", cells, halves, 16, 16, {188, 0, 188, 255}},
+      {"HexagonalPixellate", cells, halves, 8, 16, {255, 0, 0, 255}},
+      {"HexagonalPixellate", cells, halves, 24, 16, {0, 0, 255, 255}},
+      {"HexagonalPixellate", cells, halves, 20, 22, {0, 0, 255, 255}},
+  };
+  for (const auto& c : cases) {
+    const FilterImage out = filtered(c.name, c.settings, c.in);
+    expectExtent(out, c.in.extent());
+    EXPECT_EQ(pixelAt(out, c.x, c.y), c.out) << c.name << " at " << c.x << "," << c.y;
+  }
+
+  // A uniform picture comes out unchanged from each of them.
+  const FilterImage plain = uniform(24, 24, {200, 100, 50, 255});
+  for (const char* name : {"SharpenLuminance", "HexagonalPixellate"})
+    EXPECT_EQ(filtered(name, {}, plain).render(), plain.render()) << name;
+}
+
+TEST(ImageFilterTest, HexagonalCellsAreAssignedToTheNearestCentre) {
+  // Every cell of a two-way gradient has its own mean, so two pixels have
+  // the same colour exactly when they lie in the same cell. Each case puts
+  // the point's offset from the centre at a pixel centre by moving the
+  // centre, then compares it with the pixel holding the expected cell's
+  // centre and with the one holding the nearest other candidate's.
+  const FilterImage gradient = picture(64, 64, [](int x, int y) {
+    return Px{x * 4, y * 4, 128, 255};
+  });
+  constexpr double h = std::numbers::sqrt3 / 2;
+  const struct {
+    double px, py;       // the point, with the centre at (150, 150)
+    int m, n;            // its cell
+    int otherM, otherN;  // a neighbouring candidate
+  } cases[] = {
+      {153.9, 150, 0, 0, 1, 0}, {154.1, 150, 1, 0, 0, 0}, {150.8, 154.8, 0, 1, 0, 0},
+      {146, 143, 0, -1, 0, 0},  {150, 157, -1, 1, 0, 1},  // a tie between (-1, 1) and (0, 1)
+  };
+  const double pixel = 32.5;  // the pixel centre that stands for the point
+  for (const auto& c : cases) {
+    const double cx = pixel - (c.px - 150), cy = pixel - (c.py - 150);
+    const FilterImage out = filtered(
+        "HexagonalPixellate",
+        {{vn::kInputCenterKey, FilterVector::xy(cx, cy)}, {vn::kInputScaleKey, 8.0}}, gradient);
+    const auto cellPixel = [&](int m, int n) {
+      return pixelAt(out, int(std::floor(cx + 8 * (m + n / 2.0))), int(std::floor(cy + 8 * n * h)));
+    };
+    EXPECT_EQ(pixelAt(out, 32, 32), cellPixel(c.m, c.n)) << c.px << "," << c.py;
+    EXPECT_NE(pixelAt(out, 32, 32), cellPixel(c.otherM, c.otherN)) << c.px << "," << c.py;
+  }
+}
+
+TEST(ImageFilterTest, CompositingFollowsPorterDuffInLinearLight) {
+  const auto colored = [](double r, double g, double b, double a) {
+    return FilterImage::withColor(Color{r, g, b, a}).cropped(Rect{0, 0, 4, 4});
+  };
+  const FilterImage blue = uniform(4, 4, {0, 0, 255, 255});
+  // Two half-covering layers given in linear light.
+  const FilterImage s = colored(encoded(0.8), encoded(0.2), encoded(0.1), 0.5);
+  const FilterImage d = colored(encoded(0.1), encoded(0.3), encoded(0.9), 0.5);
+  const Px mixed = {code(0.425 / 0.75), code(0.175 / 0.75), code(0.275 / 0.75), 191};
+  const struct {
+    const char* name;
+    FilterImage source, background;
+    Px out;
+  } cases[] = {
+      {"SourceOverCompositing", uniform(4, 4, {255, 0, 0, 128}), blue, {188, 0, 187, 255}},
+      {"SourceOverCompositing", s, d, mixed},
+      {"SourceInCompositing", colored(0, 1, 0, 1), uniform(4, 4, {9, 9, 9, 64}), {0, 255, 0, 64}},
+      {"SourceOverCompositing", uniform(4, 4, {255, 0, 0, 0}), blue, {0, 0, 255, 255}},
+  };
+  for (const auto& c : cases) {
+    const FilterImage out =
+        filtered(c.name, {{vn::kInputBackgroundImageKey, c.background}}, c.source);
+    EXPECT_EQ(pixelAt(out, 2, 2), c.out) << c.name;
+  }
+
+  // Over covers the union of the two, in the intersection; outside an image
+  // reads transparent.
+  const FilterImage moved = blue.translated(2, 2);
+  const FilterImage red = uniform(4, 4, {255, 0, 0, 255});
+  const FilterImage over =
+      filtered("SourceOverCompositing", {{vn::kInputBackgroundImageKey, moved}}, red);
+  expectExtent(over, Rect{0, 0, 6, 6});
+  EXPECT_EQ(pixelAt(over, 5, 5), (Px{0, 0, 255, 255}));
+  EXPECT_EQ(pixelAt(over, 5, 0), (Px{0, 0, 0, 0}));
+  const FilterImage in =
+      filtered("SourceInCompositing", {{vn::kInputBackgroundImageKey, moved}}, red);
+  expectExtent(in, Rect{2, 2, 2, 2});
+  EXPECT_EQ(pixelAt(in, 3, 3), (Px{255, 0, 0, 255}));
+
+  // Without a background there is nothing to composite.
+  std::shared_ptr<ImageFilter> lone = makeFilter("SourceOverCompositing", {});
+  lone->setValue(vn::kInputImageKey, red);
+  EXPECT_FALSE(lone->outputImage());
+}
+
+TEST(ImageFilterTest, TransformsPlaceTheExtentByItsCorners) {
+  const FilterImage wide = uniform(100, 50, {255, 255, 255, 255});
+  const FilterImage square = uniform(100, 100, {255, 255, 255, 255});
+  expectExtent(wide.transformed(vn::AffineTransform{0, 1, -1, 0, 0, 0}), Rect{-50, 0, 50, 100});
+  expectExtent(square.transformed(vn::AffineTransform::identity().rotated(kPi / 4)),
+               Rect{-70.711, 0, 141.421, 141.421}, 1e-3);
+  expectExtent(wide.transformed(vn::AffineTransform::identity().scaled(0.5, 0.5)),
+               Rect{0, 0, 50, 25});
+
+  // A quarter-pixel shift leaves partly covered columns at both sides.
+  const FilterImage shifted = wide.translated(10.25, 0);
+  expectExtent(shifted, Rect{10.25, 0, 100, 50});
+  const std::vector<uint8_t> row = shifted.render(Rect{10, 20, 101, 1});
+  ASSERT_EQ(row.size(), 101u * 4);
+  EXPECT_EQ(row[3], 191);
+  for (int x = 1; x < 100; ++x)
+    ASSERT_EQ(row[x * 4 + 3], 255) << x + 10;
+  EXPECT_EQ(row[100 * 4 + 3], 64);
+}
+
+TEST(ImageFilterTest, RegistryMakesIndependentFiltersByExactName) {
+  for (const char* name :
+       {"ColorControls", "HueAdjust", "ColorInvert", "ExposureAdjust", "GaussianBlur",
+        "SharpenLuminance", "SpotLight", "LineScreen", "ColorMonochrome", "SepiaTone", "Gloom",
+        "Bloom", "HexagonalPixellate", "SourceOverCompositing", "SourceInCompositing"}) {
+    std::shared_ptr<ImageFilter> filter = ImageFilter::withName(name);
+    ASSERT_TRUE(filter) << name;
+    EXPECT_EQ(filter->name(), name);
+    EXPECT_FALSE(filter->outputImage()) << name << " without an input image";
+    std::optional<vn::FilterAttributes> attributes = ImageFilter::attributesForName(name);
+    ASSERT_TRUE(attributes);
+    EXPECT_FALSE(attributes->displayName.empty());
+  }
+  for (const char* name : {"bloom", "colorControls", "", "Bloom ", "ArrayFilter2"})
+    EXPECT_FALSE(ImageFilter::withName(name)) << name;
+
+  // Values are checked for kind and finiteness; a refused value changes
+  // nothing, and none restores the default.
+  std::shared_ptr<ImageFilter> controls = ImageFilter::withName("ColorControls");
+  EXPECT_FALSE(controls->setValue(vn::kInputSaturationKey, FilterVector::xy(1, 2)));
+  EXPECT_FALSE(controls->setValue(vn::kInputSaturationKey, std::nan("")));
+  EXPECT_FALSE(controls->setValue(vn::kInputEVKey, 1.0));
+  EXPECT_EQ(std::get<double>(controls->value(vn::kInputSaturationKey)), 1.0);
+  EXPECT_TRUE(controls->setValue(vn::kInputContrastKey, 2.0));
+  EXPECT_TRUE(controls->setValue(vn::kInputSaturationKey, 0.5f));
+  EXPECT_EQ(controls->describe(), "ColorControls inputContrast=2 inputSaturation=0.5");
+
+  // A copy keeps the settings and goes its own way afterwards.
+  std::shared_ptr<ImageFilter> copy = controls->copy();
+  ASSERT_TRUE(copy);
+  EXPECT_NE(copy.get(), controls.get());
+  EXPECT_EQ(copy->describe(), controls->describe());
+  copy->setValue(vn::kInputContrastKey, 3.0);
+  copy->setValue(vn::kInputImageKey, uniform(1, 1, {1, 2, 3, 255}));
+  EXPECT_EQ(std::get<double>(controls->value(vn::kInputContrastKey)), 2.0);
+  EXPECT_FALSE(controls->outputImage());
+  EXPECT_TRUE(controls->setValue(vn::kInputContrastKey, std::monostate()));
+  EXPECT_EQ(std::get<double>(controls->value(vn::kInputContrastKey)), 1.0);
+}

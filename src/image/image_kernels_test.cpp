@@ -1,0 +1,349 @@
+#include "image/image_kernels.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Rgba = std::array<float, 4>;
+using Picture = std::function<Rgba(int x, int y)>;
+
+vn::PixelBuffer makeBuffer(const vn::IntRect& rect, const Picture& picture) {
+  vn::PixelBuffer b(rect);
+  for (int j = 0; j < rect.height; ++j)
+    for (int i = 0; i < rect.width; ++i) {
+      const Rgba p = picture(rect.x + i, rect.top() - 1 - j);
+      std::copy(p.begin(), p.end(), b.row(j) + 4 * i);
+    }
+  return b;
+}
+
+Rgba pixelOf(const vn::PixelBuffer& b, int x, int y) {
+  const float* p = b.at(x, y);
+  return p ? Rgba{p[0], p[1], p[2], p[3]} : Rgba{};
+}
+
+// What the renderer hands a kernel: the picture over what out reads, inside
+// its extent.
+vn::PixelBuffer inputFor(const vn::NeighbourhoodOp& op,
+                         const vn::IntRect& extent,
+                         const vn::IntRect& out,
+                         const Picture& picture) {
+  return makeBuffer(out.grown(vn::kernelReach(op)).intersected(extent), picture);
+}
+
+vn::PixelBuffer run(const vn::NeighbourhoodOp& op,
+                    const vn::IntRect& extent,
+                    const vn::IntRect& out,
+                    const Picture& picture,
+                    int threads = 0) {
+  return vn::applyKernel(op, inputFor(op, extent, out, picture), extent, out, threads);
+}
+
+Picture uniform(Rgba c) {
+  return [c](int, int) { return c; };
+}
+
+// Hard edges in every colour, thin lines, a ramp, a half-transparent part
+// and values above 1 (premultiplied linear).
+Rgba pattern(int x, int y) {
+  static const Rgba bars[] = {{1, 1, 1, 1}, {1, 1, 0, 1}, {0, 1, 1, 1}, {0, 1, 0, 1},
+                              {1, 0, 1, 1}, {1, 0, 0, 1}, {0, 0, 1, 1}, {0, 0, 0, 1}};
+  if (y >= 80)
+    return bars[(x / 20) % 8];
+  if (y >= 40)
+    return (x / 4 + y / 4) % 2 ? Rgba{0.9f, 0.9f, 0.9f, 1} : Rgba{0.02f, 0.02f, 0.02f, 1};
+  if (y >= 20) {
+    const float a = 0.5f, v = (x % 64) / 64.0f;
+    return {v * a, 0.3f * a, (1 - v) * a, a};
+  }
+  return x % 7 == 0 ? Rgba{3, 2, 1, 1} : Rgba{0.1f, 0.2f, 0.3f, 1};
+}
+
+// The blur computed plainly, in double: the reference for the fast paths.
+vn::PixelBuffer referenceBlur(const vn::IntRect& extent,
+                              const Picture& picture,
+                              double sigma,
+                              bool clamp,
+                              const vn::IntRect& out) {
+  const int reach = static_cast<int>(std::ceil(3 * sigma));
+  std::vector<double> w(reach + 1);
+  double sum = 0;
+  for (int k = 0; k <= reach; ++k)
+    sum += (k ? 2 : 1) * (w[k] = std::exp(-k * k / (2 * sigma * sigma)));
+  auto read = [&](int x, int y) {
+    if (clamp) {
+      x = std::clamp(x, extent.x, extent.right() - 1);
+      y = std::clamp(y, extent.y, extent.top() - 1);
+    }
+    return x >= extent.x && x < extent.right() && y >= extent.y && y < extent.top() ? picture(x, y)
+                                                                                    : Rgba{};
+  };
+  const int rows = out.height + 2 * reach;
+  std::vector<std::array<double, 4>> across(static_cast<size_t>(rows) * out.width);
+  for (int r = 0; r < rows; ++r)
+    for (int i = 0; i < out.width; ++i)
+      for (int k = -reach; k <= reach; ++k) {
+        const Rgba p = read(out.x + i + k, out.y - reach + r);
+        for (int c = 0; c < 4; ++c)
+          across[static_cast<size_t>(r) * out.width + i][c] += w[std::abs(k)] / sum * p[c];
+      }
+  vn::PixelBuffer b(out);
+  for (int j = 0; j < out.height; ++j)
+    for (int i = 0; i < out.width; ++i) {
+      const int y = out.top() - 1 - j;
+      if (clamp && !(y >= extent.y && y < extent.top() && out.x + i >= extent.x &&
+                     out.x + i < extent.right()))
+        continue;
+      for (int k = -reach; k <= reach; ++k)
+        for (int c = 0; c < 4; ++c)
+          b.row(j)[4 * i + c] += static_cast<float>(
+              w[std::abs(k)] / sum *
+              across[static_cast<size_t>(y - out.y + reach + k) * out.width + i][c]);
+    }
+  return b;
+}
+
+float maxDifference(const vn::PixelBuffer& a, const vn::PixelBuffer& b) {
+  EXPECT_EQ(a.rect, b.rect);
+  float d = 0;
+  for (size_t i = 0; i < std::min(a.pixels.size(), b.pixels.size()); ++i)
+    d = std::max(d, std::abs(a.pixels[i] - b.pixels[i]));
+  return d;
+}
+
+// Known values of the blur: a white pixel, a uniform square in both modes,
+// the identity; values, extents and the plain kernel everywhere.
+TEST(ImageKernelsTest, GaussianBlurVectors) {
+  const Picture white = uniform({1, 1, 1, 1});
+  struct Probe {
+    int x, y;
+    float alpha;
+  };
+  const struct {
+    const char* name;
+    vn::GaussianBlurOp op;
+    vn::IntRect extent, expectedExtent;
+    std::vector<Probe> probes;
+  } cases[] = {
+      {"white pixel, sigma 1",
+       {1, false},
+       {0, 0, 1, 1},
+       {-3, -3, 7, 7},
+       {{0, 0, 0.159241f},
+        {1, 0, 0.096585f},
+        {0, -1, 0.096585f},
+        {-1, 1, 0.058582f},
+        {3, 0, 0.004433f * 0.399050f},
+        {4, 0, 0}}},
+      {"square, sigma 10",
+       {10, false},
+       {0, 0, 100, 100},
+       {-30, -30, 160, 160},
+       {{0, 50, 0.519993f},
+        {50, 99, 0.519993f},
+        {0, 0, 0.270392f},
+        {99, 99, 0.270392f},
+        {-1, 50, 0.480007f},
+        {50, 50, 1},
+        {-31, 50, 0}}},
+      {"square, sigma 10, clamped",
+       {10, true},
+       {0, 0, 100, 100},
+       {0, 0, 100, 100},
+       {{0, 50, 1}, {0, 0, 1}, {99, 99, 1}, {50, 50, 1}, {-1, 50, 0}}},
+      {"sigma below 0.16",
+       {0.15, false},
+       {0, 0, 100, 100},
+       {0, 0, 100, 100},
+       {{0, 0, 1}, {-1, 0, 0}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(vn::kernelOutputExtent(c.op, c.extent), c.expectedExtent);
+    const vn::IntRect out = c.expectedExtent.grown(1);
+    const vn::PixelBuffer b = run(c.op, c.extent, out, white);
+    for (const Probe& p : c.probes) {
+      const Rgba v = pixelOf(b, p.x, p.y);
+      EXPECT_NEAR(v[3], p.alpha, 1e-5) << p.x << "," << p.y;
+      EXPECT_FLOAT_EQ(v[0], v[3]) << "white stays white";
+    }
+    EXPECT_LE(maxDifference(b, referenceBlur(c.extent, white, c.op.sigma, c.op.clamp, out)), 1e-5);
+  }
+  EXPECT_EQ(vn::kernelReach(vn::GaussianBlurOp{0.1, false}), 0);
+}
+
+// Above sigma 16 the blur is computed on a reduced picture; it stays within
+// a small bound of the exact kernel, at edges, corners and inside, and the
+// extent still grows by ceil(3 sigma).
+TEST(ImageKernelsTest, LargeSigmaStaysCloseToTheExactKernel) {
+  const vn::IntRect extent{0, 0, 160, 120};
+  const struct {
+    double sigma;
+    bool clamp;
+    vn::IntRect out;
+    float bound;
+  } cases[] = {
+      {16, false, {-48, -48, 256, 216}, 1e-5f},  // still exact
+      {17, false, {-51, -51, 262, 222}, 1.5e-3f},
+      {24, true, {0, 0, 80, 60}, 1.5e-3f},
+      {30, true, extent, 1.5e-3f},
+      {40, true, {100, 60, 60, 60}, 1.5e-3f},
+      {40, false, {-120, -120, 90, 80}, 1.5e-3f},
+      {50, false, {-40, 90, 70, 60}, 1.5e-3f},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.sigma);
+    const vn::GaussianBlurOp op{c.sigma, c.clamp};
+    const int reach = static_cast<int>(std::ceil(3 * c.sigma));
+    EXPECT_EQ(vn::kernelOutputExtent(op, extent), c.clamp ? extent : extent.grown(reach));
+    EXPECT_GE(vn::kernelReach(op), reach);
+    const vn::PixelBuffer b = run(op, extent, c.out, pattern);
+    EXPECT_LE(maxDifference(b, referenceBlur(extent, pattern, c.sigma, c.clamp, c.out)), c.bound);
+  }
+}
+
+const vn::NeighbourhoodOp kPresets[] = {
+    vn::GaussianBlurOp{10, false},
+    vn::GaussianBlurOp{10, true},
+    vn::GaussianBlurOp{30, false},
+    vn::SharpenLuminanceOp{10, 1.69},
+    vn::GlowOp{30, 0.5, true},
+    vn::GlowOp{40, 0.5, false},
+    vn::HexagonalPixellateOp{{150.3, 77.7}, 8},
+    vn::HexagonalPixellateOp{{0, 0}, 25},
+};
+
+// One thread or all, the whole picture or a tile of it: the same bits.
+TEST(ImageKernelsTest, ThreadsAndTilesGiveTheSameBits) {
+  const vn::IntRect extent{0, 0, 300, 170};
+  const vn::IntRect tile{37, 23, 101, 77};
+  for (const vn::NeighbourhoodOp& op : kPresets) {
+    SCOPED_TRACE(op.index());
+    const vn::IntRect all = vn::kernelOutputExtent(op, extent);
+    const vn::PixelBuffer in = makeBuffer(extent, pattern);
+    const vn::PixelBuffer one = vn::applyKernel(op, in, extent, all, 1);
+    const vn::PixelBuffer many = vn::applyKernel(op, in, extent, all, 0);
+    ASSERT_EQ(one.pixels.size(), many.pixels.size());
+    EXPECT_EQ(std::memcmp(one.pixels.data(), many.pixels.data(), one.pixels.size() * 4), 0);
+    const vn::PixelBuffer part = run(op, extent, tile, pattern, 3);
+    int differing = 0;
+    for (int y = tile.y; y < tile.top(); ++y)
+      for (int x = tile.x; x < tile.right(); ++x)
+        differing += pixelOf(part, x, y) != pixelOf(one, x, y);
+    EXPECT_EQ(differing, 0);
+  }
+}
+
+// A uniform picture stays as it is through sharpening, pixellation and a
+// clamped blur, and takes the blend's colour through bloom and gloom; the
+// extent is kept.
+TEST(ImageKernelsTest, UniformPictures) {
+  const vn::IntRect extent{0, 0, 64, 48};
+  const float grey = 0.502886f;  // code 188
+  const struct {
+    vn::NeighbourhoodOp op;
+    Rgba in, expected;
+  } cases[] = {
+      {vn::SharpenLuminanceOp{10, 1.69}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
+      {vn::SharpenLuminanceOp{2, 1.69}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
+      {vn::HexagonalPixellateOp{{5, 7}, 8}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
+      {vn::GaussianBlurOp{1, true}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
+      {vn::GaussianBlurOp{10, true}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
+      {vn::GaussianBlurOp{30, true}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
+      {vn::GlowOp{10, 0.5, false}, {grey, grey, grey, 1}, {0.62788f, 0.62788f, 0.62788f, 1}},
+      {vn::GlowOp{40, 0.5, true}, {grey, grey, grey, 1}, {0.37789f, 0.37789f, 0.37789f, 1}},
+      {vn::GlowOp{10, 1, true},
+       {grey / 2, grey / 2, grey / 2, 0.5f},
+       {grey * grey / 2, grey * grey / 2, grey * grey / 2, 0.5f}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.op.index());
+    EXPECT_EQ(vn::kernelOutputExtent(c.op, extent), extent);
+    const vn::PixelBuffer b = run(c.op, extent, extent.grown(2), uniform(c.in));
+    for (int y = extent.y - 2; y < extent.top() + 2; ++y)
+      for (int x = extent.x - 2; x < extent.right() + 2; ++x) {
+        const bool inside = x >= 0 && x < extent.right() && y >= 0 && y < extent.top();
+        const Rgba v = pixelOf(b, x, y);
+        for (int ch = 0; ch < 4; ++ch)
+          ASSERT_NEAR(v[ch], inside ? c.expected[ch] : 0, 1e-5) << x << "," << y;
+      }
+  }
+}
+
+TEST(ImageKernelsTest, HexagonalCells) {
+  const vn::HexagonalPixellateOp op{{150, 150}, 8};
+  const struct {
+    double x, y;
+    vn::HexCell cell;
+  } points[] = {
+      {153.9, 150, {0, 0}},
+      {154.1, 150, {1, 0}},
+      {150.8, 154.8, {0, 1}},
+      {146, 143, {0, -1}},
+      {150, 157, {-1, 1}},                       // equally near (-1, 1) and (0, 1)
+      {150, 150 - 8 / std::sqrt(3.0), {0, -1}},  // a vertex: three cells
+  };
+  for (const auto& p : points) {
+    const vn::HexCell c = vn::hexagonalCell(op, p.x, p.y);
+    EXPECT_EQ(c, p.cell) << p.x << "," << p.y << " -> " << c.m << "," << c.n;
+  }
+
+  // Red left half, blue right half: the cell on the border holds 28 of
+  // each; cells beside it are one colour.
+  const vn::IntRect extent{0, 0, 32, 32};
+  const vn::PixelBuffer b =
+      run(vn::HexagonalPixellateOp{{16, 16}, 8}, extent, extent, [](int x, int) {
+        return x < 16 ? Rgba{1, 0, 0, 1} : Rgba{0, 0, 1, 1};
+      });
+  const struct {
+    int x, y;
+    Rgba expected;
+  } pixels[] = {
+      {16, 16, {0.5f, 0, 0.5f, 1}}, {13, 16, {0.5f, 0, 0.5f, 1}}, {8, 16, {1, 0, 0, 1}},
+      {24, 16, {0, 0, 1, 1}},       {20, 22, {0, 0, 1, 1}},
+  };
+  for (const auto& p : pixels) {
+    const Rgba v = pixelOf(b, p.x, p.y);
+    for (int ch = 0; ch < 4; ++ch)
+      EXPECT_NEAR(v[ch], p.expected[ch], 1e-6) << p.x << "," << p.y;
+  }
+}
+
+// Outputs of one pixel, none, or outside the extent; an endless extent.
+TEST(ImageKernelsTest, DegenerateOutputsAndEndlessExtents) {
+  const vn::IntRect one{0, 0, 1, 1};
+  for (const vn::NeighbourhoodOp& op : kPresets) {
+    SCOPED_TRACE(op.index());
+    const vn::PixelBuffer tiny = run(op, one, one, uniform({0.25f, 0.5f, 0.75f, 1}));
+    ASSERT_EQ(tiny.pixels.size(), 4u);
+    EXPECT_GT(tiny.pixels[3], 0);
+    const vn::IntRect empty{3, 4, 0, 5};
+    const vn::PixelBuffer none = run(op, one, empty, uniform({1, 1, 1, 1}));
+    EXPECT_EQ(none.rect, empty);
+    EXPECT_TRUE(none.pixels.empty());
+    const vn::PixelBuffer far = run(op, one, {500, 500, 2, 2}, uniform({1, 1, 1, 1}));
+    EXPECT_EQ(std::count(far.pixels.begin(), far.pixels.end(), 0.0f), 16);
+  }
+  // A lone pixel blurred: the centre tap, squared.
+  EXPECT_NEAR(run(vn::GaussianBlurOp{10, false}, one, one, uniform({1, 1, 1, 1})).pixels[3],
+              0.039985f * 0.039985f, 1e-6);
+
+  const vn::IntRect endless{-(1 << 29), -(1 << 29), 1 << 30, 1 << 30};
+  EXPECT_EQ(vn::kernelOutputExtent(vn::GaussianBlurOp{10, false}, endless), endless);
+  for (const vn::NeighbourhoodOp& op : {vn::NeighbourhoodOp{vn::GaussianBlurOp{30, true}},
+                                        vn::NeighbourhoodOp{vn::SharpenLuminanceOp{1, 2}}}) {
+    const vn::PixelBuffer b = run(op, endless, {-70, 20, 40, 30}, uniform({0.5f, 0.5f, 0.5f, 1}));
+    for (size_t i = 0; i < b.pixels.size(); ++i)
+      ASSERT_NEAR(b.pixels[i], i % 4 == 3 ? 1 : 0.5f, 1e-5);
+  }
+}
+
+}  // namespace

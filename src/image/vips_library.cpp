@@ -1,0 +1,53 @@
+#include "image/vips_library.h"
+
+#include "base/dynamic_library.h"
+
+namespace vn {
+
+namespace {
+
+LoadedTable<VipsLibrary> load() {
+  LoadedTable<VipsLibrary> loaded;
+  std::string& why = loaded.reason;
+  void* handle = openLibrary(VARNEL_VIPS_SONAME, &why);
+  if (!handle)
+    return loaded;
+  VipsLibrary& t = loaded.table;
+  decltype(&::vips_init) init = nullptr;
+  decltype(&::vips_cache_set_max) cacheSetMax = nullptr;
+  const auto bind = [handle, &why](const char* name, auto* slot) {
+    return bindFunction(handle, VARNEL_VIPS_SONAME, name, slot, &why);
+  };
+  const bool all = bind("vips_init", &init) && bind("vips_cache_set_max", &cacheSetMax) &&
+                   bind("vips_error_buffer", &t.error_buffer) &&
+                   bind("vips_error_clear", &t.error_clear) &&
+                   bind("vips_image_new_from_file", &t.image_new_from_file) &&
+                   bind("vips_image_new_from_memory", &t.image_new_from_memory) &&
+                   bind("vips_image_get_width", &t.image_get_width) &&
+                   bind("vips_image_get_height", &t.image_get_height) &&
+                   bind("vips_image_get_bands", &t.image_get_bands) &&
+                   bind("vips_image_hasalpha", &t.image_hasalpha) &&
+                   bind("vips_image_write_to_memory", &t.image_write_to_memory) &&
+                   bind("vips_colourspace", &t.colourspace) &&
+                   bind("vips_bandjoin_const1", &t.bandjoin_const1) && bind("vips_cast", &t.cast) &&
+                   bind("vips_copy", &t.copy) && bind("vips_flatten", &t.flatten) &&
+                   bind("vips_array_double_new", &t.array_double_new) &&
+                   bind("vips_area_unref", &t.area_unref) && bind("vips_pngsave", &t.pngsave) &&
+                   bind("vips_jpegsave", &t.jpegsave);
+  if (!all)
+    return loaded;
+  if (init("varnel") != 0)
+    t.error_clear();
+  // The cache would keep references to images that wrap memory we reuse.
+  cacheSetMax(0);
+  loaded.ok = true;
+  return loaded;
+}
+
+}  // namespace
+
+const VipsLibrary* VipsLibrary::get(std::string* reason) {
+  return tableOnce(&load, reason);
+}
+
+}  // namespace vn

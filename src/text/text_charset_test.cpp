@@ -1,0 +1,121 @@
+#include "text/text_charset.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "test_support.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+TEST(TextCharsetTest, NamesTheCharsetToConvertFrom) {
+  const struct {
+    const char* what;
+    std::string bytes;
+    std::optional<std::string> charset;
+  } cases[] = {
+      {"empty", "", std::nullopt},
+      {"ASCII", "1\r\n00:00:01,000 --> 00:00:02,000\r\nHello\r\n", std::nullopt},
+      {"UTF-8",
+       "\xC3\x87"
+       "a va tr\xC3\xA8s bien \xE2\x80\x94 d\xC3\xA9j\xC3\xA0 vu\n",
+       std::nullopt},
+      {"UTF-8, a 4-byte sequence", "smile \xF0\x9F\x98\x80\n", std::nullopt},
+      // The text goes on past what was read.
+      {"UTF-8 cut in a 2-byte sequence", "d\xC3\xA9j\xC3", std::nullopt},
+      {"UTF-8 cut in a 3-byte sequence", "bien \xE2\x80", std::nullopt},
+      {"UTF-8 cut in a 4-byte sequence", "smile \xF0\x9F\x98", std::nullopt},
+      // The marks win over whatever follows: the demuxers read those texts.
+      {"UTF-8 mark",
+       "\xEF\xBB\xBF"
+       "caf\xE9",
+       std::nullopt},
+      {"UTF-16LE mark",
+       "\xFF\xFE"
+       "c\0a\0f\0\xE9\0"s,
+       std::nullopt},
+      {"UTF-16BE mark",
+       "\xFE\xFF"
+       "\0c\0a\0f\0\xE9"s,
+       std::nullopt},
+      {"UTF-32LE mark", "\xFF\xFE\0\0c\0\0\0"s, std::nullopt},
+      {"UTF-32BE mark", "\0\0\xFE\xFF\0\0\0c"s, std::nullopt},
+      {"NUL bytes without a mark: a binary file", "\x1A\x45\xDF\xA3\0\0\x01\xE9\x80"s,
+       std::nullopt},
+      {"Windows-1252 French, with a dash and curly quotes",
+       "1\r\n00:00:01,000 --> 00:00:03,000\r\n\xC7"
+       "a va tr\xE8s bien \x97 d\xE9j\xE0 vu\r\n\r\n"
+       "2\r\n00:00:04,000 --> 00:00:05,000\r\n\x93"
+       "C'est l'\xE9t\xE9\x94, dit-il. Co\xFBt : 5 \x80\r\n",
+       "WINDOWS-1252"},
+      {"Windows-1252 German, no byte in 0x80-0x9F (ICU: ISO-8859-1)",
+       "Gr\xF6\xDF"
+       "e \xFC"
+       "ber die Stra\xDF"
+       "e, sch\xF6n und gr\xFCn, \xC4pfel und \xD6l.\n",
+       "WINDOWS-1252"},
+      {"Latin-1",
+       "Ol\xE9, se\xF1or! \xBFQu\xE9 tal? Ma\xF1"
+       "ana a las ocho, \xA1"
+       "claro!\n",
+       "WINDOWS-1252"},
+      {"Windows-1251 Russian",
+       "\xCF\xF0\xE8\xE2\xE5\xF2, \xEA\xE0\xEA \xE4\xE5\xEB\xE0? \xC2\xF1\xB8 "
+       "\xF5\xEE\xF0\xEE\xF8\xEE, "
+       "\xF1\xEF\xE0\xF1\xE8\xE1\xEE. \xCC\xFB \xE8\xE4\xB8\xEC \xE4\xEE\xEC\xEE\xE9.\n",
+       "windows-1251"},
+      {"one stray byte", "caf\xE9 au lait", "WINDOWS-1252"},
+      // Too short for ICU: it offers only UTF-16, or nothing at all.
+      {"no guess but UTF-16", "caf\xE9!", "WINDOWS-1252"},
+      {"no guess", "\xE9t\xE9", "WINDOWS-1252"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(vn::textCharset(c.bytes), c.charset) << c.what;
+}
+
+TEST(TextCharsetTest, Utf8IsCheckedStrictly) {
+  const struct {
+    const char* what;
+    std::string bytes;
+    bool valid;
+  } cases[] = {
+      {"the last code point", "\xF4\x8F\xBF\xBF", true},
+      {"a lone continuation byte", "a\x80z", false},
+      {"a 2-byte overlong form", "\xC0\xAF", false},
+      {"a 3-byte overlong form", "\xE0\x80\xAF", false},
+      {"a 4-byte overlong form", "\xF0\x80\x80\xAF", false},
+      {"a surrogate", "\xED\xA0\x80", false},
+      {"past U+10FFFF", "\xF4\x90\x80\x80", false},
+      {"a lead byte past U+10FFFF", "\xF5\x80\x80\x80", false},
+      {"a sequence cut by the next character", "\xE2\x80z", false},
+      {"a sequence cut by the end", "z\xE2\x80", true},
+      {"a cut sequence already wrong", "z\xE0\x80", false},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(vn::isValidUtf8(c.bytes), c.valid) << c.what;
+}
+
+TEST(TextCharsetTest, FilesAreJudgedByTheirFirstBytes) {
+  const std::string dir = vn::test::scratchDir();
+  auto write = [&](const std::string& name, const std::string& bytes) {
+    const std::string path = dir + "/" + name;
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path;
+  };
+  // A 3-byte dash cut by the end of what is read, then Windows-1252 that
+  // is never read.
+  std::string cut(vn::kCharsetProbeBytes - 1, 'a');
+  cut += "\xE2\x80\x94 caf\xE9";
+  EXPECT_EQ(vn::fileCharset(write("cut.srt", cut)), std::nullopt);
+  // The same byte inside what is read.
+  EXPECT_EQ(vn::fileCharset(write("early.srt", "caf\xE9 " + cut)), "WINDOWS-1252");
+  EXPECT_EQ(vn::fileCharset(dir + "/no-such-file.srt"), std::nullopt);
+  EXPECT_EQ(vn::fileCharset(vn::test::fixture("multitrack.mkv")), std::nullopt);
+  EXPECT_EQ(vn::fileCharset(vn::test::fixture("subs.srt")), std::nullopt);
+}
+
+}  // namespace
