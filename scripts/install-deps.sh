@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config git
+  build-essential cmake ninja-build pkg-config git clang-format
   libavformat-dev libavcodec-dev libavfilter-dev libavutil-dev
   libswresample-dev libswscale-dev ffmpeg
   libdvdread-dev dvdauthor genisoimage lsdvd

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds with warnings as errors and runs every
-# test; then the same tests under AddressSanitizer+UndefinedBehaviorSanitizer,
+# Installs what is missing, checks the layout and the formatting, builds with
+# warnings as errors and runs every test; then the same tests under AddressSanitizer+UndefinedBehaviorSanitizer,
 # the cross-thread tests under ThreadSanitizer, and a minute of fuzzing per
 # target (scripts/fuzz.sh; see there which).
 #
@@ -37,6 +37,13 @@ run_tests() {  # build dir, [tests to leave out]
 
 # Each stage's heading says how long the run has taken so far.
 stage() { echo "== $1 (at $((SECONDS / 60)) min $((SECONDS % 60)) s)"; }
+
+stage "layout and formatting"
+# Folders include only the folders below them, tools/ and bench/ only the
+# public header, and the code is formatted as .clang-format says.
+bash scripts/check_layout.sh
+git ls-files -z '*.cpp' '*.h' '*.c' | xargs -0 clang-format --dry-run -Werror
+echo "layout and formatting: clean"
 
 stage "build (warnings as errors)"
 configure_and_build build
