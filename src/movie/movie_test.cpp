@@ -40,20 +40,6 @@ std::shared_ptr<CountingMedia> countingMedia(const std::string& name) {
 
 }  // namespace
 
-TEST(MovieTest, EmptyMovie) {
-  auto movie = VNFFMovie::create();
-  EXPECT_EQ(movie->duration(), 0);
-  EXPECT_FALSE(movie->hasAudio());
-  EXPECT_FALSE(movie->hasVideo());
-  EXPECT_FALSE(movie->hasSubtitle());
-  EXPECT_EQ(VNFFMovie::medias(movie->medias(), 0), nullptr);
-  EXPECT_TRUE(movie->audioStreams().empty());
-  EXPECT_FALSE(movie->selectAudioStreams());
-  movie->seek(2000000);
-  movie->flushOperation();
-  EXPECT_EQ(movie->currentTime(), 2000000);
-}
-
 TEST(MovieTest, MediasOnTheTimeline) {
   auto movie = VNFFMovie::create();
   Medias a = mediasOf("aac.m4a");       // 5 s
@@ -86,9 +72,15 @@ TEST(MovieTest, MediasOnTheTimeline) {
   EXPECT_FALSE(movie->hasVideo());
   EXPECT_TRUE(movie->videos().empty());
 
+  // Closed, the movie is empty, and a seek only sets its clock.
   movie->close();
   EXPECT_TRUE(movie->medias().empty());
-  EXPECT_FALSE(movie->hasAudio());
+  EXPECT_FALSE(movie->hasAudio() || movie->hasVideo() || movie->hasSubtitle());
+  EXPECT_EQ(movie->duration(), 0);
+  EXPECT_TRUE(movie->audioStreams().empty());
+  movie->seek(2000000);
+  movie->flushOperation();
+  EXPECT_EQ(movie->currentTime(), 2000000);
 }
 
 TEST(MovieTest, SelectionGoesToEveryMediaAndIsReadFromTheFirst) {
@@ -156,21 +148,6 @@ TEST(MovieSeekTest, ClockSubtractsBufferedFrames) {
   graph->writeSample(frames.data(), 4410);
   movie->forwardAudioDecodeTime(44100);
   EXPECT_EQ(movie->currentTime(), 5000000 + 900000);
-}
-
-TEST(MovieTest, ExternalSubtitle) {
-  auto movie = VNFFMovie::create();
-  EXPECT_TRUE(movie->openSubtitle(vn::test::fixture("subs.ass")));
-  EXPECT_TRUE(movie->hasSubtitle());
-  ASSERT_TRUE(movie->subtitle());
-  EXPECT_EQ(movie->subtitle()->subtitleStringAtTime(3000000).value_or("none"), "Hello\nWorld");
-  // A seek rewinds the subtitle file, whatever the time.
-  movie->seek(8000000);
-  movie->flushOperation();
-  EXPECT_EQ(movie->subtitle()->subtitleStringAtTime(3000000).value_or("none"), "Hello\nWorld");
-  EXPECT_FALSE(movie->openSubtitle(vn::test::fixture("aac.m4a")));
-  EXPECT_FALSE(movie->subtitle());
-  EXPECT_FALSE(movie->hasSubtitle());
 }
 
 // Seeks from the application thread while the decode queue reads and mixes.
