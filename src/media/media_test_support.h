@@ -25,6 +25,15 @@ inline std::shared_ptr<VNFFMedia> openWhole(const std::string& name) {
   return media;
 }
 
+// The medias a movie reads of a file: for a file with video and audio a
+// video media, then an audio one; none when it cannot be read.
+inline VNMediaSource::Medias mediasAt(const std::string& path) {
+  return VNMediaSource::mediaWithPath(path)->createMedias().value_or(VNMediaSource::Medias{});
+}
+inline VNMediaSource::Medias mediasOf(const std::string& name) {
+  return mediasAt(fixture(name));
+}
+
 // Reads packets from the media's demuxer and hands each to its stream
 // unchanged (not through the media's own routing), until the end or
 // `limit` packets. Returns the number read.

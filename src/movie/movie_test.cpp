@@ -8,19 +8,13 @@
 
 #include "audio_out/output_audio_graph.h"
 #include "core/serial_queue.h"
-#include "media/media.h"
-#include "media/media_source.h"
-#include "media/media_stream.h"
-#include "test_support.h"
+#include "media/media_test_support.h"
 
 namespace {
 
 using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
 
-Medias mediasOf(const std::string& name) {
-  auto medias = VNMediaSource::mediaWithPath(vn::test::fixture(name))->createMedias();
-  return medias ? *medias : Medias{};
-}
+using vn::test::mediasOf;
 
 // A media that counts the seeks it performs.
 class CountingMedia : public VNFFMedia {
