@@ -24,21 +24,10 @@ using vn::test::Raster;
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
 
-// A yuv420p picture of the media's size: mid grey, with the top `whiteRows`
+// A mid-grey picture, of the media's size unless asked, the top `whiteRows`
 // rows white.
-vn::ff::Frame greyFrame(int whiteRows = 0) {
-  vn::ff::Frame frame(av_frame_alloc());
-  frame->format = AV_PIX_FMT_YUV420P;
-  frame->width = kWidth;
-  frame->height = kHeight;
-  EXPECT_GE(av_frame_get_buffer(frame.get(), 0), 0);
-  for (int y = 0; y < kHeight; ++y)
-    std::memset(frame->data[0] + y * frame->linesize[0], y < whiteRows ? 235 : 128, kWidth);
-  for (int p = 1; p < 3; ++p) {
-    for (int y = 0; y < kHeight / 2; ++y)
-      std::memset(frame->data[p] + y * frame->linesize[p], 128, kWidth / 2);
-  }
-  return frame;
+vn::ff::Frame greyFrame(int whiteRows = 0, int width = kWidth, int height = kHeight) {
+  return vn::test::yuvFrame(width, height, 128, whiteRows);
 }
 
 // A stream over h264_aac.mp4's format, with an output of w x h.
@@ -214,7 +203,6 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   // The picture keeps the media's size; only the composed one is resized.
   EXPECT_EQ(stream->outputDataFormat().width, kWidth);
   EXPECT_EQ(stream->outputDataFormat().height, kHeight);
-  EXPECT_EQ(stream->outputDataFormat().pix_fmt, AV_PIX_FMT_RGBA);
   stream->writeFrame(greyFrame().get());
   ASSERT_TRUE(stream->currentImage());
   EXPECT_EQ(stream->currentImage()->width(), kWidth);
@@ -246,14 +234,7 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   EXPECT_EQ(stream->currentImage()->data()[0], grey);
 
   // Pictures that change size on the way are converted at their new size.
-  vn::ff::Frame small(av_frame_alloc());
-  small->format = AV_PIX_FMT_YUV420P;
-  small->width = 64;
-  small->height = 48;
-  ASSERT_GE(av_frame_get_buffer(small.get(), 0), 0);
-  for (int p = 0; p < 3; ++p)
-    std::memset(small->data[p], 128, size_t(small->linesize[p]) * (p ? 24 : 48));
-  stream->writeFrame(small.get());
+  stream->writeFrame(greyFrame(0, 64, 48).get());
   ASSERT_TRUE(stream->currentImage());
   EXPECT_EQ(stream->currentImage()->width(), 64);
   EXPECT_EQ(stream->currentEffectImage()->extent().width, 640);

@@ -222,17 +222,7 @@ TEST(SubtitleDrawingTest, TheTextIsDrawnLastOverTheComposedPicture) {
   s->setOutputFormat({AV_PIX_FMT_RGBA, kWidth, kHeight});
   s->setCropRect({0, 0, kWidth, kHeight});
   s->updateConverter();
-  vn::ff::Frame frame(av_frame_alloc());
-  frame->format = AV_PIX_FMT_YUV420P;
-  frame->width = kWidth;
-  frame->height = kHeight;
-  ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
-  for (int p = 0; p < 3; ++p) {
-    const int h = p ? kHeight / 2 : kHeight, w = p ? kWidth / 2 : kWidth;
-    for (int y = 0; y < h; ++y)
-      std::memset(frame->data[p] + y * frame->linesize[p], p ? 128 : 16, w);  // black
-  }
-  s->writeFrame(frame.get());
+  s->writeFrame(vn::test::yuvFrame(kWidth, kHeight, 16).get());  // black
   s->setSubtitleFont("Sans 30");
   s->setSubtitleCurrentString("Hello");
   // The settings that change the picture leave the text as it is: not

@@ -1,11 +1,13 @@
 // Helpers of the media tests.
 #pragma once
 
+#include <cstring>
 #include <memory>
 #include <string>
 
 extern "C" {
 #include <libavformat/avformat.h>
+#include <libavutil/frame.h>
 }
 
 #include "ffmpeg/owners.h"
@@ -49,6 +51,26 @@ int readPackets(VNFFMedia& media, Visit visit, int limit = 100000) {
     av_packet_unref(packet.get());
   }
   return count;
+}
+
+// A yuv420p picture without colour: luma `luma`, its top `topRows` rows
+// white.
+inline vn::ff::Frame yuvFrame(int width, int height, int luma, int topRows = 0) {
+  vn::ff::Frame frame(av_frame_alloc());
+  frame->format = AV_PIX_FMT_YUV420P;
+  frame->width = width;
+  frame->height = height;
+  if (av_frame_get_buffer(frame.get(), 0) < 0)
+    return nullptr;
+  for (int p = 0; p < 3; ++p) {
+    for (int y = 0; y < (p ? height / 2 : height); ++y)
+      std::memset(frame->data[p] + y * frame->linesize[p],
+                  p             ? 128
+                  : y < topRows ? 235
+                                : luma,
+                  p ? width / 2 : width);
+  }
+  return frame;
 }
 
 // A movie as a media sees it.
