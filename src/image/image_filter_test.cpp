@@ -116,7 +116,11 @@ TEST(ImageFilterTest, NeutralSettingsKeepEveryCode) {
 }
 
 TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
-  const Settings none;
+  const Settings none, darker = {{vn::kInputBrightnessKey, -0.4}},
+                       half = {{vn::kInputIntensityKey, 0.5}},
+                       all = {{vn::kInputSaturationKey, 1.2},
+                              {vn::kInputBrightnessKey, 0.05},
+                              {vn::kInputContrastKey, 1.1}};
   const struct {
     const char* name;
     Settings settings;
@@ -127,18 +131,10 @@ TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
       // linear mid-grey, in that order.
       {"ColorControls", {{vn::kInputSaturationKey, 0.0}}, {255, 0, 0, 255}, {127, 127, 127, 255}},
       {"ColorControls", {{vn::kInputSaturationKey, 1.5}}, {200, 100, 50, 255}, {226, 81, 0, 255}},
-      {"ColorControls",
-       {{vn::kInputBrightnessKey, -0.4}},
-       {255, 255, 255, 255},
-       {203, 203, 203, 255}},
+      {"ColorControls", darker, {255, 255, 255, 255}, {203, 203, 203, 255}},
       {"ColorControls", {{vn::kInputContrastKey, 2.0}}, {128, 128, 128, 255}, {0, 0, 0, 255}},
       {"ColorControls", {{vn::kInputContrastKey, 2.0}}, {200, 200, 200, 255}, {212, 212, 212, 255}},
-      {"ColorControls",
-       {{vn::kInputSaturationKey, 1.2},
-        {vn::kInputBrightnessKey, 0.05},
-        {vn::kInputContrastKey, 1.1}},
-       {180, 120, 60, 255},
-       {197, 124, 30, 255}},
+      {"ColorControls", all, {180, 120, 60, 255}, {197, 124, 30, 255}},
       // Hue turns about the grey axis; positive angles take red to green.
       {"HueAdjust", {{vn::kInputAngleKey, 2 * kPi / 3}}, {255, 0, 0, 255}, {0, 255, 0, 255}},
       {"HueAdjust", {{vn::kInputAngleKey, -kPi / 3}}, {255, 0, 0, 255}, {213, 0, 213, 255}},
@@ -153,14 +149,11 @@ TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
       {"ExposureAdjust", {{vn::kInputEVKey, -2.0}}, {64, 128, 192, 255}, {30, 66, 102, 255}},
       // Monochrome with its default colour (0.6, 0.45, 0.3).
       {"ColorMonochrome", none, {128, 128, 128, 255}, {104, 77, 50, 255}},
-      {"ColorMonochrome",
-       {{vn::kInputIntensityKey, 0.5}},
-       {128, 128, 128, 255},
-       {117, 106, 99, 255}},
+      {"ColorMonochrome", half, {128, 128, 128, 255}, {117, 106, 99, 255}},
       {"ColorMonochrome", none, {255, 0, 0, 255}, {103, 76, 49, 255}},
       {"ColorMonochrome", none, {255, 255, 255, 255}, {255, 255, 255, 255}},
       {"SepiaTone", none, {255, 255, 255, 255}, {255, 255, 248, 255}},
-      {"SepiaTone", {{vn::kInputIntensityKey, 0.5}}, {255, 255, 255, 255}, {255, 255, 251, 255}},
+      {"SepiaTone", half, {255, 255, 255, 255}, {255, 255, 251, 255}},
       {"SepiaTone", none, {128, 128, 128, 255}, {147, 139, 124, 255}},
   };
   for (const auto& c : cases) {
