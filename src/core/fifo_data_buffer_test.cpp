@@ -16,6 +16,7 @@ TEST(FIFODataBufferTest, ReadsInOrderAcrossTheSwapAndClears) {
   // Empty: nothing copied, destination untouched.
   EXPECT_EQ(fifo.readBytes(out, 8), 0u);
   EXPECT_EQ(out[0], 0xEE);
+  EXPECT_EQ(fifo.readBytes(out, 0), 0u);
   uint8_t ten[10];
   std::iota(std::begin(ten), std::end(ten), 0);
   fifo.appendBytes(ten, 10);

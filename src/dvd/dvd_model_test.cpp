@@ -207,4 +207,13 @@ TEST(DvdModelTest, PiecesAreClippedToTheTitleAndShareItsName) {
   EXPECT_TRUE(source->createMedias().value_or(VNMediaSource::Medias{1}).empty());
 }
 
+TEST(DvdModelTest, DescriptionsNameEveryField) {
+  VNDVDTitleSet set;
+  set.dvdFormat = "pal";
+  set.audioLanguages = {"German", "Spanish"};
+  EXPECT_EQ(set.description(),
+            "format:pal aspect_ratio:(null) audios:(German, Spanish) subtitle:()");
+  EXPECT_EQ(VNDVDMedia(7, 3).description(), "start:7 count:3");
+}
+
 }  // namespace

@@ -239,6 +239,7 @@ TEST(ArrayFilterTest, CopiesShareNoFilter) {
   EXPECT_NE(filters[1].get(), invert.get());
   EXPECT_EQ(filters[0]->describe(), "GaussianBlur inputRadius=2");
   EXPECT_EQ(filters[1]->name(), "ColorInvert");
+  ASSERT_TRUE(copy->inputImage());
 
   // Running the copy on another image leaves the source's filters alone.
   copy->setValue(vn::kInputImageKey, gradient(3, 3, 50));

@@ -155,6 +155,7 @@ TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
       {"SepiaTone", none, {255, 255, 255, 255}, {255, 255, 248, 255}},
       {"SepiaTone", half, {255, 255, 255, 255}, {255, 255, 251, 255}},
       {"SepiaTone", none, {128, 128, 128, 255}, {147, 139, 124, 255}},
+      {"SepiaTone", none, {200, 100, 50, 255}, {156, 148, 132, 255}},
   };
   for (const auto& c : cases) {
     const FilterImage out = filtered(c.name, c.settings, uniform(2, 2, c.in));
@@ -226,8 +227,9 @@ TEST(ImageFilterTest, BlurGrowsTheExtentAndFadesToTransparent) {
   const FilterImage field = uniform(100, 100, {255, 255, 255, 255});
   const FilterImage blurred = filtered("GaussianBlur", {{vn::kInputRadiusKey, 10.0}}, field);
   expectExtent(blurred, Rect{-30, -30, 160, 160});
-  EXPECT_EQ(pixelAt(blurred, 0, 50), (Px{255, 255, 255, 133}));  // middle of an edge
-  EXPECT_EQ(pixelAt(blurred, 99, 0), (Px{255, 255, 255, 69}));   // corner
+  EXPECT_EQ(pixelAt(blurred, 0, 50), (Px{255, 255, 255, 133}));    // middle of an edge
+  EXPECT_EQ(pixelAt(blurred, 99, 0), (Px{255, 255, 255, 69}));     // corner
+  EXPECT_EQ(pixelAt(blurred, 50, 100), (Px{255, 255, 255, 122}));  // first row outside
   EXPECT_EQ(pixelAt(blurred, 50, 50), (Px{255, 255, 255, 255}));
   const FilterImage black = FilterImage::withColor(Color{0, 0, 0, 1}).cropped(blurred.extent());
   const FilterImage flat =
@@ -266,6 +268,7 @@ TEST(ImageFilterTest, NeighbourhoodFiltersMatchReferenceColours) {
       // Luma detail is added to every channel, chroma kept.
       {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 10, 10, {255, 255, 255, 255}},
       {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 11, 10, {186, 186, 186, 255}},
+      {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 10, 9, {186, 186, 186, 255}},
       {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 0, 0, {188, 188, 188, 255}},
       {"SharpenLuminance", {}, dotIn({200, 100, 50, 255}), 9, 10, {198, 94, 36, 255}},
       // A screen (bloom) or multiply (gloom) blend with a blurred copy.
@@ -290,6 +293,38 @@ TEST(ImageFilterTest, NeighbourhoodFiltersMatchReferenceColours) {
   const FilterImage plain = uniform(24, 24, {200, 100, 50, 255});
   for (const char* name : {"SharpenLuminance", "HexagonalPixellate"})
     EXPECT_EQ(filtered(name, {}, plain).render(), plain.render()) << name;
+}
+
+TEST(ImageFilterTest, HexagonalCellsAreAssignedToTheNearestCentre) {
+  // Every cell of a two-way gradient has its own mean, so two pixels have
+  // the same colour exactly when they lie in the same cell. Each case puts
+  // the point's offset from the centre at a pixel centre by moving the
+  // centre, then compares it with the pixel holding the expected cell's
+  // centre and with the one holding the nearest other candidate's.
+  const FilterImage gradient = picture(64, 64, [](int x, int y) {
+    return Px{x * 4, y * 4, 128, 255};
+  });
+  constexpr double h = std::numbers::sqrt3 / 2;
+  const struct {
+    double px, py;       // the point, with the centre at (150, 150)
+    int m, n;            // its cell
+    int otherM, otherN;  // a neighbouring candidate
+  } cases[] = {
+      {153.9, 150, 0, 0, 1, 0}, {154.1, 150, 1, 0, 0, 0}, {150.8, 154.8, 0, 1, 0, 0},
+      {146, 143, 0, -1, 0, 0},  {150, 157, -1, 1, 0, 1},  // a tie between (-1, 1) and (0, 1)
+  };
+  const double pixel = 32.5;  // the pixel centre that stands for the point
+  for (const auto& c : cases) {
+    const double cx = pixel - (c.px - 150), cy = pixel - (c.py - 150);
+    const FilterImage out = filtered(
+        "HexagonalPixellate",
+        {{vn::kInputCenterKey, FilterVector::xy(cx, cy)}, {vn::kInputScaleKey, 8.0}}, gradient);
+    const auto cellPixel = [&](int m, int n) {
+      return pixelAt(out, int(std::floor(cx + 8 * (m + n / 2.0))), int(std::floor(cy + 8 * n * h)));
+    };
+    EXPECT_EQ(pixelAt(out, 32, 32), cellPixel(c.m, c.n)) << c.px << "," << c.py;
+    EXPECT_NE(pixelAt(out, 32, 32), cellPixel(c.otherM, c.otherN)) << c.px << "," << c.py;
+  }
 }
 
 TEST(ImageFilterTest, CompositingFollowsPorterDuffInLinearLight) {

@@ -71,6 +71,7 @@ TEST(MovieTest, MediasOnTheTimeline) {
   EXPECT_TRUE(movie->medias().empty());
   EXPECT_FALSE(movie->hasAudio() || movie->hasVideo() || movie->hasSubtitle());
   EXPECT_EQ(movie->duration(), 0);
+  EXPECT_EQ(VNFFMovie::medias(movie->medias(), 0), nullptr);
   EXPECT_TRUE(movie->audioStreams().empty());
   movie->seek(2000000);
   movie->flushOperation();
