@@ -356,6 +356,8 @@ TEST_F(MovieFileOutputTest, ContainerAndCodecChoice) {
     EXPECT_EQ(writer->formatContext()->url, scratch(c.file));  // the file keeps its name
     EXPECT_EQ(writer->formatContext()->max_delay, 700000);
   }
+  EXPECT_EQ(av_guess_format(nullptr, "x.mp4", nullptr)->video_codec, AV_CODEC_ID_H264);
+  EXPECT_EQ(av_guess_format(nullptr, "x.mp4", nullptr)->audio_codec, AV_CODEC_ID_AAC);
 }
 
 // Streams are numbered from 1 in the order they are opened; a second
