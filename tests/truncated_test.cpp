@@ -18,6 +18,7 @@
 namespace {
 
 using nlohmann::json;
+using vn::test::entries;
 using vn::test::lines;
 using vn::test::shellQuote;
 namespace fs = std::filesystem;
@@ -46,8 +47,7 @@ const Medium kMedia[] = {
 const int kPercents[] = {5, 30, 60, 90};
 
 struct Cut {
-  std::string path;
-  std::string label;  // "faststart.mp4 at 30 %"
+  std::string path;  // .../30-faststart.mp4 for faststart.mp4 cut at 30 %
   int64_t size = 0;
   int64_t wholeSize = 0;
   bool declaresSize = false;
@@ -112,23 +112,16 @@ const std::vector<Cut>& cuts() {
       const std::string whole = wholeFile(m.name);
       for (int percent : kPercents) {
         Cut c;
-        c.label = std::string(m.name) + " at " + std::to_string(percent) + " %";
         c.path = dir + "/" + std::to_string(percent) + "-" + m.name;
         c.wholeSize = static_cast<int64_t>(fs::file_size(whole));
         c.size = c.wholeSize * percent / 100;
         c.declaresSize = m.declaresSize;
         fs::copy_file(whole, c.path, fs::copy_options::overwrite_existing);
         fs::resize_file(c.path, static_cast<uintmax_t>(c.size));
-        int status = -1;
-        const std::string out =
-            vn::test::runShell("ffprobe -v error -show_streams -show_format -of json " +
-                                   shellQuote(c.path) + " 2>/dev/null",
-                               &status);
-        c.ffprobeOpens = status == 0;
-        if (c.ffprobeOpens) {
-          c.probe = json::parse(out, nullptr, false);
+        c.probe = vn::test::ffprobe(c.path);
+        c.ffprobeOpens = c.probe.contains("format");
+        if (c.ffprobeOpens)
           c.readable = readableSeconds(c.path, c.probe);
-        }
         list.push_back(c);
       }
     }
@@ -152,20 +145,12 @@ std::string warningFor(const Cut& c) {
          std::to_string(c.wholeSize) + " bytes present";
 }
 
-std::vector<std::string> entries(const std::string& dir) {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(dir)) {
-    names.push_back(entry.path().filename().string());
-  }
-  return names;
-}
-
 }  // namespace
 
 TEST(TruncatedTest, InfoShowsWhatFfprobeOpens) {
   int opened = 0, warned = 0;
   for (const Cut& c : cuts()) {
-    SCOPED_TRACE(c.label);
+    SCOPED_TRACE(c.path);
     vn::test::CommandResult r = vn::test::runVarnel({"info", c.path, "--json"}, {}, kTimeout);
     if (!c.ffprobeOpens) {
       EXPECT_EQ(r.status, 1) << r.err;
@@ -202,7 +187,7 @@ TEST(TruncatedTest, InfoShowsWhatFfprobeOpens) {
 TEST(TruncatedTest, ConvertWritesWhatCanBeRead) {
   int converted = 0, refused = 0;
   for (const Cut& c : cuts()) {
-    SCOPED_TRACE(c.label + " (" + std::to_string(c.readable) + " s readable)");
+    SCOPED_TRACE(c.path + " (" + std::to_string(c.readable) + " s readable)");
     const std::string dir =
         vn::test::scratchDir() + "/converted-" + fs::path(c.path).stem().string();
     fs::create_directories(dir);
