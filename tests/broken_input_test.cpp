@@ -12,11 +12,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "test_support.h"
 

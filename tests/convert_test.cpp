@@ -1,15 +1,12 @@
 // End-to-end: `varnel convert` on the generated media, checked with ffprobe
 // and the ffmpeg command line.
-#include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cmath>
 #include <filesystem>
-#include <string>
 #include <thread>
 
 #include "audio_analysis.h"

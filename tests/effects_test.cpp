@@ -1,13 +1,9 @@
 // End-to-end: `varnel effects`, its list, one preset on a picture, and the
 // contact sheet, with pictures made and read back by the ffmpeg command line.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "test_support.h"
 

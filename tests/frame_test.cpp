@@ -1,14 +1,11 @@
 // End-to-end: `varnel frame`, `varnel thumbnail` and the picture settings of
 // `varnel convert`, checked on output pixels against the ffmpeg command line.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <random>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "test_support.h"
 

@@ -9,10 +9,6 @@
 
 #include <filesystem>
 #include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "test_support.h"
 

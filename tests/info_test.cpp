@@ -1,12 +1,8 @@
 // End-to-end: `varnel info` against ffprobe on every generated medium.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <set>
-#include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "core/varnel.h"
 #include "test_support.h"

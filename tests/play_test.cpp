@@ -2,9 +2,6 @@
 // writes what the device was given as raw float32 stereo 44100 Hz, in real
 // time. Timing-sensitive, so the ThreadSanitizer run leaves it out, and a
 // sanitizer build checks only what holds at any speed.
-#include <gtest/gtest.h>
-
-#include <string>
 
 #include "audio_analysis.h"
 #include "test_support.h"

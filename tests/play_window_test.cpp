@@ -2,7 +2,6 @@
 // Screenshots of the window are read back through the frame counter burned
 // into counter.mp4 and matched with the player's trace of what it showed
 // and at which clock (VARNEL_PLAY_TRACE).
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -13,13 +12,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "test_support.h"
 
@@ -236,6 +231,16 @@ std::vector<std::string> playerEnv(const VirtualDisplay& display, const std::str
   return env;
 }
 
+// `varnel play` with the arguments on the display; its trace, output and
+// sound are the files name.trace, name.log and name.raw.
+Process play(const VirtualDisplay& display,
+             const std::string& name,
+             const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {VARNEL_CLI_PATH, "play", fixture("counter.mp4")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return Process(argv, playerEnv(display, name), vn::test::scratch(name + ".log"));
+}
+
 // The player's output, for a failure message.
 std::string logOf(const std::string& name) {
   return "player output:\n" + vn::test::readFile(vn::test::scratch(name + ".log"));
@@ -244,9 +249,7 @@ std::string logOf(const std::string& name) {
 TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
   VirtualDisplay display;
   ASSERT_TRUE(display.ready()) << "Xvfb did not start";
-  const std::string dir = vn::test::scratchDir();
-  Process player({VARNEL_CLI_PATH, "play", fixture("counter.mp4"), "--window", "640x480"},
-                 playerEnv(display, "window"), dir + "/window.log");
+  Process player = play(display, "window", {"--window", "640x480"});
   ASSERT_TRUE(player.started());
 
   std::vector<std::pair<std::string, Shot>> shots;
@@ -272,7 +275,7 @@ TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
   // A sanitizer build only shows that every scene runs and ends cleanly.
   if (!kTimed)
     return;
-  const std::vector<TraceLine> trace = readTrace(dir + "/window.trace");
+  const std::vector<TraceLine> trace = readTrace(vn::test::scratch("window.trace"));
   ASSERT_GT(trace.size(), 50u);
   // Playing starts on the first frame, shown before the clock runs.
   EXPECT_TRUE(trace.front().shown);
@@ -305,12 +308,10 @@ TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
 TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
   VirtualDisplay display;
   ASSERT_TRUE(display.ready()) << "Xvfb did not start";
-  const std::string dir = vn::test::scratchDir();
   // utf8.srt shows its two lines from 1 s to 7 s.
-  Process player(
-      {VARNEL_CLI_PATH, "play", fixture("counter.mp4"), "--window", "640x480", "--rotate", "90",
-       "--subtitles", fixture("utf8.srt"), "--subtitle-font", "Sans 24", "--start", "2"},
-      playerEnv(display, "settings"), dir + "/settings.log");
+  Process player = play(display, "settings",
+                        {"--window", "640x480", "--rotate", "90", "--subtitles",
+                         fixture("utf8.srt"), "--subtitle-font", "Sans 24", "--start", "2"});
   ASSERT_TRUE(player.started());
   sleepSeconds(1.5);
   const Shot shot = screenshot(display);
@@ -339,39 +340,35 @@ TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
 TEST(PlayWindowTest, EndsWithTheInputAndSavesThePicture) {
   VirtualDisplay display;
   ASSERT_TRUE(display.ready()) << "Xvfb did not start";
-  const std::string dir = vn::test::scratchDir();
   // The last second and a half, paused on the way for `s` to save the
   // picture on screen into the working folder.
-  const std::string saved = dir + "/saved";
+  const std::string saved = vn::test::scratch("saved");
   std::filesystem::create_directories(saved);
   Process player(
       {"/bin/sh", "-c",
        "cd " + vn::test::shellQuote(saved) + " && exec " + VARNEL_CLI_PATH + " play " +
            vn::test::shellQuote(fixture("counter.mp4")) + " --window 320x240 --start 22.5"},
-      playerEnv(display, "end"), dir + "/end.log");
+      playerEnv(display, "end"), vn::test::scratch("end.log"));
   ASSERT_TRUE(player.started());
   sleepSeconds(0.5);
   player.send(" s ");
   EXPECT_EQ(player.wait(20), 0) << logOf("end");
   if (!kTimed)
     return;
-  std::vector<std::string> pictures;
-  for (const auto& entry : std::filesystem::directory_iterator(saved))
-    pictures.push_back(entry.path().string());
+  const std::vector<std::string> pictures = vn::test::entries(saved);
   ASSERT_EQ(pictures.size(), 1u);
-  const vn::test::Raster picture = vn::test::readPicture(pictures[0]);
+  const vn::test::Raster picture = vn::test::readPicture(saved + "/" + pictures[0]);
   EXPECT_EQ(picture.width, 320);
   EXPECT_EQ(picture.height, 240);
 }
 
 TEST(PlayWindowTest, NoDisplayMeansSoundOnly) {
-  const std::string dir = vn::test::scratchDir();
   const vn::test::CommandResult r =
       vn::test::runVarnel({"play", fixture("counter.mp4"), "--start", "22.5"},
                           {{"DISPLAY", ""},
                            {"WAYLAND_DISPLAY", ""},
                            {"SDL_AUDIODRIVER", "disk"},
-                           {"SDL_DISKAUDIOFILE", dir + "/nodisplay.raw"}},
+                           {"SDL_DISKAUDIOFILE", vn::test::scratch("nodisplay.raw")}},
                           60);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.err.find("varnel: playing the sound only: no display"), std::string::npos) << r.err;
