@@ -131,8 +131,8 @@ CommandResult runVarnel(const std::vector<std::string>& args,
 }
 
 nlohmann::json ffprobe(const std::string& path) {
-  const std::string out =
-      runShell("ffprobe -v error -show_streams -show_format -of json " + shellQuote(path));
+  const std::string out = runShell("ffprobe -v error -show_streams -show_format -of json " +
+                                   shellQuote(path) + " 2>/dev/null");
   return nlohmann::json::parse(out, nullptr, false);
 }
 
