@@ -64,7 +64,6 @@ struct Program {
   bool clampNext = false;  // the next resampling repeats its source's edges
 };
 
-// The x range [x0, x1) of the output pixels of a row whose centres lie
 // The program that makes root's pixels over region; the neighbourhood
 // filters and whatever else it samples as a source are made while it is
 // compiled, with `threads` (0: every core).
