@@ -49,6 +49,10 @@
 // A transform placed above a point operation or a composite (rather than
 // below, as a composition builds its chain) cannot fold: what is under it is
 // materialised first and resampled as a source.
+//
+// Inside the library the graph is filter_graph.h, the planning of the passes
+// render_plan.h, and their running over bands of rows row_executor.h; image
+// files are read and written in image_file.cpp.
 #pragma once
 
 #include <cstdint>
@@ -181,7 +185,7 @@ class FilterImage {
   // False with a one-line reason on failure; nothing is left behind then.
   bool writeToFile(const std::string& path, std::string* reason) const;
 
-  struct Node;  // the graph, defined in filter_image.cpp
+  struct Node;  // the graph, defined in filter_graph.h
 
  private:
   explicit FilterImage(std::shared_ptr<const Node> node);

@@ -1,0 +1,532 @@
+#include "image/row_executor.h"
+
+#include <cmath>
+#include <cstring>
+#include <variant>
+
+#include "image/image_kernels.h"
+#include "image/srgb.h"
+
+namespace vn {
+namespace {
+
+// Four floats handled as one value (one SSE register on x86-64).
+typedef float Float4 __attribute__((vector_size(16)));
+
+inline Float4 load4(const float* p) {
+  Float4 v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+inline void store4(float* p, Float4 v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// One source pixel as premultiplied linear light.
+inline Float4 fetch(const Source& s, const float* lut, int c, int r) {
+  if (s.raster) {
+    const uint8_t* p = s.raster->bytes + size_t(r) * s.raster->stride + size_t(c) * 4;
+    const float alpha = p[3] * (1.0f / 255);
+    const int ri = s.raster->bgra ? 2 : 0;
+    return Float4{lut[p[ri]] * alpha, lut[p[1]] * alpha, lut[p[2 - ri]] * alpha, alpha};
+  }
+  return load4(s.pixels->row(r) + size_t(c) * 4);
+}
+
+// The x range [x0, x1) of the output pixels of a row whose centres lie
+// inside the row op's masks and near enough to its source for a tap.
+struct Span {
+  int x0, x1;
+};
+
+// Where the row's output pixels lie inside the op's axis-aligned masks.
+Span maskSpan(const std::vector<Mask>& masks, double y, const IntRect& region) {
+  Span s{region.x, region.right()};
+  for (const Mask& m : masks) {
+    if (!m.axisAligned || isInfiniteRect(m.rect))
+      continue;
+    const double cy = y + m.toCrop.ty;
+    if (cy < m.rect.y || cy >= m.rect.y + m.rect.height)
+      return Span{s.x0, s.x0};
+    // Centres x + 0.5 + tx inside [rect.x, rect.x + width).
+    const double lo = std::ceil(m.rect.x - m.toCrop.tx - 0.5);
+    const double hi = std::ceil(m.rect.x + m.rect.width - m.toCrop.tx - 0.5);
+    s.x0 =
+        std::max(s.x0, static_cast<int>(std::clamp(lo, double(region.x), double(region.right()))));
+    s.x1 =
+        std::min(s.x1, static_cast<int>(std::clamp(hi, double(region.x), double(region.right()))));
+  }
+  if (s.x1 < s.x0)
+    s.x1 = s.x0;
+  return s;
+}
+
+bool insideOtherMasks(const std::vector<Mask>& masks, double x, double y) {
+  for (const Mask& m : masks) {
+    if (m.axisAligned)
+      continue;
+    const Point p = m.toCrop.apply({x, y});
+    if (!(p.x >= m.rect.x && p.x < m.rect.x + m.rect.width && p.y >= m.rect.y &&
+          p.y < m.rect.y + m.rect.height))
+      return false;
+  }
+  return true;
+}
+
+// Limits [x0, x1) to the output pixels x whose centre maps within lo..hi of
+// the source along one coordinate: v(x) = v0 + x * dv, v0 being where the
+// centre of pixel 0 maps.
+void limitSpan(Span& s, double v0, double dv, double lo, double hi) {
+  if (dv == 0) {
+    if (v0 < lo || v0 > hi)
+      s.x1 = s.x0;
+    return;
+  }
+  double a = (lo - v0) / dv, b = (hi - v0) / dv;
+  if (a > b)
+    std::swap(a, b);
+  const double first = std::ceil(a), last = std::floor(b);
+  s.x0 = std::max(s.x0, static_cast<int>(std::max(first, double(s.x0))));
+  s.x1 = std::min(s.x1, static_cast<int>(std::min(last + 1, double(s.x1))));
+  if (s.x1 < s.x0)
+    s.x1 = s.x0;
+}
+
+// Clears the row outside [x0, x1).
+void clearOutside(float* row, const IntRect& region, int x0, int x1) {
+  x0 = std::clamp(x0, region.x, region.right());
+  x1 = std::clamp(x1, x0, region.right());
+  std::fill(row, row + size_t(x0 - region.x) * 4, 0.0f);
+  std::fill(row + size_t(x1 - region.x) * 4, row + size_t(region.width) * 4, 0.0f);
+}
+
+// One output row of a resampling, and where its pixel centres map in the
+// source.
+struct SampleRow {
+  const RowOp& op;
+  float* row;
+  double y;
+  const IntRect& region;
+  const float* lut;
+  // Source position of the pixel whose centre is (x + 0.5, y): linear in x,
+  // (sx0 + t.a * x, sy0 + t.b * x).
+  double sx0, sy0;
+  double top;       // the source's height: row r has its centre at top - r - 0.5
+  bool plainMasks;  // every mask is axis-aligned: the span alone keeps pixels
+};
+
+// Whole-pixel translation: output pixel x reads source column
+// x + dx - originX and row top - (y + dy - originY) - 0.5.
+void copyRow(const SampleRow& line, const Span& span) {
+  const RowOp& op = line.op;
+  const Source& s = op.source;
+  const IntRect& region = line.region;
+  const int r = static_cast<int>(std::floor(line.top - (line.y + op.copyDy - s.originY)));
+  if (r < s.r0 || r >= s.r1) {
+    clearOutside(line.row, region, region.x, region.x);
+    return;
+  }
+  const int shift = op.copyDx - static_cast<int>(s.originX);
+  const int x0 = std::max(span.x0, s.c0 - shift);
+  const int x1 = std::max(x0, std::min(span.x1, s.c1 - shift));
+  clearOutside(line.row, region, x0, x1);
+  for (int x = x0; x < x1; ++x) {
+    const bool kept = line.plainMasks || insideOtherMasks(op.masks, x + 0.5, line.y);
+    store4(line.row + size_t(x - region.x) * 4, kept ? fetch(s, line.lut, x + shift, r) : Float4{});
+  }
+}
+
+// Output pixel x sampled bilinearly, wherever it lies.
+void samplePixel(const SampleRow& line, int x) {
+  const RowOp& op = line.op;
+  const Source& s = op.source;
+  const AffineTransform& t = op.inverse;
+  const float* lut = line.lut;
+  float* out = line.row + size_t(x - line.region.x) * 4;
+  if (!line.plainMasks && !insideOtherMasks(op.masks, x + 0.5, line.y)) {
+    store4(out, Float4{});
+    return;
+  }
+  const double px = line.sx0 + t.a * x, py = line.sy0 + t.b * x;
+  // Bilinear taps at pixel centres; column c has its centre at c + 0.5,
+  // row r at top - r - 0.5.
+  const double fx = px - 0.5, fy = (line.top - py) - 0.5;
+  const double cf = std::floor(fx), rf = std::floor(fy);
+  const float wx = static_cast<float>(fx - cf), wy = static_cast<float>(fy - rf);
+  int c = static_cast<int>(std::clamp(cf, -2.0, double(s.width + 1)));
+  int r = static_cast<int>(std::clamp(rf, -2.0, double(s.height + 1)));
+  Float4 p00, p10, p01, p11;
+  if (c >= s.c0 && c + 1 < s.c1 && r >= s.r0 && r + 1 < s.r1) {
+    // Inside: all four taps are source pixels.
+    p00 = fetch(s, lut, c, r);
+    p10 = fetch(s, lut, c + 1, r);
+    p01 = fetch(s, lut, c, r + 1);
+    p11 = fetch(s, lut, c + 1, r + 1);
+  } else if (s.clamp) {
+    // Beyond an edge both taps of that side read the edge pixel.
+    const int c2 = std::clamp(c + 1, s.c0, s.c1 - 1), r2 = std::clamp(r + 1, s.r0, s.r1 - 1);
+    c = std::clamp(c, s.c0, s.c1 - 1);
+    r = std::clamp(r, s.r0, s.r1 - 1);
+    p00 = fetch(s, lut, c, r);
+    p10 = fetch(s, lut, c2, r);
+    p01 = fetch(s, lut, c, r2);
+    p11 = fetch(s, lut, c2, r2);
+  } else {
+    // At an edge the taps outside read transparent.
+    const Float4 zero = {0, 0, 0, 0};
+    const bool cIn0 = c >= s.c0 && c < s.c1, cIn1 = c + 1 >= s.c0 && c + 1 < s.c1;
+    const bool rIn0 = r >= s.r0 && r < s.r1, rIn1 = r + 1 >= s.r0 && r + 1 < s.r1;
+    p00 = rIn0 && cIn0 ? fetch(s, lut, c, r) : zero;
+    p10 = rIn0 && cIn1 && wx != 0 ? fetch(s, lut, c + 1, r) : zero;
+    p01 = rIn1 && cIn0 && wy != 0 ? fetch(s, lut, c, r + 1) : zero;
+    p11 = rIn1 && cIn1 && wx != 0 && wy != 0 ? fetch(s, lut, c + 1, r + 1) : zero;
+  }
+  const Float4 upper = p00 + wx * (p10 - p00);
+  const Float4 lower = p01 + wx * (p11 - p01);
+  store4(out, upper + wy * (lower - upper));
+}
+
+// The common case, kept tight: an 8-bit source, unmasked, its taps all
+// inside the source except near an edge.
+void sampleRasterSpan(const SampleRow& line, const Span& span) {
+  const Source& s = line.op.source;
+  const AffineTransform& t = line.op.inverse;
+  const float* lut = line.lut;
+  const uint8_t* bytes = s.raster->bytes;
+  const size_t stride = s.raster->stride;
+  const int ri = s.raster->bgra ? 2 : 0;
+  auto decode = [&](const uint8_t* p) {
+    return Float4{lut[p[ri]], lut[p[1]], lut[p[2 - ri]], 1.0f} * (p[3] * (1.0f / 255));
+  };
+  // Column and row coordinates of the taps, stepped along the row; the
+  // offset keeps them positive so that truncation floors.
+  constexpr int kOffset = 4;
+  int x = span.x0;
+  double fx = line.sx0 + t.a * x - 0.5 + kOffset,
+         fy = line.top - (line.sy0 + t.b * x) - 0.5 + kOffset;
+  for (; x < span.x1; ++x, fx += t.a, fy -= t.b) {
+    const int c = static_cast<int>(fx) - kOffset, r = static_cast<int>(fy) - kOffset;
+    if (fx < 0 || fy < 0 || c < s.c0 || c + 1 >= s.c1 || r < s.r0 || r + 1 >= s.r1) {
+      samplePixel(line, x);  // near an edge
+      continue;
+    }
+    const float wx = static_cast<float>(fx - std::floor(fx)),
+                wy = static_cast<float>(fy - std::floor(fy));
+    const uint8_t* p = bytes + size_t(r) * stride + size_t(c) * 4;
+    const Float4 p00 = decode(p), p10 = decode(p + 4);
+    const Float4 p01 = decode(p + stride), p11 = decode(p + stride + 4);
+    const Float4 upper = p00 + wx * (p10 - p00);
+    const Float4 lower = p01 + wx * (p11 - p01);
+    store4(line.row + size_t(x - line.region.x) * 4, upper + wy * (lower - upper));
+  }
+}
+
+void runSample(const RowOp& op, float* row, double y, const IntRect& region) {
+  Span span = maskSpan(op.masks, y, region);
+  const Source& s = op.source;
+  if (s.c1 <= s.c0 || s.r1 <= s.r0) {
+    clearOutside(row, region, region.x, region.x);
+    return;
+  }
+  const AffineTransform& t = op.inverse;
+  const SampleRow line{
+      op,
+      row,
+      y,
+      region,
+      srgbToLinearTable(),
+      t.a * 0.5 + t.c * y + t.tx - s.originX,
+      t.b * 0.5 + t.d * y + t.ty - s.originY,
+      double(s.height),
+      std::all_of(op.masks.begin(), op.masks.end(), [](const Mask& m) { return m.axisAligned; })};
+  // Keep the pixels whose position reaches a tap of the source's kept area.
+  if (!s.clamp) {
+    limitSpan(span, line.sx0, t.a, s.c0 - 0.5, s.c1 + 0.5);
+    limitSpan(span, line.sy0, t.b, line.top - s.r1 - 0.5, line.top - s.r0 + 0.5);
+  }
+  if (op.copy && !s.clamp) {
+    copyRow(line, span);
+    return;
+  }
+  clearOutside(row, region, span.x0, span.x1);
+  if (line.plainMasks && !s.clamp && s.raster) {
+    sampleRasterSpan(line, span);
+    return;
+  }
+  for (int x = span.x0; x < span.x1; ++x)
+    samplePixel(line, x);
+}
+
+constexpr float kLumaR = 0.2125f, kLumaG = 0.7154f, kLumaB = 0.0721f;
+
+// c' = M · (r, g, b, 1), alpha kept.
+void runColorMatrix(const ColorMatrixOp& op, float* row, int width) {
+  // Columns of the matrix as four-float values (alpha lanes 0).
+  const auto& m = op.m;
+  const Float4 c0 = {m[0][0], m[1][0], m[2][0], 0}, c1 = {m[0][1], m[1][1], m[2][1], 0};
+  const Float4 c2 = {m[0][2], m[1][2], m[2][2], 0}, c3 = {m[0][3], m[1][3], m[2][3], 0};
+  for (int i = 0; i < width; ++i) {
+    float* p = row + size_t(i) * 4;
+    const Float4 v = load4(p);
+    Float4 out = c0 * v[0] + c1 * v[1] + c2 * v[2] + c3;
+    out[3] = v[3];
+    store4(p, out);
+  }
+}
+
+// Grey by luma, overlay-blended with a colour, mixed with the input.
+void runMonochrome(const MonochromeOp& mono, float* row, int width) {
+  const float k[3] = {mono.color[0], mono.color[1], mono.color[2]};
+  const float t = mono.intensity;
+  for (int i = 0; i < width; ++i) {
+    float* c = row + size_t(i) * 4;
+    const float luma = kLumaR * c[0] + kLumaG * c[1] + kLumaB * c[2];
+    for (int n = 0; n < 3; ++n) {
+      const float m = luma < 0.5f ? 2 * luma * k[n] : 1 - 2 * (1 - luma) * (1 - k[n]);
+      c[n] += t * (m - c[n]);
+    }
+  }
+}
+
+// A spotlight on the flat picture.
+void runSpotLight(const SpotLightOp& s, float* row, int width, double x0, double y) {
+  const double ax = s.pointsAt[0] - s.position[0], ay = s.pointsAt[1] - s.position[1],
+               az = s.pointsAt[2] - s.position[2];
+  const double an = std::sqrt(ax * ax + ay * ay + az * az);
+  const float exponent = static_cast<float>(1 / std::max(s.concentration, 0.001));
+  const double ly = s.position[1] - y, lz = s.position[2];
+  for (int i = 0; i < width; ++i) {
+    float* c = row + size_t(i) * 4;
+    // From the surface point to the light, against the light's axis.
+    const double lx = s.position[0] - (x0 + i);
+    const double ln = std::sqrt(lx * lx + ly * ly + lz * lz);
+    float factor = 0;
+    if (ln > 0 && an > 0) {
+      const double dot = -(lx * ax + ly * ay + lz * az) / (ln * an);
+      const double lambert = lz / ln;
+      if (dot > 0 && lambert > 0) {
+        const float spot = std::exp2(exponent * std::log2(static_cast<float>(dot)));
+        factor = static_cast<float>(s.brightness * lambert) * spot;
+      }
+    }
+    for (int n = 0; n < 3; ++n)
+      c[n] *= s.color[n] * factor;
+  }
+}
+
+// A monochrome line halftone of the row's luma.
+void runLineScreen(const LineScreenOp& ls, float* row, int width, double x0, double y) {
+  // The signed distance across the lines grows along the row by -sin.
+  const double nx = -std::sin(ls.angle), ny = std::cos(ls.angle);
+  const double width1 = std::max(ls.width, 1.0);
+  const double w = 1 - ls.sharpness;
+  const double d0 = (x0 - ls.center[0]) * nx + (y - ls.center[1]) * ny;
+  for (int i = 0; i < width; ++i) {
+    float* c = row + size_t(i) * 4;
+    const float luma = kLumaR * c[0] + kLumaG * c[1] + kLumaB * c[2];
+    const double t = (d0 + i * nx) / width1;
+    const double threshold = std::abs(2 * (t - std::floor(t)) - 1);
+    const double o = w <= 1e-6 ? (luma >= threshold ? 1.0 : 0.0)
+                               : std::clamp((luma - threshold) / w + 0.5, 0.0, 1.0);
+    c[0] = c[1] = c[2] = static_cast<float>(o);
+  }
+}
+
+// One point stage over a row of unpremultiplied colour (alpha lanes left
+// alone), pixel i of the row having its centre at (x0 + i, y).
+void runStage(const PointOp& op, float* row, int width, double x0, double y) {
+  switch (op.index()) {
+    case 0:
+      runColorMatrix(std::get<ColorMatrixOp>(op), row, width);
+      return;
+    case 1:
+      runMonochrome(std::get<MonochromeOp>(op), row, width);
+      return;
+    case 2:
+      runSpotLight(std::get<SpotLightOp>(op), row, width, x0, y);
+      return;
+    case 3:
+      runLineScreen(std::get<LineScreenOp>(op), row, width, x0, y);
+      return;
+  }
+}
+
+void runPoint(const RowOp& op, float* row, double y, const IntRect& region) {
+  const int width = region.width;
+  if (op.stages.size() == 1 && op.stages[0].index() == 0) {
+    // The common case in one loop: one fused colour matrix, its columns as
+    // four-float values (the alpha lane of each is 0; alpha is put back).
+    const auto& m = std::get<ColorMatrixOp>(op.stages[0]).m;
+    const Float4 c0 = {m[0][0], m[1][0], m[2][0], 0}, c1 = {m[0][1], m[1][1], m[2][1], 0};
+    const Float4 c2 = {m[0][2], m[1][2], m[2][2], 0}, c3 = {m[0][3], m[1][3], m[2][3], 0};
+    for (int i = 0; i < width; ++i) {
+      float* p = row + size_t(i) * 4;
+      const float a = p[3];
+      if (!(a > 0)) {
+        store4(p, Float4{0, 0, 0, 0});
+        continue;
+      }
+      const Float4 v = load4(p);
+      const float inv = 1 / a;
+      Float4 out = (c0 * (v[0] * inv) + c1 * (v[1] * inv) + c2 * (v[2] * inv) + c3) * a;
+      out[3] = a;
+      store4(p, out);
+    }
+    return;
+  }
+  // Alpha is divided out once, the stages run one after another over the
+  // row, and alpha goes back in once.
+  for (int i = 0; i < width; ++i) {
+    float* p = row + size_t(i) * 4;
+    const float a = p[3];
+    if (a > 0 && a != 1) {
+      Float4 v = load4(p) * (1 / a);
+      v[3] = a;
+      store4(p, v);
+    }
+  }
+  for (const PointOp& stage : op.stages)
+    runStage(stage, row, width, region.x + 0.5, y);
+  for (int i = 0; i < width; ++i) {
+    float* p = row + size_t(i) * 4;
+    const float a = p[3];
+    if (!(a > 0)) {
+      store4(p, Float4{0, 0, 0, 0});
+    } else if (a != 1) {
+      Float4 v = load4(p) * a;
+      v[3] = a;
+      store4(p, v);
+    }
+  }
+}
+
+void runMask(const RowOp& op, float* row, double y, const IntRect& region) {
+  const Span span = maskSpan(op.masks, y, region);
+  std::fill(row, row + size_t(span.x0 - region.x) * 4, 0.0f);
+  std::fill(row + size_t(span.x1 - region.x) * 4, row + size_t(region.width) * 4, 0.0f);
+  for (int x = span.x0; x < span.x1; ++x) {
+    if (!insideOtherMasks(op.masks, x + 0.5, y))
+      std::fill(row + size_t(x - region.x) * 4, row + size_t(x - region.x + 1) * 4, 0.0f);
+  }
+}
+
+}  // namespace
+
+void runRow(const Program& program, std::vector<float>& registers, int j) {
+  const IntRect& region = program.region;
+  const size_t width4 = size_t(region.width) * 4;
+  const double y = region.top() - j - 0.5;
+  for (const RowOp& op : program.ops) {
+    float* dst = registers.data() + op.dst * width4;
+    switch (op.kind) {
+      case RowOp::Kind::kSample:
+        runSample(op, dst, y, region);
+        break;
+      case RowOp::Kind::kFill: {
+        const Float4 color = load4(op.color);
+        for (size_t i = 0; i < width4; i += 4)
+          store4(dst + i, color);
+        break;
+      }
+      case RowOp::Kind::kPoint:
+        runPoint(op, dst, y, region);
+        break;
+      case RowOp::Kind::kMask:
+        runMask(op, dst, y, region);
+        break;
+      case RowOp::Kind::kOver: {
+        const float* src = registers.data() + op.src * width4;
+        for (size_t i = 0; i < width4; i += 4) {
+          if (src[i + 3] == 0)
+            continue;
+          store4(dst + i, load4(src + i) + load4(dst + i) * (1 - src[i + 3]));
+        }
+        break;
+      }
+      case RowOp::Kind::kIn: {
+        const float* src = registers.data() + op.src * width4;
+        for (size_t i = 0; i < width4; i += 4) {
+          const float coverage = dst[i + 3];
+          for (int k = 0; k < 4; ++k)
+            dst[i + k] = src[i + k] * coverage;
+        }
+        break;
+      }
+    }
+  }
+}
+
+std::shared_ptr<const PixelBuffer> reduce(const Source& s, int kx, int ky, int threads) {
+  const int w = (s.c1 - s.c0 + kx - 1) / kx, h = (s.r1 - s.r0 + ky - 1) / ky;
+  // The reduced pixel (i, j) averages source columns c0 + i*kx .. and rows
+  // r0 + j*ky ..; it is placed in its own raster space, mapped back by the
+  // caller.
+  auto out = std::make_shared<PixelBuffer>(IntRect{0, 0, w, h});
+  const float* lut = srgbToLinearTable();
+  const float scale = 1.0f / (kx * ky);
+  parallelFor(h, threads, [&](int j) {
+    float* o = out->row(j);
+    for (int i = 0; i < w; ++i) {
+      Float4 acc = {0, 0, 0, 0};
+      for (int r = s.r0 + j * ky; r < std::min(s.r0 + (j + 1) * ky, s.r1); ++r) {
+        for (int c = s.c0 + i * kx; c < std::min(s.c0 + (i + 1) * kx, s.c1); ++c) {
+          acc += fetch(s, lut, c, r);
+        }
+      }
+      store4(o + i * 4, acc * scale);
+    }
+  });
+  return out;
+}
+
+std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
+                                               const IntRect& region,
+                                               int threads,
+                                               FilterImage::RenderStats* stats) {
+  ++stats->materialized;
+  if (node->kind == Node::Kind::kKernel) {
+    const IntRect inputExtent = integral(node->a->extent);
+    const IntRect need = region.grown(kernelReach(node->kernel)).intersected(inputExtent);
+    const std::shared_ptr<const PixelBuffer> input =
+        need.isEmpty() ? std::make_shared<const PixelBuffer>(IntRect{region.x, region.y, 0, 0})
+                       : materialize(node->a, need, threads, stats);
+    ++stats->neighbourhoodPasses;
+    return std::make_shared<const PixelBuffer>(
+        applyKernel(node->kernel, *input, inputExtent, region, threads));
+  }
+  Program program = compile(node, region, threads);
+  // Every row is written below.
+  auto out = std::make_shared<PixelBuffer>(region, PixelBuffer::Unset{});
+  execute(program, threads, [&](int j, const float* row) {
+    std::copy(row, row + size_t(region.width) * 4, out->row(j));
+  });
+  stats->resamplingPasses += program.stats.resamplingPasses;
+  stats->colorPasses += program.stats.colorPasses;
+  stats->neighbourhoodPasses += program.stats.neighbourhoodPasses;
+  stats->materialized += program.stats.materialized;
+  return out;
+}
+
+void encodeRow(const float* in, uint8_t* out, int width) {
+  const SrgbEncodeTables codes = srgbEncodeTables();
+  for (int i = 0; i < width; ++i, in += 4, out += 4) {
+    const float a = in[3];
+    if (a >= 1) {
+      out[0] = codes.encode(in[0]);
+      out[1] = codes.encode(in[1]);
+      out[2] = codes.encode(in[2]);
+      out[3] = 255;
+    } else if (a > 0) {
+      const float unpremultiply = 1 / a;
+      out[0] = codes.encode(in[0] * unpremultiply);
+      out[1] = codes.encode(in[1] * unpremultiply);
+      out[2] = codes.encode(in[2] * unpremultiply);
+      out[3] = alphaCode(a);
+    } else {
+      out[0] = out[1] = out[2] = out[3] = 0;
+    }
+  }
+}
+
+}  // namespace vn

@@ -1,0 +1,62 @@
+// Row execution: a render program (render_plan.h) run over its region in
+// bands of rows, the bands spread over the worker pool, each thread with
+// its own row registers; and the few passes that make whole buffers of
+// pixels (a node made over a region, a source box-reduced before it is
+// shrunk). Internal to the image layer.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "base/parallel.h"
+#include "image/render_plan.h"
+
+namespace vn {
+
+// Rows a thread renders at a time.
+inline constexpr int kBandRows = 16;
+
+// Runs every operation of the program over raster row j of its region.
+void runRow(const Program& program, std::vector<float>& registers, int j);
+
+// Runs the program band by band; `finish` gets each finished row (raster
+// row j of the region) from the thread that made it.
+template <typename Finish>
+void execute(const Program& program, int threads, Finish&& finish) {
+  const int rows = program.region.height;
+  const int bands = (rows + kBandRows - 1) / kBandRows;
+  const size_t width4 = size_t(program.region.width) * 4;
+  parallelFor(bands, threads, [&](int band) {
+    std::vector<float> registers(width4 * program.registers);
+    for (int j = band * kBandRows; j < std::min(rows, (band + 1) * kBandRows); ++j) {
+      runRow(program, registers, j);
+      finish(j, registers.data() + program.result * width4);
+    }
+  });
+}
+
+// node's pixels over region, in the layer's own form; stats are added to.
+std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
+                                               const IntRect& region,
+                                               int threads,
+                                               FilterImage::RenderStats* stats);
+
+// Box-reduces the source pixels by whole factors (kx, ky) over what the
+// region needs, so that the remaining resampling shrinks to half at most.
+std::shared_ptr<const PixelBuffer> reduce(const Source& s, int kx, int ky, int threads);
+
+// The 8-bit code of an alpha value.
+inline uint8_t alphaCode(float a) {
+  if (!(a > 0))
+    return 0;
+  if (a >= 1)
+    return 255;
+  return static_cast<uint8_t>(a * 255 + 0.5f);
+}
+
+// Encodes one premultiplied linear row as straight-alpha sRGB bytes.
+void encodeRow(const float* in, uint8_t* out, int width);
+
+}  // namespace vn
