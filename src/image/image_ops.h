@@ -1,6 +1,6 @@
 // The operations a vn::FilterImage records, as plain parameter records. The
 // image filters (image_filter.h) build them from their key-value parameters;
-// the renderer (filter_image.cpp) and the neighbourhood kernels
+// the renderer (render_plan.h, row_executor.h) and the neighbourhood kernels
 // (image_kernels.h) carry them out. Colours here are linear light, not
 // premultiplied; positions are picture space (y up), pixels.
 #pragma once
