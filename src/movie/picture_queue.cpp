@@ -7,6 +7,12 @@
 #include <mutex>
 #include <utility>
 
+extern "C" {
+#include <libavutil/pixfmt.h>
+#include <libswscale/swscale.h>
+}
+
+#include "ffmpeg/owners.h"
 #include "image/affine_transform.h"
 #include "image/bitmap_image.h"
 #include "movie/movie.h"
@@ -39,6 +45,30 @@ std::vector<uint8_t> renderAt(const vn::FilterImage& image, int width, int heigh
   return scaled.render(vn::Rect{0, 0, static_cast<double>(width), static_cast<double>(height)});
 }
 
+// RGBA rows scaled to width x height (bilinear), through scaler; the bytes
+// as they are when the size is 0 or theirs, or when they cannot be scaled.
+std::vector<uint8_t> scaleRGBA(std::vector<uint8_t> rgba,
+                               int fromW,
+                               int fromH,
+                               int width,
+                               int height,
+                               vn::ff::Sws& scaler) {
+  if (width <= 0 || height <= 0 || (width == fromW && height == fromH))
+    return rgba;
+  scaler.reset(sws_getCachedContext(scaler.release(), fromW, fromH, AV_PIX_FMT_RGBA, width, height,
+                                    AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr, nullptr, nullptr));
+  if (!scaler)
+    return rgba;
+  std::vector<uint8_t> out(static_cast<size_t>(width) * height * 4);
+  const uint8_t* from[4] = {rgba.data(), nullptr, nullptr, nullptr};
+  const int fromStride[4] = {fromW * 4, 0, 0, 0};
+  uint8_t* to[4] = {out.data(), nullptr, nullptr, nullptr};
+  const int toStride[4] = {width * 4, 0, 0, 0};
+  if (sws_scale(scaler.get(), from, fromStride, 0, fromH, to, toStride) != height)
+    return rgba;
+  return out;
+}
+
 }  // namespace
 
 // What the consumer and the decode queue share.
@@ -53,6 +83,8 @@ struct VNFFPictureQueue::State {
   int64_t missing = -1;
   double latency = kFirstLatency;
   int renderWidth = 0, renderHeight = 0;
+  // Decode queue only: scales decoded pictures to the render size.
+  vn::ff::Sws scaler;
 
   std::pair<int, int> renderSize() {
     std::lock_guard<std::mutex> hold(lock);
@@ -145,19 +177,17 @@ bool VNFFPictureQueue::request(int64_t key, int64_t time) {
                                     static_cast<size_t>(std::max(format.height, 0)) * 4;
             if (!plain || !bytes || expected == 0 || bytes->size() != expected)
               return;
-            if (delivery == kRGBA && !state->isCurrent(generation))
-              return;
-            const vn::BitmapImage bitmap = vn::BitmapImage::borrow(
-                bytes->data(), format.width, format.height, format.width * 4, bytes);
-            image = vn::FilterImage::fromBitmap(bitmap);
-            // Bytes at the size asked for need no render.
-            const auto [w, h] = state->renderSize();
-            if (image && delivery == kRGBA &&
-                ((w <= 0 || h <= 0) || (w == format.width && h == format.height))) {
-              picture.rgba = std::move(*bytes);
-              picture.width = format.width;
-              picture.height = format.height;
-              image.reset();
+            if (delivery == kImage) {
+              image = vn::FilterImage::fromBitmap(vn::BitmapImage::borrow(
+                  bytes->data(), format.width, format.height, format.width * 4, bytes));
+            } else if (state->isCurrent(generation)) {
+              // A plain resize: the scaler is quicker at it than a render.
+              const auto [w, h] = state->renderSize();
+              picture.rgba =
+                  scaleRGBA(std::move(*bytes), format.width, format.height, w, h, state->scaler);
+              const bool scaled = picture.rgba.size() == static_cast<size_t>(w) * h * 4;
+              picture.width = scaled && w > 0 ? w : format.width;
+              picture.height = scaled && h > 0 ? h : format.height;
             }
           };
         }
