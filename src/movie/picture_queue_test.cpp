@@ -1,8 +1,10 @@
-// Pictures decoded ahead of a consumer, and the clock that playback follows.
+// Pictures decoded ahead of a consumer, what the movie tells of its video, and
+// the clock that playback follows.
 #include <gtest/gtest.h>
 
 #include <future>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "core/serial_queue.h"
@@ -92,14 +94,12 @@ TEST(PictureQueueTest, CancelDropsWhatIsAskedAndReadyAndTheEndGivesNone) {
   EXPECT_EQ(queue.inFlight(), 2u);
   EXPECT_TRUE(queue.request(10000, 10000 * kFrame));  // past the end
   gate.release();
-  std::optional<VNFFPictureQueue::Picture> p = queue.take();
-  ASSERT_TRUE(p);
-  EXPECT_EQ(p->key, 100);
-  EXPECT_FALSE(p->empty());
-  p = queue.take();
-  ASSERT_TRUE(p);
-  EXPECT_EQ(p->key, 10000);
-  EXPECT_TRUE(p->empty());
+  for (auto [key, empty] : {std::pair{100, false}, std::pair{10000, true}}) {
+    std::optional<VNFFPictureQueue::Picture> p = queue.take();
+    ASSERT_TRUE(p);
+    EXPECT_EQ(p->key, key);
+    EXPECT_EQ(p->empty(), empty);
+  }
   EXPECT_EQ(queue.missing(), 10000);
   EXPECT_FALSE(queue.take());
   EXPECT_GT(queue.latency(), 0);
@@ -119,6 +119,35 @@ TEST(PictureQueueTest, DestructionWaitsForTheRequestsMade) {
   // Every request has run and let go of the movie: it went with the queue,
   // on this thread, not on its own decode queue.
   EXPECT_TRUE(alive.expired());
+}
+
+TEST(MovieVideoTest, RateSizeAndShownSize) {
+  struct Case {
+    const char* name;
+    int num, den;  // exact rate
+    float rate;
+    double width, height, rotation;
+    bool aspect, even;
+    double shownW, shownH;
+  } cases[] = {
+      {"h264_2997.mp4", 30000, 1001, 29.97f, 320, 240, 0, true, true, 320, 240},
+      {"h264_23976.mp4", 24000, 1001, 23.97f, 320, 240, 90, false, false, 240, 320},
+      {"dvd_pal.mpg", 25, 1, 25, 720, 576, 0, true, false, 1024, 576},  // pixels 64:45
+      {"dvd_pal.mpg", 25, 1, 25, 720, 576, -270, true, true, 576, 1024},
+      {"dvd_pal.mpg", 25, 1, 25, 720, 576, 180, false, true, 720, 576},
+      {"aac.m4a", 25, 1, 0, 0, 0, 0, true, true, 2, 2},  // no video
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.name << " " << c.rotation);
+    auto movie = movieOf(c.name);
+    const AVRational r = movie->exactFramerate();
+    const vn::Size size = movie->videoSize();
+    const vn::Size shown = movie->shownVideoSize(c.rotation, c.aspect, c.even);
+    EXPECT_EQ(std::tuple(movie->videoMedia() != nullptr, r.num, r.den, movie->framerate()),
+              std::tuple(c.width > 0, c.num, c.den, c.rate));
+    EXPECT_EQ(std::tuple(size.width, size.height, shown.width, shown.height),
+              std::tuple(c.width, c.height, c.shownW, c.shownH));
+  }
 }
 
 TEST(PlaybackClockTest, FollowsTheAudioAndCarriesOnAtTheRateForOneStep) {
