@@ -100,7 +100,7 @@ class VideoWindow {
   void trace(const char* what, int64_t index, double clock);
 
   std::shared_ptr<VNFFMovie> movie_;
-  std::unique_ptr<VNFFPictureQueue> pictures_;
+  std::unique_ptr<VNFFPictureQueue> pictures_;  // decoded ahead, at the size on screen
   double frameSeconds_ = 0.04;
   int width_ = 0, height_ = 0;   // of the pictures, and of the texture
   int shownW_ = 0, shownH_ = 0;  // the picture's size as shown (its aspect)
