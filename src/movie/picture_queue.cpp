@@ -96,6 +96,70 @@ struct VNFFPictureQueue::State {
     return of == generation;
   }
 
+  // Decode queue: makes the picture asked for under key at time (in
+  // generation `of`) and hands it over.
+  void make(VNFFMovie& movie,
+            int64_t key,
+            int64_t time,
+            uint64_t of,
+            double askedAt,
+            Source source,
+            Delivery delivery) {
+    Picture picture;
+    picture.key = key;
+    picture.time = time;
+    // Cancelled before it ran: nothing is decoded.
+    if (!isCurrent(of))
+      return handOver(std::move(picture), of, std::nullopt);
+    std::optional<vn::FilterImage> image;
+    VNFFMovieImageProvider::DataBuffer bytes;
+    VNFFVideoFormat format{};
+    auto provider = std::make_shared<VNFFMovieImageProvider>();
+    if (source == kComposed) {
+      provider->movieMediaEffectImage = [&image](VNFFMovie&, std::optional<vn::FilterImage> i) {
+        image = std::move(i);
+      };
+    } else {
+      // The converted picture's own bytes (RGBA rows at the media's size),
+      // copied while they are still the decoder's.
+      provider->movieFormatSize = [&](VNFFMovie&, VNFFVideoFormat f, int32_t size) {
+        format = f;
+        bytes = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(std::max(size, 0)));
+        return bytes;
+      };
+      provider->movieMediaImage = [&](VNFFMovie&, std::optional<vn::FilterImage> plain) {
+        const size_t expected = static_cast<size_t>(std::max(format.width, 0)) *
+                                static_cast<size_t>(std::max(format.height, 0)) * 4;
+        if (!plain || !bytes || expected == 0 || bytes->size() != expected)
+          return;
+        if (delivery == kImage) {
+          image = vn::FilterImage::fromBitmap(vn::BitmapImage::borrow(
+              bytes->data(), format.width, format.height, format.width * 4, bytes));
+        } else if (isCurrent(of)) {
+          // A plain resize: the scaler is quicker at it than a render.
+          const auto [w, h] = renderSize();
+          picture.rgba = scaleRGBA(std::move(*bytes), format.width, format.height, w, h, scaler);
+          const bool scaled = picture.rgba.size() == static_cast<size_t>(w) * h * 4;
+          picture.width = scaled && w > 0 ? w : format.width;
+          picture.height = scaled && h > 0 ? h : format.height;
+        }
+      };
+    }
+    movie.decodeImageAtTime(time, provider, true);
+    if (delivery == kImage) {
+      picture.image = std::move(image);
+    } else if (image && isCurrent(of)) {
+      const auto [w, h] = renderSize();
+      const vn::Rect extent = image->extent();
+      picture.rgba = renderAt(*image, w, h);
+      if (!picture.rgba.empty()) {
+        picture.width = w > 0 && h > 0 ? w : static_cast<int>(extent.width);
+        picture.height = w > 0 && h > 0 ? h : static_cast<int>(extent.height);
+      }
+    }
+    handOver(std::move(picture), of, askedAt);
+  }
+
   // Decode queue: the picture asked at askedAt (steady seconds; none when it
   // was not made) arrives: empty when the movie had none, dropped when it is
   // no longer wanted.
@@ -150,60 +214,7 @@ bool VNFFPictureQueue::request(int64_t key, int64_t time) {
   std::shared_ptr<VNFFMovie> movie = movie_;
   last_ = movie_->decodeQueue().addOperation(
       [state, movie, key, time, generation, askedAt, source, delivery] {
-        Picture picture;
-        picture.key = key;
-        picture.time = time;
-        // Cancelled before it ran: nothing is decoded.
-        if (!state->isCurrent(generation))
-          return state->handOver(std::move(picture), generation, std::nullopt);
-        std::optional<vn::FilterImage> image;
-        VNFFMovieImageProvider::DataBuffer bytes;
-        VNFFVideoFormat format{};
-        auto provider = std::make_shared<VNFFMovieImageProvider>();
-        if (source == kComposed) {
-          provider->movieMediaEffectImage = [&image](VNFFMovie&, std::optional<vn::FilterImage> i) {
-            image = std::move(i);
-          };
-        } else {
-          // The converted picture's own bytes (RGBA rows at the media's size),
-          // copied while they are still the decoder's.
-          provider->movieFormatSize = [&](VNFFMovie&, VNFFVideoFormat f, int32_t size) {
-            format = f;
-            bytes = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(std::max(size, 0)));
-            return bytes;
-          };
-          provider->movieMediaImage = [&](VNFFMovie&, std::optional<vn::FilterImage> plain) {
-            const size_t expected = static_cast<size_t>(std::max(format.width, 0)) *
-                                    static_cast<size_t>(std::max(format.height, 0)) * 4;
-            if (!plain || !bytes || expected == 0 || bytes->size() != expected)
-              return;
-            if (delivery == kImage) {
-              image = vn::FilterImage::fromBitmap(vn::BitmapImage::borrow(
-                  bytes->data(), format.width, format.height, format.width * 4, bytes));
-            } else if (state->isCurrent(generation)) {
-              // A plain resize: the scaler is quicker at it than a render.
-              const auto [w, h] = state->renderSize();
-              picture.rgba =
-                  scaleRGBA(std::move(*bytes), format.width, format.height, w, h, state->scaler);
-              const bool scaled = picture.rgba.size() == static_cast<size_t>(w) * h * 4;
-              picture.width = scaled && w > 0 ? w : format.width;
-              picture.height = scaled && h > 0 ? h : format.height;
-            }
-          };
-        }
-        movie->decodeImageAtTime(time, provider, true);
-        if (delivery == kImage) {
-          picture.image = std::move(image);
-        } else if (image && state->isCurrent(generation)) {
-          const auto [w, h] = state->renderSize();
-          const vn::Rect extent = image->extent();
-          picture.rgba = renderAt(*image, w, h);
-          if (!picture.rgba.empty()) {
-            picture.width = w > 0 && h > 0 ? w : static_cast<int>(extent.width);
-            picture.height = w > 0 && h > 0 ? h : static_cast<int>(extent.height);
-          }
-        }
-        state->handOver(std::move(picture), generation, askedAt);
+        state->make(*movie, key, time, generation, askedAt, source, delivery);
       });
   return true;
 }
