@@ -27,6 +27,8 @@
 #include "media/subtitle_source.h"
 #include "movie/effect_audio_stream.h"
 #include "movie/movie.h"
+#include "movie/picture_queue.h"
+#include "movie/playback_clock.h"
 #include "output/audio_converter.h"
 #include "output/image_colorspace_converter.h"
 #include "output/movie_file_output.h"
