@@ -27,6 +27,7 @@
 #include "audio_out/output_audio_graph_delegate.h"
 #include "core/formats.h"
 #include "core/serial_queue.h"
+#include "effects/picture_settings.h"
 #include "image/bitmap_image.h"
 #include "image/filter_image.h"
 #include "image/rect.h"
@@ -159,7 +160,10 @@ class VNFFMovie : public VNMovieLink,
   // The device output level, 0..1.
   void setPlayVolume(double volume);
   double playVolume();
-  // Device thread: queues one top-up item (it holds the movie).
+  // Device thread: asks the decode queue for a top-up unless one is asked
+  // for and has not started yet. Allocates nothing and holds no reference
+  // to the movie: it posts a wake-up made once (vn::SerialQueue::Wakeup),
+  // whose task holds the movie weakly.
   void decodeMoreAudioDataToAudioOutput() override;
   // Decode queue: tops the output up by one chunk while it holds less than
   // one.
@@ -184,8 +188,9 @@ class VNFFMovie : public VNMovieLink,
   void decodeImageAtTime(int64_t t, std::shared_ptr<VNFFMovieImageProvider> provider);
 
   // --- picture settings --------------------------------------------------------
-  // Held by the video effect stream (its meanings and defaults); crop in
-  // source pixels, origin bottom left.
+  // Held by the video effect stream as one value (its meanings and
+  // defaults); each setter changes its field of that value under its lock.
+  // Crop in source pixels, origin bottom left.
   vn::Rect cropRect();
   void setCropRect(vn::Rect rect);
   bool hflip();
@@ -224,6 +229,10 @@ class VNFFMovie : public VNMovieLink,
   // and h + 0.1 truncated).
   vn::Size outputVideoSize();
   void setOutputVideoSize(vn::Size size);
+  // The whole settings at once (any thread): a picture composed meanwhile
+  // shows either all of the old ones or all of the new ones.
+  PictureSettings pictureSettings();
+  void setPictureSettings(const PictureSettings& settings);
   // Lets the subtitle be drawn anew on the next picture.
   void updateSubtitle();
   // Attaches the first video media to the video effect stream with an RGBA
@@ -260,6 +269,13 @@ class VNFFMovie : public VNMovieLink,
   std::atomic<bool> disableVideo_{false};
   std::weak_ptr<void> delegate_;
   std::unique_ptr<vn::SerialQueue> decodeQueue_;
+  // The top-up the device thread posts; made by the first openMedias, then
+  // kept for the movie's life.
+  std::unique_ptr<vn::SerialQueue::Wakeup> topUp_;
+  std::atomic<bool> topUpPending_{false};  // posted, not started yet
+  // Picture requests posted to the decode queue and not finished; readSample
+  // must not meet one.
+  std::atomic<int> pictureRequests_{0};
   // The composed picture a thumbnail is scaled from; decode queue only.
   std::vector<uint8_t> thumbnailScratch_;
   // The last seek posted to the decode queue; readSample waits for it.
