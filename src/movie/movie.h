@@ -7,9 +7,11 @@
 // advances only as mixed audio is produced, less what still waits in the
 // output buffer.
 //
-// Threads: every public call comes from the application's thread. Seek,
-// top-up and picture items run on the decode queue; the audio device thread
-// only asks for top-ups. Work items hold the movie, so it outlives them.
+// Threads (src/THREADS.md): every public call comes from the application's
+// thread, the picture settings from any thread. Seek, top-up and picture
+// items run on the decode queue; the audio device thread only asks for
+// top-ups, without allocating and without holding the movie. Work items hold
+// the movie, so it outlives them, except the top-up, which holds it weakly.
 //
 //   empty ──openMedias──► opened ──play/pause──► playing/paused ──close──► empty
 //                          (seeks in any state)
@@ -144,7 +146,9 @@ class VNFFMovie : public VNMovieLink,
   // The application's audio pull while it writes a file: counts the frames
   // on the clock, then reads them from the mix, once the last seek has run
   // (the mix is read on the caller's thread and must not meet a seek of its
-  // medias on the decode queue). Always true.
+  // medias on the decode queue). Always true. Must not be called while a
+  // picture request (decodeImageAtTime, thumbnailAtTime) is queued or
+  // running: a checking build aborts, another logs it at debug level.
   bool readSample(void* bytes, int32_t frames);
 
   // --- playback ----------------------------------------------------------------
