@@ -36,7 +36,7 @@ VNFFEffectVideoStream::VNFFEffectVideoStream() = default;
 VNFFEffectVideoStream::~VNFFEffectVideoStream() {
   free_frame_image_buffer();
   free_graph();
-  std::lock_guard<std::mutex> guard(lock_);
+  // No other thread can reach a stream being destroyed: no lock.
   media_.reset();
   dataBuffer_.reset();
   settings_ = PictureSettings{};
