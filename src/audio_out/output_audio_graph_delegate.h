@@ -10,8 +10,9 @@ class VNOutputAudioGraphDelegate {
 
   // Asked once per render call, on the audio device thread, before the
   // graph reads its FIFO: put a top-up of the FIFO on the decode queue and
-  // return at once. Must not decode, wait or take a lock other than the
-  // queue's.
+  // return at once. Must not decode, wait, allocate, take a lock other than
+  // the queue's, or hold a reference that could make it the last owner of
+  // the delegate.
   virtual void decodeMoreAudioDataToAudioOutput() = 0;
 
   // Forwarded from VNOutputAudioGraph::audioOutputForwordSample; optional,

@@ -1,16 +1,53 @@
 #include "core/serial_queue.h"
 
-#include <deque>
 #include <utility>
 
 namespace vn {
 
+// One pending task: made by addOperation for each post, or once by a
+// wake-up and linked again at each of its posts.
+struct SerialQueue::Entry {
+  Task task;
+  std::shared_ptr<Operation> operation;  // null for a wake-up
+  bool repeating = false;                // a wake-up's: the task is kept after it ran
+  // Guarded by the queue's lock.
+  std::shared_ptr<Entry> next;  // the entry queued after this one
+  bool queued = false;          // linked into the pending list
+};
+
 struct SerialQueue::State {
   std::mutex lock;
   std::condition_variable wake;
-  // Guarded by lock.
-  std::deque<std::pair<Task, std::shared_ptr<Operation>>> pending;
+  // Guarded by lock: the pending entries, oldest first, linked through
+  // their next.
+  std::shared_ptr<Entry> head;
+  Entry* tail = nullptr;
   bool stopping = false;
+
+  ~State() {
+    // Unlinked one by one: a long list must not unwind recursively.
+    while (head)
+      head = std::move(head->next);
+  }
+
+  // Under lock.
+  void pushLocked(std::shared_ptr<Entry> entry) {
+    entry->queued = true;
+    Entry* raw = entry.get();
+    if (tail)
+      tail->next = std::move(entry);
+    else
+      head = std::move(entry);
+    tail = raw;
+  }
+  std::shared_ptr<Entry> popLocked() {
+    std::shared_ptr<Entry> entry = std::move(head);
+    head = std::move(entry->next);
+    if (!head)
+      tail = nullptr;
+    entry->queued = false;
+    return entry;
+  }
 };
 
 void SerialQueue::Operation::wait() {
@@ -29,24 +66,48 @@ void SerialQueue::Operation::finish() {
   done_.notify_all();
 }
 
+SerialQueue::Wakeup::Wakeup(SerialQueue& queue, Task task)
+    : queue_(queue.state_), entry_(std::make_shared<Entry>()) {
+  entry_->task = std::move(task);
+  entry_->repeating = true;
+}
+
+SerialQueue::Wakeup::~Wakeup() = default;
+
+bool SerialQueue::Wakeup::post() {
+  const std::shared_ptr<State> state = queue_.lock();
+  if (!state)
+    return false;
+  {
+    std::lock_guard<std::mutex> guard(state->lock);
+    if (entry_->queued || state->stopping)
+      return false;
+    // Copying the pointer into the list only counts a reference.
+    state->pushLocked(entry_);
+  }
+  state->wake.notify_one();
+  return true;
+}
+
 SerialQueue::SerialQueue(std::string name)
     : name_(std::move(name)), state_(std::make_shared<State>()) {
   std::thread worker([state = state_] {
     for (;;) {
-      std::pair<Task, std::shared_ptr<Operation>> item;
+      std::shared_ptr<Entry> entry;
       {
         std::unique_lock<std::mutex> guard(state->lock);
-        state->wake.wait(guard, [&] { return state->stopping || !state->pending.empty(); });
-        if (state->pending.empty())
+        state->wake.wait(guard, [&] { return state->stopping || state->head; });
+        if (!state->head)
           return;  // stopping and drained
-        item = std::move(state->pending.front());
-        state->pending.pop_front();
+        entry = state->popLocked();
       }
-      item.first();
-      // Drop what the task captured before announcing it finished, so a
-      // waiter sees its references released.
-      item.first = nullptr;
-      item.second->finish();
+      entry->task();
+      // Drop what a one-off task captured before announcing it finished, so
+      // a waiter sees its references released.
+      if (!entry->repeating)
+        entry->task = nullptr;
+      if (entry->operation)
+        entry->operation->finish();
     }
   });
   workerId_ = worker.get_id();
@@ -69,13 +130,16 @@ SerialQueue::~SerialQueue() {
 }
 
 std::shared_ptr<SerialQueue::Operation> SerialQueue::addOperation(Task task) {
-  auto operation = std::make_shared<Operation>();
+  auto entry = std::make_shared<Entry>();
+  entry->task = std::move(task);
+  entry->operation = std::make_shared<Operation>();
+  std::shared_ptr<Operation> operation = entry->operation;
   // The task may destroy this queue as soon as it is queued: hold the state
   // for the wake-up.
   const std::shared_ptr<State> state = state_;
   {
     std::lock_guard<std::mutex> guard(state->lock);
-    state->pending.emplace_back(std::move(task), operation);
+    state->pushLocked(std::move(entry));
   }
   state->wake.notify_one();
   return operation;

@@ -6,12 +6,14 @@
 #include <cstring>
 
 extern "C" {
+#include <libavutil/error.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
 #include <libavutil/opt.h>
 #include <libavutil/pixfmt.h>
 }
 
+#include "core/log.h"
 #include "effects/effect_manager.h"
 #include "ffmpeg/filter_library.h"
 #include "image/affine_transform.h"
@@ -29,27 +31,17 @@ std::shared_ptr<VNFFEffectVideoStream> VNFFEffectVideoStream::create() {
   return std::make_shared<VNFFEffectVideoStream>();
 }
 
-VNFFEffectVideoStream::VNFFEffectVideoStream() {
-  setHflip(false);
-  setVflip(false);
-  setSaturation(0.5f);
-  setBrightness(0.5f);
-  setContrast(0.25f);
-  setHue(0.5f);
-  setZoomType(kZoomDefault);
-}
+VNFFEffectVideoStream::VNFFEffectVideoStream() = default;
 
 VNFFEffectVideoStream::~VNFFEffectVideoStream() {
   free_frame_image_buffer();
   free_graph();
-  std::lock_guard<std::mutex> guard(lock_);
+  // No other thread can reach a stream being destroyed: no lock.
   media_.reset();
   dataBuffer_.reset();
-  effectName_.reset();
-  watermark_.reset();
+  settings_ = PictureSettings{};
   mediaSubtitleImage_.reset();
   subtitleCurrentString_.reset();
-  subtitleFont_.reset();
   subtitleImage_.reset();
   subtitleImageString_.reset();
 }
@@ -66,11 +58,15 @@ void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
   releaseGraph();
   graphInput_ = in;
   const vn::ff::FilterLibrary* f = vn::ff::FilterLibrary::get();
-  if (!f)
+  if (!f) {
+    vn::logFailure("loading libavfilter", "not found");
     return;
+  }
   graph_.reset(f->graph_alloc());
-  if (!graph_)
+  if (!graph_) {
+    vn::logFailure("avfilter_graph_alloc", AVERROR(ENOMEM));
     return;
+  }
   // The time base and aspect are fixed on purpose: the graph only converts
   // pixels, it never looks at times or shapes.
   char args[256];
@@ -79,9 +75,12 @@ void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
   // The scaler that configuration inserts is bilinear (2).
   graph_->scale_sws_opts = av_strdup("flags=bilinear");
   AVFilterContext* source_ctx = nullptr;
-  if (f->graph_create_filter(&source_ctx, f->get_by_name("buffer"), "buffersrc", args, nullptr,
-                             graph_.get()) >= 0) {
+  if (const int status = f->graph_create_filter(&source_ctx, f->get_by_name("buffer"), "buffersrc",
+                                                args, nullptr, graph_.get());
+      status >= 0) {
     buffersrc_ = source_ctx;
+  } else {
+    vn::logFailure("avfilter_graph_create_filter (buffer)", status);
   }
   const int pixelFormats[] = {outputFormat().pix_fmt, AV_PIX_FMT_NONE};
   AVFilterContext* sink =
@@ -91,9 +90,17 @@ void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
                           AV_OPT_SEARCH_CHILDREN) >= 0 &&
       f->init_str(sink, nullptr) >= 0) {
     buffersink_ = sink;
+  } else {
+    vn::logFailure("making the buffer sink", "refused");
   }
-  if (!buffersrc_ || !buffersink_ || f->link(buffersrc_, 0, buffersink_, 0) != 0 ||
-      f->graph_config(graph_.get(), nullptr) != 0) {
+  // A missing end was logged as it failed.
+  if (!buffersrc_ || !buffersink_) {
+    releaseGraph();
+  } else if (const int linked = f->link(buffersrc_, 0, buffersink_, 0); linked != 0) {
+    vn::logFailure("avfilter_link", linked);
+    releaseGraph();
+  } else if (const int configured = f->graph_config(graph_.get(), nullptr); configured != 0) {
+    vn::logFailure("avfilter_graph_config", configured);
     releaseGraph();
   }
 }
@@ -128,16 +135,22 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider&
   }
   if (frame && frame->data[0] && buffersrc_) {
     // The graph takes its own reference; the caller's frame stays as it is.
-    const int ignored = vn::ff::loadedFilters().buffersrc_add_frame_flags(
-        buffersrc_, const_cast<AVFrame*>(frame), AV_BUFFERSRC_FLAG_KEEP_REF);
-    (void)ignored;
+    if (const int status = vn::ff::loadedFilters().buffersrc_add_frame_flags(
+            buffersrc_, const_cast<AVFrame*>(frame), AV_BUFFERSRC_FLAG_KEEP_REF);
+        status < 0) {
+      vn::logFailure("av_buffersrc_add_frame_flags", status);
+    }
   }
   // The previous picture goes even when no new one came in.
   free_frame_image_buffer();
   if (buffersink_) {
     std::shared_ptr<AVFrame> out(av_frame_alloc(), vn::ff::FrameDeleter{});
-    if (out && vn::ff::loadedFilters().buffersink_get_frame(buffersink_, out.get()) >= 0)
+    const int status = out ? vn::ff::loadedFilters().buffersink_get_frame(buffersink_, out.get())
+                           : AVERROR(ENOMEM);
+    if (status >= 0)
       buffer_ = std::move(out);
+    else if (frame && frame->data[0])
+      vn::logFailure("av_buffersink_get_frame", status);
   }
   const int64_t size = buffer_ ? int64_t{buffer_->height} * buffer_->linesize[0] : 0;
   DataBuffer data =
@@ -196,6 +209,9 @@ VNFFVideoFormat VNFFEffectVideoStream::outputDataFormat() const {
 // ---- composition -----------------------------------------------------------------
 
 std::optional<vn::FilterImage> VNFFEffectVideoStream::currentEffectImage() {
+  // One copy of the settings for the whole picture: settings changed while
+  // it is composed show in the next one, never half in this one.
+  const PictureSettings settings = pictureSettings();
   std::optional<vn::FilterImage> picture = currentCIImage();
   // A bitmap subtitle is part of the picture: cropped, turned and zoomed
   // with it.
@@ -203,23 +219,23 @@ std::optional<vn::FilterImage> VNFFEffectVideoStream::currentEffectImage() {
     picture = sourceOverImage(*subtitle, *picture);
   if (!picture)
     return std::nullopt;
-  const vn::Rect crop = cropRect();
+  const vn::Rect crop = settings.cropRect;
   vn::FilterImage image = picture->cropped(crop);
   // The centre of the crop goes to the origin, so flips and rotation act
   // about it; a point is mirrored first and turned second.
   image = image.translated(-(crop.x + crop.width * 0.5), -(crop.y + crop.height * 0.5));
   const vn::AffineTransform turn = vn::AffineTransform::identity()
-                                       .rotated(rotate() * kPi / 180)
-                                       .scaled(hflip() ? -1 : 1, vflip() ? -1 : 1);
+                                       .rotated(settings.rotate * kPi / 180)
+                                       .scaled(settings.hflip ? -1 : 1, settings.vflip ? -1 : 1);
   image = image.transformed(turn);
-  const VNFFVideoFormat out = outputFormat();
+  const VNFFVideoFormat out = settings.outputFormat;
   const vn::Rect rect{0, 0, static_cast<double>(out.width), static_cast<double>(out.height)};
-  image = this->image(image, zoomType(), rect);
-  image = this->image(image, effectFilter());
+  image = this->image(image, settings.zoomType, rect);
+  image = this->image(image, effectFilter(settings));
   image = sourceOverImage(image, imagewithColor({0, 0, 0, 1}));
-  if (const std::optional<vn::FilterImage> mark = watermark())
-    image = sourceOverImage(*mark, image);
-  if (const std::optional<vn::FilterImage> subtitle = currentSubtitleImage())
+  if (settings.watermark)
+    image = sourceOverImage(*settings.watermark, image);
+  if (const std::optional<vn::FilterImage> subtitle = currentSubtitleImage(settings))
     image = sourceOverImage(*subtitle, image);
   return image.cropped(rect);
 }
@@ -279,21 +295,30 @@ vn::Rect VNFFEffectVideoStream::scaleRectPanscan(const vn::Rect& a, const vn::Re
 }
 
 vn::FilterList VNFFEffectVideoStream::colorFilter() const {
+  return colorFilter(pictureSettings());
+}
+
+vn::FilterList VNFFEffectVideoStream::colorFilter(const PictureSettings& settings) {
   std::shared_ptr<vn::ImageFilter> controls = vn::ImageFilter::withName("ColorControls");
-  controls->setValue(vn::kInputSaturationKey, double{saturation() * 2});
+  controls->setValue(vn::kInputSaturationKey, double{settings.saturation * 2});
   controls->setValue(vn::kInputBrightnessKey,
-                     double{static_cast<float>((double{brightness()} - 0.5) * 2)});
-  controls->setValue(vn::kInputContrastKey, double{contrast() * 4.0f});
+                     double{static_cast<float>((double{settings.brightness} - 0.5) * 2)});
+  controls->setValue(vn::kInputContrastKey, double{settings.contrast * 4.0f});
   std::shared_ptr<vn::ImageFilter> hueAdjust = vn::ImageFilter::withName("HueAdjust");
   hueAdjust->setValue(vn::kInputAngleKey,
-                      double{static_cast<float>((double{hue()} - 0.5) * kHueRange)});
+                      double{static_cast<float>((double{settings.hue} - 0.5) * kHueRange)});
   return {std::move(controls), std::move(hueAdjust)};
 }
 
 vn::FilterList VNFFEffectVideoStream::effectFilter() const {
-  vn::FilterList filters = colorFilter();
-  if (const std::optional<std::string> name = effectName()) {
-    if (std::shared_ptr<vn::ImageFilter> preset = EffectManager::filterWithName(*name))
+  return effectFilter(pictureSettings());
+}
+
+vn::FilterList VNFFEffectVideoStream::effectFilter(const PictureSettings& settings) {
+  vn::FilterList filters = colorFilter(settings);
+  if (settings.effectName) {
+    if (std::shared_ptr<vn::ImageFilter> preset =
+            EffectManager::filterWithName(*settings.effectName))
       filters.push_back(std::move(preset));
   }
   return filters;
@@ -346,23 +371,34 @@ vn::FilterImage VNFFEffectVideoStream::imagewithColor(const vn::FilterImage::Col
 // ---- subtitles ---------------------------------------------------------------------
 
 vn::StyledText VNFFEffectVideoStream::subtitleAttributedText() const {
+  return subtitleAttributedText(pictureSettings());
+}
+
+vn::StyledText VNFFEffectVideoStream::subtitleAttributedText(
+    const PictureSettings& settings) const {
   vn::StyledText text;
   text.alignment = vn::StyledText::Alignment::kCentre;
-  text.color = subtitleColor();
-  text.font = subtitleFont();
-  text.outlineWidth = subtitleOutlineWidth();
-  text.shadowOffset = subtitleShadowOffset();
+  text.color = settings.subtitleColor.value_or(kDefaultSubtitleColor);
+  text.font = settings.subtitleFont.value_or(kDefaultSubtitleFont);
+  text.outlineWidth = settings.subtitleOutlineWidth;
+  text.shadowOffset = settings.subtitleShadowOffset;
   text.text = vn::trimmedText(subtitleCurrentString().value_or(""));
   return text;
 }
 
 std::optional<vn::FilterImage> VNFFEffectVideoStream::subtitleImageWithAttributedString(
     const vn::StyledText& text) {
-  const VNFFVideoFormat format = outputFormat();
+  return subtitleImageWithAttributedString(text, pictureSettings());
+}
+
+std::optional<vn::FilterImage> VNFFEffectVideoStream::subtitleImageWithAttributedString(
+    const vn::StyledText& text,
+    const PictureSettings& settings) {
+  const VNFFVideoFormat format = settings.outputFormat;
   const double width = format.width, height = format.height;
   vn::Rect bounds = vn::boundingRect(text, vn::Size{width, height});
   // Never above the top of the frame.
-  const float room = 1.0f - subtitlePosition();
+  const float room = 1.0f - settings.subtitlePosition;
   bounds.height = std::min(static_cast<float>(bounds.height), static_cast<float>(height * room));
   if (!(bounds.width > 0 && bounds.height > 0))
     return std::nullopt;
@@ -376,6 +412,11 @@ std::optional<vn::FilterImage> VNFFEffectVideoStream::subtitleImageWithAttribute
 }
 
 std::optional<vn::FilterImage> VNFFEffectVideoStream::currentSubtitleImage() {
+  return currentSubtitleImage(pictureSettings());
+}
+
+std::optional<vn::FilterImage> VNFFEffectVideoStream::currentSubtitleImage(
+    const PictureSettings& settings) {
   const std::optional<std::string> current = subtitleCurrentString();
   if (!current || current->empty())
     return std::nullopt;
@@ -386,15 +427,16 @@ std::optional<vn::FilterImage> VNFFEffectVideoStream::currentSubtitleImage() {
       return subtitleImage_;
     generation = subtitleUpdates_;
   }
-  // Drawn outside the lock: the settings stay free to change meanwhile.
+  // Drawn outside the lock, from the caller's copy of the settings: they
+  // stay free to change meanwhile.
   std::optional<vn::FilterImage> placed;
   if (const std::optional<vn::FilterImage> drawn =
-          subtitleImageWithAttributedString(subtitleAttributedText())) {
-    const VNFFVideoFormat format = outputFormat();
+          subtitleImageWithAttributedString(subtitleAttributedText(settings), settings)) {
+    const VNFFVideoFormat format = settings.outputFormat;
     const vn::Rect e = drawn->extent();
-    placed =
-        translateImage(*drawn, vn::Size{format.width * 0.5 - (e.x + e.width * 0.5),
-                                        subtitlePosition() * static_cast<double>(format.height)});
+    placed = translateImage(
+        *drawn, vn::Size{format.width * 0.5 - (e.x + e.width * 0.5),
+                         settings.subtitlePosition * static_cast<double>(format.height)});
   }
   std::lock_guard<std::mutex> guard(lock_);
   // A cache emptied while the text was drawn stays empty: the drawing may
@@ -408,6 +450,10 @@ std::optional<vn::FilterImage> VNFFEffectVideoStream::currentSubtitleImage() {
 
 void VNFFEffectVideoStream::updateSubtitle() {
   std::lock_guard<std::mutex> guard(lock_);
+  updateSubtitleLocked();
+}
+
+void VNFFEffectVideoStream::updateSubtitleLocked() {
   subtitleImageString_.reset();
   subtitleImage_.reset();
   ++subtitleUpdates_;
@@ -423,6 +469,27 @@ int64_t VNFFEffectVideoStream::subtitleRenderCount() const {
   return subtitleRenders_;
 }
 
+// ---- picture settings ------------------------------------------------------------
+
+PictureSettings VNFFEffectVideoStream::pictureSettings() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return settings_;
+}
+
+void VNFFEffectVideoStream::setPictureSettings(const PictureSettings& settings) {
+  std::lock_guard<std::mutex> guard(lock_);
+  settings_ = settings;
+}
+
+void VNFFEffectVideoStream::changePictureSettings(
+    const std::function<void(PictureSettings&)>& change,
+    bool redrawSubtitle) {
+  std::lock_guard<std::mutex> guard(lock_);
+  change(settings_);
+  if (redrawSubtitle)
+    updateSubtitleLocked();
+}
+
 // ---- fields --------------------------------------------------------------------------
 
 #define VN_LOCKED_FIELD(Type, getter, setter, field) \
@@ -436,22 +503,7 @@ int64_t VNFFEffectVideoStream::subtitleRenderCount() const {
   }
 
 VN_LOCKED_FIELD(std::shared_ptr<VNFFMedia>, media, setMedia, media_)
-VN_LOCKED_FIELD(VNFFVideoFormat, outputFormat, setOutputFormat, outputFormat_)
 VN_LOCKED_FIELD(VNFFEffectVideoStream::DataBuffer, dataBuffer, setDataBuffer, dataBuffer_)
-VN_LOCKED_FIELD(vn::Rect, cropRect, setCropRect, cropRect_)
-VN_LOCKED_FIELD(bool, hflip, setHflip, hflip_)
-VN_LOCKED_FIELD(bool, vflip, setVflip, vflip_)
-VN_LOCKED_FIELD(float, rotate, setRotate, rotate_)
-VN_LOCKED_FIELD(float, saturation, setSaturation, saturation_)
-VN_LOCKED_FIELD(float, brightness, setBrightness, brightness_)
-VN_LOCKED_FIELD(float, contrast, setContrast, contrast_)
-VN_LOCKED_FIELD(float, hue, setHue, hue_)
-VN_LOCKED_FIELD(std::optional<std::string>, effectName, setEffectName, effectName_)
-VN_LOCKED_FIELD(std::optional<vn::FilterImage>, watermark, setWatermark, watermark_)
-VN_LOCKED_FIELD(int32_t, zoomType, setZoomType, zoomType_)
-VN_LOCKED_FIELD(float, subtitlePosition, setSubtitlePosition, subtitlePosition_)
-VN_LOCKED_FIELD(float, subtitleOutlineWidth, setSubtitleOutlineWidth, subtitleOutlineWidth_)
-VN_LOCKED_FIELD(float, subtitleShadowOffset, setSubtitleShadowOffset, subtitleShadowOffset_)
 VN_LOCKED_FIELD(std::optional<std::string>,
                 subtitleCurrentString,
                 setSubtitleCurrentString,
@@ -460,25 +512,46 @@ VN_LOCKED_FIELD(std::optional<vn::FilterImage>,
                 mediaSubtitleImage,
                 setMediaSubtitleImage,
                 mediaSubtitleImage_)
+VN_LOCKED_FIELD(VNFFVideoFormat, outputFormat, setOutputFormat, settings_.outputFormat)
+VN_LOCKED_FIELD(vn::Rect, cropRect, setCropRect, settings_.cropRect)
+VN_LOCKED_FIELD(bool, hflip, setHflip, settings_.hflip)
+VN_LOCKED_FIELD(bool, vflip, setVflip, settings_.vflip)
+VN_LOCKED_FIELD(float, rotate, setRotate, settings_.rotate)
+VN_LOCKED_FIELD(float, saturation, setSaturation, settings_.saturation)
+VN_LOCKED_FIELD(float, brightness, setBrightness, settings_.brightness)
+VN_LOCKED_FIELD(float, contrast, setContrast, settings_.contrast)
+VN_LOCKED_FIELD(float, hue, setHue, settings_.hue)
+VN_LOCKED_FIELD(std::optional<std::string>, effectName, setEffectName, settings_.effectName)
+VN_LOCKED_FIELD(std::optional<vn::FilterImage>, watermark, setWatermark, settings_.watermark)
+VN_LOCKED_FIELD(int32_t, zoomType, setZoomType, settings_.zoomType)
+VN_LOCKED_FIELD(float, subtitlePosition, setSubtitlePosition, settings_.subtitlePosition)
+VN_LOCKED_FIELD(float,
+                subtitleOutlineWidth,
+                setSubtitleOutlineWidth,
+                settings_.subtitleOutlineWidth)
+VN_LOCKED_FIELD(float,
+                subtitleShadowOffset,
+                setSubtitleShadowOffset,
+                settings_.subtitleShadowOffset)
 
 #undef VN_LOCKED_FIELD
 
 std::string VNFFEffectVideoStream::subtitleFont() const {
   std::lock_guard<std::mutex> guard(lock_);
-  return subtitleFont_.value_or(kDefaultSubtitleFont);
+  return settings_.subtitleFont.value_or(kDefaultSubtitleFont);
 }
 
 void VNFFEffectVideoStream::setSubtitleFont(std::optional<std::string> font) {
   std::lock_guard<std::mutex> guard(lock_);
-  subtitleFont_ = std::move(font);
+  settings_.subtitleFont = std::move(font);
 }
 
 vn::FilterImage::Color VNFFEffectVideoStream::subtitleColor() const {
   std::lock_guard<std::mutex> guard(lock_);
-  return subtitleColor_.value_or(kDefaultSubtitleColor);
+  return settings_.subtitleColor.value_or(kDefaultSubtitleColor);
 }
 
 void VNFFEffectVideoStream::setSubtitleColor(std::optional<vn::FilterImage::Color> color) {
   std::lock_guard<std::mutex> guard(lock_);
-  subtitleColor_ = color;
+  settings_.subtitleColor = color;
 }

@@ -22,8 +22,9 @@
 // pixels).
 //
 // Threads: the owner writes frames and composes from one thread at a time
-// (the movie's decode queue); the settings may be set from any thread
-// meanwhile, each read and written whole under a lock.
+// (the movie's decode queue); the picture settings may be set from any
+// thread meanwhile. They are one value under one lock: each composition
+// copies them once at its start and uses only that copy (src/THREADS.md).
 #pragma once
 
 #include <cstdint>
@@ -35,6 +36,7 @@
 #include <vector>
 
 #include "core/formats.h"
+#include "effects/picture_settings.h"
 #include "ffmpeg/owners.h"
 #include "image/bitmap_image.h"
 #include "image/filter_image.h"
@@ -113,9 +115,11 @@ class VNFFEffectVideoStream {
   static vn::Rect scaleRectPanscan(const vn::Rect& a, const vn::Rect& b);
   // Colour controls and hue adjustment of the settings, new each call.
   vn::FilterList colorFilter() const;
+  static vn::FilterList colorFilter(const PictureSettings& settings);
   // colorFilter, then a copy of the effect preset's filter when the name is
   // known.
   vn::FilterList effectFilter() const;
+  static vn::FilterList effectFilter(const PictureSettings& settings);
   static vn::FilterImage image(const vn::FilterImage& i, const vn::FilterList& filters);
   static vn::FilterImage composition(const std::string& filterName,
                                      const vn::FilterImage& image,
@@ -132,21 +136,38 @@ class VNFFEffectVideoStream {
   // The current text, trimmed of white space and line breaks at both ends,
   // centred, in the subtitle font and colour (with the outline and shadow).
   vn::StyledText subtitleAttributedText() const;
+  vn::StyledText subtitleAttributedText(const PictureSettings& settings) const;
   // The text laid out in the output frame's width (wrapped, the last line
   // that fits cut with an ellipsis), at most as tall as the frame above the
   // subtitle position, drawn on transparent black and cut to its lines'
   // box; none when that box is empty or cannot be drawn. Origin (0, 0).
   std::optional<vn::FilterImage> subtitleImageWithAttributedString(const vn::StyledText& text);
+  std::optional<vn::FilterImage> subtitleImageWithAttributedString(const vn::StyledText& text,
+                                                                   const PictureSettings& settings);
   // The text subtitle placed in the output frame: centred across it, its
   // bottom at the subtitle position. Cached by its text: drawn once per
   // distinct text (and after updateSubtitle); an empty text keeps the cache.
   std::optional<vn::FilterImage> currentSubtitleImage();
+  std::optional<vn::FilterImage> currentSubtitleImage(const PictureSettings& settings);
   // Empties the subtitle cache, so the next frame draws the text anew.
   void updateSubtitle();
   // How many times the subtitle cache was emptied, and how many times a
   // text was drawn (for tests).
   int64_t subtitleUpdateCount() const;
   int64_t subtitleRenderCount() const;
+
+  // ---- picture settings -----------------------------------------------------
+  // A copy of the whole settings; any thread.
+  PictureSettings pictureSettings() const;
+  // Replaces the whole settings at once; any thread. The subtitle cache is
+  // kept (updateSubtitle empties it).
+  void setPictureSettings(const PictureSettings& settings);
+  // Changes the settings in place under their lock, so that no composition
+  // sees part of the change; with redrawSubtitle the subtitle cache is
+  // emptied in the same step. change must not call back into the stream.
+  void changePictureSettings(const std::function<void(PictureSettings&)>& change,
+                             bool redrawSubtitle = false);
+  // The single settings below read or change one field of the whole value.
 
   // ---- fields -----------------------------------------------------------------
   std::shared_ptr<VNFFMedia> media() const;
@@ -201,6 +222,8 @@ class VNFFEffectVideoStream {
   // Builds the graph for pictures of the given format; none on failure.
   void buildGraph(const VNFFVideoFormat& in);
   void releaseGraph();
+  // Empties the subtitle cache; under lock_.
+  void updateSubtitleLocked();
 
   vn::ff::FilterGraph graph_;              // the conversion graph, or null
   AVFilterContext* buffersink_ = nullptr;  // owned by graph_
@@ -213,25 +236,9 @@ class VNFFEffectVideoStream {
 
   mutable std::mutex lock_;
   // Guarded by lock_.
+  PictureSettings settings_;  // read whole, once per composition
   std::shared_ptr<VNFFMedia> media_;
-  VNFFVideoFormat outputFormat_;
   DataBuffer dataBuffer_;
-  vn::Rect cropRect_;
-  bool hflip_ = false;
-  bool vflip_ = false;
-  float rotate_ = 0;
-  float saturation_ = 0;
-  float brightness_ = 0;
-  float contrast_ = 0;
-  float hue_ = 0;
-  std::optional<std::string> effectName_;
-  std::optional<vn::FilterImage> watermark_;
-  int32_t zoomType_ = 0;
-  std::optional<std::string> subtitleFont_;
-  std::optional<vn::FilterImage::Color> subtitleColor_;
-  float subtitlePosition_ = 0;
-  float subtitleOutlineWidth_ = 0;
-  float subtitleShadowOffset_ = 0;
   std::optional<vn::FilterImage> subtitleImage_;
   std::optional<std::string> subtitleImageString_;
   std::optional<std::string> subtitleCurrentString_;

@@ -1,6 +1,7 @@
 #include "image/vips_library.h"
 
 #include "base/dynamic_library.h"
+#include "core/log.h"
 
 namespace vn {
 
@@ -36,8 +37,10 @@ LoadedTable<VipsLibrary> load() {
                    bind("vips_jpegsave", &t.jpegsave);
   if (!all)
     return loaded;
-  if (init("varnel") != 0)
+  if (init("varnel") != 0) {
+    logFailure("vips_init", t.error_buffer());
     t.error_clear();
+  }
   // The cache would keep references to images that wrap memory we reuse.
   cacheSetMax(0);
   loaded.ok = true;

@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "core/log.h"
 #include "ffmpeg/filter_library.h"
 
 extern "C" {
@@ -62,8 +63,18 @@ void VNFFAudioBuffer::buildGraph() {
     }
   }
 
-  if (!sink || !source || f->link(source, 0, sink, 0) < 0 ||
-      f->graph_config(graph_.get(), nullptr) < 0) {
+  if (!sink || !source) {
+    vn::logFailure("building the audio queue", sink ? "no buffer source" : "no buffer sink");
+    releaseGraph();
+    return;
+  }
+  if (const int linked = f->link(source, 0, sink, 0); linked < 0) {
+    vn::logFailure("avfilter_link", linked);
+    releaseGraph();
+    return;
+  }
+  if (const int configured = f->graph_config(graph_.get(), nullptr); configured < 0) {
+    vn::logFailure("avfilter_graph_config", configured);
     releaseGraph();
     return;
   }
@@ -82,8 +93,10 @@ void VNFFAudioBuffer::writeFrame(AVFrame* frame) {
   const vn::ff::FilterLibrary& f = vn::ff::loadedFilters();
   // A frame the source refuses (another format) is dropped; nothing else
   // is to be done with it here.
-  if (f.buffersrc_add_frame(buffersrc_, frame) < 0)
+  if (const int status = f.buffersrc_add_frame(buffersrc_, frame); status < 0) {
+    vn::logFailure("av_buffersrc_add_frame", status);
     av_frame_unref(frame);
+  }
 }
 
 vn::ff::Frame VNFFAudioBuffer::read() {

@@ -10,6 +10,7 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
+#include "core/log.h"
 #include "media/media_source.h"
 #include "media/media_stream.h"
 #include "media/movie_link.h"
@@ -183,7 +184,10 @@ void VNFFMedia::seek(int64_t t) {
         rewindSubtitles) {
       // FFmpeg's text subtitle demuxers seek by cue, not by byte: the cue
       // nearest to 0 is the first.
-      (void)avformat_seek_file(context, -1, INT64_MIN, 0, INT64_MAX, 0);
+      if (const int status = avformat_seek_file(context, -1, INT64_MIN, 0, INT64_MAX, 0);
+          status < 0) {
+        vn::logFailure("avformat_seek_file", status);
+      }
     }
   }
 
@@ -193,7 +197,11 @@ void VNFFMedia::seek(int64_t t) {
     int64_t back = 0;
     for (int k = 0; last_pts_ > target && k <= 9; ++k) {
       const int64_t earlier = target - av_rescale_q(back, AVRational{1, 2}, kMicroseconds);
-      (void)av_seek_frame(context, -1, std::max<int64_t>(earlier, 0), AVSEEK_FLAG_BACKWARD);
+      if (const int status =
+              av_seek_frame(context, -1, std::max<int64_t>(earlier, 0), AVSEEK_FLAG_BACKWARD);
+          status < 0) {
+        vn::logFailure("av_seek_frame", status);
+      }
       back += 5;
       if (!forwardNextPacket())
         break;
@@ -296,7 +304,8 @@ void VNFFMedia::seekBackToKeyframe(int64_t target, int64_t timestamp) {
       return;
     timestamp = std::max<int64_t>(target - back, 0);
     back *= 2;
-    (void)av_seek_frame(context, -1, timestamp, AVSEEK_FLAG_BACKWARD);
+    if (const int status = av_seek_frame(context, -1, timestamp, AVSEEK_FLAG_BACKWARD); status < 0)
+      vn::logFailure("av_seek_frame", status);
   }
   ahead_.clear();
 }

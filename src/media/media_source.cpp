@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include "core/codec_lock.h"
+#include "core/log.h"
 #include "ffmpeg/error.h"
 #include "media/media.h"
 #include "media/media_stream.h"
@@ -58,7 +59,8 @@ std::vector<uint8_t> bytesAt(AVIOContext* io, int64_t offset, int size) {
     const int got = avio_read(io, bytes.data(), size);
     bytes.resize(static_cast<size_t>(std::max(got, 0)));
   }
-  (void)avio_seek(io, where, SEEK_SET);
+  if (const int64_t back = avio_seek(io, where, SEEK_SET); back < 0)
+    vn::logFailure("avio_seek", static_cast<int>(back));
   return bytes;
 }
 
@@ -264,7 +266,8 @@ void VNMediaSource::open() {
   std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
   // The probe's status is not a verdict: a file whose streams could not all
   // be probed still opens with what was found.
-  (void)avformat_find_stream_info(context, nullptr);
+  if (const int probed = avformat_find_stream_info(context, nullptr); probed < 0)
+    vn::logFailure("avformat_find_stream_info", probed);
   for (unsigned i = 0; limited && i < context->nb_streams; ++i)
     context->streams[i]->discard = AVDISCARD_DEFAULT;
   format_context_ = std::move(opened);

@@ -14,6 +14,7 @@ extern "C" {
 }
 
 #include "core/codec_lock.h"
+#include "core/log.h"
 #include "core/varnel.h"
 #include "media/audio_buffer.h"
 #include "media/media.h"
@@ -313,12 +314,17 @@ bool VNFFMediaStream::drain() {
     return false;
   if (!draining_) {
     draining_ = true;
-    if (avcodec_send_packet(codec_.get(), nullptr) < 0)
+    if (const int status = avcodec_send_packet(codec_.get(), nullptr); status < 0) {
+      vn::logFailure("avcodec_send_packet (drain)", status);
       return false;
+    }
   }
   AVFrame* frame = decoded_.get();
-  if (avcodec_receive_frame(codec_.get(), frame) < 0)
+  if (const int status = avcodec_receive_frame(codec_.get(), frame); status < 0) {
+    if (status != AVERROR_EOF && status != AVERROR(EAGAIN))
+      vn::logFailure("avcodec_receive_frame (drain)", status);
     return false;
+  }
   finishFrame(frame);
   int64_t sampleOffset = 0, pts = frame->pts;
   takeFrame(frame, sampleOffset, pts);
@@ -340,10 +346,15 @@ bool VNFFMediaStream::decodePacket(AVPacket* packet, AVFrame* frame) {
     // EAGAIN: the decoder is full; the packet stays to be sent again once a
     // frame has been taken out. Any other answer ends the packet (an error
     // abandons it).
-    if (avcodec_send_packet(codec_.get(), packet) != AVERROR(EAGAIN))
+    if (const int sent = avcodec_send_packet(codec_.get(), packet); sent != AVERROR(EAGAIN)) {
+      if (sent < 0)
+        vn::logFailure("avcodec_send_packet", sent);
       av_packet_unref(packet);
+    }
   }
-  if (avcodec_receive_frame(codec_.get(), frame) < 0) {
+  if (const int received = avcodec_receive_frame(codec_.get(), frame); received < 0) {
+    if (received != AVERROR(EAGAIN) && received != AVERROR_EOF)
+      vn::logFailure("avcodec_receive_frame", received);
     // A decoder that neither takes the packet nor gives a frame would hold
     // the caller forever.
     av_packet_unref(packet);
@@ -400,7 +411,10 @@ bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
   }
   vn::ff::Subtitle subtitle = vn::ff::makeSubtitle();
   int got = 0;
-  (void)avcodec_decode_subtitle2(codec_.get(), subtitle.get(), &got, packet);
+  if (const int status = avcodec_decode_subtitle2(codec_.get(), subtitle.get(), &got, packet);
+      status < 0) {
+    vn::logFailure("avcodec_decode_subtitle2", status);
+  }
   av_packet_unref(packet);
   if (!got)
     return false;

@@ -12,6 +12,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include "core/log.h"
 #include "ffmpeg/filter_library.h"
 #include "media/media.h"
 #include "media/media_stream.h"
@@ -142,11 +143,15 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
 
   free_graph();
   const vn::ff::FilterLibrary* f = vn::ff::FilterLibrary::get();
-  if (!f)
+  if (!f) {
+    vn::logFailure("loading libavfilter", "not found");
     return;
+  }
   graph_.reset(f->graph_alloc());
-  if (!graph_)
+  if (!graph_) {
+    vn::logFailure("avfilter_graph_alloc", AVERROR(ENOMEM));
     return;
+  }
   AVFilterGraph* graph = graph_.get();
   const VNFFAudioFormat out = outputParam();
 
@@ -200,8 +205,13 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
     std::lock_guard<std::mutex> guard(lock_);
     inputs_ = medias;
   }
-  if (!buffersink_ || f->graph_config(graph, nullptr) < 0)
+  if (!buffersink_) {
+    vn::logFailure("building the audio mix", "no buffer sink");
     free_graph();
+  } else if (const int configured = f->graph_config(graph, nullptr); configured < 0) {
+    vn::logFailure("avfilter_graph_config (mix)", configured);
+    free_graph();
+  }
 }
 
 std::string VNFFEffectAudioStream::stageArguments(const std::string& instanceName) {
@@ -295,7 +305,10 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   local->pts = pts;
   // A refused frame only leaves the source starved; the next read feeds it
   // again.
-  (void)!vn::ff::loadedFilters().buffersrc_add_frame_flags(source.filter, local, 0);
+  if (const int status = vn::ff::loadedFilters().buffersrc_add_frame_flags(source.filter, local, 0);
+      status < 0) {
+    vn::logFailure("av_buffersrc_add_frame_flags (mix)", status);
+  }
   av_frame_unref(local);
 }
 
@@ -338,6 +351,8 @@ bool VNFFEffectAudioStream::readFrame(AVFrame* frame) {
         got = true;
         break;
       }
+      if (r != AVERROR(EAGAIN) && r != AVERROR_EOF)
+        vn::logFailure("av_buffersink_get_samples", r);
       if (r != AVERROR(EAGAIN) || !feedStarvedSources())
         break;
     }

@@ -13,6 +13,7 @@ extern "C" {
 }
 
 #include "audio_out/output_audio_graph.h"
+#include "core/check.h"
 #include "core/serial_queue.h"
 #include "core/varnel.h"
 #include "effects/effect_video_stream.h"
@@ -28,6 +29,27 @@ constexpr int32_t kChunkFrames = VNFFMovie::kPlaybackChunkFrames;
 // How far a thumbnail's side may exceed a whole number of pixels and still
 // count as that number.
 constexpr double kWholeTolerance = 1e-3;
+
+// Counts a picture request as finished (the count went up when it was
+// posted) once it no longer reads its media: at done(), or at the end of its
+// item.
+class PictureRequest {
+ public:
+  explicit PictureRequest(std::atomic<int>& count) : count_(count) {}
+  PictureRequest(const PictureRequest&) = delete;
+  PictureRequest& operator=(const PictureRequest&) = delete;
+  ~PictureRequest() { done(); }
+
+  void done() {
+    if (!done_)
+      count_.fetch_sub(1);
+    done_ = true;
+  }
+
+ private:
+  std::atomic<int>& count_;
+  bool done_ = false;
+};
 }  // namespace
 
 std::shared_ptr<VNFFMovie> VNFFMovie::create() {
@@ -352,6 +374,10 @@ double VNFFMovie::volume() {
 }
 
 bool VNFFMovie::readSample(void* bytes, int32_t frames) {
+  // The mix reads the medias a picture request decodes from: the two must
+  // not meet. Picture requests are the application's to wait for.
+  VN_DCHECK(decodeQueue_->isCurrent() || pictureRequests_.load() == 0,
+            "readSample while a picture request is queued");
   std::shared_ptr<vn::SerialQueue::Operation> seek;
   {
     std::lock_guard<std::mutex> guard(lock_);
@@ -373,6 +399,18 @@ std::shared_ptr<VNOutputAudioGraph> VNFFMovie::audioOutputGraph() {
 }
 
 void VNFFMovie::openAudioOutput() {
+  // Made before the graph can call this movie, and kept for its life: the
+  // device thread posts it. It holds the movie weakly, so a movie the
+  // application let go is never destroyed by a top-up, nor on the device
+  // thread.
+  if (!topUp_) {
+    topUp_ = std::make_unique<vn::SerialQueue::Wakeup>(*decodeQueue_, [movie = weak_from_this()] {
+      if (const std::shared_ptr<VNFFMovie> self = movie.lock()) {
+        self->topUpPending_.store(false);
+        self->decodeMoreAudioDataToAudioOutputHelper();
+      }
+    });
+  }
   {
     std::lock_guard<std::mutex> guard(lock_);
     if (!audioOutputGraph_) {
@@ -420,12 +458,11 @@ double VNFFMovie::playVolume() {
 }
 
 void VNFFMovie::decodeMoreAudioDataToAudioOutput() {
-  // Called on the device thread; while the movie is being destroyed there is
-  // nothing to top up.
-  auto self = weak_from_this().lock();
-  if (!self)
-    return;
-  decodeQueue_->addOperation([self] { self->decodeMoreAudioDataToAudioOutputHelper(); });
+  // Device thread: no allocation, no reference to the movie, only the
+  // queue's lock. One top-up at a time is asked for; the next callback after
+  // it starts may ask again.
+  if (!topUpPending_.exchange(true) && !(topUp_ && topUp_->post()))
+    topUpPending_.store(false);
 }
 
 void VNFFMovie::decodeMoreAudioDataToAudioOutputHelper() {
@@ -468,8 +505,10 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
     return std::nullopt;
   std::optional<vn::BitmapImage> result;
   auto self = shared_from_this();
+  pictureRequests_.fetch_add(1);
   decodeQueue_
       ->addOperation([self, media, t, size, &result] {
+        PictureRequest counted(self->pictureRequests_);
         VNFFEffectVideoStream& stream = *self->videoEffectStream_;
         media->thumbnailAtTime(t - media->movie_position(), [&](AVFrame* frame) {
           self->showSubtitlesAt(t, media, true);
@@ -546,6 +585,7 @@ void VNFFMovie::decodeImageAtTime(int64_t t,
                                   bool wait) {
   auto self = shared_from_this();
   auto work = [self, t, provider] {
+    PictureRequest counted(self->pictureRequests_);
     VNFFEffectVideoStream& stream = *self->videoEffectStream_;
     const std::shared_ptr<VNFFMedia> media = self->videoMediaAtTime(t);
     AVFrame* frame = media ? media->videoFrameAtTime(t - media->movie_position()) : nullptr;
@@ -563,11 +603,15 @@ void VNFFMovie::decodeImageAtTime(int64_t t,
       plain.reset();
       effect.reset();
     }
+    // The medias are left alone from here: an application woken by the
+    // provider may read the mix at once.
+    counted.done();
     if (provider && provider->movieMediaImage)
       provider->movieMediaImage(*self, std::move(plain));
     if (provider && provider->movieMediaEffectImage)
       provider->movieMediaEffectImage(*self, std::move(effect));
   };
+  pictureRequests_.fetch_add(1);
   if (decodeQueue_->isCurrent()) {
     work();
     return;
@@ -609,45 +653,36 @@ std::string VNFFMovie::subtitleFont() {
   return videoEffectStream_->subtitleFont();
 }
 
-void VNFFMovie::setSubtitleFont(std::optional<std::string> font) {
-  videoEffectStream_->setSubtitleFont(std::move(font));
-  updateSubtitle();
-}
+// The subtitle settings and the size change the drawn subtitle: the cache is
+// emptied in the same step as the change.
+#define VN_SUBTITLE_SETTING(Type, setter, field)                                      \
+  void VNFFMovie::setter(Type value) {                                                \
+    videoEffectStream_->changePictureSettings(                                        \
+        [&](PictureSettings& settings) { settings.field = std::move(value); }, true); \
+  }
+
+VN_SUBTITLE_SETTING(std::optional<std::string>, setSubtitleFont, subtitleFont)
+VN_SUBTITLE_SETTING(std::optional<vn::FilterImage::Color>, setSubtitleColor, subtitleColor)
+VN_SUBTITLE_SETTING(float, setSubtitlePosition, subtitlePosition)
+VN_SUBTITLE_SETTING(float, setSubtitleOutlineWidth, subtitleOutlineWidth)
+VN_SUBTITLE_SETTING(float, setSubtitleShadowOffset, subtitleShadowOffset)
+
+#undef VN_SUBTITLE_SETTING
 
 vn::FilterImage::Color VNFFMovie::subtitleColor() {
   return videoEffectStream_->subtitleColor();
-}
-
-void VNFFMovie::setSubtitleColor(std::optional<vn::FilterImage::Color> color) {
-  videoEffectStream_->setSubtitleColor(color);
-  updateSubtitle();
 }
 
 float VNFFMovie::subtitlePosition() {
   return videoEffectStream_->subtitlePosition();
 }
 
-void VNFFMovie::setSubtitlePosition(float fraction) {
-  videoEffectStream_->setSubtitlePosition(fraction);
-  updateSubtitle();
-}
-
 float VNFFMovie::subtitleOutlineWidth() {
   return videoEffectStream_->subtitleOutlineWidth();
 }
 
-void VNFFMovie::setSubtitleOutlineWidth(float pixels) {
-  videoEffectStream_->setSubtitleOutlineWidth(pixels);
-  updateSubtitle();
-}
-
 float VNFFMovie::subtitleShadowOffset() {
   return videoEffectStream_->subtitleShadowOffset();
-}
-
-void VNFFMovie::setSubtitleShadowOffset(float pixels) {
-  videoEffectStream_->setSubtitleShadowOffset(pixels);
-  updateSubtitle();
 }
 
 vn::Size VNFFMovie::outputVideoSize() {
@@ -656,13 +691,23 @@ vn::Size VNFFMovie::outputVideoSize() {
 }
 
 void VNFFMovie::setOutputVideoSize(vn::Size size) {
-  VNFFVideoFormat format = videoEffectStream_->outputFormat();
-  format.width = static_cast<int32_t>(size.width + 0.1);
-  format.height = static_cast<int32_t>(size.height + 0.1);
-  videoEffectStream_->setOutputFormat(format);
   // The graph is not rebuilt: pictures are converted at the media's size
   // and sized to the output when composed.
-  updateSubtitle();
+  videoEffectStream_->changePictureSettings(
+      [size](PictureSettings& settings) {
+        settings.outputFormat.width = static_cast<int32_t>(size.width + 0.1);
+        settings.outputFormat.height = static_cast<int32_t>(size.height + 0.1);
+      },
+      true);
+}
+
+PictureSettings VNFFMovie::pictureSettings() {
+  return videoEffectStream_->pictureSettings();
+}
+
+void VNFFMovie::setPictureSettings(const PictureSettings& settings) {
+  videoEffectStream_->changePictureSettings(
+      [&settings](PictureSettings& current) { current = settings; }, true);
 }
 
 void VNFFMovie::updateSubtitle() {
@@ -677,9 +722,11 @@ void VNFFMovie::configVideoEffectStream() {
     VNFFEffectVideoStream& stream = *videoEffectStream_;
     stream.setMedia(first);
     const VNFFVideoFormat format = first ? first->videoFormat() : VNFFVideoFormat{};
-    stream.setOutputFormat(VNFFVideoFormat{AV_PIX_FMT_RGBA, format.width, format.height});
-    stream.setCropRect(
-        vn::Rect{0, 0, static_cast<double>(format.width), static_cast<double>(format.height)});
+    stream.changePictureSettings([&format](PictureSettings& settings) {
+      settings.outputFormat = VNFFVideoFormat{AV_PIX_FMT_RGBA, format.width, format.height};
+      settings.cropRect =
+          vn::Rect{0, 0, static_cast<double>(format.width), static_cast<double>(format.height)};
+    });
     stream.updateConverter();
   });
 }

@@ -7,9 +7,11 @@
 // advances only as mixed audio is produced, less what still waits in the
 // output buffer.
 //
-// Threads: every public call comes from the application's thread. Seek,
-// top-up and picture items run on the decode queue; the audio device thread
-// only asks for top-ups. Work items hold the movie, so it outlives them.
+// Threads (src/THREADS.md): every public call comes from the application's
+// thread, the picture settings from any thread. Seek, top-up and picture
+// items run on the decode queue; the audio device thread only asks for
+// top-ups, without allocating and without holding the movie. Work items hold
+// the movie, so it outlives them, except the top-up, which holds it weakly.
 //
 //   empty ──openMedias──► opened ──play/pause──► playing/paused ──close──► empty
 //                          (seeks in any state)
@@ -31,6 +33,7 @@ extern "C" {
 #include "audio_out/output_audio_graph_delegate.h"
 #include "core/formats.h"
 #include "core/serial_queue.h"
+#include "effects/picture_settings.h"
 #include "image/bitmap_image.h"
 #include "image/filter_image.h"
 #include "image/rect.h"
@@ -170,7 +173,9 @@ class VNFFMovie : public VNMovieLink,
   // The application's audio pull while it writes a file: counts the frames
   // on the clock, then reads them from the mix, once the last seek has run
   // (the mix is read on the caller's thread and must not meet a seek of its
-  // medias on the decode queue). Always true.
+  // medias on the decode queue). Always true. Must not be called while a
+  // picture request (decodeImageAtTime, thumbnailAtTime) is queued or
+  // running: a checking build aborts, another logs it at debug level.
   bool readSample(void* bytes, int32_t frames);
 
   // --- playback ----------------------------------------------------------------
@@ -186,7 +191,10 @@ class VNFFMovie : public VNMovieLink,
   // The device output level, 0..1.
   void setPlayVolume(double volume);
   double playVolume();
-  // Device thread: queues one top-up item (it holds the movie).
+  // Device thread: asks the decode queue for a top-up unless one is asked
+  // for and has not started yet. Allocates nothing and holds no reference
+  // to the movie: it posts a wake-up made once (vn::SerialQueue::Wakeup),
+  // whose task holds the movie weakly.
   void decodeMoreAudioDataToAudioOutput() override;
   // Decode queue: tops the output up by one chunk while it holds less than
   // one.
@@ -211,8 +219,9 @@ class VNFFMovie : public VNMovieLink,
   void decodeImageAtTime(int64_t t, std::shared_ptr<VNFFMovieImageProvider> provider);
 
   // --- picture settings --------------------------------------------------------
-  // Held by the video effect stream (its meanings and defaults); crop in
-  // source pixels, origin bottom left.
+  // Held by the video effect stream as one value (its meanings and
+  // defaults); each setter changes its field of that value under its lock.
+  // Crop in source pixels, origin bottom left.
   vn::Rect cropRect();
   void setCropRect(vn::Rect rect);
   bool hflip();
@@ -251,6 +260,10 @@ class VNFFMovie : public VNMovieLink,
   // and h + 0.1 truncated).
   vn::Size outputVideoSize();
   void setOutputVideoSize(vn::Size size);
+  // The whole settings at once (any thread): a picture composed meanwhile
+  // shows either all of the old ones or all of the new ones.
+  PictureSettings pictureSettings();
+  void setPictureSettings(const PictureSettings& settings);
   // Lets the subtitle be drawn anew on the next picture.
   void updateSubtitle();
   // Attaches the first video media to the video effect stream with an RGBA
@@ -287,6 +300,13 @@ class VNFFMovie : public VNMovieLink,
   std::atomic<bool> disableVideo_{false};
   std::weak_ptr<void> delegate_;
   std::unique_ptr<vn::SerialQueue> decodeQueue_;
+  // The top-up the device thread posts; made by the first openMedias, then
+  // kept for the movie's life.
+  std::unique_ptr<vn::SerialQueue::Wakeup> topUp_;
+  std::atomic<bool> topUpPending_{false};  // posted, not started yet
+  // Picture requests posted to the decode queue and not finished; readSample
+  // must not meet one.
+  std::atomic<int> pictureRequests_{0};
   // The composed picture a thumbnail is scaled from; decode queue only.
   std::vector<uint8_t> thumbnailScratch_;
   // The last seek posted to the decode queue; readSample waits for it.

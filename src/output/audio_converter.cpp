@@ -1,4 +1,5 @@
 #include "output/audio_converter.h"
+#include "core/log.h"
 
 #include <new>
 
@@ -49,8 +50,13 @@ void VNFFMpegAudioConverter::convertFrom(VNFFAudioFormat in, VNFFAudioFormat out
       static_cast<AVSampleFormat>(in.sample_fmt), in.sample_rate, 0, nullptr);
   context_.reset(swr);
   // Re-initialising drops whatever the old configuration held.
-  if (status < 0 || swr_init(context_.get()) < 0)
+  if (status < 0) {
+    vn::logFailure("swr_alloc_set_opts2", status);
     context_.reset();
+  } else if (const int ready = swr_init(context_.get()); ready < 0) {
+    vn::logFailure("swr_init", ready);
+    context_.reset();
+  }
 }
 
 void VNFFMpegAudioConverter::writeData(const void* bytes, uint64_t length) {
@@ -106,6 +112,8 @@ int32_t VNFFMpegAudioConverter::convertFrom(const uint8_t* const* in,
   // swr_convert writes neither array; its parameters are not const-qualified.
   const int converted = swr_convert(context_.get(), const_cast<uint8_t**>(out), out ? outCount : 0,
                                     const_cast<const uint8_t**>(in), inCount);
+  if (converted < 0)
+    vn::logFailure("swr_convert", converted);
   return converted < 0 ? 0 : converted;
 }
 

@@ -11,6 +11,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "core/log.h"
 #include "image/bitmap_context.h"
 #include "image/bitmap_image.h"
 #include "image/filter_image.h"
@@ -97,9 +98,14 @@ void VNFFImageColorspaceConverter::scale(const uint8_t* const planes[],
                                 static_cast<AVPixelFormat>(out->format), SWS_BILINEAR, nullptr,
                                 nullptr, nullptr);
   swscontext_.reset(scaler);
-  if (!scaler)
+  if (!scaler) {
+    vn::logFailure("sws_getCachedContext", "no scaler for this conversion");
     return;
-  sws_scale(scaler, planes, linesizes, 0, height, out->data, out->linesize);
+  }
+  if (const int rows = sws_scale(scaler, planes, linesizes, 0, height, out->data, out->linesize);
+      rows < 0) {
+    vn::logFailure("sws_scale", rows);
+  }
 }
 
 void VNFFImageColorspaceConverter::convertContext(const vn::BitmapContext& context) {

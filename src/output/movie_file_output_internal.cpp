@@ -16,6 +16,7 @@ extern "C" {
 }
 
 #include "core/codec_lock.h"
+#include "core/log.h"
 #include "ffmpeg/error.h"
 #include "image/bitmap_context.h"
 #include "output/audio_converter.h"
@@ -503,7 +504,8 @@ bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
   if (input && c->codec_type == AVMEDIA_TYPE_AUDIO)
     input->pts += c->initial_padding;
   // A refused frame is skipped; its timestamp is spent all the same.
-  avcodec_send_frame(c, input);
+  if (const int sent = avcodec_send_frame(c, input); sent < 0 && sent != AVERROR_EOF)
+    vn::logFailure("avcodec_send_frame", sent);
   bool wrote = false;
   AVPacket* packet = packet_.get();
   for (int i = 0; i < kMaxPacketsPerCall && avcodec_receive_packet(c, packet) == 0; ++i) {

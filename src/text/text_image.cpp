@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/ref_ptr.h"
+#include "core/log.h"
 
 namespace vn {
 namespace {
@@ -61,8 +62,10 @@ Layout newLayout(const std::string& text, const std::string& fontDescription) {
   const Surface scratch = Surface::adopt(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 1, 1));
   const Cairo measuring = Cairo::adopt(cairo_create(scratch.get()));
   Layout layout = Layout::adopt(pango_cairo_create_layout(measuring.get()));
-  if (!layout)
+  if (!layout) {
+    logFailure("pango_cairo_create_layout", "no layout");
     return layout;
+  }
   pango_cairo_context_set_resolution(pango_layout_get_context(layout.get()), kPixelsPerInch);
   pango_layout_context_changed(layout.get());
   const std::unique_ptr<PangoFontDescription, FontDescriptionFree> font(
@@ -82,11 +85,16 @@ struct Canvas {
 };
 std::optional<Canvas> newCanvas(int width, int height) {
   Canvas canvas{Surface::adopt(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height)), {}};
-  if (cairo_surface_status(canvas.surface.get()) != CAIRO_STATUS_SUCCESS)
+  if (const cairo_status_t status = cairo_surface_status(canvas.surface.get());
+      status != CAIRO_STATUS_SUCCESS) {
+    logFailure("cairo_image_surface_create", cairo_status_to_string(status));
     return std::nullopt;
+  }
   canvas.cr = Cairo::adopt(cairo_create(canvas.surface.get()));
-  if (cairo_status(canvas.cr.get()) != CAIRO_STATUS_SUCCESS)
+  if (const cairo_status_t status = cairo_status(canvas.cr.get()); status != CAIRO_STATUS_SUCCESS) {
+    logFailure("cairo_create", cairo_status_to_string(status));
     return std::nullopt;
+  }
   return canvas;
 }
 

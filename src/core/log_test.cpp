@@ -1,0 +1,67 @@
+#include "core/log.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavutil/error.h>
+}
+
+#include "effects/effect_video_stream.h"
+
+namespace {
+
+// A failure the library gets over logs one line, with the failing call and
+// FFmpeg's reason, only when VARNEL_LOG=debug; the results stay the same.
+TEST(LogTest, FailuresAreLoggedAtDebugLevelOnly) {
+  std::vector<std::string> lines;
+  vn_set_log_handler([&](const std::string& line) { lines.push_back(line); });
+  const struct {
+    const char* level;  // VARNEL_LOG, or none
+    size_t lines;
+  } levels[] = {{"debug", 1}, {nullptr, 0}, {"info", 0}};
+  const struct {
+    const char* what;
+    std::function<void()> fail;
+    const char* call;
+    const char* reason;
+  } failures[] = {
+      {"a status", [] { vn::logFailure("avformat_open_input", AVERROR(ENOENT)); },
+       "avformat_open_input failed", "No such file or directory"},
+      // A converter for pictures of no size cannot be built: no graph.
+      {"a filter graph",
+       [] {
+         auto stream = VNFFEffectVideoStream::create();
+         stream->updateConverter();
+         stream->writeFrame(nullptr);
+         EXPECT_FALSE(stream->currentImage());
+       },
+       "avfilter_graph_create_filter (buffer) failed", "Invalid argument"},
+  };
+  for (const auto& level : levels) {
+    if (level.level)
+      setenv("VARNEL_LOG", level.level, 1);
+    else
+      unsetenv("VARNEL_LOG");
+    for (const auto& failure : failures) {
+      lines.clear();
+      failure.fail();
+      ASSERT_EQ(lines.size(), level.lines)
+          << failure.what << " at " << (level.level ? level.level : "none");
+      if (!lines.empty()) {
+        EXPECT_EQ(lines[0].rfind("varnel: debug: ", 0), 0u) << lines[0];
+        EXPECT_NE(lines[0].find(failure.call), std::string::npos) << lines[0];
+        EXPECT_NE(lines[0].find(failure.reason), std::string::npos) << lines[0];
+      }
+    }
+  }
+  unsetenv("VARNEL_LOG");
+  vn_set_log_handler(nullptr);
+}
+
+}  // namespace
