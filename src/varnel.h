@@ -27,6 +27,7 @@
 #include "media/subtitle_source.h"
 #include "movie/effect_audio_stream.h"
 #include "movie/movie.h"
+#include "movie/movie_export.h"
 #include "output/audio_converter.h"
 #include "output/image_colorspace_converter.h"
 #include "output/movie_file_output.h"
