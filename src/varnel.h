@@ -28,6 +28,8 @@
 #include "movie/effect_audio_stream.h"
 #include "movie/movie.h"
 #include "movie/movie_export.h"
+#include "movie/picture_queue.h"
+#include "movie/playback_clock.h"
 #include "output/audio_converter.h"
 #include "output/image_colorspace_converter.h"
 #include "output/movie_file_output.h"

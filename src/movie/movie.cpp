@@ -24,7 +24,7 @@ extern "C" {
 
 namespace {
 // Frames mixed per top-up item; the output holds under two of these.
-constexpr int32_t kChunkFrames = 2048;
+constexpr int32_t kChunkFrames = VNFFMovie::kPlaybackChunkFrames;
 // How far a thumbnail's side may exceed a whole number of pixels and still
 // count as that number.
 constexpr double kWholeTolerance = 1e-3;
@@ -161,6 +161,56 @@ std::shared_ptr<VNFFMedia> VNFFMovie::videoMediaAtTime(int64_t time) {
   return medias(videos(), time);
 }
 
+std::shared_ptr<VNFFMedia> VNFFMovie::videoMedia() {
+  return videoEffectStream_->media();
+}
+
+vn::Size VNFFMovie::videoSize() {
+  const std::shared_ptr<VNFFMedia> media = videoMedia();
+  const VNFFVideoFormat format = media ? media->videoFormat() : VNFFVideoFormat{};
+  return vn::Size{static_cast<double>(format.width), static_cast<double>(format.height)};
+}
+
+float VNFFMovie::framerate() {
+  const std::shared_ptr<VNFFMedia> media = videoMedia();
+  return media ? media->framerate() : 0.0f;
+}
+
+AVRational VNFFMovie::exactFramerate() {
+  const std::shared_ptr<VNFFMedia> media = videoMedia();
+  const std::shared_ptr<VNFFMediaStream> stream = media ? media->videoStream() : nullptr;
+  const AVStream* s = stream ? stream->stream() : nullptr;
+  if (!s)
+    return AVRational{25, 1};
+  for (AVRational r : {s->r_frame_rate, s->avg_frame_rate}) {
+    if (r.num > 0 && r.den > 0 && av_q2d(r) >= 1 && av_q2d(r) <= 240)
+      return r;
+  }
+  return AVRational{25, 1};
+}
+
+vn::Size VNFFMovie::shownVideoSize(double rotation, bool pixelAspect, bool even) {
+  const std::shared_ptr<VNFFMedia> media = videoMedia();
+  const vn::Size decoded = videoSize();
+  double w = decoded.width, h = decoded.height;
+  const std::shared_ptr<VNFFMediaStream> stream = media ? media->videoStream() : nullptr;
+  if (pixelAspect && stream && stream->stream()) {
+    // The container's word, else the codec's.
+    const AVRational sar =
+        av_guess_sample_aspect_ratio(media->formatContext(), stream->stream(), nullptr);
+    if (sar.num > 0 && sar.den > 0)
+      w *= av_q2d(sar);
+  }
+  // A quarter turn either way stands the picture up.
+  const double quarter = std::fmod(std::fabs(rotation), 180.0);
+  if (std::fabs(quarter - 90) < 1)
+    std::swap(w, h);
+  const int least = even ? 2 : 1;
+  const int mask = even ? ~1 : ~0;
+  return vn::Size{static_cast<double>(std::max(least, static_cast<int>(std::lround(w)) & mask)),
+                  static_cast<double>(std::max(least, static_cast<int>(std::lround(h)) & mask))};
+}
+
 std::shared_ptr<VNFFMedia> VNFFMovie::medias(const Medias& array, int64_t time) {
   for (const auto& media : array) {
     const int64_t start = media->movie_position();
@@ -265,6 +315,10 @@ void VNFFMovie::flushOperation() {
 
 VNFFAudioFormat VNFFMovie::defaultOutputFormat() {
   return VNFFAudioFormat{AV_SAMPLE_FMT_FLT, vn::defaultChannelLayout(2), 44100};
+}
+
+double VNFFMovie::playbackChunkSeconds() {
+  return static_cast<double>(kPlaybackChunkFrames) / defaultOutputFormat().sample_rate;
 }
 
 void VNFFMovie::configOutputFormat(VNFFAudioFormat format) {

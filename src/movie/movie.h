@@ -24,6 +24,10 @@
 #include <string>
 #include <vector>
 
+extern "C" {
+#include <libavutil/rational.h>
+}
+
 #include "audio_out/output_audio_graph_delegate.h"
 #include "core/formats.h"
 #include "core/serial_queue.h"
@@ -94,6 +98,24 @@ class VNFFMovie : public VNMovieLink,
   Medias audios();
   Medias videos();
   std::shared_ptr<VNFFMedia> videoMediaAtTime(int64_t time);
+  // The media attached to the video effect stream (the first with video);
+  // null without video.
+  std::shared_ptr<VNFFMedia> videoMedia();
+  // Its picture's width and height as decoded; {0, 0} without video.
+  vn::Size videoSize();
+  // Its frame rate as the media gives it; 0 without video.
+  float framerate();
+  // Its exact frame rate (30000/1001 stays 30000/1001): the stream's own
+  // rate, else its average, when one lies between 1 and 240 a second; 25/1
+  // otherwise, and without video.
+  AVRational exactFramerate();
+  // The size its picture takes on screen: turned `rotation` degrees
+  // counter-clockwise (a quarter turn either way swaps the sides), with
+  // pixelAspect its width stretched by the pixel aspect ratio (the
+  // container's, else the codec's), rounded to whole pixels, at least 1;
+  // with even, rounded down to even sides, at least 2, as encoders want.
+  // Without video, the least of these sizes.
+  vn::Size shownVideoSize(double rotation, bool pixelAspect, bool even);
   // The first media of the array with movie_position <= time < end.
   static std::shared_ptr<VNFFMedia> medias(const Medias& array, int64_t time);
 
@@ -132,6 +154,11 @@ class VNFFMovie : public VNMovieLink,
   // --- audio format of the mix -------------------------------------------------
   // The playback format: packed float, stereo, 44100 Hz.
   static VNFFAudioFormat defaultOutputFormat();
+  // Frames of the playback format mixed at a time for the output: the
+  // steps the clock moves in while playing.
+  static constexpr int32_t kPlaybackChunkFrames = 2048;
+  // One such chunk in seconds.
+  static double playbackChunkSeconds();
   // Sets the mix's format and rebuilds it over the medias with audio.
   void configOutputFormat(VNFFAudioFormat format);
   // Switches the mix to the playback format when it is in another one.

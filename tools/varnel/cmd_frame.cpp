@@ -49,9 +49,8 @@ int run(const FrameOptions& o) {
   if (const int status = o.subtitles.apply(input); status != kExitOk)
     return status;
   VNFFMovie& movie = *input.movie;
-  if (o.size.empty())
-    shownSize(input, movie.rotate(), false, false, &width, &height);
-  movie.setOutputVideoSize(vn::Size{double(width), double(height)});
+  movie.setOutputVideoSize(o.size.empty() ? movie.shownVideoSize(movie.rotate(), false, false)
+                                          : vn::Size{double(width), double(height)});
 
   // Exporting: reading is not held back to a playback clock.
   movie.setExportMovie(true);

@@ -142,66 +142,12 @@ class KeyReader {
   bool active_;
 };
 
-// The movie's clock: the audio's, or without audio a wall clock that runs
-// at the playback speed.
-class PlayClock {
- public:
-  PlayClock(VNFFMovie& movie, bool audio) : movie_(movie), audio_(audio) {}
-  double now() {
-    if (!audio_)
-      return base_ + (running_ ? rate_ * elapsed() : 0.0);
-    // The audio clock moves a device buffer at a time; between two steps
-    // it is carried on at the playback speed, for at most one step.
-    const double audio = vn_ff_time_to_double(movie_.currentTime());
-    if (audio != lastAudio_) {
-      lastAudio_ = audio;
-      restart(audio);
-      return audio;
-    }
-    return running_ ? audio + rate_ * std::min(elapsed(), kLongestStep) : audio;
-  }
-  void seek(double seconds) {
-    movie_.seek(microseconds(seconds));
-    restart(seconds);
-  }
-  void setRate(double rate) {
-    if (audio_)
-      movie_.setRate(static_cast<float>(rate));
-    restart(now());
-    rate_ = rate;
-  }
-  void setRunning(bool running) {
-    if (audio_) {
-      running ? movie_.play() : movie_.pause();
-    }
-    restart(now());
-    running_ = running;
-  }
-
- private:
-  double elapsed() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since_).count();
-  }
-  void restart(double seconds) {
-    base_ = seconds;
-    since_ = std::chrono::steady_clock::now();
-  }
-  // The longest the audio clock stands still while playing: a device
-  // buffer of 2048 frames at 44.1 kHz.
-  static constexpr double kLongestStep = 2048.0 / 44100;
-  VNFFMovie& movie_;
-  bool audio_;
-  double lastAudio_ = -1;
-  double base_ = 0;
-  double rate_ = 1;
-  bool running_ = false;
-  std::chrono::steady_clock::time_point since_ = std::chrono::steady_clock::now();
-};
-
 // The size pictures are composed at: the picture as it is shown, fitted
 // into the window asked for, or into 1280x720 when it is larger.
-void pictureSize(Input& input, int windowW, int windowH, int* width, int* height) {
-  shownSize(input, input.movie->rotate(), true, true, width, height);
+void pictureSize(VNFFMovie& movie, int windowW, int windowH, int* width, int* height) {
+  const vn::Size shown = movie.shownVideoSize(movie.rotate(), true, true);
+  *width = static_cast<int>(shown.width);
+  *height = static_cast<int>(shown.height);
   const double boxW = windowW > 0 ? windowW : std::max(*width, 1280);
   const double boxH = windowH > 0 ? windowH : std::max(*height, 720);
   const double scale = std::min(boxW / *width, boxH / *height);
@@ -235,10 +181,10 @@ int run(const PlayOptions& o) {
   VNFFMovie& movie = *input.movie;
 
   // The picture, when there is one to show and somewhere to show it.
-  const bool video = input.videoMedia() && !o.noVideo;
+  const bool video = movie.videoMedia() && !o.noVideo;
   std::string noWindow = video ? VideoWindow::unavailable() : std::string();
   // The picture settings are checked even when no picture will be shown.
-  if (input.videoMedia()) {
+  if (movie.videoMedia()) {
     if (const int status = o.picture.apply(input); status != kExitOk)
       return status;
     if (const int status = o.subtitles.apply(input); status != kExitOk)
@@ -262,11 +208,11 @@ int run(const PlayOptions& o) {
   const double duration = extent.end();
 
   std::unique_ptr<VideoWindow> window;
-  const AVRational rate = input.videoFrameRate();
+  const AVRational rate = movie.exactFramerate();
   const double frameSeconds = av_q2d(av_inv_q(rate));
   if (video && noWindow.empty()) {
     int width = 0, height = 0;
-    pictureSize(input, windowW, windowH, &width, &height);
+    pictureSize(movie, windowW, windowH, &width, &height);
     VideoWindow::Options options;
     options.width = windowW;
     options.height = windowH;
@@ -283,7 +229,8 @@ int run(const PlayOptions& o) {
     std::fprintf(stderr, "varnel: playing the sound only: %s\n", noWindow.c_str());
   }
 
-  PlayClock clock(movie, movie.hasAudio());
+  // The audio's clock, or without audio a wall clock.
+  VNPlaybackClock clock(input.movie, movie.hasAudio());
   const auto seekTo = [&](double seconds) {
     clock.seek(std::clamp(seconds, 0.0, duration));
     if (window)

@@ -149,9 +149,7 @@ int run(const ThumbnailOptions& o) {
   if (const int status = o.subtitles.apply(input); status != kExitOk)
     return status;
   VNFFMovie& movie = *input.movie;
-  int width = 0, height = 0;
-  shownSize(input, movie.rotate(), true, false, &width, &height);
-  movie.setOutputVideoSize(vn::Size{double(width), double(height)});
+  movie.setOutputVideoSize(movie.shownVideoSize(movie.rotate(), true, false));
   movie.setExportMovie(true);
   const vn::Size box{double(boxWidth), double(boxHeight)};
 

@@ -128,24 +128,6 @@ void Input::warnIfCutShort(const std::string& path, const Extent& extent) const 
   }
 }
 
-std::shared_ptr<VNFFMedia> Input::videoMedia() {
-  auto videos = movie->videos();
-  return videos.empty() ? nullptr : videos.front();
-}
-
-AVRational Input::videoFrameRate() {
-  auto media = videoMedia();
-  auto stream = media ? media->videoStream() : nullptr;
-  if (!stream || !stream->stream())
-    return AVRational{25, 1};
-  const AVStream* s = stream->stream();
-  for (AVRational r : {s->r_frame_rate, s->avg_frame_rate}) {
-    if (r.num > 0 && r.den > 0 && av_q2d(r) >= 1 && av_q2d(r) <= 240)
-      return r;
-  }
-  return AVRational{25, 1};
-}
-
 AVFormatContext* Input::formatContext() {
   if (source && source->formatContext())
     return source->formatContext();

@@ -8,10 +8,6 @@
 #include <optional>
 #include <string>
 
-extern "C" {
-#include <libavutil/rational.h>
-}
-
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -57,11 +53,10 @@ struct Input {
   // where its audio and video stop when nothing says how many bytes are
   // missing.
   void warnIfCutShort(const std::string& path, const Extent& extent) const;
-  // The first media with video, or null.
-  std::shared_ptr<VNFFMedia> videoMedia();
-  // The exact frame rate of the video (30000/1001 stays 30000/1001); 25/1
-  // when the container gives none.
-  AVRational videoFrameRate();
+  // The movie's video media, or null; for commands that still ask the input
+  // (the movie answers it).
+  std::shared_ptr<VNFFMedia> videoMedia() { return movie->videoMedia(); }
+  AVRational videoFrameRate() { return movie->exactFramerate(); }
   // The demuxer of the input's first media (on a disc, that of the title's
   // first piece): the container streams the track options count.
   AVFormatContext* formatContext();

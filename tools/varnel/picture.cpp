@@ -89,21 +89,21 @@ bool PictureOptions::changesPicture(Input& input) const {
 
 int PictureOptions::apply(Input& input) const {
   VNFFMovie& movie = *input.movie;
-  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
-  const VNFFVideoFormat format = video ? video->videoFormat() : VNFFVideoFormat{};
+  const vn::Size decoded = movie.videoSize();
+  const int width = static_cast<int>(decoded.width), height = static_cast<int>(decoded.height);
   if (!crop.empty()) {
     double c[4];
     if (!parseCrop(crop, c))
       return usage("bad --crop", crop, "expected X,Y,W,H in pixels");
     if (c[2] < 1 || c[3] < 1)
       return usage("bad --crop", crop, "the width and height must be at least one pixel");
-    if (c[0] < 0 || c[1] < 0 || c[0] + c[2] > format.width || c[1] + c[3] > format.height) {
-      return usage("bad --crop", crop,
-                   "outside the " + std::to_string(format.width) + "x" +
-                       std::to_string(format.height) + " picture");
+    if (c[0] < 0 || c[1] < 0 || c[0] + c[2] > width || c[1] + c[3] > height) {
+      return usage(
+          "bad --crop", crop,
+          "outside the " + std::to_string(width) + "x" + std::to_string(height) + " picture");
     }
     // The library counts from the bottom-left corner.
-    movie.setCropRect(vn::Rect{c[0], format.height - c[1] - c[3], c[2], c[3]});
+    movie.setCropRect(vn::Rect{c[0], height - c[1] - c[3], c[2], c[3]});
   }
   int32_t zoomType = VNFFEffectVideoStream::kZoomDefault;
   if (!zoom.empty() && !parseZoom(zoom, &zoomType))
@@ -137,7 +137,7 @@ int PictureOptions::apply(Input& input) const {
 int openForPictures(Input& input, const std::string& path, Input::Extent* extent) {
   if (const int status = input.openWithTracks(path, ""); status != kExitOk)
     return status;
-  if (!input.videoMedia())
+  if (!input.movie->videoMedia())
     return fail("cannot take a picture from", path, "it has no video");
   *extent = input.extent();
   input.warnIfCutShort(path, *extent);
@@ -186,7 +186,7 @@ int writePicture(const vn::FilterImage& picture, const std::string& output) {
 }
 
 double displayRotation(Input& input) {
-  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
+  const std::shared_ptr<VNFFMedia> video = input.movie->videoMedia();
   const std::shared_ptr<VNFFMediaStream> stream = video ? video->videoStream() : nullptr;
   const AVStream* s = stream ? stream->stream() : nullptr;
   if (!s)
@@ -205,22 +205,9 @@ void shownSize(Input& input,
                bool even,
                int* width,
                int* height) {
-  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
-  const VNFFVideoFormat format = video ? video->videoFormat() : VNFFVideoFormat{};
-  double w = format.width, h = format.height;
-  if (pixelAspect && video && video->videoStream() && video->videoStream()->stream()) {
-    // The container's word, else the codec's.
-    const AVRational sar = av_guess_sample_aspect_ratio(video->formatContext(),
-                                                        video->videoStream()->stream(), nullptr);
-    if (sar.num > 0 && sar.den > 0)
-      w *= av_q2d(sar);
-  }
-  // A quarter turn either way stands the picture up.
-  const double quarter = std::fmod(std::fabs(rotation), 180.0);
-  if (std::fabs(quarter - 90) < 1)
-    std::swap(w, h);
-  *width = std::max(even ? 2 : 1, static_cast<int>(std::lround(w)) & (even ? ~1 : ~0));
-  *height = std::max(even ? 2 : 1, static_cast<int>(std::lround(h)) & (even ? ~1 : ~0));
+  const vn::Size size = input.movie->shownVideoSize(rotation, pixelAspect, even);
+  *width = static_cast<int>(size.width);
+  *height = static_cast<int>(size.height);
 }
 
 }  // namespace varnel_cli

@@ -71,9 +71,7 @@ bool isPictureName(const std::string& output);
 // The rotation a video asks to be shown with (its display matrix), in
 // degrees counter-clockwise; 0 when it carries none.
 double displayRotation(Input& input);
-// The picture's size once shown: the video's size, sides swapped when it is
-// turned a quarter, and, when pixelAspect is set, its width stretched by the
-// pixel aspect ratio; made even (rounded down) when asked, as encoders want.
+// The movie's shownVideoSize in whole pixels.
 void shownSize(Input& input, double rotation, bool pixelAspect, bool even, int* width, int* height);
 
 }  // namespace varnel_cli

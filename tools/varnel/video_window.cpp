@@ -9,15 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <mutex>
 
 #include "input.h"
 #include "varnel.h"
-
-extern "C" {
-#include <libswscale/swscale.h>
-}
 
 namespace varnel_cli {
 
@@ -60,51 +54,6 @@ bool rastersOnTheCpu(SDL_Renderer* renderer) {
 
 }  // namespace
 
-// The hand-over between the decode queue and the main thread.
-struct VideoWindow::Shared {
-  struct Picture {
-    int64_t index = 0;
-    int width = 0, height = 0;
-    std::vector<uint8_t> rgba;
-  };
-  std::mutex lock;
-  size_t inFlight = 0;           // pictures being decoded
-  uint64_t generation = 0;       // counts seeks: older pictures are dropped
-  std::deque<Picture> ready;     // decoded, in frame order
-  int64_t missing = -1;          // a frame that gave no picture (past the end)
-  double latency = 0.02;         // seconds from asking to having a picture, smoothed
-  int screenW = 0, screenH = 0;  // the size the picture takes on screen
-  vn::ff::Sws scaler;            // decode queue only
-
-  // The picture at the size it takes on screen, so that the renderer only
-  // copies it (a software renderer scales slowly). Decode queue.
-  void fit(Picture& picture) {
-    int w = 0, h = 0;
-    {
-      std::lock_guard<std::mutex> hold(lock);
-      w = screenW;
-      h = screenH;
-    }
-    if (w <= 0 || h <= 0 || (w == picture.width && h == picture.height))
-      return;
-    scaler.reset(sws_getCachedContext(scaler.release(), picture.width, picture.height,
-                                      AV_PIX_FMT_RGBA, w, h, AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr,
-                                      nullptr, nullptr));
-    if (!scaler)
-      return;
-    std::vector<uint8_t> out(static_cast<size_t>(w) * h * 4);
-    const uint8_t* from[4] = {picture.rgba.data(), nullptr, nullptr, nullptr};
-    const int fromStride[4] = {picture.width * 4, 0, 0, 0};
-    uint8_t* to[4] = {out.data(), nullptr, nullptr, nullptr};
-    const int toStride[4] = {w * 4, 0, 0, 0};
-    if (sws_scale(scaler.get(), from, fromStride, 0, picture.height, to, toStride) != h)
-      return;
-    picture.rgba = std::move(out);
-    picture.width = w;
-    picture.height = h;
-  }
-};
-
 std::string VideoWindow::unavailable() {
   const char* x11 = std::getenv("DISPLAY");
   const char* wayland = std::getenv("WAYLAND_DISPLAY");
@@ -127,9 +76,10 @@ std::unique_ptr<VideoWindow> VideoWindow::open(std::shared_ptr<VNFFMovie> movie,
   }
   std::unique_ptr<VideoWindow> w(new VideoWindow());
   w->movie_ = std::move(movie);
-  w->shared_ = std::make_shared<Shared>();
+  w->pictures_ = std::make_unique<VNFFPictureQueue>(
+      w->movie_, kPicturesAhead, plain ? VNFFPictureQueue::kDecoded : VNFFPictureQueue::kComposed,
+      VNFFPictureQueue::kRGBA);
   w->frameSeconds_ = frameSeconds;
-  w->plain_ = plain;
   w->shownW_ = width;
   w->shownH_ = height;
   const uint32_t flags =
@@ -164,8 +114,7 @@ std::unique_ptr<VideoWindow> VideoWindow::open(std::shared_ptr<VNFFMovie> movie,
 VideoWindow::~VideoWindow() {
   // The pictures asked for are decoded first: a request holds the movie,
   // and the process must not end while the decode queue still composes.
-  if (movie_)
-    movie_->flushOperation();
+  pictures_.reset();
   if (trace_)
     std::fclose(trace_);
   if (status_)
@@ -248,69 +197,13 @@ std::vector<VideoWindow::Event> VideoWindow::events() {
   return out;
 }
 
-void VideoWindow::request(int64_t index) {
-  const std::shared_ptr<Shared> shared = shared_;
-  uint64_t generation = 0;
-  {
-    std::lock_guard<std::mutex> hold(shared->lock);
-    ++shared->inFlight;
-    generation = shared->generation;
-  }
-  const double asked = steadySeconds();
-  // Everything below runs on the decode queue: the picture's pixels are
-  // taken there, while they are still the decoder's.
-  auto hand = [shared, generation, asked](std::optional<Shared::Picture> picture, int64_t frame) {
-    if (picture)
-      shared->fit(*picture);
-    std::lock_guard<std::mutex> hold(shared->lock);
-    --shared->inFlight;
-    shared->latency = 0.8 * shared->latency + 0.2 * (steadySeconds() - asked);
-    if (generation != shared->generation)
-      return;
-    if (picture) {
-      shared->ready.push_back(std::move(*picture));
-    } else {
-      shared->missing = frame;
-    }
-  };
-  auto provider = std::make_shared<VNFFMovieImageProvider>();
-  if (plain_) {
-    // The converted picture's own bytes: RGBA rows at the media's size.
-    auto copy = std::make_shared<VNFFMovieImageProvider::DataBuffer>();
-    auto format = std::make_shared<VNFFVideoFormat>();
-    provider->movieFormatSize = [copy, format](VNFFMovie&, VNFFVideoFormat f, int32_t size) {
-      *format = f;
-      *copy = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(std::max(size, 0)));
-      return *copy;
-    };
-    provider->movieMediaImage = [hand, copy, format, index](VNFFMovie&,
-                                                            std::optional<vn::FilterImage> image) {
-      const size_t bytes = static_cast<size_t>(format->width) * format->height * 4;
-      if (!image || !*copy || (*copy)->size() != bytes || bytes == 0)
-        return hand(std::nullopt, index);
-      hand(Shared::Picture{index, format->width, format->height, std::move(**copy)}, index);
-    };
-  } else {
-    provider->movieMediaEffectImage = [hand, index](VNFFMovie&,
-                                                    std::optional<vn::FilterImage> image) {
-      const vn::Rect extent = image ? image->extent() : vn::Rect{};
-      std::vector<uint8_t> rgba = image ? image->render(extent) : std::vector<uint8_t>{};
-      if (rgba.empty())
-        return hand(std::nullopt, index);
-      hand(Shared::Picture{index, static_cast<int>(extent.width), static_cast<int>(extent.height),
-                           std::move(rgba)},
-           index);
-    };
-  }
-  movie_->decodeImageAtTime(microseconds((static_cast<double>(index) + 0.5) * frameSeconds_),
-                            provider, false);
+bool VideoWindow::request(int64_t index) {
+  return pictures_->request(index,
+                            microseconds((static_cast<double>(index) + 0.5) * frameSeconds_));
 }
 
 void VideoWindow::seeked() {
-  std::lock_guard<std::mutex> hold(shared_->lock);
-  ++shared_->generation;
-  shared_->ready.clear();
-  shared_->missing = -1;
+  pictures_->cancel();
   shownIndex_ = -1;
   lastRequested_ = -1;
 }
@@ -324,15 +217,9 @@ void VideoWindow::preroll(double clock, double seconds) {
   const double until = steadySeconds() + seconds;
   for (;;) {
     update(clock, 0.0);
-    int64_t missing = -1;
-    size_t inFlight = 0;
-    {
-      std::lock_guard<std::mutex> hold(shared_->lock);
-      missing = shared_->missing;
-      inFlight = shared_->inFlight;
-    }
+    const int64_t missing = pictures_->missing();
     // The pictures after it are decoded too.
-    const bool ready = shownIndex_ == frame && inFlight == 0;
+    const bool ready = shownIndex_ == frame && pictures_->idle();
     if (ready || (missing >= 0 && missing <= frame) || steadySeconds() > until)
       return;
     SDL_Delay(4);
@@ -341,28 +228,19 @@ void VideoWindow::preroll(double clock, double seconds) {
 
 void VideoWindow::update(double clock, double rate) {
   const int64_t frame = frameAt(clock);
-  std::vector<Shared::Picture> due;
-  size_t pending = 0;
-  int64_t missing = -1;
-  double latency = 0;
-  {
-    std::lock_guard<std::mutex> hold(shared_->lock);
-    while (!shared_->ready.empty() && shared_->ready.front().index <= frame) {
-      due.push_back(std::move(shared_->ready.front()));
-      shared_->ready.pop_front();
-    }
-    pending = shared_->inFlight + shared_->ready.size();
-    missing = shared_->missing;
-    latency = shared_->latency;
-  }
+  // The frames that gave no picture (past the end) show nothing.
+  std::vector<VNFFPictureQueue::Picture> due = pictures_->takeUntil(frame);
+  std::erase_if(due, [](const VNFFPictureQueue::Picture& p) { return p.empty(); });
+  const int64_t missing = pictures_->missing();
+  const double latency = pictures_->latency();
   bool changed = false;
   for (size_t i = 0; i < due.size(); ++i) {
-    Shared::Picture& picture = due[i];
+    VNFFPictureQueue::Picture& picture = due[i];
     // Only the picture of the clock's frame is shown; one whose frame has
     // passed is skipped, also right after a seek (the picture before it
     // stays until one comes in time).
-    const bool show = i + 1 == due.size() && picture.index == frame;
-    trace(show ? "shown" : "skipped", picture.index, clock);
+    const bool show = i + 1 == due.size() && picture.key == frame;
+    trace(show ? "shown" : "skipped", picture.key, clock);
     if (!show)
       continue;
     if (!texture_ || picture.width != width_ || picture.height != height_) {
@@ -382,9 +260,9 @@ void VideoWindow::update(double clock, double rate) {
     }
     // Every frame between two pictures shown was skipped (not across a
     // seek).
-    if (shownIndex_ >= 0 && picture.index > shownIndex_ + 1)
-      skippedCount_ += picture.index - shownIndex_ - 1;
-    shownIndex_ = picture.index;
+    if (shownIndex_ >= 0 && picture.key > shownIndex_ + 1)
+      skippedCount_ += picture.key - shownIndex_ - 1;
+    shownIndex_ = picture.key;
     ++shownCount_;
   }
   // Keep the decode queue busy with the next pictures, the first of them
@@ -392,11 +270,12 @@ void VideoWindow::update(double clock, double rate) {
   // clock does not move: its own frame).
   const int64_t lead =
       rate > 0 ? static_cast<int64_t>(std::ceil(latency * rate / frameSeconds_)) : 0;
-  for (; pending < kPicturesAhead; ++pending) {
+  for (;;) {
     const int64_t next = std::max({frame + lead, lastRequested_ + 1, shownIndex_ + 1});
-    if (next == missing || (missing >= 0 && next > missing))
+    if (missing >= 0 && next >= missing)
       break;
-    request(next);
+    if (!request(next))
+      break;  // kPicturesAhead are asked
     lastRequested_ = next;
   }
   if (statusShown_ && steadySeconds() > statusUntil_)
@@ -449,11 +328,7 @@ void VideoWindow::present() {
     to.h = std::max(1, static_cast<int>(std::lround(shownH_ * scale)));
     to.x = (outW - to.w) / 2;
     to.y = (outH - to.h) / 2;
-    {
-      std::lock_guard<std::mutex> hold(shared_->lock);
-      shared_->screenW = to.w;
-      shared_->screenH = to.h;
-    }
+    pictures_->setRenderSize(to.w, to.h);
     if (texture_ && !onScreen_.empty())
       SDL_RenderCopy(renderer_, texture_, nullptr, &to);
   }

@@ -1,14 +1,14 @@
 // The picture of `varnel play`: an SDL window showing the movie's composed
 // picture at the movie's clock.
 //
-// Pictures are decoded two ahead on the movie's decode queue (through
-// decodeImageAtTime and a provider), rendered to RGBA at the size they take
-// on screen there, and uploaded and shown on the main thread when the clock
-// reaches their frame. A picture that arrives after its frame has passed is
-// skipped: the sound is never held back for the picture.
+// Pictures are decoded two ahead on the movie's decode queue (a picture
+// queue), rendered to RGBA at the size they take on screen there, and
+// uploaded and shown on the main thread when the clock reaches their frame.
+// A picture that arrives after its frame has passed is skipped: the sound is
+// never held back for the picture.
 //
-// Threads: every call on the main thread; the provider runs on the decode
-// queue and meets the main thread only in the hand-over of a picture.
+// Threads: every call on the main thread; the picture queue meets the decode
+// queue.
 #pragma once
 
 #include <cstdint>
@@ -90,19 +90,18 @@ class VideoWindow {
   int64_t skippedCount() const { return skippedCount_; }
 
  private:
-  struct Shared;
   VideoWindow() = default;
   // The frame that covers the clock (seconds).
   int64_t frameAt(double clock) const;
-  void request(int64_t index);
+  // Asks for the picture of frame index; false when enough are asked.
+  bool request(int64_t index);
   void present();
   // One line of the trace: what happened to a picture, at which clock.
   void trace(const char* what, int64_t index, double clock);
 
   std::shared_ptr<VNFFMovie> movie_;
-  std::shared_ptr<Shared> shared_;
+  std::unique_ptr<VNFFPictureQueue> pictures_;
   double frameSeconds_ = 0.04;
-  bool plain_ = false;
   int width_ = 0, height_ = 0;   // of the pictures, and of the texture
   int shownW_ = 0, shownH_ = 0;  // the picture's size as shown (its aspect)
   SDL_Window* window_ = nullptr;
