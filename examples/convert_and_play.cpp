@@ -26,34 +26,34 @@ int main(int argc, char** argv) {
     return 2;
   }
   auto movie = openMovie(argv[1]);
-  if (!movie) {
-    std::fprintf(stderr, "cannot open %s\n", argv[1]);
-    return 1;
-  }
+  if (!movie)
+    return std::fprintf(stderr, "cannot open %s\n", argv[1]), 1;
   VNFFMovieFileOutputFormat format;
   movieFileOutputFormatToDefaults(&format);  // size and frame rate: the movie's
   VNFFMovieExport job(movie, format, argv[2]);
   if (argc > 3)
     job.setDuration(static_cast<int64_t>(std::atof(argv[3]) * 1e6));
-  job.setProgress([](const VNFFMovieExport::Progress& p) {
-    std::printf("%5.1f %%  %lld frames  %.0f frames/s  ETA %.1f s\n", p.fraction * 100,
-                static_cast<long long>(p.frames), p.framesPerSecond, p.eta);
-  }, 250);
-  if (const VNFFMovieExport::Result result = job.run(); !result) {
-    std::fprintf(stderr, "cannot convert: %s\n", result.reason.c_str());
-    return 1;
-  }
+  job.setProgress(
+      [](const VNFFMovieExport::Progress& p) {
+        std::printf("%5.1f %%  %lld frames  %.0f frames/s  ETA %.1f s\n", p.fraction * 100,
+                    static_cast<long long>(p.frames), p.framesPerSecond, p.eta);
+      },
+      250);
+  if (const VNFFMovieExport::Result result = job.run(); !result)
+    return std::fprintf(stderr, "cannot convert: %s\n", result.reason.c_str()), 1;
 
   auto played = openMovie(argv[2]);
   if (!played)
-    return 1;
+    return std::fprintf(stderr, "cannot open %s\n", argv[2]), 1;
   const double fps = double(job.format().framerate) / job.format().frameTime;
-  played->play();
+  VNPlaybackClock clock(played, played->hasAudio());
+  clock.setRunning(true);
   for (int tick = 1; tick <= 20; ++tick) {  // two seconds
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const double now = vn_ff_time_to_double(played->currentTime());
-    std::printf("tick %2d  clock %.3f s  picture %lld\n", tick, now, static_cast<long long>(now * fps));
+    const double now = clock.now();
+    std::printf("tick %2d  clock %.3f s  picture %lld\n", tick, now,
+                static_cast<long long>(now * fps));
   }
-  played->pause();
+  clock.setRunning(false);
   return 0;
 }

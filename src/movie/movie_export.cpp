@@ -8,12 +8,14 @@
 #include <system_error>
 
 extern "C" {
+#include <libavutil/rational.h>
 #include <libavutil/samplefmt.h>
 }
 
 #include "core/formats.h"
 #include "media/media.h"
 #include "movie/movie.h"
+#include "movie/picture_queue.h"
 #include "output/movie_file_output.h"
 
 namespace {
@@ -38,45 +40,6 @@ int64_t microseconds(double seconds) {
 }
 
 }  // namespace
-
-// Composed pictures, asked of the movie's decode queue one ahead: the queue
-// decodes and composes the next picture while this thread renders and
-// encodes the current one.
-class VNFFMovieExport::PictureSource {
- public:
-  explicit PictureSource(VNFFMovie& movie) : movie_(movie) {}
-  // Lets a request still queued finish before the movie is used again.
-  ~PictureSource() { movie_.flushOperation(); }
-
-  void request(int64_t t) {
-    auto slot = std::make_shared<Slot>();
-    auto provider = std::make_shared<VNFFMovieImageProvider>();
-    provider->movieMediaEffectImage = [slot](VNFFMovie&, std::optional<vn::FilterImage> image) {
-      slot->image = std::move(image);
-    };
-    pending_ = slot;
-    movie_.decodeImageAtTime(t, provider, false);
-  }
-
-  // The picture asked for last; none when the movie had none then.
-  std::optional<vn::FilterImage> take() {
-    // Every item before this one has run once the queue is drained up to
-    // here; the slot is written on the queue and read after that.
-    movie_.flushOperation();
-    std::optional<vn::FilterImage> image;
-    if (pending_)
-      image = std::move(pending_->image);
-    pending_.reset();
-    return image;
-  }
-
- private:
-  struct Slot {
-    std::optional<vn::FilterImage> image;
-  };
-  VNFFMovie& movie_;
-  std::shared_ptr<Slot> pending_;
-};
 
 VNFFMovieExport::VNFFMovieExport(std::shared_ptr<VNFFMovie> movie,
                                  const VNFFMovieFileOutputFormat& format,
@@ -121,18 +84,18 @@ VNFFMovieExport::Result VNFFMovieExport::run() {
 }
 
 void VNFFMovieExport::fillFormatFromMovie() {
-  const auto videos = movie_->videos();
-  video_ = videos.empty() ? nullptr : videos.front();
+  video_ = movie_->videoMedia();
   if (!video_)
     return;
   if (format_.width <= 0 || format_.height <= 0) {
-    const VNFFVideoFormat decoded = video_->videoFormat();
-    format_.width = std::max(2, decoded.width / 2 * 2);
-    format_.height = std::max(2, decoded.height / 2 * 2);
+    const vn::Size shown = movie_->shownVideoSize(movie_->rotate(), false, true);
+    format_.width = static_cast<int32_t>(shown.width);
+    format_.height = static_cast<int32_t>(shown.height);
   }
   if (format_.framerate <= 0) {
-    format_.framerate = 25;
-    format_.frameTime = 1;
+    const AVRational rate = movie_->exactFramerate();
+    format_.framerate = rate.num;
+    format_.frameTime = rate.den;
   }
 }
 
@@ -193,25 +156,27 @@ int64_t VNFFMovieExport::frameTime(int64_t n) const {
 }
 
 void VNFFMovieExport::writeVideo() {
-  const bool composed = pictures_ == kComposed;
-  std::optional<PictureSource> pictures;
-  if (composed) {
+  // Composed pictures are made on the movie's decode queue one ahead: the
+  // queue decodes and composes the next picture while this thread renders
+  // and encodes the current one.
+  std::optional<VNFFPictureQueue> pictures;
+  if (pictures_ == kComposed) {
     movie_->setOutputVideoSize(vn::Size{double(format_.width), double(format_.height)});
-    pictures.emplace(*movie_);
-    pictures->request(frameTime(0));
+    pictures.emplace(movie_, 1, VNFFPictureQueue::kComposed, VNFFPictureQueue::kImage);
+    pictures->request(0, frameTime(0));
   }
   while (videoFrames_ < videoTotal_ && !isCancelled()) {
     // The audio that ends with this frame.
     const int64_t audioEnd = std::llround((videoFrames_ + 1) * frameSeconds_ * format_.sample_rate);
-    if (composed) {
-      std::optional<vn::FilterImage> picture = pictures->take();
+    if (pictures) {
+      std::optional<VNFFPictureQueue::Picture> picture = pictures->take();
       // The mix reads its medias while the queue is idle: no picture is
       // being decoded on the other thread meanwhile.
       writeAudioUntil(audioEnd);
       if (videoFrames_ + 1 < videoTotal_)
-        pictures->request(frameTime(videoFrames_ + 1));
-      if (picture)
-        writer_->writeImage(*picture);
+        pictures->request(videoFrames_ + 1, frameTime(videoFrames_ + 1));
+      if (picture && picture->image)
+        writer_->writeImage(*picture->image);
     } else {
       writeDecodedFrame(videoFrames_);
       writeAudioUntil(audioEnd);

@@ -103,8 +103,6 @@ class VNFFMovieExport {
   const VNFFMovieFileOutputFormat& format() const { return format_; }
 
  private:
-  class PictureSource;
-
   void fillFormatFromMovie();
   // Opens the writer at temp; false with a reason.
   bool openWriter(const std::string& temp, std::string* reason);
@@ -131,7 +129,7 @@ class VNFFMovieExport {
 
   // During run().
   std::shared_ptr<VNFFMovieFileOutput> writer_;
-  std::shared_ptr<VNFFMedia> video_;  // the first video media
+  std::shared_ptr<VNFFMedia> video_;  // the movie's video media
   double span_ = 0;                   // seconds to write
   double frameSeconds_ = 0;           // length of one output frame
   int64_t videoTotal_ = 0;            // output frames to write

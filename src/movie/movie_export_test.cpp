@@ -76,8 +76,9 @@ TEST(MovieExportTest, WritesTheSpanAndReportsProgressUpToTheLastFrame) {
     EXPECT_DOUBLE_EQ(seen.back().seconds, 1.2);
     EXPECT_EQ(seen.back().frames, c.frames);
     EXPECT_GE(seen.back().eta, 0.0);
-    if (c.frames > 0)  // a report after every frame, and the last once more
+    if (c.frames > 0) {  // a report after every frame, and the last once more
       EXPECT_EQ(seen.size(), size_t(c.frames) + 1);
+    }
 
     const auto probe = vn::test::ffprobe(out);
     EXPECT_NEAR(std::stod(probe["format"]["duration"].get<std::string>()), 1.2, 0.1);
