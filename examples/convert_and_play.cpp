@@ -11,11 +11,11 @@
 #include <thread>
 
 static std::shared_ptr<VNFFMovie> openMovie(const char* path) {
+  auto movie = VNFFMovie::create();
   auto source = VNMediaSource::mediaWithPath(path);
   auto medias = source ? source->createMedias() : std::nullopt;
   if (!medias || medias->empty())
     return nullptr;
-  auto movie = VNFFMovie::create();
   movie->openMedias(*medias);
   return movie;
 }

@@ -26,10 +26,10 @@ std::shared_ptr<VNFFMovie> movieOf(const std::string& path) {
   return movie;
 }
 
-// A folder of its own for each case: what is in it afterwards is what the
-// job left.
-std::string emptyFolder(const std::string& name) {
-  const std::string dir = vn::test::scratchDir() + "/export-" + name;
+// An empty folder for each case: what is in it afterwards is what the job
+// left.
+std::string emptyFolder() {
+  const std::string dir = vn::test::scratchDir() + "/export";
   fs::remove_all(dir);
   fs::create_directories(dir);
   return dir;
@@ -54,7 +54,7 @@ TEST(MovieExportTest, WritesTheSpanAndReportsProgressUpToTheLastFrame) {
                 {"aac.m4a", VNFFMovieExport::kComposed, 0}};
   for (const auto& c : kCases) {
     SCOPED_TRACE(std::string(c.input) + (c.pictures ? " decoded" : " composed"));
-    const std::string dir = emptyFolder("span"), out = dir + "/out.mkv";
+    const std::string dir = emptyFolder(), out = dir + "/out.mkv";
     VNFFMovieFileOutputFormat format;
     movieFileOutputFormatToDefaults(&format);  // the size and rate are the movie's
     VNFFMovieExport job(movieOf(vn::test::fixture(c.input)), format, out);
@@ -67,18 +67,13 @@ TEST(MovieExportTest, WritesTheSpanAndReportsProgressUpToTheLastFrame) {
     ASSERT_TRUE(result) << result.reason;
     EXPECT_EQ(entries(dir), std::vector<std::string>{"out.mkv"});
 
-    ASSERT_FALSE(seen.empty());
-    for (size_t i = 1; i < seen.size(); ++i) {
+    // A report after every frame (or second of audio), the last once more.
+    ASSERT_EQ(seen.size(), c.frames > 0 ? size_t(c.frames) + 1 : 3u);
+    for (size_t i = 1; i < seen.size(); ++i)
       EXPECT_GE(seen[i].fraction, seen[i - 1].fraction);
-      EXPECT_GE(seen[i].frames, seen[i - 1].frames);
-    }
     EXPECT_EQ(seen.back().fraction, 1.0);
     EXPECT_DOUBLE_EQ(seen.back().seconds, 1.2);
     EXPECT_EQ(seen.back().frames, c.frames);
-    EXPECT_GE(seen.back().eta, 0.0);
-    if (c.frames > 0) {  // a report after every frame, and the last once more
-      EXPECT_EQ(seen.size(), size_t(c.frames) + 1);
-    }
 
     const auto probe = vn::test::ffprobe(out);
     EXPECT_NEAR(std::stod(probe["format"]["duration"].get<std::string>()), 1.2, 0.1);
@@ -108,7 +103,7 @@ TEST(MovieExportTest, AJobThatDoesNotFinishLeavesNothing) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(std::string(c.input) + " -> " + c.output);
-    const std::string dir = emptyFolder("unfinished");
+    const std::string dir = emptyFolder();
     VNFFMovieFileOutputFormat format;
     movieFileOutputFormatToDefaults(&format);
     format.audio_codec = c.audioCodec;
