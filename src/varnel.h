@@ -27,6 +27,7 @@
 #include "media/subtitle_source.h"
 #include "movie/effect_audio_stream.h"
 #include "movie/movie.h"
+#include "movie/movie_export.h"
 #include "movie/picture_queue.h"
 #include "movie/playback_clock.h"
 #include "output/audio_converter.h"

@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
 # Installs the built library into a scratch prefix and builds a small program
-# against it twice: once with pkg-config, once with find_package(varnel).
+# against it twice: once with pkg-config, once with find_package(varnel); then
+# builds the convert-and-play example with pkg-config and runs it on a fixture.
+#
+#   check_install.sh BUILD_DIR WORK_DIR FIXTURES_DIR
 set -euo pipefail
 build=$1
 work=$2
+fixtures=$3
 here=$(cd "$(dirname "$0")" && pwd)
 rm -rf "$work"
 mkdir -p "$work"
@@ -37,3 +41,16 @@ cmake --build "$work/cmake-build" >/dev/null
 out=$("$work/cmake-build/consumer")
 echo "find_package: $out"
 [ "$out" = "German 1 4 44100" ]
+
+# The example converts two seconds of a fixture and plays the result on SDL's
+# file-writing audio driver: the progress reaches 100 % and the clock moves
+# the pictures on.
+# shellcheck disable=SC2046
+g++ -std=c++20 "$here/../../examples/convert_and_play.cpp" -o "$work/convert_and_play" \
+  $(pkg-config --cflags --libs varnel) -Wl,-rpath,"$libdir"
+out=$(cd "$work" && SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE="$work/played.raw" \
+  "$work/convert_and_play" "$fixtures/h264_aac.mp4" "$work/converted.mp4" 2)
+echo "example: $(grep -c '%' <<<"$out") progress lines, $(grep -c '^tick' <<<"$out") ticks"
+grep -q '^100.0 %  50 frames' <<<"$out"
+last=$(grep '^tick 20' <<<"$out" | awk '{print $NF}')
+[ "$last" -gt 10 ]

@@ -1,0 +1,143 @@
+// VNFFMovieExport: writes an opened movie into a movie file.
+//
+// The movie's medias, its audio selection and its picture and subtitle
+// settings are the application's, set before the export; the job takes
+// the span [start, start + duration) of the movie's timeline and writes it
+// with a movie file writer in the format given: the mixed audio of every
+// enabled track in step with the video, one picture for each output frame
+// (the picture shown at the middle of the frame), and the audio on to the
+// end of the span. The file is written under a hidden name beside the
+// output and renamed when it is complete: a failed or cancelled export
+// leaves nothing behind.
+//
+// Threads: run() works on the calling thread (the application's), with the
+// movie's decode queue composing the next picture meanwhile; the progress
+// callback is called on that thread. cancel() may be called from any
+// thread, a signal handler included. While it runs, the job drives the
+// movie: the application makes no other call on it.
+//
+//   VNFFMovieExport job(movie, format, "out.mp4");
+//   job.setProgress([](const VNFFMovieExport::Progress& p) { ... }, 250);
+//   VNFFMovieExport::Result result = job.run();
+//   if (!result) puts(result.reason.c_str());
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "output/output_format.h"
+
+class VNFFMedia;
+class VNFFMovie;
+class VNFFMovieFileOutput;
+
+class VNFFMovieExport {
+ public:
+  // What each output frame is made of.
+  enum Pictures {
+    // The movie's composed picture at the output size: every picture and
+    // subtitle setting applied, decoded on the movie's decode queue one
+    // frame ahead of the one being encoded.
+    kComposed,
+    // The decoded frame as it is, scaled to the output size by the writer;
+    // for when no setting changes the picture (faster).
+    kDecoded,
+  };
+
+  struct Progress {
+    double fraction = 0;         // of the span written, 0 to 1
+    double seconds = 0;          // of the span written
+    int64_t frames = 0;          // video frames written
+    double framesPerSecond = 0;  // since run() began
+    double eta = 0;              // seconds left, estimated from the pace so far
+  };
+  using ProgressCallback = std::function<void(const Progress& progress)>;
+
+  struct Result {
+    enum Status { kDone, kFailed, kCancelled };
+    Status status = kDone;
+    // Why it failed, one line for a user ("Permission denied", "the mp4
+    // container cannot hold wmav2"...); empty when done.
+    std::string reason;
+    explicit operator bool() const { return status == kDone; }
+  };
+
+  // An export of movie (opened by openMedias) into the file at path, its
+  // container chosen by the extension. format as for the writer; a width,
+  // height or framerate left 0 is taken from the movie's video: the size
+  // it is shown at (turned by the movie's rotation, even sides) and its
+  // exact frame rate.
+  VNFFMovieExport(std::shared_ptr<VNFFMovie> movie,
+                  const VNFFMovieFileOutputFormat& format,
+                  std::string path);
+  VNFFMovieExport(const VNFFMovieExport&) = delete;
+  VNFFMovieExport& operator=(const VNFFMovieExport&) = delete;
+  ~VNFFMovieExport();
+
+  // The span, in microseconds of the movie's clock: from start (0 by
+  // default) for duration (none: to the end of the movie). Set before run.
+  void setStart(int64_t start) { start_ = start; }
+  void setDuration(std::optional<int64_t> duration) { duration_ = duration; }
+  // kComposed by default.
+  void setPictures(Pictures pictures) { pictures_ = pictures; }
+  // Called after at most every intervalMs milliseconds of work (0: after
+  // every frame; without video, after every second of audio), with the
+  // first frame, and once more with fraction 1 when everything is written.
+  void setProgress(ProgressCallback callback, int intervalMs);
+
+  // Writes the file; returns when it is complete, failed or cancelled. Once
+  // only. Leaves the movie in export mode, its mix in the output's format.
+  Result run();
+  // Asks run() to stop at the next frame (or chunk of audio) and remove
+  // what it wrote. Any thread; safe in a signal handler.
+  void cancel() noexcept { cancelled_.store(true, std::memory_order_relaxed); }
+  bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_relaxed); }
+
+  // The format written, its sizes and rate filled in from the movie.
+  const VNFFMovieFileOutputFormat& format() const { return format_; }
+
+ private:
+  void fillFormatFromMovie();
+  // Opens the writer at temp; false with a reason.
+  bool openWriter(const std::string& temp, std::string* reason);
+  void prepareMovie();
+  void writeVideo();
+  void writeDecodedFrame(int64_t n);
+  void writeAudioUntil(int64_t frames);
+  void writeAudioToEnd();
+  Result finish(const std::string& temp);
+  int64_t frameTime(int64_t n) const;
+  // Calls the progress callback, at most every interval_ unless forced.
+  void report(double seconds, bool force);
+
+  std::shared_ptr<VNFFMovie> movie_;
+  VNFFMovieFileOutputFormat format_;
+  std::string path_;
+  int64_t start_ = 0;
+  std::optional<int64_t> duration_;
+  Pictures pictures_ = kComposed;
+  ProgressCallback progress_;
+  std::chrono::milliseconds interval_{0};
+  std::atomic<bool> cancelled_{false};
+  static_assert(std::atomic<bool>::is_always_lock_free, "cancel() must be signal-safe");
+
+  // During run().
+  std::shared_ptr<VNFFMovieFileOutput> writer_;
+  std::shared_ptr<VNFFMedia> video_;  // the movie's video media
+  double span_ = 0;                   // seconds to write
+  double frameSeconds_ = 0;           // length of one output frame
+  int64_t videoTotal_ = 0;            // output frames to write
+  int64_t videoFrames_ = 0;           // written
+  int64_t audioTotal_ = 0;            // sample frames to write
+  int64_t audioFrames_ = 0;           // written
+  std::vector<float> audio_;          // one chunk of mixed audio
+  std::chrono::steady_clock::time_point began_;
+  std::chrono::steady_clock::time_point reported_;
+  double reportedSeconds_ = 0;
+};
