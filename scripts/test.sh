@@ -72,7 +72,7 @@ stage "build with ThreadSanitizer"
 configure_and_build build-tsan -DVARNEL_SANITIZE=thread -DVARNEL_BUILD_BENCH=OFF
 stage "cross-thread tests under TSan"
 # The tests whose code runs on more than one thread.
-tsan_tests='DvdDisc|SerialQueue|FIFODataBuffer|AudioBuffer|Thread|Mix|Playback|AudioGraph|MovieSeek|MovieQueue|FilterImage|ImageKernels|EffectManager|ConvertWritesComposed'
+tsan_tests='DvdDisc|SerialQueue|FIFODataBuffer|AudioBuffer|Thread|Mix|Playback|AudioGraph|MovieSeek|MovieQueue|FilterImage|ImageKernels|EffectManager|ConvertWritesComposed|PictureQueue|PictureSettings|MovieExport'
 export TSAN_OPTIONS="suppressions=$supp/tsan.supp:halt_on_error=1:second_deadlock_stack=1"
 ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R "make_fixtures|$tsan_tests" -E "$realtime"
 ctest --test-dir build-tsan --output-on-failure --repeat until-pass:2 \

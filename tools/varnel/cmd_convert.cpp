@@ -165,7 +165,7 @@ int setUpPictures(const ConvertOptions& o,
                   VNFFMovieFileOutputFormat* format,
                   bool* composed) {
   VNFFMovie& movie = *input.movie;
-  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
+  const std::shared_ptr<VNFFMedia> video = movie.videoMedia();
   // FFmpeg learns a picture's size from the first one it decodes: without
   // it, no picture of the video can be read.
   if (video && (video->videoFormat().width <= 0 || video->videoFormat().height <= 0))
@@ -178,8 +178,10 @@ int setUpPictures(const ConvertOptions& o,
     return status;
   // Sizes and rates default to the input's, turned as a player shows it.
   if (video) {
-    shownSize(input, movie.rotate(), false, true, &format->width, &format->height);
-    const AVRational rate = input.videoFrameRate();
+    const vn::Size shown = movie.shownVideoSize(movie.rotate(), false, true);
+    format->width = static_cast<int>(shown.width);
+    format->height = static_cast<int>(shown.height);
+    const AVRational rate = movie.exactFramerate();
     format->framerate = rate.num;
     format->frameTime = rate.den;
   }
@@ -189,10 +191,10 @@ int setUpPictures(const ConvertOptions& o,
   // the picture.
   *composed = false;
   if (video) {
-    int width = 0, height = 0;
-    shownSize(input, 0, false, true, &width, &height);
-    *composed = o.picture.changesPicture(input) || o.subtitles.shows() || format->width != width ||
-                format->height != height;
+    const vn::Size unturned = movie.shownVideoSize(0, false, true);
+    *composed = o.picture.changesPicture(input) || o.subtitles.shows() ||
+                format->width != static_cast<int>(unturned.width) ||
+                format->height != static_cast<int>(unturned.height);
   }
   if (fps.num > 0) {
     format->framerate = fps.num;

@@ -270,7 +270,7 @@ std::optional<Picture> pictureAt(const std::string& path, double time, int* stat
     *status = fail("cannot open", path, reason);
     return std::nullopt;
   }
-  const std::shared_ptr<VNFFMedia> video = input.videoMedia();
+  const std::shared_ptr<VNFFMedia> video = input.movie->videoMedia();
   if (!video) {
     *status = fail("cannot open", path, "no video stream to take a picture from");
     return std::nullopt;

@@ -53,10 +53,6 @@ struct Input {
   // where its audio and video stop when nothing says how many bytes are
   // missing.
   void warnIfCutShort(const std::string& path, const Extent& extent) const;
-  // The movie's video media, or null; for commands that still ask the input
-  // (the movie answers it).
-  std::shared_ptr<VNFFMedia> videoMedia() { return movie->videoMedia(); }
-  AVRational videoFrameRate() { return movie->exactFramerate(); }
   // The demuxer of the input's first media (on a disc, that of the title's
   // first piece): the container streams the track options count.
   AVFormatContext* formatContext();

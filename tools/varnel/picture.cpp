@@ -199,15 +199,4 @@ double displayRotation(Input& input) {
   return std::isfinite(angle) ? angle : 0;
 }
 
-void shownSize(Input& input,
-               double rotation,
-               bool pixelAspect,
-               bool even,
-               int* width,
-               int* height) {
-  const vn::Size size = input.movie->shownVideoSize(rotation, pixelAspect, even);
-  *width = static_cast<int>(size.width);
-  *height = static_cast<int>(size.height);
-}
-
 }  // namespace varnel_cli

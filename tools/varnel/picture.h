@@ -71,7 +71,5 @@ bool isPictureName(const std::string& output);
 // The rotation a video asks to be shown with (its display matrix), in
 // degrees counter-clockwise; 0 when it carries none.
 double displayRotation(Input& input);
-// The movie's shownVideoSize in whole pixels.
-void shownSize(Input& input, double rotation, bool pixelAspect, bool even, int* width, int* height);
 
 }  // namespace varnel_cli
