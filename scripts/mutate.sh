@@ -8,9 +8,16 @@
 # Mutants whose line is no longer found ("gone") or that do not build are not
 # counted.
 #
-#   scripts/mutate.sh [--only 3,7,12] [--out FILE]   run the mutations
+#   scripts/mutate.sh [--only 3,7,12] [--out FILE] [--libs DIR]
+#                                                    run the mutations
 #   scripts/mutate.sh --check                        only find every line
 #   scripts/mutate.sh --compare BEFORE AFTER         mutants BEFORE killed and AFTER did not
+#
+# --libs DIR keeps each mutant's library in DIR/Mnn; a later run with the
+# same DIR and the same library sources (other tests, say) runs its tests on
+# those libraries instead of building the mutants again. With --libs, the
+# building and the testing can go side by side: one run with --build-only
+# makes the libraries, another with --wait tests each as soon as it is made.
 #
 # Environment: VARNEL_FIXTURES_DIR (default build/fixtures), MUTATION_BUILD
 # (default build-mutation), MUTATION_TIMEOUT (seconds a run of the tests may
@@ -18,11 +25,17 @@
 set -euo pipefail
 
 # The fast tests: every test of the gtest binary except these, matched as
-# "FILE:Suite.Test" (FILE relative to the repository, glob patterns). Real-time
-# and window tests, and the ones that take more than a few seconds.
+# "FILE:Suite.Test" (FILE relative to the repository, glob patterns): the
+# real-time and window tests, and the ones that take more than a few seconds
+# (the whole-file conversions and picture sheets of the command-line tests,
+# the seek that visits every frame of every sample).
 SKIP_TESTS=(
   '*:PlayCommandTest.*' '*:PlayWindowTest.*' '*:MoviePlaybackTest.*' '*:PlaybackDeviceTest.*'
   'tests/play_test.cpp:*' 'tests/play_window_test.cpp:*' 'src/movie/movie_playback_test.cpp:*'
+  'tests/frame_test.cpp:*' '*:FrameTest.*'
+  '*:ConvertTest.RoundTrips*' '*:DvdCliTest.Converted*' '*:DvdCliTest.Frames*'
+  '*:DvdCliTest.BadDiscs*' '*:EffectsCommandTest.Sheet*' '*:EffectsCommandTest.Apply*'
+  '*:EffectsCommandTest.Failures*' '*:MediaReadingTest.SeekLandsOnTheFrameThatCoversTheTime'
 )
 
 ROOT=$(git -C "$(dirname "$0")" rev-parse --show-toplevel)
@@ -111,18 +124,22 @@ if [[ ${1:-} == --compare ]]; then
   exit 0
 fi
 
-ONLY="" OUT="" CHECK=0
+ONLY="" OUT="" CHECK=0 LIBS="" BUILD_ONLY=0 WAIT=0
 while [[ $# -gt 0 ]]; do
   case $1 in
     --only) ONLY=",$2," && shift ;;
     --out) OUT=$2 && shift ;;
+    --libs) LIBS=$(realpath -m "$2") && shift ;;
     --check) CHECK=1 ;;
+    --build-only) BUILD_ONLY=1 ;;
+    --wait) WAIT=1 ;;
     *) die "unknown argument $1" ;;
   esac
   shift
 done
 
 read_list
+[[ $BUILD_ONLY -eq 0 && $WAIT -eq 0 || -n $LIBS ]] || die "--build-only and --wait need --libs"
 if [[ $CHECK -eq 1 ]]; then
   bad=0
   for i in "${!FILES[@]}"; do
@@ -134,9 +151,22 @@ if [[ $CHECK -eq 1 ]]; then
   exit 0
 fi
 
-for f in $(printf '%s\n' "${FILES[@]}" | sort -u); do
-  git -C "$ROOT" diff --quiet -- "$f" || die "$f has changes of its own; commit or stash them first"
-done
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/mutate.XXXXXX")
+mkdir -p "$WORK/logs"
+OUT=${OUT:-$WORK/results.tsv}
+: >"$OUT"
+BIN=$BUILD/tests/varnel_tests
+
+# Kept libraries are used only while the library's sources (as committed)
+# are what they were.
+if [[ -n $LIBS && $WAIT -eq 0 ]]; then
+  sources=$(git -C "$ROOT" ls-files -s src | grep -v '_test\.cpp$' | sha1sum | cut -d' ' -f1)
+  if [[ -f $LIBS/sources && $(cat "$LIBS/sources") != "$sources" ]]; then
+    echo "the library sources changed since $LIBS was made: building the mutants again"
+    rm -rf "$LIBS"
+  fi
+  mkdir -p "$LIBS" && echo "$sources" >"$LIBS/sources"
+fi
 
 # Put back whatever is mutated, however the script ends.
 CURRENT=""
@@ -149,26 +179,50 @@ restore() {
 trap restore EXIT
 trap 'exit 130' INT TERM
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/mutate.XXXXXX")
-mkdir -p "$WORK/logs"
-OUT=${OUT:-$WORK/results.tsv}
-: >"$OUT"
-
 # ---- the clean build and the fast tests ---------------------------------------------------
-if [[ ! -f $BUILD/build.ninja ]]; then
-  cmake -S "$ROOT" -B "$BUILD" -G Ninja -DVARNEL_WERROR=ON -DVARNEL_BUILD_BENCH=OFF \
-    -DVARNEL_FIXTURES_DIR="$FIXTURES" \
-    -DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache >"$WORK/configure.log" ||
-    die "configure failed: $WORK/configure.log"
+if [[ $WAIT -eq 0 ]]; then
+  for f in $(printf '%s\n' "${FILES[@]}" | sort -u); do
+    git -C "$ROOT" diff --quiet -- "$f" || die "$f has changes of its own; commit or stash them first"
+  done
+  if [[ ! -f $BUILD/build.ninja ]]; then
+    cmake -S "$ROOT" -B "$BUILD" -G Ninja -DVARNEL_WERROR=ON -DVARNEL_BUILD_BENCH=OFF \
+      -DVARNEL_FIXTURES_DIR="$FIXTURES" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache \
+      -DCMAKE_C_COMPILER_LAUNCHER=ccache >"$WORK/configure.log" ||
+      die "configure failed: $WORK/configure.log"
+  fi
+  echo "building the clean tree in $BUILD"
+  cmake --build "$BUILD" -j2 --target varnel_tests varnel-cli >"$WORK/build.log" 2>&1 ||
+    die "the clean tree does not build: $WORK/build.log"
 fi
-echo "building the clean tree in $BUILD"
-cmake --build "$BUILD" -j2 --target varnel_tests varnel-cli >"$WORK/build.log" 2>&1 ||
-  die "the clean tree does not build: $WORK/build.log"
-BIN=$BUILD/tests/varnel_tests
+# The clean library, which the build directory holds only between mutants.
+CLEAN=${LIBS:+$LIBS/clean}
+if [[ $WAIT -eq 1 ]]; then
+  for ((waited = 0; waited < 3600 && ! -f $CLEAN/status; waited += 5)); do sleep 5; done
+  [[ -f $CLEAN/status ]] || die "no clean library in $CLEAN"
+fi
+SONAME=$(readelf -d "$BIN" | sed -n 's/.*NEEDED.*\[\(libvarnel[^]]*\)\].*/\1/p')
+if [[ -n $LIBS && $WAIT -eq 0 ]]; then
+  mkdir -p "$CLEAN" && cp -L "$BUILD/$SONAME" "$CLEAN/$SONAME" && echo built >"$CLEAN/status"
+fi
 
-# Every test with its source file, as "FILE:Suite.Test".
-"$BIN" --gtest_list_tests --gtest_output="json:$WORK/tests.json" >/dev/null
-python3 - "$WORK/tests.json" "$ROOT" >"$WORK/all.txt" <<'EOF'
+# Runs the tests named in a file (FILE:Suite.Test lines), stopping at the
+# first failure; the output goes to $2. Returns the tests' status.
+run_tests() {
+  local names=$1 log=$2 limit=$3 libs=$4 filter
+  filter=$(sed 's/^[^:]*://' "$names" | paste -sd: -)
+  [[ -n $filter ]] || return 0
+  # The test binary and the command-line tool find a kept library first.
+  (cd "$WORK" && LD_LIBRARY_PATH=$libs${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
+    timeout -k 10 "$limit" "$BIN" --gtest_fail_fast --gtest_filter="$filter" \
+    --gtest_color=no >"$log" 2>&1)
+}
+
+# The fast tests, and how long they take on the clean tree; tests that fail
+# there are left out.
+prepare_tests() {
+  # Every test with its source file, as "FILE:Suite.Test".
+  LD_LIBRARY_PATH=$CLEAN "$BIN" --gtest_list_tests --gtest_output="json:$WORK/tests.json" >/dev/null
+  python3 - "$WORK/tests.json" "$ROOT" >"$WORK/all.txt" <<'EOF'
 import json, os, sys
 root = sys.argv[2]
 for suite in json.load(open(sys.argv[1]))["testsuites"]:
@@ -176,40 +230,32 @@ for suite in json.load(open(sys.argv[1]))["testsuites"]:
         path = os.path.relpath(os.path.realpath(test.get("file", "")), root)
         print(f"{path}:{suite['name']}.{test['name']}")
 EOF
-: >"$WORK/fast.txt"
-while IFS= read -r key; do
-  for pattern in "${SKIP_TESTS[@]}"; do
-    # shellcheck disable=SC2053  # a glob on purpose
-    [[ $key == $pattern ]] && continue 2
-  done
-  echo "$key" >>"$WORK/fast.txt"
-done <"$WORK/all.txt"
+  : >"$WORK/fast.txt"
+  while IFS= read -r key; do
+    for pattern in "${SKIP_TESTS[@]}"; do
+      # shellcheck disable=SC2053  # a glob on purpose
+      [[ $key == $pattern ]] && continue 2
+    done
+    echo "$key" >>"$WORK/fast.txt"
+  done <"$WORK/all.txt"
 
-# Runs the tests named in a file (FILE:Suite.Test lines), stopping at the
-# first failure; the output goes to $2. Returns the tests' status.
-run_tests() {
-  local names=$1 log=$2 limit=$3 filter
-  filter=$(sed 's/^[^:]*://' "$names" | paste -sd: -)
-  [[ -n $filter ]] || return 0
-  (cd "$WORK" && timeout -k 10 "$limit" "$BIN" --gtest_fail_fast --gtest_filter="$filter" \
-    --gtest_color=no >"$log" 2>&1)
+  # The clean run: tests that fail without any mutation are left out.
+  echo "running the $(wc -l <"$WORK/fast.txt") fast tests on the clean tree"
+  start=$SECONDS
+  (cd "$WORK" && LD_LIBRARY_PATH=$CLEAN "$BIN" --gtest_filter="$(sed 's/^[^:]*://' "$WORK/fast.txt" | paste -sd: -)" \
+    --gtest_color=no >"$WORK/clean.log" 2>&1) || true
+  CLEAN_SECONDS=$((SECONDS - start))
+  grep -o '^\[  FAILED  \] [^ ]*' "$WORK/clean.log" | awk '{print $4}' | sort -u >"$WORK/failing.txt" || true
+  if [[ -s $WORK/failing.txt ]]; then
+    echo "left out, failing on the clean tree:" && sed 's/^/  /' "$WORK/failing.txt"
+    awk 'FNR == NR { bad[$0] = 1; next } !(substr($0, index($0, ":") + 1) in bad)' \
+      "$WORK/failing.txt" "$WORK/fast.txt" >"$WORK/fast.tmp"
+    mv "$WORK/fast.tmp" "$WORK/fast.txt"
+  fi
+  LIMIT=${MUTATION_TIMEOUT:-$((3 * CLEAN_SECONDS + 30))}
+  echo "clean run: ${CLEAN_SECONDS}s; a mutant's run is stopped after ${LIMIT}s"
 }
-
-# The clean run: tests that fail without any mutation are left out.
-echo "running the $(wc -l <"$WORK/fast.txt") fast tests on the clean tree"
-start=$SECONDS
-(cd "$WORK" && "$BIN" --gtest_filter="$(sed 's/^[^:]*://' "$WORK/fast.txt" | paste -sd: -)" \
-  --gtest_color=no >"$WORK/clean.log" 2>&1) || true
-CLEAN_SECONDS=$((SECONDS - start))
-grep -o '^\[  FAILED  \] [^ ]*' "$WORK/clean.log" | awk '{print $4}' | sort -u >"$WORK/failing.txt" || true
-if [[ -s $WORK/failing.txt ]]; then
-  echo "left out, failing on the clean tree:" && sed 's/^/  /' "$WORK/failing.txt"
-  awk 'FNR == NR { bad[$0] = 1; next } !(substr($0, index($0, ":") + 1) in bad)' \
-    "$WORK/failing.txt" "$WORK/fast.txt" >"$WORK/fast.tmp"
-  mv "$WORK/fast.tmp" "$WORK/fast.txt"
-fi
-LIMIT=${MUTATION_TIMEOUT:-$((3 * CLEAN_SECONDS + 30))}
-echo "clean run: ${CLEAN_SECONDS}s; a mutant's run is stopped after ${LIMIT}s"
+[[ $BUILD_ONLY -eq 1 ]] || prepare_tests
 
 # ---- the mutants -----------------------------------------------------------------------
 killed=0 survived=0 gone=0 nobuild=0
@@ -220,12 +266,38 @@ for i in "${!FILES[@]}"; do
   file=${FILES[$i]} from=${FROMS[$i]} to=${TOS[$i]} what=${WHATS[$i]}
   start=$SECONDS
   status="" killer="" at=""
-  CURRENT=$file
-  if ! at=$(apply "$file" "$from" "$to"); then
-    status=gone
-  elif ! cmake --build "$BUILD" -j2 --target varnel >"$WORK/logs/$id.build" 2>&1; then
-    status=no-build
+  kept=${LIBS:+$LIBS/$id}
+  if [[ $WAIT -eq 1 ]]; then
+    # Another run builds it.
+    for ((waited = 0; waited < 3600 && ! -f $kept/status; waited += 5)); do sleep 5; done
+  fi
+  if [[ $WAIT -eq 1 && ! -f $kept/status ]]; then
+    status=gone # never built
+  elif [[ -n $kept && -f $kept/status ]]; then
+    # Made by an earlier run: its line, and whether it was found and built.
+    at=$(cat "$kept/line")
+    status=$(cat "$kept/status")
   else
+    CURRENT=$file
+    if ! at=$(apply "$file" "$from" "$to"); then
+      status=gone
+    elif ! cmake --build "$BUILD" -j2 --target varnel >"$WORK/logs/$id.build" 2>&1; then
+      status=no-build
+    else
+      status=built
+    fi
+    restore
+    if [[ -n $kept ]]; then
+      mkdir -p "$kept"
+      [[ $status == built ]] && cp -L "$BUILD/$SONAME" "$kept/$SONAME"
+      echo "$at" >"$kept/line"
+      echo "$status" >"$kept/status"
+    fi
+  fi
+  if [[ $BUILD_ONLY -eq 1 ]]; then
+    printf '%-4s %-9s %s\n' "$id" "$status" "$file:${at:-}"
+    continue
+  elif [[ $status == built ]]; then
     # The tests of the mutated folder first: they kill most mutants soonest.
     folder=$(dirname "$file")/
     awk -v p="$folder" 'index($0, p) == 1' "$WORK/fast.txt" >"$WORK/near.txt"
@@ -233,7 +305,7 @@ for i in "${!FILES[@]}"; do
     status=survived
     for group in near far; do
       rc=0
-      run_tests "$WORK/$group.txt" "$WORK/logs/$id.$group" "$LIMIT" || rc=$?
+      run_tests "$WORK/$group.txt" "$WORK/logs/$id.$group" "$LIMIT" "${kept:-}" || rc=$?
       [[ $rc -eq 0 ]] && continue
       status=killed
       killer=$(grep -m1 -o '^\[  FAILED  \] [^ ]*' "$WORK/logs/$id.$group" | awk '{print $4}' || true)
@@ -248,7 +320,6 @@ for i in "${!FILES[@]}"; do
       break
     done
   fi
-  restore
   case $status in
     killed) killed=$((killed + 1)) ;;
     survived) survived=$((survived + 1)) ;;
@@ -268,4 +339,4 @@ echo "killed $killed of $counted counted mutants ($gone gone, $nobuild did not b
   "kill rate $(awk -v k=$killed -v n=$counted 'BEGIN { printf "%.1f%%", n ? 100 * k / n : 0 }')"
 echo "results: $OUT; logs: $WORK/logs"
 # The library is left as the clean tree builds it.
-cmake --build "$BUILD" -j2 --target varnel >/dev/null 2>&1 || true
+[[ $WAIT -eq 1 ]] || cmake --build "$BUILD" -j2 --target varnel >/dev/null 2>&1 || true
