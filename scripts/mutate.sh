@@ -36,6 +36,9 @@ SKIP_TESTS=(
   '*:ConvertTest.RoundTrips*' '*:DvdCliTest.Converted*' '*:DvdCliTest.Frames*'
   '*:DvdCliTest.BadDiscs*' '*:EffectsCommandTest.Sheet*' '*:EffectsCommandTest.Apply*'
   '*:EffectsCommandTest.Failures*' '*:MediaReadingTest.SeekLandsOnTheFrameThatCoversTheTime'
+  '*:HostileCliTest.*' '*:TruncatedTest.*' '*BrokenInputTest.EveryCommand*'
+  '*:InfoTest.AgreesWithFfprobe*' '*:SubtitleCliTest.BadSettings*' '*:SubtitleTest.BitmapTracks*'
+  '*:SubtitleTest.OutlineShadow*' '*:SubtitleTest.OverrideTags*'
 )
 
 ROOT=$(git -C "$(dirname "$0")" rev-parse --show-toplevel)
@@ -197,7 +200,7 @@ fi
 # The clean library, which the build directory holds only between mutants.
 CLEAN=${LIBS:+$LIBS/clean}
 if [[ $WAIT -eq 1 ]]; then
-  for ((waited = 0; waited < 3600 && ! -f $CLEAN/status; waited += 5)); do sleep 5; done
+  for ((waited = 0; waited < 3600; waited += 5)); do [[ -f $CLEAN/status ]] && break; sleep 5; done
   [[ -f $CLEAN/status ]] || die "no clean library in $CLEAN"
 fi
 SONAME=$(readelf -d "$BIN" | sed -n 's/.*NEEDED.*\[\(libvarnel[^]]*\)\].*/\1/p')
@@ -222,13 +225,14 @@ run_tests() {
 prepare_tests() {
   # Every test with its source file, as "FILE:Suite.Test".
   LD_LIBRARY_PATH=$CLEAN "$BIN" --gtest_list_tests --gtest_output="json:$WORK/tests.json" >/dev/null
-  python3 - "$WORK/tests.json" "$ROOT" >"$WORK/all.txt" <<'EOF'
+  # The files are named as the compiler was given them, from the build directory.
+  python3 - "$WORK/tests.json" "$ROOT" "$BUILD" >"$WORK/all.txt" <<'EOF'
 import json, os, sys
-root = sys.argv[2]
+root, build = sys.argv[2], sys.argv[3]
 for suite in json.load(open(sys.argv[1]))["testsuites"]:
     for test in suite["testsuite"]:
-        path = os.path.relpath(os.path.realpath(test.get("file", "")), root)
-        print(f"{path}:{suite['name']}.{test['name']}")
+        path = os.path.realpath(os.path.join(build, test.get("file", "")))
+        print(f"{os.path.relpath(path, root)}:{suite['name']}.{test['name']}")
 EOF
   : >"$WORK/fast.txt"
   while IFS= read -r key; do
@@ -269,7 +273,7 @@ for i in "${!FILES[@]}"; do
   kept=${LIBS:+$LIBS/$id}
   if [[ $WAIT -eq 1 ]]; then
     # Another run builds it.
-    for ((waited = 0; waited < 3600 && ! -f $kept/status; waited += 5)); do sleep 5; done
+    for ((waited = 0; waited < 3600; waited += 5)); do [[ -f $kept/status ]] && break; sleep 5; done
   fi
   if [[ $WAIT -eq 1 && ! -f $kept/status ]]; then
     status=gone # never built
