@@ -249,7 +249,8 @@ EOF
   (cd "$WORK" && LD_LIBRARY_PATH=$CLEAN "$BIN" --gtest_filter="$(sed 's/^[^:]*://' "$WORK/fast.txt" | paste -sd: -)" \
     --gtest_color=no >"$WORK/clean.log" 2>&1) || true
   CLEAN_SECONDS=$((SECONDS - start))
-  grep -o '^\[  FAILED  \] [^ ]*' "$WORK/clean.log" | awk '{print $4}' | sort -u >"$WORK/failing.txt" || true
+  grep -E '^\[  FAILED  \] [^ ]+ \([0-9]+ ms\)' "$WORK/clean.log" | awk '{print $4}' | sort -u \
+    >"$WORK/failing.txt" || true
   if [[ -s $WORK/failing.txt ]]; then
     echo "left out, failing on the clean tree:" && sed 's/^/  /' "$WORK/failing.txt"
     awk 'FNR == NR { bad[$0] = 1; next } !(substr($0, index($0, ":") + 1) in bad)' \
@@ -285,7 +286,9 @@ for i in "${!FILES[@]}"; do
     CURRENT=$file
     if ! at=$(apply "$file" "$from" "$to"); then
       status=gone
-    elif ! cmake --build "$BUILD" -j2 --target varnel >"$WORK/logs/$id.build" 2>&1; then
+    # The library alone: the programs that load it stay as they are while
+    # another run tests.
+    elif ! cmake --build "$BUILD" -j2 --target "$SONAME" >"$WORK/logs/$id.build" 2>&1; then
       status=no-build
     else
       status=built
@@ -343,4 +346,4 @@ echo "killed $killed of $counted counted mutants ($gone gone, $nobuild did not b
   "kill rate $(awk -v k=$killed -v n=$counted 'BEGIN { printf "%.1f%%", n ? 100 * k / n : 0 }')"
 echo "results: $OUT; logs: $WORK/logs"
 # The library is left as the clean tree builds it.
-[[ $WAIT -eq 1 ]] || cmake --build "$BUILD" -j2 --target varnel >/dev/null 2>&1 || true
+[[ $WAIT -eq 1 ]] || cmake --build "$BUILD" -j2 --target "$SONAME" >/dev/null 2>&1 || true
