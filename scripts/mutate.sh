@@ -12,6 +12,7 @@
 #                                                    run the mutations
 #   scripts/mutate.sh --check                        only find every line
 #   scripts/mutate.sh --compare BEFORE AFTER         mutants BEFORE killed and AFTER did not
+#   scripts/mutate.sh --table RESULTS...             the table of one or more result files
 #
 # --libs DIR keeps each mutant's library in DIR/Mnn; a later run with the
 # same DIR and the same library sources (other tests, say) runs its tests on
@@ -127,6 +128,23 @@ if [[ ${1:-} == --compare ]]; then
   exit 0
 fi
 
+# ---- the table of one or more result files ----------------------------------------
+table() {
+  awk -F'\t' '
+    { printf "%-4s %-9s %-48s %s%s\n", $1, $2, $3 ":" $4, $5, $8 == "" ? "" : "  [" $8 "]" }
+    $2 == "killed" { k++ } $2 == "survived" { s++ } $2 == "gone" { g++ } $2 == "no-build" { b++ }
+    END {
+      printf "\nkilled %d of %d counted mutants (%d gone, %d did not build): kill rate %.1f%%\n",
+        k, k + s, g, b, k + s ? 100 * k / (k + s) : 0
+    }' "$@"
+}
+if [[ ${1:-} == --table ]]; then
+  shift
+  [[ $# -gt 0 ]] || die "usage: $0 --table RESULTS..."
+  sort -t$'\t' -k1,1 "$@" | table /dev/stdin
+  exit 0
+fi
+
 ONLY="" OUT="" CHECK=0 LIBS="" BUILD_ONLY=0 WAIT=0
 while [[ $# -gt 0 ]]; do
   case $1 in
@@ -163,7 +181,8 @@ BIN=$BUILD/tests/varnel_tests
 # Kept libraries are used only while the library's sources (as committed)
 # are what they were.
 if [[ -n $LIBS && $WAIT -eq 0 ]]; then
-  sources=$(git -C "$ROOT" ls-files -s src | grep -v '_test\.cpp$' | sha1sum | cut -d' ' -f1)
+  # Tests and their helpers are no part of the library.
+  sources=$(git -C "$ROOT" ls-files -s src | grep -v 'test' | sha1sum | cut -d' ' -f1)
   if [[ -f $LIBS/sources && $(cat "$LIBS/sources") != "$sources" ]]; then
     echo "the library sources changed since $LIBS was made: building the mutants again"
     rm -rf "$LIBS"
@@ -204,8 +223,13 @@ if [[ $WAIT -eq 1 ]]; then
   [[ -f $CLEAN/status ]] || die "no clean library in $CLEAN"
 fi
 SONAME=$(readelf -d "$BIN" | sed -n 's/.*NEEDED.*\[\(libvarnel[^]]*\)\].*/\1/p')
+# Copies the built library into a directory: under another name first, then
+# moved over, so that a run with the old one loaded keeps reading it.
+keep_library() {
+  mkdir -p "$1" && cp -L "$BUILD/$SONAME" "$1/$SONAME.new" && mv -f "$1/$SONAME.new" "$1/$SONAME"
+}
 if [[ -n $LIBS && $WAIT -eq 0 ]]; then
-  mkdir -p "$CLEAN" && cp -L "$BUILD/$SONAME" "$CLEAN/$SONAME" && echo built >"$CLEAN/status"
+  keep_library "$CLEAN" && echo built >"$CLEAN/status"
 fi
 
 # Runs the tests named in a file (FILE:Suite.Test lines), stopping at the
@@ -296,7 +320,7 @@ for i in "${!FILES[@]}"; do
     restore
     if [[ -n $kept ]]; then
       mkdir -p "$kept"
-      [[ $status == built ]] && cp -L "$BUILD/$SONAME" "$kept/$SONAME"
+      [[ $status == built ]] && keep_library "$kept"
       echo "$at" >"$kept/line"
       echo "$status" >"$kept/status"
     fi
@@ -340,6 +364,7 @@ for i in "${!FILES[@]}"; do
     "${killer:+  [$killer]}"
 done
 
+[[ $BUILD_ONLY -eq 1 ]] && exit 0
 counted=$((killed + survived))
 echo
 echo "killed $killed of $counted counted mutants ($gone gone, $nobuild did not build):" \
