@@ -1,14 +1,9 @@
 // End-to-end: `varnel effects`, its list, one preset on a picture, and the
 // contact sheet, with pictures made and read back by the ffmpeg command line.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
-#include <filesystem>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "test_support.h"
 
@@ -16,13 +11,14 @@ namespace {
 
 using nlohmann::json;
 using vn::test::fixture;
+using vn::test::noTemporaryFiles;
 using vn::test::psnr;
 using vn::test::Raster;
 using vn::test::readPicture;
 using vn::test::runShell;
 using vn::test::runVarnel;
+using vn::test::scratch;
 using vn::test::shellQuote;
-namespace fs = std::filesystem;
 
 const std::vector<std::string> kPresets = {
     "1935",        "1955",         "1960",          "1970",       "Color Invert", "Exposure",
@@ -34,10 +30,6 @@ const std::vector<std::string> kPresets = {
 // The sheet's layout: five columns, a 24-pixel name band under each tile.
 constexpr int kColumns = 5;
 constexpr int kLabel = 24;
-
-std::string scratch(const std::string& name) {
-  return vn::test::scratchDir() + "/" + name;
-}
 
 // A picture made by ffmpeg from a lavfi source graph, one frame.
 std::string makePicture(const std::string& name, const std::string& graph) {
@@ -71,14 +63,6 @@ Difference difference(const Raster& a, const Raster& b, bool alpha = false) {
   }
   d.mean /= double(n);
   return d;
-}
-
-bool noTemporaryFiles() {
-  for (const auto& entry : fs::directory_iterator(vn::test::scratchDir())) {
-    if (entry.path().filename().string().find(".varnel-") != std::string::npos)
-      return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -244,57 +228,4 @@ TEST(EffectsCommandTest, SheetShowsThePictureAtTheTimeUnderEveryPreset) {
       EXPECT_GT(difference(labels[i], labels[j]).mean, 0.5) << pair;
     }
   }
-}
-
-TEST(EffectsCommandTest, FailuresAreOneLineAndLeaveNothing) {
-  const std::string picture = makePicture("source.png", "testsrc2=size=64x48");
-  const std::string movie = fixture("h264_aac.mp4");
-  const std::string out = scratch("failed.png");
-  const struct Case {
-    std::vector<std::string> args;
-    int status;
-    std::string says;  // in the error line
-  } cases[] = {
-      {{"--apply", "Sepia", picture, "-o", out}, 1, "1935, 1955"},
-      {{"--apply", "color invert", picture, "-o", out}, 1, "New Effection"},
-      {{"--apply", "Blur", fixture("text.mp4"), "-o", out}, 1, "text.mp4"},
-      {{"--apply", "Blur", scratch("missing.png"), "-o", out}, 1, "missing.png"},
-      {{"--apply", "Blur", picture, "-o", scratch("failed.bmp")}, 1, ".bmp"},
-      {{"--apply", "Blur", picture, "-o", scratch("none/failed.png")}, 1, "no such directory"},
-      {{"--apply", "Blur", picture, "-o", vn::test::scratchDir()}, 1, ""},
-      {{"--sheet", fixture("text.mp4"), "-t", "1", "-o", out}, 1, "text.mp4"},
-      {{"--sheet", fixture("empty.mp4"), "-t", "1", "-o", out}, 1, "empty"},
-      {{"--sheet", fixture("missing.mp4"), "-t", "1", "-o", out}, 1, "missing.mp4"},
-      {{"--sheet", fixture("aac.m4a"), "-t", "1", "-o", out}, 1, "no video"},
-      {{"--sheet", movie, "-t", "-1", "-o", out}, 1, "time"},
-      {{"--sheet", movie, "-t", "1", "-o", scratch("failed.gif")}, 1, ".gif"},
-      {{"--apply", "Blur", picture}, 2, ""},
-      {{"--apply", "Blur", "-o", out}, 2, ""},
-      {{"--apply", "Blur", picture, "--sheet", movie, "-t", "1", "-o", out}, 2, ""},
-      {{"--sheet", movie, "-o", out}, 2, ""},
-      {{"--sheet", movie, "-t", "1", "-o", out, "--tile", "320"}, 2, ""},
-      {{"--sheet", movie, "-t", "1", "-o", out, "--tile", "8x8"}, 2, ""},
-      {{"--json", "--apply", "Blur", picture, "-o", out}, 2, ""},
-      {{"-o", out}, 2, ""},
-      {{"-t", "1"}, 2, ""},
-  };
-  for (const Case& c : cases) {
-    std::vector<std::string> args = {"effects"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    std::string shown;
-    for (const auto& a : c.args)
-      shown += " " + a;
-    SCOPED_TRACE(shown);
-    const vn::test::CommandResult r = runVarnel(args);
-    EXPECT_EQ(r.status, c.status) << r.err;
-    EXPECT_EQ(r.out, "");
-    if (c.status == 1) {
-      EXPECT_EQ(r.err.rfind("varnel: error: ", 0), 0u) << r.err;
-      EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-      EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-    }
-    for (const char* name : {"failed.png", "failed.bmp", "failed.gif"})
-      EXPECT_FALSE(fs::exists(scratch(name))) << name;
-  }
-  EXPECT_TRUE(noTemporaryFiles());
 }

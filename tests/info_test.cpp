@@ -1,12 +1,8 @@
 // End-to-end: `varnel info` against ffprobe on every generated medium.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <set>
-#include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "core/varnel.h"
 #include "test_support.h"
@@ -127,29 +123,4 @@ TEST(InfoTest, TableOfAFileWithSeveralTracks) {
         "audio names:    English, French, German"}) {
     EXPECT_NE(info.out.find(expected), std::string::npos) << expected << "\n" << info.out;
   }
-}
-
-TEST(InfoTest, UnreadableInputsGiveOneErrorLine) {
-  const struct {
-    std::string path;
-    const char* reason;
-  } cases[] = {
-      {fixture("no-such-file.mp4"), "No such file or directory"},
-      {fixture("empty.mp4"), "the file is empty"},
-      {fixture("text.mp4"), "Invalid data found when processing input"},
-      {fixture("truncated.mp4"), "Invalid data found when processing input"},
-  };
-  for (const auto& c : cases) {
-    for (bool json : {false, true}) {
-      vn::test::CommandResult info =
-          vn::test::runVarnel(json ? std::vector<std::string>{"info", c.path, "--json"}
-                                   : std::vector<std::string>{"info", c.path});
-      EXPECT_EQ(info.status, 1) << c.path;
-      EXPECT_TRUE(info.out.empty()) << info.out;
-      EXPECT_EQ(info.err.rfind("varnel: error: ", 0), 0u) << info.err;
-      EXPECT_NE(info.err.find("'" + c.path + "': " + c.reason), std::string::npos) << info.err;
-      EXPECT_EQ(std::count(info.err.begin(), info.err.end(), '\n'), 1) << info.err;
-    }
-  }
-  EXPECT_EQ(vn::test::runVarnel({"info"}).status, 2);
 }

@@ -2,7 +2,6 @@
 // Screenshots of the window are read back through the frame counter burned
 // into counter.mp4 and matched with the player's trace of what it showed
 // and at which clock (VARNEL_PLAY_TRACE).
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -13,13 +12,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "test_support.h"
 
@@ -55,7 +50,7 @@ void sleepSeconds(double s) {
 class Process {
  public:
   Process(const std::vector<std::string>& argv,
-          const std::vector<std::string>& env,
+          std::vector<std::string> env,
           const std::string& log) {
     int fds[2];
     if (pipe(fds) != 0)
@@ -66,15 +61,14 @@ class Process {
     posix_spawn_file_actions_addclose(&actions, fds[1]);
     posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    std::vector<std::string> environment = env;
     for (char** e = environ; *e; ++e)
-      environment.push_back(*e);
+      env.push_back(*e);
     std::vector<char*> args, envp;
     for (const auto& a : argv)
       args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    for (const auto& e : environment)
+    for (const auto& e : env)
       envp.push_back(const_cast<char*>(e.c_str()));
+    args.push_back(nullptr);
     envp.push_back(nullptr);
     if (posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), envp.data()) != 0)
       pid_ = -1;
@@ -105,14 +99,13 @@ class Process {
   }
   // The exit status, or -1 when it does not end within the time.
   int wait(double seconds) {
-    const auto until = Clock::now() + std::chrono::duration<double>(seconds);
-    while (Clock::now() < until) {
+    for (const auto until = Clock::now() + std::chrono::duration<double>(seconds);
+         Clock::now() < until; sleepSeconds(0.02)) {
       int status = 0;
       if (waitpid(pid_, &status, WNOHANG) == pid_) {
         exited_ = true;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
       }
-      sleepSeconds(0.02);
     }
     return -1;
   }
@@ -123,39 +116,34 @@ class Process {
   bool exited_ = false;
 };
 
-// A virtual X display for the life of the object.
+// A virtual X display for the life of the object, on a number of this
+// process and this instance, free of any other server's lock.
 class VirtualDisplay {
  public:
   VirtualDisplay() {
-    // A display number of this process and this instance, free of any
-    // other server's lock.
     static int instances = 0;
+    struct stat info {};
     for (int tries = 0; tries < 20; ++tries) {
-      number_ = 40 + static_cast<int>(getpid() % 400) * 8 + (instances++ % 8);
-      struct stat info {};
-      if (stat(("/tmp/.X" + std::to_string(number_) + "-lock").c_str(), &info) != 0)
+      number_ = std::to_string(40 + static_cast<int>(getpid() % 400) * 8 + (instances++ % 8));
+      if (stat(("/tmp/.X" + number_ + "-lock").c_str(), &info) != 0)
         break;
     }
-    name_ = ":" + std::to_string(number_);
     server_ = std::make_unique<Process>(
-        std::vector<std::string>{"/usr/bin/Xvfb", name_, "-screen", "0",
+        std::vector<std::string>{"/usr/bin/Xvfb", name(), "-screen", "0",
                                  std::to_string(kScreenW) + "x" + std::to_string(kScreenH) + "x24",
                                  "-nolisten", "tcp"},
-        std::vector<std::string>{}, vn::test::scratchDir() + "/xvfb" + name_.substr(1) + ".log");
-    const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number_);
+        std::vector<std::string>{}, vn::test::scratch("xvfb" + number_ + ".log"));
     for (int i = 0; i < 250 && !ready_; ++i) {
-      struct stat info {};
-      ready_ = stat(socket.c_str(), &info) == 0;
+      ready_ = stat(("/tmp/.X11-unix/X" + number_).c_str(), &info) == 0;
       if (!ready_)
         sleepSeconds(0.02);
     }
   }
   bool ready() const { return ready_; }
-  const std::string& name() const { return name_; }
+  std::string name() const { return ":" + number_; }
 
  private:
-  int number_ = 0;
-  std::string name_;
+  std::string number_;
   std::unique_ptr<Process> server_;
   bool ready_ = false;
 };
@@ -167,31 +155,32 @@ struct Shot {
   const uint8_t* at(int x, int y) const { return &rgb[(size_t(y) * kScreenW + x) * 3]; }
 };
 
-Shot screenshot(const std::string& display) {
+Shot screenshot(const VirtualDisplay& display) {
   Shot shot;
   shot.before = nowNs();
-  const std::string bytes = vn::test::runShell(
-      "ffmpeg -v error -f x11grab -video_size " + std::to_string(kScreenW) + "x" +
-      std::to_string(kScreenH) + " -i " + display + " -frames:v 1 -f rawvideo -pix_fmt rgb24 -");
+  const std::string bytes =
+      vn::test::runShell("ffmpeg -v error -f x11grab -video_size " + std::to_string(kScreenW) +
+                         "x" + std::to_string(kScreenH) + " -i " + display.name() +
+                         " -frames:v 1 -f rawvideo -pix_fmt rgb24 -");
   shot.after = nowNs();
   shot.rgb.assign(bytes.begin(), bytes.end());
   return shot;
 }
 
 // The frame number on a counter.mp4 picture (320x240) shown in a 640x480
-// window that fills the screen: ten stripes across the top half, the least significant left.
+// window that fills the screen: ten stripes across the top half, the least
+// significant left.
 int frameNumber(const Shot& shot) {
   if (shot.rgb.size() != size_t(kScreenW) * kScreenH * 3)
     return -1;
   int n = 0;
-  for (int bit = 0; bit < 10; ++bit) {
-    const uint8_t* p = shot.at(bit * 64 + 32, 100);
-    if (p[0] > 128)
-      n |= 1 << bit;
-  }
+  for (int bit = 0; bit < 10; ++bit)
+    n |= (shot.at(bit * 64 + 32, 100)[0] > 128) << bit;
   return n;
 }
 
+// The player's trace: per line, when, "shown" or not, the frame, its time
+// and the clock.
 struct TraceLine {
   int64_t ns = 0;
   bool shown = false;
@@ -203,39 +192,30 @@ std::vector<TraceLine> readTrace(const std::string& path) {
   std::vector<TraceLine> lines;
   std::ifstream in(path);
   std::string kind;
-  TraceLine l;
-  while (in >> l.ns >> kind >> l.index >> l.time >> l.clock) {
+  for (TraceLine l; in >> l.ns >> kind >> l.index >> l.time >> l.clock;) {
     l.shown = kind == "shown";
     lines.push_back(l);
   }
   return lines;
 }
 
-// The frames that can be on screen in a shot: the last one shown before it
-// began, and those shown while it was taken.
-std::vector<int64_t> onScreenDuring(const std::vector<TraceLine>& trace, const Shot& shot) {
+// Whether frame n can be on screen in a shot: it is the last one shown
+// before the shot began, or one shown while it was taken.
+bool onScreenDuring(const std::vector<TraceLine>& trace, const Shot& shot, int64_t n) {
   std::vector<int64_t> frames;
   for (const TraceLine& l : trace) {
-    if (!l.shown)
-      continue;
-    if (l.ns <= shot.before) {
+    if (l.shown && l.ns <= shot.before)
       frames.assign(1, l.index);
-    } else if (l.ns <= shot.after) {
+    else if (l.shown && l.ns <= shot.after)
       frames.push_back(l.index);
-    }
   }
-  return frames;
-}
-
-bool contains(const std::vector<int64_t>& frames, int64_t n) {
   return std::find(frames.begin(), frames.end(), n) != frames.end();
 }
 
 std::vector<std::string> playerEnv(const VirtualDisplay& display, const std::string& name) {
-  const std::string dir = vn::test::scratchDir();
   std::vector<std::string> env{"DISPLAY=" + display.name(), "SDL_AUDIODRIVER=disk",
-                               "SDL_DISKAUDIOFILE=" + dir + "/" + name + ".raw",
-                               "VARNEL_PLAY_TRACE=" + dir + "/" + name + ".trace"};
+                               "SDL_DISKAUDIOFILE=" + vn::test::scratch(name + ".raw"),
+                               "VARNEL_PLAY_TRACE=" + vn::test::scratch(name + ".trace")};
 #ifdef VARNEL_KEEP_LOADED
   // The sanitizer's runtime comes first, then the library that keeps the
   // GL driver loaded (tests/sanitizers/keep_loaded.c).
@@ -251,46 +231,51 @@ std::vector<std::string> playerEnv(const VirtualDisplay& display, const std::str
   return env;
 }
 
+// `varnel play` with the arguments on the display; its trace, output and
+// sound are the files name.trace, name.log and name.raw.
+Process play(const VirtualDisplay& display,
+             const std::string& name,
+             const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {VARNEL_CLI_PATH, "play", fixture("counter.mp4")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return Process(argv, playerEnv(display, name), vn::test::scratch(name + ".log"));
+}
+
 // The player's output, for a failure message.
-std::string logOf(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return "player output:\n" + text.str();
+std::string logOf(const std::string& name) {
+  return "player output:\n" + vn::test::readFile(vn::test::scratch(name + ".log"));
 }
 
 TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
   VirtualDisplay display;
   ASSERT_TRUE(display.ready()) << "Xvfb did not start";
-  const std::string dir = vn::test::scratchDir();
-  Process player({VARNEL_CLI_PATH, "play", fixture("counter.mp4"), "--window", "640x480"},
-                 playerEnv(display, "window"), dir + "/window.log");
+  Process player = play(display, "window", {"--window", "640x480"});
   ASSERT_TRUE(player.started());
 
   std::vector<std::pair<std::string, Shot>> shots;
   sleepSeconds(1.5);
-  shots.emplace_back("at 1.0 speed", screenshot(display.name()));
+  shots.emplace_back("at 1.0 speed", screenshot(display));
   player.send("++++");  // 2.0
   sleepSeconds(1.5);
-  shots.emplace_back("at 2.0 speed", screenshot(display.name()));
+  shots.emplace_back("at 2.0 speed", screenshot(display));
   player.send("----\x1b[C");  // 1.0, then 10 s on
   sleepSeconds(1.0);
-  shots.emplace_back("after a seek", screenshot(display.name()));
+  shots.emplace_back("after a seek", screenshot(display));
   player.send(" ");
   sleepSeconds(0.5);
-  const Shot paused = screenshot(display.name());
+  const Shot paused = screenshot(display);
   sleepSeconds(0.6);
-  const Shot stillPaused = screenshot(display.name());
+  const Shot stillPaused = screenshot(display);
   player.send(" ");
   sleepSeconds(1.0);
-  shots.emplace_back("after pause and resume", screenshot(display.name()));
+  shots.emplace_back("after pause and resume", screenshot(display));
   player.send("q");
-  ASSERT_EQ(player.wait(20), 0) << logOf(dir + "/window.log");
+  ASSERT_EQ(player.wait(20), 0) << logOf("window");
 
   // A sanitizer build only shows that every scene runs and ends cleanly.
   if (!kTimed)
     return;
-  const std::vector<TraceLine> trace = readTrace(dir + "/window.trace");
+  const std::vector<TraceLine> trace = readTrace(vn::test::scratch("window.trace"));
   ASSERT_GT(trace.size(), 50u);
   // Playing starts on the first frame, shown before the clock runs.
   EXPECT_TRUE(trace.front().shown);
@@ -299,7 +284,7 @@ TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
   for (const auto& [what, shot] : shots) {
     SCOPED_TRACE(what);
     const int n = frameNumber(shot);
-    EXPECT_TRUE(contains(onScreenDuring(trace, shot), n)) << "screen shows frame " << n;
+    EXPECT_TRUE(onScreenDuring(trace, shot, n)) << "screen shows frame " << n;
   }
   // While paused the picture stands still.
   EXPECT_EQ(frameNumber(paused), frameNumber(stillPaused));
@@ -323,17 +308,15 @@ TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
 TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
   VirtualDisplay display;
   ASSERT_TRUE(display.ready()) << "Xvfb did not start";
-  const std::string dir = vn::test::scratchDir();
   // utf8.srt shows its two lines from 1 s to 7 s.
-  Process player(
-      {VARNEL_CLI_PATH, "play", fixture("counter.mp4"), "--window", "640x480", "--rotate", "90",
-       "--subtitles", fixture("utf8.srt"), "--subtitle-font", "Sans 24", "--start", "2"},
-      playerEnv(display, "settings"), dir + "/settings.log");
+  Process player = play(display, "settings",
+                        {"--window", "640x480", "--rotate", "90", "--subtitles",
+                         fixture("utf8.srt"), "--subtitle-font", "Sans 24", "--start", "2"});
   ASSERT_TRUE(player.started());
   sleepSeconds(1.5);
-  const Shot shot = screenshot(display.name());
+  const Shot shot = screenshot(display);
   player.send("q");
-  ASSERT_EQ(player.wait(20), 0) << logOf(dir + "/settings.log");
+  ASSERT_EQ(player.wait(20), 0) << logOf("settings");
   ASSERT_EQ(shot.rgb.size(), size_t(kScreenW) * kScreenH * 3);
   if (!kTimed)
     return;
@@ -357,39 +340,35 @@ TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
 TEST(PlayWindowTest, EndsWithTheInputAndSavesThePicture) {
   VirtualDisplay display;
   ASSERT_TRUE(display.ready()) << "Xvfb did not start";
-  const std::string dir = vn::test::scratchDir();
   // The last second and a half, paused on the way for `s` to save the
   // picture on screen into the working folder.
-  const std::string saved = dir + "/saved";
+  const std::string saved = vn::test::scratch("saved");
   std::filesystem::create_directories(saved);
   Process player(
       {"/bin/sh", "-c",
        "cd " + vn::test::shellQuote(saved) + " && exec " + VARNEL_CLI_PATH + " play " +
            vn::test::shellQuote(fixture("counter.mp4")) + " --window 320x240 --start 22.5"},
-      playerEnv(display, "end"), dir + "/end.log");
+      playerEnv(display, "end"), vn::test::scratch("end.log"));
   ASSERT_TRUE(player.started());
   sleepSeconds(0.5);
   player.send(" s ");
-  EXPECT_EQ(player.wait(20), 0) << logOf(dir + "/end.log");
+  EXPECT_EQ(player.wait(20), 0) << logOf("end");
   if (!kTimed)
     return;
-  std::vector<std::string> pictures;
-  for (const auto& entry : std::filesystem::directory_iterator(saved))
-    pictures.push_back(entry.path().string());
+  const std::vector<std::string> pictures = vn::test::entries(saved);
   ASSERT_EQ(pictures.size(), 1u);
-  const vn::test::Raster picture = vn::test::readPicture(pictures[0]);
+  const vn::test::Raster picture = vn::test::readPicture(saved + "/" + pictures[0]);
   EXPECT_EQ(picture.width, 320);
   EXPECT_EQ(picture.height, 240);
 }
 
 TEST(PlayWindowTest, NoDisplayMeansSoundOnly) {
-  const std::string dir = vn::test::scratchDir();
   const vn::test::CommandResult r =
       vn::test::runVarnel({"play", fixture("counter.mp4"), "--start", "22.5"},
                           {{"DISPLAY", ""},
                            {"WAYLAND_DISPLAY", ""},
                            {"SDL_AUDIODRIVER", "disk"},
-                           {"SDL_DISKAUDIOFILE", dir + "/nodisplay.raw"}},
+                           {"SDL_DISKAUDIOFILE", vn::test::scratch("nodisplay.raw")}},
                           60);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.err.find("varnel: playing the sound only: no display"), std::string::npos) << r.err;

@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cmath>
@@ -14,16 +15,12 @@
 
 namespace vn::test {
 
-namespace {
-
-std::string slurp(const std::string& path) {
+std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
   s << in.rdbuf();
   return s.str();
 }
-
-}  // namespace
 
 std::string shellQuote(const std::string& s) {
   std::string q = "'";
@@ -45,6 +42,45 @@ std::string scratchDir() {
     return d;
   }();
   return dir;
+}
+
+std::string scratch(const std::string& name) {
+  return scratchDir() + "/" + name;
+}
+
+bool noTemporaryFiles() {
+  for (const std::string& name : entries(scratchDir())) {
+    if (name.find(".varnel-") != std::string::npos)
+      return false;
+  }
+  return true;
+}
+
+std::vector<std::string> entries(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir))
+    names.push_back(entry.path().filename().string());
+  return names;
+}
+
+std::vector<std::string> words(const std::string& line) {
+  std::vector<std::string> all;
+  for (size_t at = line.find_first_not_of(' '); at != std::string::npos;
+       at = line.find_first_not_of(' ', at)) {
+    const bool quoted = line[at] == '\'';
+    const size_t end = line.find(quoted ? '\'' : ' ', at + 1);
+    all.push_back(line.substr(at + quoted, end == std::string::npos ? end : end - at - quoted));
+    at = end == std::string::npos ? end : end + quoted;
+  }
+  return all;
+}
+
+void expectError(const CommandResult& r, int status, const std::string& says) {
+  EXPECT_EQ(r.status, status) << r.err;
+  EXPECT_EQ(r.err.rfind("varnel: error: ", 0), 0u) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
+  EXPECT_TRUE(r.out.empty()) << r.out;
 }
 
 std::vector<std::string> lines(const std::string& text) {
@@ -89,15 +125,30 @@ CommandResult runVarnel(const std::vector<std::string>& args,
   command += " 2>" + shellQuote(errPath) + " </dev/null";
   CommandResult result;
   result.out = runShell(command, &result.status);
-  result.err = slurp(errPath);
+  result.err = readFile(errPath);
   std::filesystem::remove(errPath);
   return result;
 }
 
 nlohmann::json ffprobe(const std::string& path) {
-  const std::string out =
-      runShell("ffprobe -v error -show_streams -show_format -of json " + shellQuote(path));
+  const std::string out = runShell("ffprobe -v error -show_streams -show_format -of json " +
+                                   shellQuote(path) + " 2>/dev/null");
   return nlohmann::json::parse(out, nullptr, false);
+}
+
+const nlohmann::json* streamOf(const nlohmann::json& probe, const std::string& type) {
+  for (const auto& s : probe["streams"]) {
+    if (s["codec_type"] == type)
+      return &s;
+  }
+  return nullptr;
+}
+
+double probedDuration(const std::string& path) {
+  const nlohmann::json probe = ffprobe(path);
+  if (!probe.contains("format") || !probe["format"].contains("duration"))
+    return -1;
+  return std::stod(probe["format"]["duration"].get<std::string>());
 }
 
 bool realTimeChecks() {
@@ -156,6 +207,16 @@ std::vector<Raster> readPictures(const std::string& path, const std::string& fil
   return parsePam(runShell("ffmpeg -hide_banner -loglevel error -nostdin -i " + shellQuote(path) +
                            " -vf " + shellQuote(filters) +
                            " -fps_mode passthrough -c:v pam -pix_fmt rgba -f image2pipe -"));
+}
+
+Raster frameOf(const std::string& input, const std::vector<std::string>& args) {
+  static std::atomic<int> counter{0};
+  const std::string png = scratch("frame-" + std::to_string(++counter) + ".png");
+  std::vector<std::string> all = {"frame", input, "-o", png};
+  all.insert(all.end(), args.begin(), args.end());
+  const CommandResult r = runVarnel(all);
+  EXPECT_EQ(r.status, 0) << r.err;
+  return readPicture(png);
 }
 
 double psnr(const Raster& a, const Raster& b) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 namespace vn::test {
@@ -24,8 +25,20 @@ inline const bool kRealTime = realTimeChecks();
 // Path of a generated test medium (tests/fixtures/README.md lists them).
 std::string fixture(const std::string& name);
 
-// A scratch directory of this test run, created on first use.
+// A scratch directory of this test run, created on first use, and a path in
+// it.
 std::string scratchDir();
+std::string scratch(const std::string& name);
+
+// Whether the scratch directory holds no temporary file of a run that failed
+// or was stopped.
+bool noTemporaryFiles();
+
+// The names in a directory.
+std::vector<std::string> entries(const std::string& dir);
+
+// The bytes of a file; empty when it cannot be read.
+std::string readFile(const std::string& path);
 
 // The lines of a text, without their line ends.
 std::vector<std::string> lines(const std::string& text);
@@ -42,12 +55,21 @@ CommandResult runVarnel(const std::vector<std::string>& args,
                         const std::map<std::string, std::string>& env = {},
                         int timeoutSeconds = 0);
 
+// Checks that a run failed with the status and one error line, which holds
+// `says`.
+void expectError(const CommandResult& r, int status, const std::string& says = "");
+
+// The words of a command line, split at spaces; a 'quoted' word keeps its own.
+std::vector<std::string> words(const std::string& line);
+
 // A word for the shell: s in single quotes.
 std::string shellQuote(const std::string& s);
 
 // ffprobe's -show_streams -show_format of a file as JSON (discarded on
-// failure).
+// failure), its first stream of a type (null when none) and its duration.
 nlohmann::json ffprobe(const std::string& path);
+const nlohmann::json* streamOf(const nlohmann::json& probe, const std::string& type);
+double probedDuration(const std::string& path);
 
 // RGBA pixels of a picture, the top row first.
 struct Raster {
@@ -70,6 +92,9 @@ Raster readPicture(const std::string& path,
 // Every picture the -vf filters let through (e.g. a select of frame
 // numbers), in order, as ffmpeg decodes them to RGBA from the start.
 std::vector<Raster> readPictures(const std::string& path, const std::string& filters);
+
+// The picture `varnel frame input -o PNG args...` writes.
+Raster frameOf(const std::string& input, const std::vector<std::string>& args);
 
 // PSNR of the colour bytes (alpha ignored) of two pictures of one size, in
 // dB; 99 for equal pictures, 0 for pictures of different sizes.

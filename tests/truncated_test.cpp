@@ -1,23 +1,19 @@
 // End-to-end: files cut short, as a partial download leaves them, are read
 // as far as they go. Every good medium is cut at several points; what
 // ffprobe opens, `varnel info` shows and `varnel convert` converts.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
-#include <string>
-#include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "test_support.h"
 
 namespace {
 
 using nlohmann::json;
+using vn::test::entries;
 using vn::test::lines;
 using vn::test::shellQuote;
 namespace fs = std::filesystem;
@@ -46,8 +42,7 @@ const Medium kMedia[] = {
 const int kPercents[] = {5, 30, 60, 90};
 
 struct Cut {
-  std::string path;
-  std::string label;  // "faststart.mp4 at 30 %"
+  std::string path;  // .../30-faststart.mp4 for faststart.mp4 cut at 30 %
   int64_t size = 0;
   int64_t wholeSize = 0;
   bool declaresSize = false;
@@ -112,23 +107,16 @@ const std::vector<Cut>& cuts() {
       const std::string whole = wholeFile(m.name);
       for (int percent : kPercents) {
         Cut c;
-        c.label = std::string(m.name) + " at " + std::to_string(percent) + " %";
         c.path = dir + "/" + std::to_string(percent) + "-" + m.name;
         c.wholeSize = static_cast<int64_t>(fs::file_size(whole));
         c.size = c.wholeSize * percent / 100;
         c.declaresSize = m.declaresSize;
         fs::copy_file(whole, c.path, fs::copy_options::overwrite_existing);
         fs::resize_file(c.path, static_cast<uintmax_t>(c.size));
-        int status = -1;
-        const std::string out =
-            vn::test::runShell("ffprobe -v error -show_streams -show_format -of json " +
-                                   shellQuote(c.path) + " 2>/dev/null",
-                               &status);
-        c.ffprobeOpens = status == 0;
-        if (c.ffprobeOpens) {
-          c.probe = json::parse(out, nullptr, false);
+        c.probe = vn::test::ffprobe(c.path);
+        c.ffprobeOpens = c.probe.contains("format");
+        if (c.ffprobeOpens)
           c.readable = readableSeconds(c.path, c.probe);
-        }
         list.push_back(c);
       }
     }
@@ -137,81 +125,54 @@ const std::vector<Cut>& cuts() {
   return all;
 }
 
-// The lines varnel itself writes on stderr (not progress).
-std::vector<std::string> messages(const std::string& err) {
-  std::vector<std::string> out;
-  for (const std::string& line : lines(err)) {
-    if (line.rfind("varnel: ", 0) == 0)
-      out.push_back(line);
-  }
-  return out;
-}
-
 std::string warningFor(const Cut& c) {
   return "varnel: warning: '" + c.path + "': truncated: " + std::to_string(c.size) + " of " +
          std::to_string(c.wholeSize) + " bytes present";
 }
 
-std::vector<std::string> entries(const std::string& dir) {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(dir)) {
-    names.push_back(entry.path().filename().string());
-  }
-  return names;
-}
-
 }  // namespace
 
-TEST(TruncatedTest, InfoShowsWhatFfprobeOpens) {
-  int opened = 0, warned = 0;
+TEST(TruncatedTest, InfoShowsAndConvertWritesWhatCanBeRead) {
+  int opened = 0, warned = 0, converted = 0, refused = 0;
   for (const Cut& c : cuts()) {
-    SCOPED_TRACE(c.label);
+    SCOPED_TRACE(c.path + " (" + std::to_string(c.readable) + " s readable)");
+    const std::vector<std::string> warning =
+        c.declaresSize ? std::vector<std::string>{warningFor(c)} : std::vector<std::string>{};
     vn::test::CommandResult r = vn::test::runVarnel({"info", c.path, "--json"}, {}, kTimeout);
     if (!c.ffprobeOpens) {
-      EXPECT_EQ(r.status, 1) << r.err;
-      EXPECT_TRUE(r.out.empty()) << r.out;
-      ASSERT_EQ(lines(r.err).size(), 1u) << r.err;
-      EXPECT_EQ(r.err.rfind("varnel: error: cannot open '" + c.path + "': ", 0), 0u) << r.err;
-      continue;
-    }
-    ++opened;
-    ASSERT_EQ(r.status, 0) << r.err;
-    const json ours = json::parse(r.out, nullptr, false);
-    ASSERT_FALSE(ours.is_discarded()) << r.out;
-    EXPECT_EQ(ours["streams"].size(), c.probe["streams"].size());
-    // The duration FFmpeg gives, not how much of it is there.
-    if (c.probe["format"].contains("duration")) {
-      ASSERT_TRUE(ours["duration"].is_number()) << r.out;
-      EXPECT_NEAR(ours["duration"].get<double>(),
-                  std::stod(c.probe["format"]["duration"].get<std::string>()), 0.01);
+      vn::test::expectError(r, 1, "cannot open '" + c.path + "': ");
     } else {
-      EXPECT_TRUE(ours["duration"].is_null()) << r.out;
+      ++opened;
+      warned += c.declaresSize;
+      ASSERT_EQ(r.status, 0) << r.err;
+      EXPECT_EQ(lines(r.err), warning);
+      const json ours = json::parse(r.out, nullptr, false);
+      ASSERT_FALSE(ours.is_discarded()) << r.out;
+      EXPECT_EQ(ours["streams"].size(), c.probe["streams"].size());
+      // The duration FFmpeg gives, not how much of it is there.
+      if (c.probe["format"].contains("duration")) {
+        ASSERT_TRUE(ours["duration"].is_number()) << r.out;
+        EXPECT_NEAR(ours["duration"].get<double>(),
+                    std::stod(c.probe["format"]["duration"].get<std::string>()), 0.01);
+      } else {
+        EXPECT_TRUE(ours["duration"].is_null()) << r.out;
+      }
     }
-    if (c.declaresSize) {
-      ++warned;
-      EXPECT_EQ(lines(r.err), std::vector<std::string>{warningFor(c)});
-    } else {
-      EXPECT_TRUE(r.err.empty()) << r.err;
-    }
-  }
-  // Every medium but the three with their index at the end opens at 30 %.
-  EXPECT_GE(opened, 15);
-  EXPECT_GE(warned, 12);
-}
 
-TEST(TruncatedTest, ConvertWritesWhatCanBeRead) {
-  int converted = 0, refused = 0;
-  for (const Cut& c : cuts()) {
-    SCOPED_TRACE(c.label + " (" + std::to_string(c.readable) + " s readable)");
     const std::string dir =
         vn::test::scratchDir() + "/converted-" + fs::path(c.path).stem().string();
     fs::create_directories(dir);
     const std::string output = dir + "/out.mkv";
-    vn::test::CommandResult r =
-        vn::test::runVarnel({"convert", c.path, output, "--progress", "json"}, {}, kTimeout);
+    r = vn::test::runVarnel({"convert", c.path, output, "--progress", "json"}, {}, kTimeout);
     ASSERT_TRUE(r.status == 0 || r.status == 1) << r.status << "\n" << r.err;
-    const std::vector<std::string> said = messages(r.err);
-
+    // The lines varnel itself writes on stderr (not progress).
+    std::vector<std::string> said, progress;
+    for (const std::string& line : lines(r.err)) {
+      if (line.rfind("varnel: ", 0) == 0)
+        said.push_back(line);
+      else if (line.rfind("{", 0) == 0)
+        progress.push_back(line);
+    }
     if (r.status == 1) {
       ++refused;
       // A cut with a good second or more in it is converted.
@@ -222,24 +183,17 @@ TEST(TruncatedTest, ConvertWritesWhatCanBeRead) {
       EXPECT_TRUE(entries(dir).empty()) << entries(dir).front();
       continue;
     }
-
     ++converted;
     ASSERT_TRUE(c.ffprobeOpens);
     // Less than a second of a file known to be cut is refused.
     EXPECT_FALSE(c.declaresSize && c.readable < 0.8);
-    EXPECT_EQ(said, c.declaresSize ? std::vector<std::string>{warningFor(c)}
-                                   : std::vector<std::string>{});
+    EXPECT_EQ(said, warning);
     EXPECT_EQ(entries(dir), std::vector<std::string>{"out.mkv"});
-    const json written = vn::test::ffprobe(output);
-    ASSERT_TRUE(written.contains("format")) << "ffprobe cannot read the output";
-    EXPECT_NEAR(std::stod(written["format"]["duration"].get<std::string>()), c.readable, 1.0);
-
+    EXPECT_NEAR(vn::test::probedDuration(output), c.readable, 1.0);
     // Progress ends at 100 % however early the input ended, and never goes
     // back or past it.
     double last = -1;
-    for (const std::string& line : lines(r.err)) {
-      if (line.rfind("{", 0) != 0)
-        continue;
+    for (const std::string& line : progress) {
       const json p = json::parse(line, nullptr, false);
       ASSERT_TRUE(p.is_object()) << line;
       EXPECT_GE(p["percent"].get<double>(), last);
@@ -249,6 +203,9 @@ TEST(TruncatedTest, ConvertWritesWhatCanBeRead) {
     }
     EXPECT_DOUBLE_EQ(last, 100.0);
   }
+  // Every medium but the three with their index at the end opens at 30 %.
+  EXPECT_GE(opened, 15);
+  EXPECT_GE(warned, 12);
   EXPECT_GE(converted, 15);
   EXPECT_GE(refused, 9);  // the cuts ffprobe refuses, and those with under a second
 }

@@ -20,21 +20,17 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
       running.fetch_sub(1);
     });
   }
+  int value = 0;
+  auto op = queue.addOperation([&] { value = 42; });
+  op->wait();
+  EXPECT_TRUE(op->isFinished());
+  EXPECT_EQ(value, 42);
   queue.waitUntilAllOperationsAreFinished();
   EXPECT_FALSE(queue.isCurrent());
   EXPECT_EQ(overlaps.load(), 0);
   ASSERT_EQ(order.size(), 200u);
   for (int i = 0; i < 200; ++i)
     EXPECT_EQ(order[i], i);
-}
-
-TEST(SerialQueueTest, WaitOnOneOperation) {
-  vn::SerialQueue queue("test");
-  int value = 0;
-  auto op = queue.addOperation([&] { value = 42; });
-  op->wait();
-  EXPECT_TRUE(op->isFinished());
-  EXPECT_EQ(value, 42);
 }
 
 // A task may drop the last reference to the queue's owner; the queue must not

@@ -24,22 +24,21 @@ class ScopedLocale {
 
 }  // namespace
 
-TEST(VarnelTest, LanguageNamesInEnglish) {
-  ScopedLocale english("en_US");
-  EXPECT_EQ(Varnel::displayStringForLanguage("eng"), "English");
-  EXPECT_EQ(Varnel::displayStringForLanguage("en_US"), "English");
-  EXPECT_EQ(Varnel::displayStringForLanguage("fre"), "French");
-  EXPECT_EQ(Varnel::displayStringForLanguage("ger"), "German");
-  EXPECT_EQ(Varnel::displayStringForLanguage("de"), "German");
-  // Untagged and unknown codes read as English, not as the raw code.
-  EXPECT_EQ(Varnel::displayStringForLanguage(""), "English");
-  EXPECT_EQ(Varnel::displayStringForLanguage("qqz"), "English");
-  EXPECT_EQ(Varnel::displayStringForLanguage("zz"), "English");
-}
-
+// Names in the default locale's language; untagged and unknown codes read
+// as English, not as the raw code.
 TEST(VarnelTest, LanguageNamesFollowTheDefaultLocale) {
-  ScopedLocale french("fr_FR");
-  EXPECT_EQ(Varnel::displayStringForLanguage("fre"), "français");
-  EXPECT_EQ(Varnel::displayStringForLanguage("de"), "allemand");
-  EXPECT_EQ(Varnel::displayStringForLanguage(""), "anglais");
+  const struct {
+    const char* locale;
+    const char* code;
+    const char* name;
+  } cases[] = {
+      {"en_US", "eng", "English"}, {"en_US", "en_US", "English"}, {"en_US", "fre", "French"},
+      {"en_US", "ger", "German"},  {"en_US", "de", "German"},     {"en_US", "", "English"},
+      {"en_US", "qqz", "English"}, {"en_US", "zz", "English"},    {"fr_FR", "fre", "français"},
+      {"fr_FR", "de", "allemand"}, {"fr_FR", "", "anglais"},
+  };
+  for (const auto& c : cases) {
+    ScopedLocale locale(c.locale);
+    EXPECT_EQ(Varnel::displayStringForLanguage(c.code), c.name) << c.locale << " " << c.code;
+  }
 }

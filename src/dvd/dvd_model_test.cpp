@@ -96,41 +96,34 @@ TEST(DvdModelTest, VobRunsComeFromTheCellAddressTable) {
   EXPECT_EQ(*runOf(bad.medias[1]), (Span{100, 0x7FFFFFFF - 100}));
 }
 
+cell_playback_t cell(uint32_t first, uint32_t last) {
+  cell_playback_t c{};
+  c.first_sector = first;
+  c.last_sector = last;
+  return c;
+}
+
+pgc_t chain(cell_playback_t* cells, int count) {
+  pgc_t p{};
+  p.nr_of_cells = static_cast<uint8_t>(count);
+  p.cell_playback = cells;
+  return p;
+}
+
 TEST(DvdModelTest, TitlesAreTheProgramChainsWithCells) {
-  cell_playback_t first[2]{}, only[1]{};
-  first[0].first_sector = 40;
-  first[0].last_sector = 99;
-  first[1].first_sector = 100;
-  first[1].last_sector = 239;
-  only[0].first_sector = 300;
-  only[0].last_sector = 300;
-  pgc_t withCells{}, withoutCells{}, last{};
+  // Cells that run backwards, or up to the last sector, make no title; nor
+  // does a chain of commands only.
+  cell_playback_t first[] = {cell(40, 99), cell(100, 239)}, only[] = {cell(300, 300)};
+  cell_playback_t backwards[] = {cell(500, 0), cell(0, 499)}, tooFar[] = {cell(10, 0x7FFFFFFF)};
+  pgc_t withCells = chain(first, 2), withoutCells = chain(nullptr, 0), last = chain(only, 1);
+  pgc_t broken = chain(backwards, 2), reaching = chain(tooFar, 1);
   withCells.playback_time = {0x01, 0x32, 0x05, 0xC0 | 0x15};  // 1:32:05 and 15 frames at 29.97
-  withCells.nr_of_cells = 2;
-  withCells.cell_playback = first;
   for (uint32_t i = 0; i < 16; ++i)
     withCells.palette[i] = 0x00108080 + i;
-  withoutCells.nr_of_cells = 0;  // a chain of commands only
-  last.nr_of_cells = 1;
-  last.cell_playback = only;
-  // Cells that run backwards, or up to the last sector, make no title.
-  cell_playback_t backwards[2]{}, tooFar[1]{};
-  backwards[0].first_sector = 500;
-  backwards[1].last_sector = 499;
-  tooFar[0].first_sector = 10;
-  tooFar[0].last_sector = 0x7FFFFFFF;
-  pgc_t broken{}, reaching{};
-  broken.nr_of_cells = 2;
-  broken.cell_playback = backwards;
-  reaching.nr_of_cells = 1;
-  reaching.cell_playback = tooFar;
   std::vector<pgci_srp_t> entries(6);
-  entries[0].pgc = &withCells;
-  entries[1].pgc = &withoutCells;
-  entries[2].pgc = nullptr;
-  entries[3].pgc = &last;
-  entries[4].pgc = &broken;
-  entries[5].pgc = &reaching;
+  pgc_t* chains[] = {&withCells, &withoutCells, nullptr, &last, &broken, &reaching};
+  for (size_t i = 0; i < entries.size(); ++i)
+    entries[i].pgc = chains[i];
   pgcit_t table{};
   table.nr_of_pgci_srp = 6;
   table.pgci_srp = entries.data();

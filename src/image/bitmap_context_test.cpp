@@ -24,17 +24,17 @@ TEST(BitmapContextTest, LayoutAndStartingContents) {
 TEST(BitmapContextTest, CompositingModes) {
   const uint8_t halfWhite[4] = {255, 255, 255, 128};
   const auto image = vn::BitmapImage::copyOf(halfWhite, 1, 1, 4);
+  using Alpha = vn::BitmapContext::Alpha;
+  using Composite = vn::BitmapContext::Composite;
   struct {
-    vn::BitmapContext::Alpha alpha;
-    vn::BitmapContext::Composite mode;
+    Alpha alpha;
+    Composite mode;
     int red, fourth;
   } cases[] = {
-      {vn::BitmapContext::Alpha::kNoneSkipLast, vn::BitmapContext::Composite::kCopy, 128, 255},
-      {vn::BitmapContext::Alpha::kNoneSkipLast, vn::BitmapContext::Composite::kSourceOver, 128,
-       255},
-      {vn::BitmapContext::Alpha::kPremultipliedLast, vn::BitmapContext::Composite::kCopy, 128, 128},
-      {vn::BitmapContext::Alpha::kPremultipliedLast, vn::BitmapContext::Composite::kSourceOver, 128,
-       128},
+      {Alpha::kNoneSkipLast, Composite::kCopy, 128, 255},
+      {Alpha::kNoneSkipLast, Composite::kSourceOver, 128, 255},
+      {Alpha::kPremultipliedLast, Composite::kCopy, 128, 128},
+      {Alpha::kPremultipliedLast, Composite::kSourceOver, 128, 128},
   };
   for (const auto& c : cases) {
     auto context = vn::BitmapContext::create(2, 2, c.alpha);
@@ -43,7 +43,7 @@ TEST(BitmapContextTest, CompositingModes) {
     EXPECT_EQ(context->data()[3], c.fourth);
     // Twice over: white shows through more; a copy stays the same.
     context->drawImage(image, c.mode);
-    EXPECT_EQ(context->data()[12], c.mode == vn::BitmapContext::Composite::kCopy ? 128 : 192);
+    EXPECT_EQ(context->data()[12], c.mode == Composite::kCopy ? 128 : 192);
   }
 }
 

@@ -81,11 +81,6 @@ void expectExtent(const FilterImage& image, Rect r, double tolerance = 1e-9) {
   EXPECT_NEAR(e.height, r.height, tolerance);
 }
 
-// The sRGB colour whose decoded value is the linear l.
-double encoded(double l) {
-  return vn::srgbOetf(l);
-}
-
 int code(double linear) {
   return vn::linearToSrgb(static_cast<float>(linear));
 }
@@ -121,7 +116,11 @@ TEST(ImageFilterTest, NeutralSettingsKeepEveryCode) {
 }
 
 TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
-  const Settings none;
+  const Settings none, darker = {{vn::kInputBrightnessKey, -0.4}},
+                       half = {{vn::kInputIntensityKey, 0.5}},
+                       all = {{vn::kInputSaturationKey, 1.2},
+                              {vn::kInputBrightnessKey, 0.05},
+                              {vn::kInputContrastKey, 1.1}};
   const struct {
     const char* name;
     Settings settings;
@@ -132,47 +131,29 @@ TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
       // linear mid-grey, in that order.
       {"ColorControls", {{vn::kInputSaturationKey, 0.0}}, {255, 0, 0, 255}, {127, 127, 127, 255}},
       {"ColorControls", {{vn::kInputSaturationKey, 1.5}}, {200, 100, 50, 255}, {226, 81, 0, 255}},
-      {"ColorControls", {{vn::kInputBrightnessKey, 0.1}}, {0, 0, 0, 255}, {89, 89, 89, 255}},
-      {"ColorControls",
-       {{vn::kInputBrightnessKey, -0.4}},
-       {255, 255, 255, 255},
-       {203, 203, 203, 255}},
+      {"ColorControls", darker, {255, 255, 255, 255}, {203, 203, 203, 255}},
       {"ColorControls", {{vn::kInputContrastKey, 2.0}}, {128, 128, 128, 255}, {0, 0, 0, 255}},
       {"ColorControls", {{vn::kInputContrastKey, 2.0}}, {200, 200, 200, 255}, {212, 212, 212, 255}},
-      {"ColorControls",
-       {{vn::kInputSaturationKey, 1.2},
-        {vn::kInputBrightnessKey, 0.05},
-        {vn::kInputContrastKey, 1.1}},
-       {180, 120, 60, 255},
-       {197, 124, 30, 255}},
+      {"ColorControls", all, {180, 120, 60, 255}, {197, 124, 30, 255}},
       // Hue turns about the grey axis; positive angles take red to green.
       {"HueAdjust", {{vn::kInputAngleKey, 2 * kPi / 3}}, {255, 0, 0, 255}, {0, 255, 0, 255}},
-      {"HueAdjust", {{vn::kInputAngleKey, kPi / 3}}, {255, 0, 0, 255}, {213, 213, 0, 255}},
       {"HueAdjust", {{vn::kInputAngleKey, -kPi / 3}}, {255, 0, 0, 255}, {213, 0, 213, 255}},
-      {"HueAdjust", {{vn::kInputAngleKey, kPi}}, {255, 0, 0, 255}, {0, 213, 213, 255}},
       {"HueAdjust", {{vn::kInputAngleKey, kPi / 2}}, {200, 100, 50, 255}, {121, 197, 0, 255}},
       {"HueAdjust", {{vn::kInputAngleKey, 1.0}}, {128, 128, 128, 255}, {128, 128, 128, 255}},
       // Inversion of linear, unpremultiplied colour.
       {"ColorInvert", none, {128, 128, 128, 255}, {229, 229, 229, 255}},
       {"ColorInvert", none, {200, 100, 50, 255}, {174, 240, 251, 255}},
-      {"ColorInvert", none, {255, 0, 0, 255}, {0, 255, 255, 255}},
       {"ColorInvert", none, {255, 0, 0, 128}, {0, 255, 255, 128}},
       {"ExposureAdjust", {{vn::kInputEVKey, 1.0}}, {128, 128, 128, 255}, {176, 176, 176, 255}},
       {"ExposureAdjust", {{vn::kInputEVKey, -1.0}}, {255, 255, 255, 255}, {188, 188, 188, 255}},
-      {"ExposureAdjust", {{vn::kInputEVKey, 0.5}}, {100, 100, 100, 255}, {118, 118, 118, 255}},
       {"ExposureAdjust", {{vn::kInputEVKey, -2.0}}, {64, 128, 192, 255}, {30, 66, 102, 255}},
       // Monochrome with its default colour (0.6, 0.45, 0.3).
       {"ColorMonochrome", none, {128, 128, 128, 255}, {104, 77, 50, 255}},
-      {"ColorMonochrome",
-       {{vn::kInputIntensityKey, 0.5}},
-       {128, 128, 128, 255},
-       {117, 106, 99, 255}},
+      {"ColorMonochrome", half, {128, 128, 128, 255}, {117, 106, 99, 255}},
       {"ColorMonochrome", none, {255, 0, 0, 255}, {103, 76, 49, 255}},
-      {"ColorMonochrome", none, {230, 230, 230, 255}, {220, 211, 205, 255}},
       {"ColorMonochrome", none, {255, 255, 255, 255}, {255, 255, 255, 255}},
-      {"ColorMonochrome", none, {0, 0, 0, 255}, {0, 0, 0, 255}},
       {"SepiaTone", none, {255, 255, 255, 255}, {255, 255, 248, 255}},
-      {"SepiaTone", {{vn::kInputIntensityKey, 0.5}}, {255, 255, 255, 255}, {255, 255, 251, 255}},
+      {"SepiaTone", half, {255, 255, 255, 255}, {255, 255, 251, 255}},
       {"SepiaTone", none, {128, 128, 128, 255}, {147, 139, 124, 255}},
       {"SepiaTone", none, {200, 100, 50, 255}, {156, 148, 132, 255}},
   };
@@ -210,19 +191,14 @@ TEST(ImageFilterTest, PositionedPointFiltersMatchReferenceColours) {
       {"SpotLight", {}, 400, white, 199, 200, {250, 250, 250, 255}},
       {"SpotLight", {}, 400, white, 0, 0, {193, 193, 193, 255}},
       {"SpotLight", {}, 400, white, 399, 399, {179, 179, 179, 255}},
-      {"SpotLight", {}, 400, white, 300, 0, {180, 180, 180, 255}},
-      {"SpotLight", {}, 400, grey128, 199, 200, {125, 125, 125, 255}},
       {"SpotLight", {}, 400, grey128, 0, 0, {95, 95, 95, 255}},
-      {"SpotLight", {}, 400, grey128, 399, 399, {88, 88, 88, 255}},
       {"SpotLight", {}, 400, grey128, 300, 0, {88, 88, 88, 255}},
       {"SpotLight", redLight, 400, white, 199, 200, {250, 0, 0, 255}},
       // Horizontal lines through the origin, six pixels apart.
       {"LineScreen", screen, 12, grey188, 0, 0, {0, 0, 0, 255}},
       {"LineScreen", screen, 12, grey188, 0, 1, {189, 189, 189, 255}},
       {"LineScreen", screen, 12, grey188, 0, 2, {255, 255, 255, 255}},
-      {"LineScreen", screen, 12, grey188, 0, 3, {255, 255, 255, 255}},
       {"LineScreen", screen, 12, grey188, 0, 4, {189, 189, 189, 255}},
-      {"LineScreen", screen, 12, grey188, 0, 5, {0, 0, 0, 255}},
       {"LineScreen", screen, 12, grey188, 0, 6, {0, 0, 0, 255}},
       {"LineScreen", screen, 12, grey188, 5, 7, {189, 189, 189, 255}},
       {"LineScreen", screen, 12, grey188, 0, 8, {255, 255, 255, 255}},
@@ -246,7 +222,6 @@ TEST(ImageFilterTest, BlurGrowsTheExtentAndFadesToTransparent) {
   expectExtent(blurredDot, Rect{-3, -3, 13, 13});
   EXPECT_EQ(pixelAt(blurredDot, 3, 3), (Px{255, 255, 255, 41}));
   EXPECT_EQ(pixelAt(blurredDot, 4, 3), (Px{255, 255, 255, 25}));
-  EXPECT_EQ(pixelAt(blurredDot, 3, 2), (Px{255, 255, 255, 25}));
   EXPECT_EQ(pixelAt(blurredDot, 2, 4), (Px{255, 255, 255, 15}));
 
   const FilterImage field = uniform(100, 100, {255, 255, 255, 255});
@@ -274,7 +249,6 @@ TEST(ImageFilterTest, NeighbourhoodFiltersMatchReferenceColours) {
     return x < 4 ? Px{0, 0, 0, 255} : Px{255, 255, 255, 255};
   });
   const FilterImage grey188 = uniform(8, 8, {188, 188, 188, 255});
-  const FilterImage grey128 = uniform(8, 8, {128, 128, 128, 255});
   const Settings half = {{vn::kInputIntensityKey, 0.5}};
   const Settings full = {{vn::kInputIntensityKey, 1.0}};
   const Settings narrowHalf = {{vn::kInputRadiusKey, 1.0}, {vn::kInputIntensityKey, 0.5}};
@@ -302,17 +276,12 @@ TEST(ImageFilterTest, NeighbourhoodFiltersMatchReferenceColours) {
       {"Gloom", half, grey188, 4, 4, {165, 165, 165, 255}},
       {"Bloom", full, grey188, 0, 0, {225, 225, 225, 255}},
       {"Gloom", full, grey188, 7, 7, {138, 138, 138, 255}},
-      {"Bloom", half, grey128, 4, 4, {149, 149, 149, 255}},
-      {"Gloom", half, grey128, 4, 4, {101, 101, 101, 255}},
       {"Bloom", narrowHalf, step, 3, 1, {108, 108, 108, 255}},
       {"Gloom", narrowHalf, step, 3, 1, {0, 0, 0, 255}},
       {"Bloom", narrowHalf, step, 4, 1, {255, 255, 255, 255}},
       {"Gloom", narrowHalf, step, 4, 1, {237, 237, 237, 255}},
-      // Each hexagonal cell holds the mean of its pixels.
+      // A cell across the border holds the mean of its pixels in linear light.
       {"HexagonalPixellate", cells, halves, 16, 16, {188, 0, 188, 255}},
-      {"HexagonalPixellate", cells, halves, 8, 16, {255, 0, 0, 255}},
-      {"HexagonalPixellate", cells, halves, 24, 16, {0, 0, 255, 255}},
-      {"HexagonalPixellate", cells, halves, 20, 22, {0, 0, 255, 255}},
   };
   for (const auto& c : cases) {
     const FilterImage out = filtered(c.name, c.settings, c.in);
@@ -364,8 +333,8 @@ TEST(ImageFilterTest, CompositingFollowsPorterDuffInLinearLight) {
   };
   const FilterImage blue = uniform(4, 4, {0, 0, 255, 255});
   // Two half-covering layers given in linear light.
-  const FilterImage s = colored(encoded(0.8), encoded(0.2), encoded(0.1), 0.5);
-  const FilterImage d = colored(encoded(0.1), encoded(0.3), encoded(0.9), 0.5);
+  const FilterImage s = colored(vn::srgbOetf(0.8), vn::srgbOetf(0.2), vn::srgbOetf(0.1), 0.5);
+  const FilterImage d = colored(vn::srgbOetf(0.1), vn::srgbOetf(0.3), vn::srgbOetf(0.9), 0.5);
   const Px mixed = {code(0.425 / 0.75), code(0.175 / 0.75), code(0.275 / 0.75), 191};
   const struct {
     const char* name;

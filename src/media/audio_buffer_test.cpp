@@ -36,15 +36,13 @@ void write(VNFFAudioBuffer& buffer, VNFFAudioFormat format, int samples, int64_t
 
 }  // namespace
 
-TEST(AudioBufferTest, QueuesFramesInOrderAndIgnoresEmptyOnes) {
+TEST(AudioBufferTest, QueuesFramesOfItsFormatInOrder) {
   VNFFAudioBuffer buffer;
-  EXPECT_FALSE(buffer.read()) << "unconfigured";
-  write(buffer, kStereoFloat, 512, 0);
+  write(buffer, kStereoFloat, 512, 0);  // unconfigured: dropped
   buffer.config(kStereoFloat);
-  EXPECT_FALSE(buffer.read()) << "freshly configured";
-
+  EXPECT_FALSE(buffer.read());
   write(buffer, kStereoFloat, 1024, 100);
-  write(buffer, kStereoFloat, 0, 200);
+  write(buffer, kStereoFloat, 0, 200);  // empty: ignored
   write(buffer, kStereoFloat, 333, 300);
   vn::ff::Frame first = buffer.read();
   vn::ff::Frame second = buffer.read();
@@ -53,19 +51,14 @@ TEST(AudioBufferTest, QueuesFramesInOrderAndIgnoresEmptyOnes) {
   EXPECT_EQ(first->pts, 100);
   EXPECT_EQ(second->nb_samples, 333);
   EXPECT_EQ(second->pts, 300);
-  EXPECT_EQ(second->format, AV_SAMPLE_FMT_FLT);
   EXPECT_FALSE(buffer.read());
-}
 
-TEST(AudioBufferTest, ReconfiguringDropsWhatWasQueued) {
-  VNFFAudioBuffer buffer;
-  buffer.config(kStereoFloat);
+  // Reconfiguring drops what was queued; frames of the old format are
+  // refused now, frames of the new one pass.
   write(buffer, kStereoFloat, 256, 0);
   const VNFFAudioFormat mono{AV_SAMPLE_FMT_S16P, AV_CH_LAYOUT_MONO, 22050};
   buffer.config(mono);
-  EXPECT_TRUE(isFFAudioFormatEqual(buffer.audioFormat(), mono));
   EXPECT_FALSE(buffer.read());
-  // Frames of the old format are refused now; frames of the new one pass.
   write(buffer, kStereoFloat, 256, 1);
   write(buffer, mono, 128, 2);
   vn::ff::Frame frame = buffer.read();

@@ -22,16 +22,11 @@ extern "C" {
 namespace {
 
 using vn::test::fixture;
+using vn::test::mediasAt;
+using vn::test::mediasOf;
 using vn::test::openWhole;
 
 constexpr AVRational kMicroseconds{1, 1000000};
-
-// The medias a movie would read of a fixture: [video, audio] or one.
-VNMediaSource::Medias mediasOf(const std::string& path) {
-  auto medias = VNMediaSource::mediaWithPath(path)->createMedias();
-  EXPECT_TRUE(medias) << path;
-  return medias.value_or(VNMediaSource::Medias{});
-}
 
 // Presentation times of every video frame, in display order, as ffprobe
 // decodes them (stream time base units): the decoder's best-effort time,
@@ -61,8 +56,8 @@ int64_t microseconds(double seconds) {
 
 }  // namespace
 
-TEST(MediaReadingTest, SeekToANegativeTimeDropsNothingFromTheStart) {
-  VNMediaSource::Medias medias = mediasOf(fixture("h264_aac.mp4"));
+TEST(MediaReadingTest, SeeksBeforeTheStartAndPastTheEnd) {
+  VNMediaSource::Medias medias = mediasOf("h264_aac.mp4");
   ASSERT_EQ(medias.size(), 2u);
   VNFFMedia& sound = *medias[1];
   std::shared_ptr<VNFFMediaStream> audio = sound.audioStream();
@@ -81,16 +76,13 @@ TEST(MediaReadingTest, SeekToANegativeTimeDropsNothingFromTheStart) {
   }
   EXPECT_LE(audio->frame()->pts, firstAtZero);
   EXPECT_LE(audio->frame()->pts, 0);
-}
 
-TEST(MediaReadingTest, SeekPastTheEndShowsTheLastFrame) {
-  const std::string path = fixture("h264_aac.mp4");
-  VNMediaSource::Medias medias = mediasOf(path);
+  // Past the end: the last frame, and nothing after it.
   VNFFMedia& pictures = *medias[0];
   pictures.seek(20000000);
   AVFrame* frame = pictures.videoFrameAtTime(20000000);
   ASSERT_NE(frame, nullptr);
-  EXPECT_EQ(frame->pts, ffprobeFramePts(path).back());
+  EXPECT_EQ(frame->pts, ffprobeFramePts(fixture("h264_aac.mp4")).back());
   EXPECT_EQ(pictures.videoFrameAtTime(25000000)->pts, frame->pts) << "nothing after the last";
 }
 
@@ -103,7 +95,7 @@ TEST(MediaReadingTest, MediasWithoutVideo) {
   EXPECT_FALSE(sound->subtitleAtTime(1000000));
   EXPECT_FALSE(sound->subtitleStringAtTime(1000000));
 
-  VNMediaSource::Medias medias = mediasOf(fixture("h264_aac.mp4"));
+  VNMediaSource::Medias medias = mediasOf("h264_aac.mp4");
   VNFFMedia& pictures = *medias[0];
   std::vector<int64_t> shown;
   pictures.thumbnailAtTime(3000000, [&](AVFrame* f) {
@@ -153,17 +145,8 @@ TEST(MediaReadingTest, BitmapSubtitleOfThePictureMedia) {
   EXPECT_FALSE(media->subtitleAtTime(2000000)) << "not at its exact start";
 }
 
-TEST(MediaReadingTest, AudioBesideVideoIsNeverReadFor) {
-  std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
-  std::shared_ptr<VNFFMediaStream> audio = media->audioStream();
-  const int64_t position = avio_tell(media->formatContext()->pb);
-  EXPECT_FALSE(media->forwardStream(audio));
-  EXPECT_EQ(avio_tell(media->formatContext()->pb), position);
-  EXPECT_EQ(media->last_pts(), AV_NOPTS_VALUE);
-}
-
 TEST(MediaReadingTest, ReadingAheadFollowsThePlaybackClock) {
-  VNMediaSource::Medias medias = mediasOf(fixture("h264_aac.mp4"));
+  VNMediaSource::Medias medias = mediasOf("h264_aac.mp4");
   VNFFMedia& sound = *medias[1];
   auto movie = std::make_shared<vn::test::FakeMovie>();
   sound.setMovie(movie);
@@ -182,8 +165,13 @@ TEST(MediaReadingTest, ReadingAheadFollowsThePlaybackClock) {
     ++advanced;
   EXPECT_GT(sound.last_pts(), 9900000) << "to the end of the file";
 
-  // A movie with video turned off gets no pictures decoded.
+  // Audio beside video is never read for; a movie with video turned off
+  // gets no pictures decoded.
   std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
+  const int64_t position = avio_tell(media->formatContext()->pb);
+  EXPECT_FALSE(media->forwardStream(media->audioStream()));
+  EXPECT_EQ(avio_tell(media->formatContext()->pb), position);
+  EXPECT_EQ(media->last_pts(), AV_NOPTS_VALUE);
   media->setMovie(movie);
   movie->noVideo = true;
   for (int i = 0; i < 50; ++i)
@@ -207,7 +195,7 @@ TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
   for (const std::string& path : {damaged, fixture("truncated_faststart.mp4"),
                                   fixture("mpeg2_mp2.mpg"), fixture("ac3_51.ac3")}) {
     SCOPED_TRACE(path);
-    for (const auto& media : mediasOf(path)) {
+    for (const auto& media : mediasAt(path)) {
       for (int64_t t : {5000000, -3000000, 60000000, 1000000}) {
         media->seek(t);
         media->videoFrameAtTime(t);
@@ -245,7 +233,7 @@ TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
     if (!std::filesystem::exists(path))
       continue;
     SCOPED_TRACE(name);
-    VNMediaSource::Medias medias = mediasOf(path);
+    VNMediaSource::Medias medias = mediasAt(path);
     ASSERT_FALSE(medias.empty());
     std::shared_ptr<VNFFMedia> media = medias[0];
     std::shared_ptr<VNFFMediaStream> video = media->videoStream();
@@ -292,8 +280,8 @@ TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
 TEST(MediaReadingTest, SeekShowsThePictureOfAReadFromTheStart) {
   for (const char* name : {"mpeg2_mp2.mpg", "mpeg2_24p.ts", "h264_2997.ts", "h264_aac.mp4"}) {
     SCOPED_TRACE(name);
-    std::shared_ptr<VNFFMedia> seeking = mediasOf(fixture(name)).at(0);
-    std::shared_ptr<VNFFMedia> reading = mediasOf(fixture(name)).at(0);
+    std::shared_ptr<VNFFMedia> seeking = mediasOf(name).at(0);
+    std::shared_ptr<VNFFMedia> reading = mediasOf(name).at(0);
     reading->seek(0);
     const int64_t span = seeking->duration() - 1000000;
     for (int i = 1; i <= 6; ++i) {

@@ -58,6 +58,7 @@ void rewind(VNFFMedia& media) {
 
 }  // namespace
 
+// The average rate, when known, is an integer quotient.
 TEST(MediaStreamTest, FramerateRules) {
   const struct {
     AVRational real, average;
@@ -71,7 +72,7 @@ TEST(MediaStreamTest, FramerateRules) {
       {{0, 0}, {0, 0}, 30},
       {{0, 0}, {50, 1}, 50},
       {{60000, 1001}, {0, 0}, 30},
-      {{60000, 1001}, {30000, 1001}, 29},  // the average is an integer quotient
+      {{60000, 1001}, {30000, 1001}, 29},
       {{1, 2}, {0, 1}, 30},
   };
   for (const auto& c : cases) {

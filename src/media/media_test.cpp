@@ -32,25 +32,20 @@ std::vector<int> indices(const VNFFMedia::Streams& streams) {
 
 }  // namespace
 
-TEST(MediaSourceTest, AMissingFileStaysUnopenedWithItsReason) {
-  std::shared_ptr<VNMediaSource> source = VNMediaSource::mediaWithPath(fixture("no-such-file.mp4"));
-  source->open();
-  EXPECT_FALSE(source->isOpen());
-  EXPECT_EQ(source->formatContext(), nullptr);
-  EXPECT_EQ(source->lastError(), "No such file or directory");
-  EXPECT_FALSE(source->createMedias());
-}
+TEST(MediaSourceTest, MissingFilesClassesAndCopies) {
+  std::shared_ptr<VNMediaSource> missing = VNMediaSource::mediaWithPath(fixture("no-such.mp4"));
+  missing->open();
+  EXPECT_FALSE(missing->isOpen());
+  EXPECT_EQ(missing->formatContext(), nullptr);
+  EXPECT_EQ(missing->lastError(), "No such file or directory");
+  EXPECT_FALSE(missing->createMedias());
 
-TEST(MediaSourceTest, ClassAndCopies) {
   const std::string path = fixture("subs.srt");
   // mediaWithPath always makes the plain source, whatever class names it.
   EXPECT_FALSE(VNSubtitleSource::mediaWithPath(path)->isSubtitle());
   std::shared_ptr<VNSubtitleSource> subtitles = VNSubtitleSource::create(path);
   EXPECT_TRUE(subtitles->isSubtitle());
   EXPECT_EQ(subtitles->name(), "subs");
-  EXPECT_FALSE(subtitles->isDVD());
-  EXPECT_EQ(subtitles->palette(), nullptr);
-
   subtitles->open();
   ASSERT_TRUE(subtitles->isOpen());
   std::shared_ptr<VNMediaSource> copy = subtitles->copy();
@@ -156,7 +151,7 @@ TEST(MediaTest, DvdTracksAreKeyedByStreamId) {
   }
 }
 
-TEST(MediaTest, SelectStreamsOpensAndClosesDecoders) {
+TEST(MediaTest, SelectStreamsOpensAndClosesDecodersAndTheMovieHidesVideo) {
   std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
   ASSERT_TRUE(media->hasVideo() && media->hasAudio());
   media->setSelectStreams(VNIndexSet{1});
@@ -170,17 +165,14 @@ TEST(MediaTest, SelectStreamsOpensAndClosesDecoders) {
   media->updateSelectStreams();
   EXPECT_TRUE(media->streams()[0]->isOpen());
   EXPECT_EQ(media->streams()[0]->codecName(), "h264");
-}
 
-TEST(MediaTest, TheMoviesDisableVideoHidesTheVideo) {
-  std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
-  EXPECT_TRUE(media->hasVideo()) << "a stand-alone media reports its video";
+  // The movie's disableVideo hides the video, while the stream stays.
   auto movie = std::make_shared<vn::test::FakeMovie>();
   media->setMovie(movie);
   EXPECT_TRUE(media->hasVideo());
   movie->noVideo = true;
   EXPECT_FALSE(media->hasVideo());
-  EXPECT_NE(media->videoStream(), nullptr) << "the stream itself stays enabled";
+  EXPECT_NE(media->videoStream(), nullptr);
   movie.reset();
   EXPECT_EQ(media->movie(), nullptr);
   EXPECT_TRUE(media->hasVideo());

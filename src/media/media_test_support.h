@@ -1,11 +1,13 @@
 // Helpers of the media tests.
 #pragma once
 
+#include <cstring>
 #include <memory>
 #include <string>
 
 extern "C" {
 #include <libavformat/avformat.h>
+#include <libavutil/frame.h>
 }
 
 #include "ffmpeg/owners.h"
@@ -25,6 +27,15 @@ inline std::shared_ptr<VNFFMedia> openWhole(const std::string& name) {
   return media;
 }
 
+// The medias a movie reads of a file: for a file with video and audio a
+// video media, then an audio one; none when it cannot be read.
+inline VNMediaSource::Medias mediasAt(const std::string& path) {
+  return VNMediaSource::mediaWithPath(path)->createMedias().value_or(VNMediaSource::Medias{});
+}
+inline VNMediaSource::Medias mediasOf(const std::string& name) {
+  return mediasAt(fixture(name));
+}
+
 // Reads packets from the media's demuxer and hands each to its stream
 // unchanged (not through the media's own routing), until the end or
 // `limit` packets. Returns the number read.
@@ -40,6 +51,26 @@ int readPackets(VNFFMedia& media, Visit visit, int limit = 100000) {
     av_packet_unref(packet.get());
   }
   return count;
+}
+
+// A yuv420p picture without colour: luma `luma`, its top `topRows` rows
+// white.
+inline vn::ff::Frame yuvFrame(int width, int height, int luma, int topRows = 0) {
+  vn::ff::Frame frame(av_frame_alloc());
+  frame->format = AV_PIX_FMT_YUV420P;
+  frame->width = width;
+  frame->height = height;
+  if (av_frame_get_buffer(frame.get(), 0) < 0)
+    return nullptr;
+  for (int p = 0; p < 3; ++p) {
+    for (int y = 0; y < (p ? height / 2 : height); ++y)
+      std::memset(frame->data[p] + y * frame->linesize[p],
+                  p             ? 128
+                  : y < topRows ? 235
+                                : luma,
+                  p ? width / 2 : width);
+  }
+  return frame;
 }
 
 // A movie as a media sees it.

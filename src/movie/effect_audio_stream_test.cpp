@@ -12,11 +12,8 @@ extern "C" {
 }
 
 #include "audio_analysis.h"
-#include "media/media.h"
-#include "media/media_source.h"
-#include "media/media_stream.h"
+#include "media/media_test_support.h"
 #include "movie/movie.h"
-#include "test_support.h"
 
 namespace {
 
@@ -24,21 +21,14 @@ using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
 
 const VNFFAudioFormat kPlayback{AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 44100};
 
-// The medias of a fixture, opened and sought to 0 (audio is queued only after
-// a first seek).
-Medias openFixture(const std::string& name) {
-  auto medias = VNMediaSource::mediaWithPath(vn::test::fixture(name))->createMedias();
-  if (!medias)
-    return {};
-  for (auto& media : *medias)
-    media->seek(0);
-  return *medias;
-}
-
-// The audio media of a fixture (the last of its medias).
+// The audio media of a fixture (the last of its medias), sought to 0: audio
+// is queued only after a first seek.
 std::shared_ptr<VNFFMedia> audioMedia(const std::string& name) {
-  Medias medias = openFixture(name);
-  return medias.empty() ? nullptr : medias.back();
+  Medias medias = vn::test::mediasOf(name);
+  if (medias.empty())
+    return nullptr;
+  medias.back()->seek(0);
+  return medias.back();
 }
 
 vn::test::Samples read(VNFFEffectAudioStream& mix, int frames) {
@@ -79,6 +69,11 @@ TEST(MixGraphTest, StagesFollowTheStreamCount) {
   EXPECT_EQ(mix.sourceCount(), 0);
   vn::test::Samples silence = read(mix, 512);
   EXPECT_EQ(vn::test::rms(silence.data), 0.0);
+
+  // A layout without a name leaves the format stage unconfigurable: silence.
+  mix.setOutputParam({AV_SAMPLE_FMT_FLT, 0x1, 44100});
+  mix.setInputStreams({audioMedia("aac.m4a")});
+  EXPECT_EQ(mix.sourceCount(), 0);
 }
 
 TEST(MixGraphTest, LayoutNames) {
@@ -89,12 +84,6 @@ TEST(MixGraphTest, LayoutNames) {
   EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x13f), "6.1");
   EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x60000000), "downmix");
   EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x1), "");
-
-  // A layout without a name leaves the format stage unconfigurable: silence.
-  VNFFEffectAudioStream mix;
-  mix.setOutputParam({AV_SAMPLE_FMT_FLT, 0x1, 44100});
-  mix.setInputStreams({audioMedia("aac.m4a")});
-  EXPECT_EQ(mix.sourceCount(), 0);
 }
 
 TEST(MixGraphTest, VolumeChangesTheNextSamples) {
@@ -105,7 +94,6 @@ TEST(MixGraphTest, VolumeChangesTheNextSamples) {
   const double full = vn::test::rms(read(mix, 8192).data);
   ASSERT_GT(full, 0.05);
   mix.setVolume(0.5);
-  EXPECT_EQ(mix.volume(), 0.5);
   const double half = vn::test::rms(read(mix, 8192).data);
   EXPECT_EQ(mix.stageArguments("volume"), "0.500000");
   EXPECT_NEAR(half / full, 0.5, 0.02);
@@ -180,9 +168,7 @@ TEST(MixGraphTest, MixMatchesFfmpegAmixWithoutNormalisation) {
 // Playback format, mix, clock: what the movie counts as produced.
 TEST(MixGraphTest, MovieReadSampleCountsOnTheClock) {
   auto movie = VNFFMovie::create();
-  auto medias = VNMediaSource::mediaWithPath(vn::test::fixture("aac.m4a"))->createMedias();
-  ASSERT_TRUE(medias);
-  movie->openMedias(*medias);
+  movie->openMedias(vn::test::mediasOf("aac.m4a"));
   movie->configOutputFormat(kPlayback);
   movie->seek(1000000);
   movie->flushOperation();
@@ -200,9 +186,7 @@ TEST(MixGraphTest, MovieReadSampleCountsOnTheClock) {
 TEST(MixGraphTest, MovieReadSampleRightAfterASeekReadsFromIt) {
   auto read = [](bool flush) {
     auto movie = VNFFMovie::create();
-    auto medias = VNMediaSource::mediaWithPath(vn::test::fixture("aac.m4a"))->createMedias();
-    EXPECT_TRUE(medias);
-    movie->openMedias(medias.value_or(VNFFMovie::Medias{}));
+    movie->openMedias(vn::test::mediasOf("aac.m4a"));
     movie->configOutputFormat(kPlayback);
     movie->setExportMovie(true);
     // A quarter of the tone's period off the start of a second: audio

@@ -15,10 +15,8 @@
 #include "audio_analysis.h"
 #include "audio_out/audio_device.h"
 #include "audio_out/output_audio_graph.h"
-#include "media/media.h"
-#include "media/media_source.h"
+#include "media/media_test_support.h"
 #include "movie/movie.h"
-#include "test_support.h"
 
 namespace {
 
@@ -36,16 +34,7 @@ int64_t framesOf(int64_t microseconds) {
   return (microseconds * kRate + kSecond / 2) / kSecond;
 }
 
-// The fixture's medias: all of them, or only the one that reads audio.
-std::vector<std::shared_ptr<VNFFMedia>> mediasOf(const std::string& name, bool audioOnly = false) {
-  auto medias = VNMediaSource::mediaWithPath(vn::test::fixture(name))->createMedias();
-  if (!medias)
-    return {};
-  // A file with video and audio is read as a video media, then an audio one.
-  if (audioOnly)
-    return {medias->back()};
-  return *medias;
-}
+using vn::test::mediasOf;
 
 // Which tone is heard in each 10 ms of a recording: 'a' for aac.m4a's 1 kHz,
 // 'b' for h264_aac.mp4's 440 Hz, '.' for silence or neither clearly.
@@ -203,11 +192,11 @@ TEST_F(MoviePlaybackTest, PauseKeepsTheBufferAndPlayResumes) {
 // what was played before the call and one chunk.
 TEST_F(MoviePlaybackTest, SeekWhilePlayingResumesAtTheNewTime) {
   auto first = mediasOf("aac.m4a");
-  auto second = mediasOf("h264_aac.mp4", /*audioOnly=*/true);
+  auto second = mediasOf("h264_aac.mp4");  // the audio media is the last
   ASSERT_EQ(first.size(), 1u);
-  ASSERT_EQ(second.size(), 1u);
-  second[0]->setMovie_position(5 * kSecond);
-  open({first[0], second[0]});
+  ASSERT_EQ(second.size(), 2u);
+  second[1]->setMovie_position(5 * kSecond);
+  open({first[0], second[1]});
   play("seek");
   ASSERT_TRUE(playUntil(400000));
   const int64_t before = framesOf(movie_->currentTime());
@@ -256,7 +245,6 @@ TEST_F(MoviePlaybackTest, SeekWhilePlayingResumesAtTheNewTime) {
 TEST_F(MoviePlaybackTest, RateMovesTheClockFasterThanTheDevice) {
   open(mediasOf("aac.m4a"));
   movie_->setRate(1.5f);
-  EXPECT_EQ(movie_->rate(), 1.5f);
   play("rate");
   ASSERT_TRUE(playUntil(2200000));
   pause();

@@ -131,77 +131,37 @@ TEST(MovieSubtitleTest, CuesCloseTogetherAreEachShown) {
       EXPECT_EQ(textAt(*movie, i + 1.2), words[i]) << i + 1.2;
       EXPECT_EQ(textAt(*movie, i + 1.6), std::nullopt) << i + 1.6;
     }
-    movie->seek(0);
+    // A seek reads the file again from its start, whatever the time.
+    movie->seek(8 * kSecond);
     movie->flushOperation();
   }
 }
 
-TEST(MovieSubtitleTest, AnUnknownCharsetOpensNoText) {
-  auto movie = VNFFMovie::create();
-  const std::string path = writeScratch("unknown.srt", srt(kCue1252, kSecondCue1252));
-  ASSERT_TRUE(movie->openSubtitle(path));
-  // iconv does not know the name: the decoder does not open, and the
-  // subtitle before is gone too.
-  EXPECT_FALSE(movie->openSubtitle(path, std::nullopt, "NO-SUCH-CHARSET"));
-  EXPECT_FALSE(movie->subtitle());
-  // A bitmap decoder has no text to convert: the name does not matter.
-  EXPECT_TRUE(movie->openSubtitle(vn::test::fixture("dvdsub.mkv"), 0, "NO-SUCH-CHARSET"));
-}
-
-// A media's own text tracks read as the external files they were made
-// from: the same text at the same times, whatever the container.
-TEST(MovieSubtitleTest, AMediasOwnTextTrackReadsAlone) {
-  const struct {
-    uint32_t track;
-    const char* file;
-    int index;  // the track's container stream
-  } cases[] = {{0, "subs.srt", 4}, {1, "subs.ass", 5}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.file);
-    auto own = VNFFMovie::create();
-    ASSERT_TRUE(own->openSubtitle(vn::test::fixture("multitrack.mkv"), c.track, std::nullopt));
-    const std::shared_ptr<VNFFMedia> media = own->subtitle();
-    // Only the track's decoder is open: nothing else is decoded, and the
-    // subtitle is read ahead as in a subtitle file.
-    int open = 0;
-    for (const auto& stream : media->streams())
-      open += stream->isOpen() ? 1 : 0;
-    EXPECT_EQ(open, 1);
-    ASSERT_TRUE(media->subtitleStream());
-    EXPECT_EQ(media->subtitleStream()->stream()->index, c.index);
-    EXPECT_FALSE(media->hasVideo());
-    EXPECT_FALSE(media->hasAudio());
-
-    auto file = VNFFMovie::create();
-    ASSERT_TRUE(file->openSubtitle(vn::test::fixture(c.file)));
-    for (double t : {1.0, 3.0, 4.2, 4.7, 5.1, 5.5, 5.9}) {
-      EXPECT_EQ(textAt(*own, t), textAt(*file, t)) << t;
-    }
-    // And after a seek, which reads the track from its start again.
-    own->seek(3 * kSecond);
-    own->flushOperation();
-    EXPECT_NE(textAt(*own, 4.7).value_or("").find("sir"), std::string::npos);
-    EXPECT_NE(textAt(*own, 5.5).value_or("").find("bien"), std::string::npos);
-    EXPECT_EQ(textAt(*own, 5.1), std::nullopt);
-  }
-}
-
-TEST(MovieSubtitleTest, ATrackThatIsNotThereOpensNothing) {
+// A file or track that cannot be read as subtitles, or a charset iconv does
+// not know, opens nothing, and the subtitle before is gone too.
+TEST(MovieSubtitleTest, WhatCannotBeReadOpensNothing) {
   const struct {
     const char* file;
-    uint32_t track;
-  } cases[] = {{"multitrack.mkv", 2}, {"subs.srt", 1}, {"h264_aac.mp4", 0}};
+    std::optional<uint32_t> track;
+    std::optional<std::string> charset;
+  } cases[] = {
+      {"multitrack.mkv", 2, std::nullopt}, {"subs.srt", 1, std::nullopt},
+      {"h264_aac.mp4", 0, std::nullopt},   {"aac.m4a", std::nullopt, std::nullopt},
+      {"missing.srt", 0, std::nullopt},    {"subs.srt", std::nullopt, "NO-SUCH-CHARSET"},
+  };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
     auto movie = VNFFMovie::create();
     ASSERT_TRUE(movie->openSubtitle(vn::test::fixture("subs.ass")));
-    EXPECT_FALSE(movie->openSubtitle(vn::test::fixture(c.file), c.track, std::nullopt));
+    EXPECT_FALSE(movie->openSubtitle(vn::test::fixture(c.file), c.track, c.charset));
     EXPECT_FALSE(movie->subtitle());
     EXPECT_FALSE(movie->hasSubtitle());
   }
+  // A bitmap decoder has no text to convert: the name does not matter. A
+  // file's only track is track 0.
   auto movie = VNFFMovie::create();
+  EXPECT_TRUE(movie->openSubtitle(vn::test::fixture("dvdsub.mkv"), 0, "NO-SUCH-CHARSET"));
   EXPECT_TRUE(movie->openSubtitle(vn::test::fixture("subs.srt"), 0, std::nullopt));
-  EXPECT_FALSE(movie->openSubtitle(vn::test::scratchDir() + "/missing.srt", 0, std::nullopt));
 }
 
 }  // namespace

@@ -8,19 +8,13 @@
 
 #include "audio_out/output_audio_graph.h"
 #include "core/serial_queue.h"
-#include "media/media.h"
-#include "media/media_source.h"
-#include "media/media_stream.h"
-#include "test_support.h"
+#include "media/media_test_support.h"
 
 namespace {
 
 using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
 
-Medias mediasOf(const std::string& name) {
-  auto medias = VNMediaSource::mediaWithPath(vn::test::fixture(name))->createMedias();
-  return medias ? *medias : Medias{};
-}
+using vn::test::mediasOf;
 
 // A media that counts the seeks it performs.
 class CountingMedia : public VNFFMedia {
@@ -156,21 +150,6 @@ TEST(MovieSeekTest, ClockSubtractsBufferedFrames) {
   graph->writeSample(frames.data(), 4410);
   movie->forwardAudioDecodeTime(44100);
   EXPECT_EQ(movie->currentTime(), 5000000 + 900000);
-}
-
-TEST(MovieTest, ExternalSubtitle) {
-  auto movie = VNFFMovie::create();
-  EXPECT_TRUE(movie->openSubtitle(vn::test::fixture("subs.ass")));
-  EXPECT_TRUE(movie->hasSubtitle());
-  ASSERT_TRUE(movie->subtitle());
-  EXPECT_EQ(movie->subtitle()->subtitleStringAtTime(3000000).value_or("none"), "Hello\nWorld");
-  // A seek rewinds the subtitle file, whatever the time.
-  movie->seek(8000000);
-  movie->flushOperation();
-  EXPECT_EQ(movie->subtitle()->subtitleStringAtTime(3000000).value_or("none"), "Hello\nWorld");
-  EXPECT_FALSE(movie->openSubtitle(vn::test::fixture("aac.m4a")));
-  EXPECT_FALSE(movie->subtitle());
-  EXPECT_FALSE(movie->hasSubtitle());
 }
 
 // Seeks from the application thread while the decode queue reads and mixes.
