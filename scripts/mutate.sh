@@ -8,7 +8,7 @@
 # Mutants whose line is no longer found ("gone") or that do not build are not
 # counted.
 #
-#   scripts/mutate.sh [--only 3,7,12] [--out FILE] [--libs DIR]
+#   scripts/mutate.sh [--only 3,7,12] [--out FILE] [--libs DIR [--build-only | --wait]]
 #                                                    run the mutations
 #   scripts/mutate.sh --check                        only find every line
 #   scripts/mutate.sh --compare BEFORE AFTER         mutants BEFORE killed and AFTER did not
@@ -18,7 +18,10 @@
 # same DIR and the same library sources (other tests, say) runs its tests on
 # those libraries instead of building the mutants again. With --libs, the
 # building and the testing can go side by side: one run with --build-only
-# makes the libraries, another with --wait tests each as soon as it is made.
+# makes the libraries, another with --wait tests each as soon as it is made:
+#
+#   scripts/mutate.sh --libs build-mutation/mutants --build-only &
+#   scripts/mutate.sh --libs build-mutation/mutants --wait --out before.tsv
 #
 # Environment: VARNEL_FIXTURES_DIR (default build/fixtures), MUTATION_BUILD
 # (default build-mutation), MUTATION_TIMEOUT (seconds a run of the tests may
