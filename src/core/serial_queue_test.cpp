@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
+#include <thread>
 #include <vector>
 
 TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
@@ -11,6 +13,8 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
   std::vector<int> order;  // touched only by the worker
   std::atomic<int> running{0};
   std::atomic<int> overlaps{0};
+  // A slow first task: a flush that did not wait would see nothing run.
+  queue.addOperation([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
   for (int i = 0; i < 200; ++i) {
     queue.addOperation([&, i] {
       if (running.fetch_add(1) != 0)
@@ -22,15 +26,19 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
   }
   int value = 0;
   auto op = queue.addOperation([&] { value = 42; });
-  op->wait();
+  queue.waitUntilAllOperationsAreFinished();
   EXPECT_TRUE(op->isFinished());
   EXPECT_EQ(value, 42);
-  queue.waitUntilAllOperationsAreFinished();
   EXPECT_FALSE(queue.isCurrent());
   EXPECT_EQ(overlaps.load(), 0);
   ASSERT_EQ(order.size(), 200u);
   for (int i = 0; i < 200; ++i)
     EXPECT_EQ(order[i], i);
+  // Waiting on one operation holds the caller until that one has run.
+  queue.addOperation([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
+  auto last = queue.addOperation([&] { value = 7; });
+  last->wait();
+  EXPECT_EQ(value, 7);
 }
 
 // A task may drop the last reference to the queue's owner; the queue must not

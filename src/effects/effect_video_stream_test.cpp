@@ -153,6 +153,19 @@ TEST(EffectVideoStreamTest, WatermarkShowsOnTheBackgroundAndFlipsEqualAHalfTurn)
   const Raster plain = compose(false, false, 0);
   EXPECT_GE(psnr(flipped, turned), 45);
   EXPECT_LT(psnr(flipped, plain), 30);
+  // Each flip alone mirrors along its own axis: left-right, top-bottom.
+  for (const bool horizontal : {true, false}) {
+    const Raster one = compose(horizontal, !horizontal, 0);
+    Raster mirrored = plain;
+    for (int y = 0; y < plain.height; ++y) {
+      for (int x = 0; x < plain.width; ++x) {
+        const uint8_t* from =
+            horizontal ? plain.at(plain.width - 1 - x, y) : plain.at(x, plain.height - 1 - y);
+        std::copy(from, from + 4, mirrored.rgba.begin() + (size_t(y) * plain.width + x) * 4);
+      }
+    }
+    EXPECT_GE(psnr(one, mirrored), 45) << (horizontal ? "hflip" : "vflip");
+  }
   // Neutral settings at the media's size: the converted picture itself.
   Raster converted{kWidth, kHeight, {}};
   const vn::BitmapImage bitmap = *stream->currentImage();
