@@ -171,8 +171,8 @@ TEST(HostileCliTest, FrameAndThumbnail) {
   // Several times need a %d in the name, and are all made or none.
   runTable("thumbnail",
            {each("thumbnail {in} -o {dir}/o.png",
-                 "-t 20; -t nan; -t -5%; -t 100%; -t 1,2; -s 0x0; -s 10; --sheet --count -3; "
-                 "--count 5; --crop 1,2,3; extra"),
+                 "-t 20; -t nan; -t -5%; -t 101%; -t 1,2; -t 1,,2; -t ,; -s 0x0; -s 10; "
+                 "--sheet --count -3; --sheet --count 0; --count 5; --crop 1,2,3; extra"),
             each("thumbnail {in}", "-o /dev/full; ; -t 1,50 -o {dir}/o-%d.png"),
             each("thumbnail",
                  "{in} -o {dir}/missing/o.png; {pic} -t 0 -o {pic}; "
@@ -190,49 +190,55 @@ TEST(HostileCliTest, PlayRefusesBeforePlaying) {
                     {{"play"},
                      {"play {f}dvd.iso --title 0", kFailed},
                      {"play {f}missing.m4a", kFailed, "missing.m4a"}}});
+  // A sound device that cannot be opened: one line, none of ALSA's own.
+  const vn::test::CommandResult r =
+      vn::test::runVarnel({"play", inputs().in, "--no-video"},
+                          {{"SDL_AUDIODRIVER", "alsa"}, {"AUDIODEV", "no-such-device"}}, kTimeout);
+  vn::test::expectError(r, kFailed, "no sound device");
 }
 
 TEST(HostileCliTest, InfoEffectsAndNoCommand) {
-  runTable(
-      "others",
-      {each("effects",
-            "--apply Glow {pic}; --apply Glow -o {dir}/o.png; --sheet {in} -o {dir}/o.png; "
-            "--apply Glow {pic} --sheet {in} -o {dir}/o.png; -o {dir}/o.png; -t 1; --nosuch; "
-            "--json --apply Glow {pic} -o {dir}/o.png; --json extra; "
-            "--sheet {in} -t 1 -o {dir}/o.png --tile 0x0; "
-            "--sheet {in} -t 1 -o {dir}/o.png --tile 320; "
-            "--sheet {in} -t 1 -o {dir}/o.png --tile 8x8"),
-       each("info", "; {in} extra; {in} --nosuch; {in} --title 1"),
-       // Failed work: an input that cannot be read, an output that cannot be
-       // written, a name that is not a preset (the error lists them).
-       each("effects --apply Glow {pic} -o", "/dev/full; {pic}; {dir}", kFailed),
-       {
-           {"", kUsage},
-           {"nosuch", kUsage},
-           {"info /dev/full", kFailed},
-           {"info {f}no-such-file.mp4", kFailed,
-            "'{f}no-such-file.mp4': No such file or directory"},
-           {"info {f}empty.mp4", kFailed, "'{f}empty.mp4': the file is empty"},
-           {"info {f}empty.mp4 --json", kFailed, "'{f}empty.mp4': the file is empty"},
-           {"info {f}text.mp4", kFailed, "'{f}text.mp4': Invalid data found when processing input"},
-           {"info {f}truncated.mp4 --json", kFailed,
-            "'{f}truncated.mp4': Invalid data found when processing input"},
-           {"info {iso}", kFailed, "not a DVD-Video disc"},
-           {"info {dir}", kFailed, "not a DVD-Video disc"},
-           {"effects --apply Sepia {pic} -o {dir}/o.png", kFailed, "1935, 1955"},
-           {"effects --apply 'color invert' {pic} -o {dir}/o.png", kFailed, "New Effection"},
-           {"effects --apply Blur {f}text.mp4 -o {dir}/o.png", kFailed, "text.mp4"},
-           {"effects --apply Blur {dir}/missing.png -o {dir}/o.png", kFailed, "missing.png"},
-           {"effects --apply Blur {pic} -o {dir}/o.bmp", kFailed, ".bmp"},
-           {"effects --apply Blur {pic} -o {dir}/none/o.png", kFailed, "no such directory"},
-           {"effects --sheet {f}text.mp4 -t 1 -o {dir}/o.png", kFailed, "text.mp4"},
-           {"effects --sheet {f}empty.mp4 -t 1 -o {dir}/o.png", kFailed, "empty"},
-           {"effects --sheet {f}missing.mp4 -t 1 -o {dir}/o.png", kFailed, "missing.mp4"},
-           {"effects --sheet {f}aac.m4a -t 1 -o {dir}/o.png", kFailed, "no video"},
-           {"effects --sheet {in} -t -1 -o {dir}/o.png", kFailed, "time"},
-           {"effects --sheet {in} -t 1 -o {dir}/o.gif", kFailed, ".gif"},
-           {"effects --sheet {pic} -t 0 -o {pic}", kFailed},
-       }});
+  runTable("others",
+           {each("effects",
+                 "--apply Glow {pic}; --apply Glow -o {dir}/o.png; --sheet {in} -o {dir}/o.png; "
+                 "--apply Glow {pic} --sheet {in} -o {dir}/o.png; -o {dir}/o.png; -t 1; --nosuch; "
+                 "--json --apply Glow {pic} -o {dir}/o.png; --json extra; "
+                 "--sheet {in} -t 1 -o {dir}/o.png --tile 0x0; "
+                 "--sheet {in} -t 1 -o {dir}/o.png --tile 320; "
+                 "--sheet {in} -t 1 -o {dir}/o.png --tile 8x8"),
+            each("info", "; {in} extra; {in} --nosuch; {in} --title 1"),
+            // Failed work: an input that cannot be read, an output that cannot be
+            // written. A name that is not a preset is bad usage (the error lists them).
+            each("effects --apply Glow {pic} -o", "/dev/full; {dir}"),
+            each("effects --apply Glow {pic} -o", "{pic}", kFailed),
+            {
+                {"", kUsage},
+                {"nosuch", kUsage},
+                {"info /dev/full", kFailed},
+                {"info {f}no-such-file.mp4", kFailed,
+                 "'{f}no-such-file.mp4': No such file or directory"},
+                {"info {f}empty.mp4", kFailed, "'{f}empty.mp4': the file is empty"},
+                {"info {f}empty.mp4 --json", kFailed, "'{f}empty.mp4': the file is empty"},
+                {"info {f}text.mp4", kFailed, "'{f}text.mp4': not media data FFmpeg can read"},
+                {"info {f}truncated.mp4 --json", kFailed,
+                 "'{f}truncated.mp4': not media data FFmpeg can read"},
+                {"info {iso}", kFailed, "not a DVD-Video disc"},
+                {"info {dir}", kFailed, "not a DVD-Video disc"},
+                {"effects --apply Sepia {pic} -o {dir}/o.png", kUsage, "1935, 1955"},
+                {"effects --apply 'color invert' {pic} -o {dir}/o.png", kUsage, "New Effection"},
+                {"effects --apply Blur {f}text.mp4 -o {dir}/o.png", kFailed,
+                 "'{f}text.mp4': not a picture file that can be read"},
+                {"effects --apply Blur {dir}/missing.png -o {dir}/o.png", kFailed, "missing.png"},
+                {"effects --apply Blur {pic} -o {dir}/o.bmp", kUsage, ".bmp"},
+                {"effects --apply Blur {pic} -o {dir}/none/o.png", kFailed, "no such directory"},
+                {"effects --sheet {f}text.mp4 -t 1 -o {dir}/o.png", kFailed, "text.mp4"},
+                {"effects --sheet {f}empty.mp4 -t 1 -o {dir}/o.png", kFailed, "empty"},
+                {"effects --sheet {f}missing.mp4 -t 1 -o {dir}/o.png", kFailed, "missing.mp4"},
+                {"effects --sheet {f}aac.m4a -t 1 -o {dir}/o.png", kFailed, "no video"},
+                {"effects --sheet {in} -t -1 -o {dir}/o.png", kUsage, "'-1'"},
+                {"effects --sheet {in} -t 1 -o {dir}/o.gif", kUsage, ".gif"},
+                {"effects --sheet {pic} -t 0 -o {pic}", kFailed},
+            }});
 }
 
 // Every subtitle setting, in each command that draws subtitles; the error

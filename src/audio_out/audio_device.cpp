@@ -2,12 +2,42 @@
 
 #include <SDL.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
+
+#include "base/dynamic_library.h"
+#include "core/log.h"
 
 namespace vn {
 
 namespace {
+
+// ALSA's own error lines, at debug level instead of on the terminal.
+void alsaError(const char* file, int line, const char* function, int err, const char* format, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  logDebug("ALSA %s:%d %s: %s (%d)", file ? file : "", line, function ? function : "", text, err);
+}
+
+// On a machine without a sound card, ALSA prints a screenful while SDL
+// probes it; the failed open's reason says all the user needs. The library is
+// opened only to install the handler: SDL's own opening of it shares it.
+void quietAlsa() {
+  constexpr char kAlsa[] = "libasound.so.2";
+  std::string reason;
+  void* alsa = openLibrary(kAlsa, &reason);
+  using Handler = void (*)(const char*, int, const char*, int, const char*, ...);
+  int (*setHandler)(Handler) = nullptr;
+  if (alsa && bindFunction(alsa, kAlsa, "snd_lib_error_set_handler", &setHandler, &reason))
+    setHandler(&alsaError);
+  else
+    logFailure("quieting ALSA", reason);
+}
 
 // SDL's audio subsystem is set up once per process and kept until exit;
 // a failed set-up is tried again by the next open.
@@ -21,6 +51,7 @@ bool initializeAudio(std::string* reason) {
   // over SIGINT and SIGTERM from the application.
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
   SDL_SetHintWithPriority(SDL_HINT_AUDIO_DEVICE_APP_NAME, "varnel", SDL_HINT_DEFAULT);
+  quietAlsa();
   if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
     *reason = std::string("no sound device: ") + SDL_GetError();
     return false;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "core/log.h"
 #include "image/filter_graph.h"
 #include "image/vips_library.h"
 
@@ -71,7 +72,9 @@ std::optional<FilterImage> FilterImage::fromFile(const std::string& path, std::s
     return std::nullopt;
   VipsHandle image(vips->image_new_from_file(path.c_str(), nullptr));
   if (!image) {
-    why = "not an image libvips can read (" + vipsReason(*vips) + ")";
+    // libvips' reason names its loaders: the user hears what it means.
+    logFailure("vips_image_new_from_file", vipsReason(*vips));
+    why = "not a picture file that can be read";
     return std::nullopt;
   }
   const int width = vips->image_get_width(image.get()),

@@ -31,6 +31,7 @@ extern "C" {
 
 #include "cli.h"
 #include "input.h"
+#include "picture.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -201,15 +202,8 @@ int list(bool json) {
 // kExitOk when a PNG or JPEG file can be made at path from input; else the
 // error line.
 int checkOutput(const std::string& path, const std::string& input) {
-  namespace fs = std::filesystem;
-  std::string ext = fs::path(path).extension().string();
-  std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](unsigned char c) { return std::tolower(c); });
-  if (ext != ".png" && ext != ".jpg" && ext != ".jpeg") {
-    return fail("cannot write", path,
-                "unknown image type for extension " + (ext.empty() ? "(none)" : ext) +
-                    " (use .png, .jpg or .jpeg)");
-  }
+  if (!isPictureName(path))
+    return usage("bad -o", path, "the picture is written as .png, .jpg or .jpeg");
   if (const std::string why = unwritableOutput(path, input); !why.empty())
     return fail("cannot write", path, why);
   return kExitOk;
@@ -217,7 +211,7 @@ int checkOutput(const std::string& path, const std::string& input) {
 
 int checkPreset(const std::string& name) {
   if (!EffectManager::filterWithName(name))
-    return fail("unknown effect", name, "the effects are " + presetNames());
+    return usage("unknown effect", name, "the effects are " + presetNames());
   return kExitOk;
 }
 
@@ -365,7 +359,7 @@ int sheet(const EffectsOptions& o) {
   if (!(o.time >= 0)) {
     char text[32];
     std::snprintf(text, sizeof text, "%g", o.time);
-    return fail("bad time", text, "the time must be 0 or more");
+    return usage("bad -t", text, "expected seconds from the start");
   }
   if (const int status = checkOutput(o.output, o.sheet); status != kExitOk)
     return status;

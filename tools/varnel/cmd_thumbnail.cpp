@@ -44,26 +44,28 @@ struct ThumbnailOptions {
   std::string time;
   std::string size = "160x120";
   std::string output;
-  int count = 0;
+  std::optional<int> count;
   bool sheet = false;
   PictureOptions picture;
   SubtitleOptions subtitles;
 };
 
-// "12.5" seconds, or "10%" of the readable length; false when malformed.
-bool parseTime(const std::string& text, double end, double* seconds) {
+// "12.5" seconds, or "10%" of the readable length (100% is the last
+// picture); the reason when malformed.
+std::string parseTime(const std::string& text, double end, double* seconds) {
   char sign = 0, rest = 0;
   double value = 0;
   const int n = std::sscanf(text.c_str(), "%lf%c%c", &value, &sign, &rest);
   if (n == 1) {
     *seconds = value;
-    return true;
+    return {};
   }
-  if (n == 2 && sign == '%' && value >= 0 && value < 100) {
-    *seconds = end * value / 100;
-    return true;
-  }
-  return false;
+  if (n != 2 || sign != '%')
+    return "expected seconds from the start, or a percentage such as 25%";
+  if (!(value >= 0 && value <= 100))
+    return "a percentage is 0% to 100%";
+  *seconds = value < 100 ? end * value / 100 : std::max(0.0, end - 0.001);
+  return {};
 }
 
 // "3.3,9.1,25%" -> its parts; "" -> one empty part (the default time).
@@ -76,10 +78,19 @@ std::vector<std::string> splitTimes(const std::string& text) {
   return parts;
 }
 
-std::string clockText(double seconds) {
-  const int whole = static_cast<int>(seconds);
-  char text[32];
-  std::snprintf(text, sizeof text, "%d:%02d:%02d", whole / 3600, whole / 60 % 60, whole % 60);
+// H:MM:SS, with as many decimals (up to 3) as it takes to tell apart times
+// step seconds apart.
+std::string clockText(double seconds, double step = 1) {
+  const int decimals = step >= 1 ? 0 : step >= 0.1 ? 1 : step >= 0.01 ? 2 : 3;
+  const double scale = std::pow(10, decimals);
+  const long long units = std::llround(std::floor(seconds * scale));
+  const long long whole = units / static_cast<long long>(scale);
+  char text[48];
+  int n = std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60,
+                        whole % 60);
+  if (decimals > 0)
+    std::snprintf(text + n, sizeof text - n, ".%0*lld", decimals,
+                  units % static_cast<long long>(scale));
   return text;
 }
 
@@ -91,12 +102,15 @@ std::optional<FilterImage> thumbnailAt(VNFFMovie& movie,
   const std::optional<vn::BitmapImage> thumb = movie.thumbnailAtTime(microseconds(seconds), box);
   std::optional<FilterImage> image = thumb ? FilterImage::fromBitmap(*thumb) : std::nullopt;
   if (!image)
-    fail("cannot read", path, "no picture could be decoded at " + clockText(seconds));
+    fail("cannot read", path, "no picture could be decoded at " + clockText(seconds, 0.001));
   return image;
 }
 
 // The grid of thumbnails: as square as it gets, cells of the box's size.
-FilterImage sheetOf(const std::vector<std::pair<FilterImage, double>>& thumbs, int w, int h) {
+FilterImage sheetOf(const std::vector<std::pair<FilterImage, double>>& thumbs,
+                    double step,
+                    int w,
+                    int h) {
   const int n = static_cast<int>(thumbs.size());
   const int columns = static_cast<int>(std::ceil(std::sqrt(double(n))));
   const int rows = (n + columns - 1) / columns;
@@ -114,7 +128,8 @@ FilterImage sheetOf(const std::vector<std::pair<FilterImage, double>>& thumbs, i
     const double x = left + std::floor((w - e.width) / 2);
     const double y = top - h + std::floor((h - e.height) / 2);
     sheet = thumb.translated(x - e.x, y - e.y).sourceOver(sheet);
-    const FilterImage label = vn::textImage(clockText(thumbs[i].second), kLabelFont, {1, 1, 1, 1});
+    const FilterImage label =
+        vn::textImage(clockText(thumbs[i].second, step), kLabelFont, {1, 1, 1, 1});
     if (!label.isEmpty()) {
       const Rect l = label.extent();
       sheet =
@@ -133,10 +148,10 @@ int run(const ThumbnailOptions& o) {
   int boxWidth = 0, boxHeight = 0;
   if (!parsePictureSize(o.size, &boxWidth, &boxHeight))
     return usage("bad -s", o.size, "expected WxH with positive numbers");
-  if (o.count < 0 || o.count > kMaxCount)
-    return usage("bad --count", std::to_string(o.count), "expected 1 to 400 thumbnails");
-  if (o.count > 1 && !o.sheet)
-    return usage("bad --count", std::to_string(o.count), "several thumbnails need --sheet");
+  if (o.count && (*o.count < 1 || *o.count > kMaxCount))
+    return usage("bad --count", std::to_string(*o.count), "expected 1 to 400 thumbnails");
+  if (o.count && *o.count > 1 && !o.sheet)
+    return usage("bad --count", std::to_string(*o.count), "several thumbnails need --sheet");
   if (o.sheet && !o.time.empty())
     return usage("bad -t", o.time, "a sheet spreads its thumbnails over the whole movie");
   Input input;
@@ -159,8 +174,11 @@ int run(const ThumbnailOptions& o) {
     const std::vector<std::string> texts = splitTimes(o.time);
     for (const std::string& text : texts) {
       double seconds = extent.end() * kDefaultPercent / 100;
-      if (!text.empty() && !parseTime(text, extent.end(), &seconds))
-        return usage("bad -t", text, "expected seconds from the start, or a percentage");
+      if (text.empty() && texts.size() > 1)
+        return usage("bad -t", o.time, "an empty time between commas");
+      if (const std::string why = text.empty() ? "" : parseTime(text, extent.end(), &seconds);
+          !why.empty())
+        return usage("bad -t", text, why);
       if (const int status = checkTime("-t", seconds, extent, text, o.input); status != kExitOk)
         return status;
       times.push_back(seconds);
@@ -195,7 +213,7 @@ int run(const ThumbnailOptions& o) {
 
   if (const std::string why = unwritableOutput(o.output, o.input); !why.empty())
     return fail("cannot write", o.output, why);
-  const int count = o.count > 0 ? o.count : 9;
+  const int count = o.count.value_or(9);
   std::vector<std::pair<FilterImage, double>> thumbs;
   for (int i = 0; i < count; ++i) {
     const double seconds = extent.end() * (i + 0.5) / count;
@@ -204,7 +222,7 @@ int run(const ThumbnailOptions& o) {
       return kExitFailed;
     thumbs.emplace_back(*thumb, seconds);
   }
-  return writePicture(sheetOf(thumbs, boxWidth, boxHeight), o.output);
+  return writePicture(sheetOf(thumbs, extent.end() / count, boxWidth, boxHeight), o.output);
 }
 
 }  // namespace

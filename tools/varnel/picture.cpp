@@ -151,6 +151,9 @@ int checkTime(const std::string& option,
               const std::string& path) {
   if (!std::isfinite(seconds) || seconds < 0)
     return usage("bad " + option, text, "expected seconds from the start");
+  // Nothing of the video can be read: the file is at fault, at any time.
+  if (extent.end() <= 0)
+    return fail("cannot read", path, "no picture of its video can be decoded");
   if (seconds >= extent.end()) {
     // Inside a file that is cut short, the time is good and the file is
     // not: the work fails.
