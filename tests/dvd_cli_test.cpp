@@ -2,7 +2,9 @@
 // `play`, on the generated discs (tests/fixtures/README.md), with lsdvd as
 // an independent reader of the same structures.
 
+#include <cmath>
 #include <cstdio>
+#include <set>
 #include <sstream>
 
 #include "audio_analysis.h"
@@ -28,7 +30,18 @@ struct LsdvdTitle {
   int vts = 0, ttn = 0, cells = 0;
   std::string format, aspect;
   std::vector<std::string> audio, subtitles;
+  std::vector<std::string> audioCodes, subtitleCodes;
+  double length = 0;             // seconds
+  std::vector<double> chapters;  // each chapter's length, seconds
 };
+
+// "hh:mm:ss.mmm" in seconds.
+double clockSeconds(const std::string& text) {
+  int h = 0, m = 0;
+  double s = 0;
+  EXPECT_EQ(std::sscanf(text.c_str(), "%d:%d:%lf", &h, &m, &s), 3) << text;
+  return h * 3600.0 + m * 60.0 + s;
+}
 
 struct Lsdvd {
   std::string volume;
@@ -47,8 +60,8 @@ std::string field(const std::string& line, const std::string& key, const char* e
 
 Lsdvd lsdvd(const std::string& path) {
   int status = 0;
-  const std::string text =
-      vn::test::runShell("lsdvd -a -s -v " + vn::test::shellQuote(path) + " 2>/dev/null", &status);
+  const std::string text = vn::test::runShell(
+      "lsdvd -a -s -v -c " + vn::test::shellQuote(path) + " 2>/dev/null", &status);
   EXPECT_EQ(status, 0) << text;
   Lsdvd disc;
   std::istringstream lines(text);
@@ -59,6 +72,7 @@ Lsdvd lsdvd(const std::string& path) {
     } else if (line.rfind("Title: ", 0) == 0) {
       disc.titles.push_back({});
       disc.titles.back().cells = std::stoi(field(line, "Cells"));
+      disc.titles.back().length = clockSeconds(field(line, "Length", " "));
     } else if (!indented || disc.titles.empty()) {
       continue;
     } else if (line.find("VTS: ") != std::string::npos) {
@@ -68,11 +82,15 @@ Lsdvd lsdvd(const std::string& path) {
       t.format = field(line, "Format");
       t.aspect = field(line, "Aspect ratio");
     } else if (line.find("\tAudio: ") == 0) {
+      disc.titles.back().audioCodes.push_back(field(line, "Language", " "));
       disc.titles.back().audio.push_back(
           Varnel::displayStringForLanguage(field(line, "Language", " ")));
     } else if (line.find("\tSubtitle: ") == 0) {
+      disc.titles.back().subtitleCodes.push_back(field(line, "Language", " "));
       disc.titles.back().subtitles.push_back(
           Varnel::displayStringForLanguage(field(line, "Language", " ")));
+    } else if (line.find("\tChapter: ") == 0) {
+      disc.titles.back().chapters.push_back(clockSeconds(field(line, "Length")));
     }
   }
   return disc;
@@ -105,15 +123,28 @@ TEST(DvdCliTest, InfoAgreesWithLsdvd) {
       EXPECT_EQ(set["aspect_ratio"], t.aspect == "4/3" ? "4:3" : t.aspect == "16/9" ? "16:9" : "?");
       // A title lists the streams its chain uses, the title set all it has.
       EXPECT_EQ(set["audio_languages"].get<std::vector<std::string>>(), t.audio);
+      EXPECT_EQ(set["audio_language_codes"].get<std::vector<std::string>>(), t.audioCodes);
       auto subtitles = set["subtitle_languages"].get<std::vector<std::string>>();
       subtitles.resize(t.subtitles.size());
       EXPECT_EQ(subtitles, t.subtitles);
+      auto subtitleCodes = set["subtitle_language_codes"].get<std::vector<std::string>>();
+      subtitleCodes.resize(t.subtitleCodes.size());
+      EXPECT_EQ(subtitleCodes, t.subtitleCodes);
       if (t.vts == 1 && t.ttn == 1) {
         EXPECT_EQ(t.subtitles, std::vector<std::string>{"English"});
       }
+      // The playing times the disc states: the title's, and its chapters'
+      // (lsdvd cuts each to whole milliseconds).
       bool found = false;
-      for (const Json& title : set["titles"])
-        found = found || title["title"] == t.ttn;
+      for (const Json& title : set["titles"]) {
+        if (title["title"] != t.ttn)
+          continue;
+        found = true;
+        EXPECT_NEAR(title["playback_time"].get<double>(), t.length, 0.0015);
+        ASSERT_EQ(title["chapters"].size(), t.chapters.size());
+        for (size_t c = 0; c < t.chapters.size(); ++c)
+          EXPECT_NEAR(title["chapters"][c]["length"].get<double>(), t.chapters[c], 0.0015);
+      }
       EXPECT_TRUE(found);
     }
     size_t ours = 0;
@@ -122,22 +153,65 @@ TEST(DvdCliTest, InfoAgreesWithLsdvd) {
     EXPECT_EQ(ours, titlesWithCells);
     EXPECT_EQ(titlesWithCells, 4u);
 
-    // One source per title, the ten-piece title piece by piece.
+    // One source per title, the ten-piece title piece by piece, each
+    // with a name of its own.
     ASSERT_EQ(info["sources"].size(), 13u);
+    std::set<std::string> names;
     for (size_t i = 0; i < info["sources"].size(); ++i) {
       EXPECT_EQ(info["sources"][i]["number"], i + 1);
       EXPECT_GT(info["sources"][i]["duration"].get<double>(), 0.3);
+      names.insert(info["sources"][i]["name"].get<std::string>());
     }
+    EXPECT_EQ(names.size(), 13u);
   }
   // A cut image still lists what it holds.
   EXPECT_EQ(runVarnel({"info", fixture("dvd_truncated.iso")}, {}, 60).status, 0);
   // The table names the same sources.
   const vn::test::CommandResult table = runVarnel({"info", fixture("dvd.iso")});
   EXPECT_EQ(table.status, 0);
-  EXPECT_NE(table.out.find("title set 2: pal 16:9, audio German, Spanish; subtitles none"),
-            std::string::npos)
-      << table.out;
-  EXPECT_NE(table.out.find("13  VARNEL_DVD_2_1"), std::string::npos) << table.out;
+  for (const char* expected :
+       {"title set 2: pal 16:9, audio de (German), es (Spanish); subtitles none",
+        "title 2: 0:00:05.033, 2 chapters", "12  VARNEL_DVD_1_3_10  title set 1, title 3 piece 10",
+        "13  VARNEL_DVD_2_1"}) {
+    EXPECT_NE(table.out.find(expected), std::string::npos) << expected << "\n" << table.out;
+  }
+}
+
+TEST(DvdCliTest, DiscWithoutVobsAndIfoPathsStillTellTheTitles) {
+  // No VOB to read: the lengths come from the IFOs, as lsdvd reads them.
+  const vn::test::CommandResult bare = runVarnel({"info", fixture("dvd_novobs")});
+  ASSERT_EQ(bare.status, 0) << bare.err;
+  const Lsdvd reference = lsdvd(fixture("dvd_novobs"));
+  ASSERT_FALSE(reference.titles.empty());
+  for (const LsdvdTitle& t : reference.titles) {
+    char line[96];
+    std::snprintf(line, sizeof line, "title %d: 0:%02d:%06.3f", t.ttn,
+                  static_cast<int>(t.length) / 60, std::fmod(t.length, 60.0));
+    EXPECT_NE(bare.out.find(line), std::string::npos) << line << "\n" << bare.out;
+  }
+  EXPECT_NE(bare.out.find("no VOB readable"), std::string::npos) << bare.out;
+
+  // An IFO of the disc, in any case, names the disc it belongs to.
+  const Json folder = Json::parse(runVarnel({"info", fixture("dvd_folder"), "--json"}).out);
+  for (const char* ifo : {"VIDEO_TS.IFO", "VTS_02_0.IFO"}) {
+    SCOPED_TRACE(ifo);
+    const std::string path = fixture("dvd_folder") + "/VIDEO_TS/" + ifo;
+    const vn::test::CommandResult r = runVarnel({"info", path, "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json info = Json::parse(r.out, nullptr, false);
+    ASSERT_FALSE(info.is_discarded());
+    EXPECT_EQ(info["path"], path);
+    info["path"] = folder["path"];
+    EXPECT_EQ(info["title_sets"], folder["title_sets"]);
+    EXPECT_EQ(info["sources"].size(), folder["sources"].size());
+  }
+  // A file named .IFO outside a VIDEO_TS folder is read as a media file.
+  const std::string stray = scratch("stray.IFO");
+  vn::test::runShell("cp " + vn::test::shellQuote(fixture("h264_aac.mp4")) + " " +
+                     vn::test::shellQuote(stray));
+  const vn::test::CommandResult media = runVarnel({"info", stray, "--json"});
+  EXPECT_EQ(media.status, 0) << media.err;
+  EXPECT_EQ(Json::parse(media.out, nullptr, false)["format"], "mov,mp4,m4a,3gp,3g2,mj2");
 }
 
 TEST(DvdCliTest, ConvertedTitleHasItsLengthSoundAndPictures) {

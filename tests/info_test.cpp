@@ -29,6 +29,23 @@ std::vector<std::string> fixtureNames() {
   return names;
 }
 
+// ffprobe's streams, format and chapters of a file.
+json probe(const std::string& path) {
+  return json::parse(vn::test::runShell("ffprobe -v error -show_streams -show_format "
+                                        "-show_chapters -of json " +
+                                        vn::test::shellQuote(path)),
+                     nullptr, false);
+}
+
+// A value ffprobe gives as a string, or null when it leaves it out.
+json probed(const json& object, const char* key) {
+  return object.contains(key) ? object[key] : json(nullptr);
+}
+
+json tagsOf(const json& object) {
+  return object.contains("tags") ? object["tags"] : json::object();
+}
+
 }  // namespace
 
 TEST(InfoTest, AgreesWithFfprobeOnEveryFixture) {
@@ -47,7 +64,7 @@ TEST(InfoTest, AgreesWithFfprobeOnEveryFixture) {
       EXPECT_TRUE(info.err.empty()) << info.err;
     }
     const json ours = json::parse(info.out, nullptr, false);
-    const json theirs = vn::test::ffprobe(path);
+    const json theirs = probe(path);
     ASSERT_FALSE(ours.is_discarded() || theirs.is_discarded());
 
     EXPECT_EQ(ours["path"], path);
@@ -62,6 +79,24 @@ TEST(InfoTest, AgreesWithFfprobeOnEveryFixture) {
       EXPECT_NEAR(ours["start_time"].get<double>(),
                   std::stod(theirs["format"]["start_time"].get<std::string>()), 0.0005);
     }
+    if (theirs["format"].contains("bit_rate")) {
+      EXPECT_EQ(ours["bit_rate"].dump(), theirs["format"]["bit_rate"].get<std::string>());
+    } else {
+      EXPECT_TRUE(ours["bit_rate"].is_null());
+    }
+    EXPECT_EQ(ours["tags"], tagsOf(theirs["format"]));
+
+    // Chapters: the same times, titles and tags.
+    ASSERT_EQ(ours["chapters"].size(), theirs["chapters"].size());
+    for (size_t c = 0; c < ours["chapters"].size(); ++c) {
+      const json& a = ours["chapters"][c];
+      const json& b = theirs["chapters"][c];
+      EXPECT_EQ(a["id"], b["id"]);
+      EXPECT_NEAR(a["start"].get<double>(), std::stod(b["start_time"].get<std::string>()), 1e-6);
+      EXPECT_NEAR(a["end"].get<double>(), std::stod(b["end_time"].get<std::string>()), 1e-6);
+      EXPECT_EQ(a["tags"], tagsOf(b));
+      EXPECT_EQ(a["title"], probed(tagsOf(b), "title"));
+    }
 
     const json& streams = ours["streams"];
     ASSERT_EQ(streams.size(), theirs["streams"].size());
@@ -72,24 +107,62 @@ TEST(InfoTest, AgreesWithFfprobeOnEveryFixture) {
       EXPECT_EQ(a["index"], b["index"]);
       EXPECT_EQ(a["type"], b["codec_type"]);
       EXPECT_EQ(a["codec"], b["codec_name"]);
-      const std::string tag = b.contains("tags") && b["tags"].contains("language")
-                                  ? b["tags"]["language"].get<std::string>()
-                                  : "";
-      EXPECT_EQ(a["language"], Varnel::displayStringForLanguage(tag));
+      // The code as stored; its name, or "unknown" when none is stated.
+      const std::string tag = tagsOf(b).value("language", "");
+      EXPECT_EQ(a["language_code"], tag);
+      if (tag.empty() || tag == "und") {
+        EXPECT_EQ(a["language"], "unknown");
+      } else {
+        EXPECT_EQ(a["language"], Varnel::displayStringForLanguage(tag));
+      }
+      EXPECT_EQ(a["tags"], tagsOf(b));
+      EXPECT_EQ(a["title"], probed(tagsOf(b), "title"));
+      // Stored rates are equal; a decoder's estimate from the first
+      // packets (AAC in a transport stream) depends on how many were read.
+      if (b.contains("bit_rate")) {
+        const double given = std::stod(b["bit_rate"].get<std::string>());
+        EXPECT_NEAR(a["bit_rate"].get<double>(), given, given * 0.01);
+      } else {
+        EXPECT_TRUE(a["bit_rate"].is_null());
+      }
       if (a["type"] == "video") {
         EXPECT_EQ(a["width"], b["width"]);
         EXPECT_EQ(a["height"], b["height"]);
         EXPECT_EQ(a["pix_fmt"], b["pix_fmt"]);
+        // Rates exact, as fractions; the one shown is the average one when
+        // the container knows it.
+        EXPECT_EQ(a["r_frame_rate"], b["r_frame_rate"]);
+        EXPECT_EQ(a["avg_frame_rate"], b["avg_frame_rate"]);
+        EXPECT_EQ(a["frame_rate"],
+                  b["avg_frame_rate"] != "0/0" ? b["avg_frame_rate"] : b["r_frame_rate"]);
+        EXPECT_EQ(a["sample_aspect_ratio"], probed(b, "sample_aspect_ratio"));
+        EXPECT_EQ(a["display_aspect_ratio"], probed(b, "display_aspect_ratio"));
+        for (const char* key :
+             {"color_range", "color_space", "color_transfer", "color_primaries"}) {
+          const json given = probed(b, key);
+          EXPECT_EQ(a[key], given == "unknown" ? json(nullptr) : given) << key;
+        }
+        json rotation = nullptr;
+        for (const json& side : b.value("side_data_list", json::array())) {
+          if (side.contains("rotation"))
+            rotation = side["rotation"];
+        }
+        EXPECT_EQ(a["rotation"], rotation);
       } else if (a["type"] == "audio") {
         EXPECT_EQ(a["sample_rate"].get<int>(), std::stoi(b["sample_rate"].get<std::string>()));
         EXPECT_EQ(a["channels"], b["channels"]);
         EXPECT_EQ(a["sample_fmt"], b["sample_fmt"]);
       }
-      // Cover pictures are never a video track.
+      // Cover pictures are never a video track, but an attachment.
       const bool cover = b.contains("disposition") && b["disposition"]["attached_pic"] == 1;
+      EXPECT_EQ(a["attached_pic"], cover);
       if (cover) {
         EXPECT_EQ(a["enabled"], false);
       }
+      bool attached = false;
+      for (const json& attachment : ours["attachments"])
+        attached = attached || attachment["index"] == a["index"];
+      EXPECT_EQ(attached, cover || b["codec_type"] == "attachment");
     }
 
     // Every enabled stream belongs to exactly one media, and each media
@@ -122,5 +195,36 @@ TEST(InfoTest, TableOfAFileWithSeveralTracks) {
         "video  at 0.000 s, streams 0", "audio  at 0.000 s, streams 1,2,3",
         "audio names:    English, French, German"}) {
     EXPECT_NE(info.out.find(expected), std::string::npos) << expected << "\n" << info.out;
+  }
+}
+
+TEST(InfoTest, TableTellsTheFactsUsersLookFor) {
+  struct Case {
+    const char* name;
+    std::vector<const char*> shown, absent;
+  } cases[] = {
+      {"info_facts.mkv",
+       {"title: Facts of a film", "ARTIST: varnel", "Main picture",
+        "320x240 yuv420p 12.5 fps, SAR 4:3 DAR 16:9",
+        "primaries bt709 transfer bt709 matrix bt709 range tv", "flac    unknown   Tone, untagged",
+        "subrip  French", "cover picture, png 64x64, cover.png", " 1  0.000 s - 1.500 s  Opening",
+        " 2  1.500 s - 4.000 s  The end", "audio names:    unknown", "subtitle names: French"},
+       {"English", "  3  video"}},
+      {"info_rotated.mp4",
+       {"160x120 yuv420p 23.976 fps", "rotation -90°", "aac    unknown"},
+       {"English", "mirrored", "chapters:"}},
+      {"h264_23976.mp4", {"23.976 fps"}, {}},
+      {"mp3_cover.mp3",
+       {"cover picture, png 240x240, Cover (front)", "audio names:    unknown"},
+       {"video", "fps"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const vn::test::CommandResult info = vn::test::runVarnel({"info", fixture(c.name)});
+    ASSERT_EQ(info.status, 0) << info.err;
+    for (const char* expected : c.shown)
+      EXPECT_NE(info.out.find(expected), std::string::npos) << expected << "\n" << info.out;
+    for (const char* unexpected : c.absent)
+      EXPECT_EQ(info.out.find(unexpected), std::string::npos) << unexpected << "\n" << info.out;
   }
 }

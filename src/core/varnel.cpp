@@ -44,6 +44,17 @@ std::string displayName(const std::string& code) {
 
 }  // namespace
 
+std::string Varnel::knownLanguageName(const std::string& code) {
+  // "und" is the code for "no language stated", whatever name ICU has for it.
+  if (code == "und")
+    return {};
+  if (std::string name = displayName(code); !name.empty())
+    return name;
+  if (code.size() >= 3)
+    return displayName(code.substr(0, 2));
+  return {};
+}
+
 std::string Varnel::displayStringForLanguage(const std::string& code) {
   if (std::string name = displayName(code); !name.empty())
     return name;

@@ -15,6 +15,12 @@ class Varnel {
   // untagged stream shows as English. Any thread.
   static std::string displayStringForLanguage(const std::string& code);
 
+  // The same name without the fallback: the name of the code as it is, else
+  // of its first two characters; empty when the locale names neither (an
+  // empty code, "und", "xx"). For callers that must not present a guess as
+  // a stream's language. Any thread.
+  static std::string knownLanguageName(const std::string& code);
+
   // One-time set-up of the media libraries; safe to call from any thread
   // any number of times. Every entry point that opens media calls it.
   static void initialize();

@@ -31,8 +31,8 @@ std::string textOf(const std::vector<std::string>& list) {
 }
 
 // A language code as the disc stores it (two letters in 16 bits, 0xFFFF
-// for none) to its display name.
-std::string languageName(uint16_t code) {
+// for none) as text; empty for none.
+std::string languageCode(uint16_t code) {
   if (code == 0xFFFF)
     code = 0;
   std::string letters;
@@ -41,7 +41,7 @@ std::string languageName(uint16_t code) {
       break;
     letters += c;
   }
-  return Varnel::displayStringForLanguage(letters);
+  return letters;
 }
 
 int bcd(uint8_t value) {
@@ -126,6 +126,30 @@ void addMedias(VNDVDTitleSet& set, const c_adt_t& cells) {
     media->sector_count = std::min(media->sector_count, kNoSector - media->start_sector);
 }
 
+// How long each program of a chain plays: the times of its cells, from its
+// first cell up to the next program's first cell (a cell of an angle
+// block counted once, by the block's first cell).
+static std::vector<int64_t> chapterTimes(const pgc_t& chain) {
+  std::vector<int64_t> times;
+  if (!chain.program_map || !chain.cell_playback)
+    return times;
+  for (uint8_t p = 0; p < chain.nr_of_programs; ++p) {
+    const int first = chain.program_map[p];
+    const int next =
+        p + 1 < chain.nr_of_programs ? chain.program_map[p + 1] : chain.nr_of_cells + 1;
+    int64_t time = 0;
+    for (int cell = first; cell < next && cell >= 1 && cell <= chain.nr_of_cells; ++cell) {
+      const cell_playback_t& c = chain.cell_playback[cell - 1];
+      // In an angle block only the first cell counts (block mode 1: first).
+      if (c.block_type == 1 && c.block_mode != 1)
+        continue;
+      time += microseconds(c.playback_time);
+    }
+    times.push_back(time);
+  }
+  return times;
+}
+
 void addTitles(VNDVDTitleSet& set, const pgcit_t& chains) {
   for (uint16_t k = 0; k < chains.nr_of_pgci_srp && chains.pgci_srp; ++k) {
     const pgc_t* chain = chains.pgci_srp[k].pgc;
@@ -142,6 +166,7 @@ void addTitles(VNDVDTitleSet& set, const pgcit_t& chains) {
     for (size_t i = 0; i < title->palette.size(); ++i)
       title->palette[i] = chain->palette[i];
     title->playback_time = microseconds(chain->playback_time);
+    title->chapters = chapterTimes(*chain);
     title->start_sector = static_cast<int32_t>(first);
     title->sector_count = static_cast<int32_t>(last + 1 - first);
     set.titles.push_back(std::move(title));
@@ -266,9 +291,13 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
         break;
     }
     for (int i = 0; i < std::min<int>(info.nr_of_vts_audio_streams, 8); ++i)
-      set->audioLanguages.push_back(languageName(info.vts_audio_attr[i].lang_code));
+      set->audioLanguageCodes.push_back(languageCode(info.vts_audio_attr[i].lang_code));
     for (int i = 0; i < std::min<int>(info.nr_of_vts_subp_streams, 32); ++i)
-      set->subtitleLanguages.push_back(languageName(info.vts_subp_attr[i].lang_code));
+      set->subtitleLanguageCodes.push_back(languageCode(info.vts_subp_attr[i].lang_code));
+    for (const std::string& code : set->audioLanguageCodes)
+      set->audioLanguages.push_back(Varnel::displayStringForLanguage(code));
+    for (const std::string& code : set->subtitleLanguageCodes)
+      set->subtitleLanguages.push_back(Varnel::displayStringForLanguage(code));
     if (ifo->vts_c_adt)
       vn::dvd::addMedias(*set, *ifo->vts_c_adt);
     if (ifo->vts_pgcit)

@@ -53,6 +53,9 @@ class VNDVDTitle {
   // How long the chain plays, as the disc states it, in microseconds (0
   // when it states none).
   int64_t playback_time = 0;
+  // How long each chapter (program) of the chain plays, in order, as the
+  // disc states its cells' times, in microseconds.
+  std::vector<int64_t> chapters;
 
   // sector_count × 2048 bytes.
   int64_t filesize() const;
@@ -70,6 +73,10 @@ class VNDVDTitleSet {
   std::vector<std::shared_ptr<VNDVDMedia>> medias;
   std::optional<std::string> dvdFormat;     // "ntsc", "pal" or none
   std::vector<std::string> audioLanguages;  // display names, in stream order
+  // The language codes as the disc stores them ("en", "xx"), in stream
+  // order; empty for a stream that states none.
+  std::vector<std::string> audioLanguageCodes;
+  std::vector<std::string> subtitleLanguageCodes;
 
   // medias[index]; none when index is not below their count.
   std::shared_ptr<VNDVDMedia> mediaForVob(uint32_t index) const;

@@ -154,9 +154,12 @@ float VNFFMediaStream::framerate() const {
 }
 
 std::string VNFFMediaStream::language() const {
+  return Varnel::displayStringForLanguage(languageCode());
+}
+
+std::string VNFFMediaStream::languageCode() const {
   const AVDictionaryEntry* entry = av_dict_get(stream_->metadata, "language", nullptr, 0);
-  const char* code = entry && entry->key && entry->value ? entry->value : "";
-  return Varnel::displayStringForLanguage(code);
+  return entry && entry->value ? entry->value : "";
 }
 
 std::string VNFFMediaStream::codecName() const {

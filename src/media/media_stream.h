@@ -76,6 +76,9 @@ class VNFFMediaStream {
   // Display name of the stream's language tag in the user's locale; an
   // untagged stream reads as English.
   std::string language() const;
+  // The stream's language tag as the container stores it ("eng", "fre",
+  // "und"); empty when untagged.
+  std::string languageCode() const;
   // Short name of the opened decoder; empty when not open.
   std::string codecName() const;
   // Audio: {sample format, effective channel mask, rate}; else {-1, 0, 0}.

@@ -74,12 +74,61 @@ std::string sizeText(int64_t bytes) {
   return text;
 }
 
+// How long the VOBs read play, or that they cannot be read.
 std::string durationText(const Json& seconds) {
   if (seconds.get<double>() <= 0)
-    return "nothing readable";
+    return "no VOB readable";
   char text[32];
-  std::snprintf(text, sizeof text, "%.3f s", seconds.get<double>());
+  std::snprintf(text, sizeof text, "reads %.3f s", seconds.get<double>());
   return text;
+}
+
+// A playing time as a disc states it: h:mm:ss.mmm.
+std::string clockText(double seconds) {
+  const auto ms = static_cast<int64_t>(std::llround(seconds * 1000.0));
+  char text[48];
+  std::snprintf(text, sizeof text, "%lld:%02lld:%02lld.%03lld",
+                static_cast<long long>(ms / 3600000), static_cast<long long>(ms / 60000 % 60),
+                static_cast<long long>(ms / 1000 % 60), static_cast<long long>(ms % 1000));
+  return text;
+}
+
+// A track's language for the user: its name, "unknown" when the disc
+// states none or a code no language has ("xx"), with the code as stored.
+std::string languageText(const std::string& code) {
+  const std::string name = Varnel::knownLanguageName(code);
+  if (code.empty())
+    return "unknown";
+  return code + " (" + (name.empty() ? "unknown" : name) + ")";
+}
+
+Json languageNames(const std::vector<std::string>& codes) {
+  Json names = Json::array();
+  for (const std::string& code : codes) {
+    const std::string name = Varnel::knownLanguageName(code);
+    names.push_back(name.empty() ? "unknown" : name);
+  }
+  return names;
+}
+
+std::string languagesText(const Json& codes) {
+  std::string text;
+  for (const auto& code : codes)
+    text += (text.empty() ? "" : ", ") + languageText(code.get<std::string>());
+  return text.empty() ? "none" : text;
+}
+
+// The path of the disc a path names: the VIDEO_TS folder of an .IFO file
+// in one, else the path itself.
+std::string discPathOf(const std::string& path) {
+  const std::filesystem::path file(path);
+  if (lowered(file.extension().string()) == ".ifo" &&
+      lowered(file.parent_path().filename().string()) == "video_ts") {
+    struct stat info {};
+    if (stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
+      return file.parent_path().string();
+  }
+  return path;
 }
 
 void printDisc(const Json& out) {
@@ -92,22 +141,34 @@ void printDisc(const Json& out) {
         set["format"].is_null() ? "unknown standard" : set["format"].get<std::string>().c_str(),
         set["aspect_ratio"].is_null() ? "unknown aspect"
                                       : set["aspect_ratio"].get<std::string>().c_str(),
-        listText(set["audio_languages"]).c_str(), listText(set["subtitle_languages"]).c_str());
+        languagesText(set["audio_language_codes"]).c_str(),
+        languagesText(set["subtitle_language_codes"]).c_str());
     for (const auto& t : set["titles"]) {
-      std::printf("  title %d: sectors %d-%d (%s), %d VOB piece%s, %s\n", t["title"].get<int>(),
-                  t["start_sector"].get<int>(),
+      const size_t chapters = t["chapters"].size();
+      std::printf("  title %d: %s, %zu chapter%s, sectors %d-%d (%s), %d VOB piece%s, %s\n",
+                  t["title"].get<int>(), clockText(t["playback_time"].get<double>()).c_str(),
+                  chapters, chapters == 1 ? "" : "s", t["start_sector"].get<int>(),
                   t["start_sector"].get<int>() + t["sector_count"].get<int>() - 1,
                   sizeText(t["size"].get<int64_t>()).c_str(), t["pieces"].get<int>(),
                   t["pieces"].get<int>() == 1 ? "" : "s", durationText(t["duration"]).c_str());
+      std::string lengths;
+      for (const auto& c : t["chapters"])
+        lengths += (lengths.empty() ? "" : ", ") + clockText(c["length"].get<double>());
+      if (!lengths.empty())
+        std::printf("    chapters: %s\n", lengths.c_str());
     }
     if (set["titles"].empty())
       std::printf("  no titles\n");
   }
   std::printf("\nsources (--title N):\n");
   for (const auto& s : out["sources"]) {
-    std::printf("  %2d  %s  title set %d, title %d, sectors %d-%d, %s\n", s["number"].get<int>(),
-                s["name"].get<std::string>().c_str(), s["title_set"].get<int>(),
-                s["title"].get<int>(), s["start_sector"].get<int>(),
+    const std::string length =
+        s["playback_time"].is_null() ? "" : clockText(s["playback_time"].get<double>()) + ", ";
+    std::printf("  %2d  %s  title set %d, title %d%s, %ssectors %d-%d, %s\n",
+                s["number"].get<int>(), s["name"].get<std::string>().c_str(),
+                s["title_set"].get<int>(), s["title"].get<int>(),
+                s["piece"].is_null() ? "" : (" piece " + s["piece"].dump()).c_str(), length.c_str(),
+                s["start_sector"].get<int>(),
                 s["start_sector"].get<int>() + s["sector_count"].get<int>() - 1,
                 durationText(s["duration"]).c_str());
   }
@@ -117,7 +178,8 @@ void printDisc(const Json& out) {
 
 }  // namespace
 
-bool isDiscPath(const std::string& path) {
+bool isDiscPath(const std::string& given) {
+  const std::string path = discPathOf(given);
   struct stat info {};
   if (stat(path.c_str(), &info) != 0)
     return false;
@@ -127,7 +189,8 @@ bool isDiscPath(const std::string& path) {
   return S_ISREG(info.st_mode) && (extension == ".iso" || extension == ".img");
 }
 
-std::shared_ptr<VNDVD> openDisc(const std::string& path, std::string* reason) {
+std::shared_ptr<VNDVD> openDisc(const std::string& given, std::string* reason) {
+  const std::string path = discPathOf(given);
   struct stat info {};
   if (stat(path.c_str(), &info) != 0) {
     *reason = std::strerror(errno);
@@ -198,8 +261,10 @@ int discInfo(const std::string& path, bool json) {
     s["title_set"] = set->title_set;
     s["format"] = orNull(set->dvdFormat);
     s["aspect_ratio"] = orNull(set->display_aspect_ratio);
-    s["audio_languages"] = set->audioLanguages;
-    s["subtitle_languages"] = set->subtitleLanguages;
+    s["audio_languages"] = languageNames(set->audioLanguageCodes);
+    s["subtitle_languages"] = languageNames(set->subtitleLanguageCodes);
+    s["audio_language_codes"] = set->audioLanguageCodes;
+    s["subtitle_language_codes"] = set->subtitleLanguageCodes;
     s["vobs"] = Json::array();
     for (size_t i = 0; i < set->medias.size(); ++i) {
       s["vobs"].push_back({{"vob", i + 1},
@@ -210,27 +275,47 @@ int discInfo(const std::string& path, bool json) {
     for (const auto& title : set->titles) {
       const TitleTimes& t = times[title.get()] = titleTimes(disc, set, title);
       const size_t pieces = VNDVDSource::create(disc, set, title)->dvdMediaSources().size();
+      Json chapters = Json::array();
+      double start = 0;
+      for (const int64_t length : title->chapters) {
+        chapters.push_back({{"chapter", chapters.size() + 1},
+                            {"start", start},
+                            {"length", vn_ff_time_to_double(length)}});
+        start += vn_ff_time_to_double(length);
+      }
       s["titles"].push_back({{"title", title->title + 1},
                              {"start_sector", title->start_sector},
                              {"sector_count", title->sector_count},
                              {"size", title->filesize()},
                              {"pieces", pieces},
                              {"playback_time", vn_ff_time_to_double(title->playback_time)},
-                             {"duration", t.duration}});
+                             {"duration", t.duration},
+                             {"chapters", chapters}});
     }
     out["title_sets"].push_back(s);
   }
   out["sources"] = Json::array();
   int number = 0;
+  std::map<const VNDVDTitle*, int> piecesSeen;
   for (const auto& source : disc->titleSources()) {
     const TitleTimes& t = times[source->title().get()];
     double duration = t.duration;
+    // The pieces of a title offered one by one are told apart by their
+    // number in the title; the disc states no time of its own for a piece.
+    Json piece = nullptr;
+    Json playbackTime = vn_ff_time_to_double(source->title()->playback_time);
+    std::string name = source->name();
     if (source->media()) {
-      const auto piece = t.pieces.find(source->start_sector());
-      duration = piece == t.pieces.end() ? 0 : piece->second;
+      const auto found = t.pieces.find(source->start_sector());
+      duration = found == t.pieces.end() ? 0 : found->second;
+      piece = ++piecesSeen[source->title().get()];
+      name += "_" + piece.dump();
+      playbackTime = nullptr;
     }
     out["sources"].push_back({{"number", ++number},
-                              {"name", source->name()},
+                              {"name", name},
+                              {"piece", piece},
+                              {"playback_time", playbackTime},
                               {"title_set", source->title_set()->title_set},
                               {"title", source->title()->title + 1},
                               {"start_sector", source->start_sector()},

@@ -15,7 +15,8 @@
 namespace varnel_cli {
 
 // Whether path names a disc rather than a media file: a folder (the disc's
-// root or its VIDEO_TS folder), a block device, or an .iso or .img image.
+// root or its VIDEO_TS folder), a block device, an .iso or .img image, or
+// an .IFO file in a VIDEO_TS folder (taken as that folder).
 bool isDiscPath(const std::string& path);
 
 // The disc at path; null with a one-line reason when it is not a DVD-Video
