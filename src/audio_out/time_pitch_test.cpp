@@ -9,8 +9,8 @@
 
 namespace {
 
-// A stream every frame of which can be recognised: frame i holds
-// (i + 1) / 65536 on the left and its negative on the right.
+// A stream every frame of which can be recognised: frame i holds (i + 1) / 65536 on the left and
+// its negative on the right.
 struct RampSource {
   static float sample(int64_t frame, int channel) {
     const float v = static_cast<float>(frame + 1) / 65536.0f;
@@ -53,8 +53,8 @@ TEST(TimePitchTest, NormalRateIsExactBeforeAndAfterStretching) {
     EXPECT_EQ(source.next, first + frames);
   }
 
-  // While stretching, a call takes only its share of input, in whole slices,
-  // even while the stretcher is still filling up.
+  // While stretching, a call takes only its share of input, in whole slices, even while the
+  // stretcher is still filling up.
   stretch.setRate(1.5f);
   for (int i = 0; i < 40; ++i) {
     const int64_t before = source.next;

@@ -203,8 +203,8 @@ TEST(ArrayFilterTest, AppliesItsFiltersInOrder) {
   EXPECT_DOUBLE_EQ(same->extent().y, 5);
   EXPECT_EQ(same->render(), in.render());
 
-  // "filters" set by key reaches the list; order matters (invert, then
-  // darken, is not darken, then invert).
+  // "filters" set by key reaches the list; order matters (invert, then darken, is not darken, then
+  // invert).
   std::shared_ptr<ImageFilter> invert = ImageFilter::withName("ColorInvert");
   std::shared_ptr<ImageFilter> darken = ImageFilter::withName("ExposureAdjust");
   darken->setValue(vn::kInputEVKey, -1.0);

@@ -24,8 +24,7 @@ using vn::test::Raster;
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
 
-// A mid-grey picture, of the media's size unless asked, the top `whiteRows`
-// rows white.
+// A mid-grey picture, of the media's size unless asked, the top `whiteRows` rows white.
 vn::ff::Frame greyFrame(int whiteRows = 0, int width = kWidth, int height = kHeight) {
   return vn::test::yuvFrame(width, height, 128, whiteRows);
 }
@@ -47,8 +46,8 @@ Raster rendered(const FilterImage& image, vn::ImageRenderStats* stats = nullptr)
   return r;
 }
 
-// Black, or the soft edge of a grey picture that covers less than half of
-// the pixel (blended in linear light).
+// Black, or the soft edge of a grey picture that covers less than half of the pixel (blended in
+// linear light).
 bool black(const uint8_t* p) {
   return p[0] < 64 && p[1] < 64 && p[2] < 64;
 }
@@ -182,8 +181,7 @@ TEST(EffectVideoStreamTest, WatermarkShowsOnTheBackgroundAndFlipsEqualAHalfTurn)
   stream->setZoomType(0);
   stream->writeFrame(frame);
   const Raster r = rendered(*stream->currentEffectImage());
-  // Picture space is y up: the mark's rows 20..27 are rows 212..219 from
-  // the top.
+  // Picture space is y up: the mark's rows 20..27 are rows 212..219 from the top.
   EXPECT_EQ(r.at(10, 212)[0], 255);
   EXPECT_EQ(r.at(25, 219)[0], 255);
   EXPECT_TRUE(black(r.at(9, 212)));
@@ -198,8 +196,7 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   EXPECT_FALSE(idle->currentImage());
   EXPECT_FALSE(idle->currentEffectImage());
 
-  // A converter asked for before the picture format was known is made for
-  // the first picture.
+  // A converter asked for before the picture format was known is made for the first picture.
   auto unknown = VNFFEffectVideoStream::create();
   unknown->setOutputFormat({AV_PIX_FMT_RGBA, kWidth, kHeight});
   unknown->updateConverter();
@@ -270,8 +267,7 @@ TEST(EffectVideoStreamTest, AComposedFrameRendersInOneResamplingAndOneColourPass
   vn::ImageRenderStats stats;
   const Raster r = rendered(*stream->currentEffectImage(), &stats);
   EXPECT_EQ(r.width, 1280);
-  // The picture's crop, turn, flip and zoom are one resampling; the
-  // watermark is laid as it is.
+  // The picture's crop, turn, flip and zoom are one resampling; the watermark is laid as it is.
   EXPECT_EQ(stats.resamplingPasses, 2);
   EXPECT_EQ(stats.colorPasses, 1);
   EXPECT_EQ(stats.materialized, 0);
@@ -300,15 +296,13 @@ TEST(EffectVideoStreamTest, RectanglesFitAndColourControlsScale) {
     EXPECT_TRUE(near(VNFFEffectVideoStream::scaleRectPanscan(f.a, f.b), f.panscan));
     EXPECT_TRUE(near(VNFFMovie::scaleRect(f.a, f.b), f.movie));
   }
-  // The movie never enlarges more than a hundredfold; the stream's floor is
-  // a thousandfold.
+  // The movie never enlarges more than a hundredfold; the stream's floor is a thousandfold.
   const Rect tiny{0, 0, 10, 10}, huge{0, 0, 10000, 10000};
   EXPECT_NEAR(VNFFMovie::scaleRect(tiny, huge).width, 10 / double(0.01f), 1e-6);
   EXPECT_NEAR(VNFFMovie::scaleRect(tiny, huge).x, (10000 - 10 / double(0.01f)) / 2, 1e-6);
   EXPECT_NEAR(VNFFEffectVideoStream::scaleRect(tiny, huge).width, 10 / double(0.001f), 1e-6);
 
-  // Hue turns by 6.28 per unit, not 2π; the other controls map to their
-  // filters' ranges.
+  // Hue turns by 6.28 per unit, not 2π; the other controls map to their filters' ranges.
   auto stream = VNFFEffectVideoStream::create();
   auto values = [&] {
     const vn::FilterList filters = stream->colorFilter();

@@ -18,8 +18,8 @@ extern "C" {
 
 namespace {
 
-// A preset that, when the composition takes its copy (half-way through a
-// picture), calls back; it changes nothing in the picture.
+// A preset that, when the composition takes its copy (half-way through a picture), calls back; it
+// changes nothing in the picture.
 class Hook final : public vn::ImageFilter {
  public:
   explicit Hook(std::function<void()> onCopy) : ImageFilter("Hook"), onCopy_(std::move(onCopy)) {}
@@ -33,10 +33,9 @@ class Hook final : public vn::ImageFilter {
   std::function<void()> onCopy_;
 };
 
-// Settings changed together while pictures are composed, by another thread
-// and by the composition's own preset half-way through it: every picture
-// shows all of the settings it started with, never the crop of one value
-// with the flip or the watermark of the other.
+// Settings changed together while pictures are composed, by another thread and by the composition's
+// own preset half-way through it: every picture shows all of the settings it started with, never
+// the crop of one value with the flip or the watermark of the other.
 TEST(PictureSettingsTest, ACompositionSeesOneWholeValue) {
   constexpr int kWidth = 320, kHeight = 240, kOutW = 32, kOutH = 24;
   // Grey with its top quarter white.
@@ -52,9 +51,8 @@ TEST(PictureSettingsTest, ACompositionSeesOneWholeValue) {
       std::memset(frame->data[p] + y * frame->linesize[p], 128, kWidth / 2);
   }
 
-  // whole: the whole picture, upright; rows (top first) 0-5 white.
-  // topHalf: the top half upside down under a white strip; rows 8-9 and
-  // 12-23 white. Any mix of the two gives another pattern.
+  // whole: the whole picture, upright; rows (top first) 0-5 white. topHalf: the top half upside
+  // down under a white strip; rows 8-9 and 12-23 white. Any mix of the two gives another pattern.
   PictureSettings whole;
   whole.outputFormat = {AV_PIX_FMT_RGBA, kOutW, kOutH};
   whole.zoomType = VNFFEffectVideoStream::kZoomStretch;

@@ -1,5 +1,5 @@
-// The text subtitle of the effect stream: layout, placement, cache, and its
-// place in the composed frame.
+// The text subtitle of the effect stream: layout, placement, cache, and its place in the composed
+// frame.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,8 +26,7 @@ using vn::test::Raster;
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
 
-// A stream with an output of w x h and no picture: the subtitle needs only
-// the output size.
+// A stream with an output of w x h and no picture: the subtitle needs only the output size.
 std::shared_ptr<VNFFEffectVideoStream> stream(int w = kWidth, int h = kHeight) {
   auto s = VNFFEffectVideoStream::create();
   s->setOutputFormat({AV_PIX_FMT_RGBA, w, h});
@@ -35,8 +34,8 @@ std::shared_ptr<VNFFEffectVideoStream> stream(int w = kWidth, int h = kHeight) {
   return s;
 }
 
-// The image over its extent's whole pixels (a subtitle centred across the
-// frame may start half way into one).
+// The image over its extent's whole pixels (a subtitle centred across the frame may start half way
+// into one).
 Raster rendered(const FilterImage& image) {
   const Rect e = image.extent();
   const double left = std::floor(e.x), bottom = std::floor(e.y);
@@ -122,8 +121,8 @@ TEST(SubtitleDrawingTest, TextIsPlacedByPositionWrappedAndClampedToTheFrame) {
     if (!c.shown)
       continue;
     const Rect e = image->extent();
-    // Bottom edge at the position's height; never wider than the frame, nor
-    // taller than the room above the position.
+    // Bottom edge at the position's height; never wider than the frame, nor taller than the room
+    // above the position.
     EXPECT_DOUBLE_EQ(e.y, c.position * kHeight);
     EXPECT_LE(e.width, kWidth);
     const double room = (1 - c.position) * kHeight;
@@ -158,8 +157,8 @@ TEST(SubtitleDrawingTest, ATextIsDrawnOncePerDistinctTextAndSetting) {
   // The same text: the cached image.
   subtitleFor(*s, "Hello");
   EXPECT_EQ(s->subtitleRenderCount(), 1);
-  // No text shows nothing and keeps the cache; the text coming back after
-  // the gap is not drawn again.
+  // No text shows nothing and keeps the cache; the text coming back after the gap is not drawn
+  // again.
   EXPECT_FALSE(subtitleFor(*s, ""));
   s->setSubtitleCurrentString(std::nullopt);
   EXPECT_FALSE(s->currentSubtitleImage());
@@ -181,8 +180,8 @@ TEST(SubtitleDrawingTest, ATextIsDrawnOncePerDistinctTextAndSetting) {
 }
 
 TEST(SubtitleDrawingTest, OutlineAndShadowMakeWhiteTextReadableOnWhite) {
-  // Dark pixels in the drawn text: none for the bare look; around the
-  // glyphs with an outline; below and to the right with a shadow.
+  // Dark pixels in the drawn text: none for the bare look; around the glyphs with an outline; below
+  // and to the right with a shadow.
   const auto dark = [](const uint8_t* p) {
     return p[3] > 128 && p[0] < 60 && p[1] < 60 && p[2] < 60;
   };
@@ -200,8 +199,8 @@ TEST(SubtitleDrawingTest, OutlineAndShadowMakeWhiteTextReadableOnWhite) {
     EXPECT_EQ(!edge.empty(), c.darkPixels) << c.outline << " " << c.shadow;
     if (edge.empty())
       continue;
-    // The dark ring reaches past the glyphs by the outline width (plus the
-    // shadow's offset to the right and below).
+    // The dark ring reaches past the glyphs by the outline width (plus the shadow's offset to the
+    // right and below).
     EXPECT_NEAR(glyphs.left - edge.left, c.outline > 0 ? c.outline : -c.shadow, 1.5);
     EXPECT_NEAR(edge.right - glyphs.right, c.outline + c.shadow, 1.5);
     EXPECT_NEAR(edge.bottom - glyphs.bottom, c.outline + c.shadow, 1.5);
@@ -217,8 +216,7 @@ TEST(SubtitleDrawingTest, TheTextIsDrawnLastOverTheComposedPicture) {
   s->writeFrame(vn::test::yuvFrame(kWidth, kHeight, 16).get());  // black
   s->setSubtitleFont("Sans 30");
   s->setSubtitleCurrentString("Hello");
-  // The settings that change the picture leave the text as it is: not
-  // flipped, not darkened.
+  // The settings that change the picture leave the text as it is: not flipped, not darkened.
   s->setHflip(true);
   s->setBrightness(0.2f);
   const Raster r = rendered(*s->currentEffectImage());

@@ -19,8 +19,8 @@ TEST(BitmapContextTest, LayoutAndStartingContents) {
   EXPECT_EQ(rgba->data()[3], 0);  // transparent
 }
 
-// Half-transparent white: copied it replaces (premultiplied), laid over
-// black it blends; an RGBA context keeps the coverage, RGBX stays opaque.
+// Half-transparent white: copied it replaces (premultiplied), laid over black it blends; an RGBA
+// context keeps the coverage, RGBX stays opaque.
 TEST(BitmapContextTest, CompositingModes) {
   const uint8_t halfWhite[4] = {255, 255, 255, 128};
   const auto image = vn::BitmapImage::copyOf(halfWhite, 1, 1, 4);

@@ -17,8 +17,8 @@ using vn::AffineTransform;
 using vn::FilterImage;
 using vn::Rect;
 
-// A 3x2 raster with a gap of 4 bytes after each row; pixel (x, y) has the
-// bytes {10x+y, 100+x, 200+y, 255-x} in memory.
+// A 3x2 raster with a gap of 4 bytes after each row; pixel (x, y) has the bytes {10x+y, 100+x,
+// 200+y, 255-x} in memory.
 std::vector<uint8_t> paddedRaster(int* stride) {
   *stride = 3 * 4 + 4;
   std::vector<uint8_t> bytes(*stride * 2, 0xee);
@@ -138,8 +138,8 @@ TEST(FilterImageTest, ImpossibleImagesAndRendersAreRefused) {
   EXPECT_TRUE(picture(bytes, 4, 4).transformed(AffineTransform{}.scaled(0, 1)).isEmpty());
 }
 
-// Whole-pixel moves copy, neutral colour operations are free, and what the
-// planner folds gives the source back where it should.
+// Whole-pixel moves copy, neutral colour operations are free, and what the planner folds gives the
+// source back where it should.
 TEST(FilterImageTest, NeutralChainsGiveTheSourceBackExactly) {
   const int w = 37, h = 23;
   for (bool opaque : {true, false}) {
@@ -179,9 +179,8 @@ TEST(FilterImageTest, NeutralChainsGiveTheSourceBackExactly) {
   }
 }
 
-// The composition's chain: crop, turn, flip, scale, then colour controls,
-// hue and a point preset, over black. It must sample the source once and
-// run one colour pass, whatever the number of steps.
+// The composition's chain: crop, turn, flip, scale, then colour controls, hue and a point preset,
+// over black. It must sample the source once and run one colour pass, whatever the number of steps.
 TEST(FilterImageTest, GeometryAndPointColourFoldIntoOnePassEach) {
   const int w = 160, h = 90;
   const std::vector<uint8_t> bytes = noise(w, h, true);
@@ -211,8 +210,8 @@ TEST(FilterImageTest, GeometryAndPointColourFoldIntoOnePassEach) {
   EXPECT_EQ(stats.colorPasses, 1);
   EXPECT_EQ(stats.materialized, 0);
 
-  // The same picture built step by step through intermediate pixels agrees
-  // within rounding: folding changes nothing visible.
+  // The same picture built step by step through intermediate pixels agrees within rounding: folding
+  // changes nothing visible.
   const FilterImage stepped =
       FilterImage::fromPixels(
           std::make_shared<vn::PixelBuffer>(geometry.renderPixels(Rect{0, 0, 128, 72})))
@@ -234,8 +233,8 @@ TEST(FilterImageTest, GeometryAndPointColourFoldIntoOnePassEach) {
     EXPECT_EQ(r, one);
 }
 
-// Shrinking far below half size averages the source instead of skipping
-// pixels: a fine checkerboard becomes an even grey of its mean light.
+// Shrinking far below half size averages the source instead of skipping pixels: a fine checkerboard
+// becomes an even grey of its mean light.
 TEST(FilterImageTest, StrongShrinkingDoesNotAlias) {
   const int n = 256;
   std::vector<uint8_t> board(size_t(n) * n * 4, 255);

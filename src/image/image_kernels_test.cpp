@@ -30,8 +30,7 @@ Rgba pixelOf(const vn::PixelBuffer& b, int x, int y) {
   return p ? Rgba{p[0], p[1], p[2], p[3]} : Rgba{};
 }
 
-// What the renderer hands a kernel: the picture over what out reads, inside
-// its extent.
+// What the renderer hands a kernel: the picture over what out reads, inside its extent.
 vn::PixelBuffer inputFor(const vn::NeighbourhoodOp& op,
                          const vn::IntRect& extent,
                          const vn::IntRect& out,
@@ -51,8 +50,8 @@ Picture uniform(Rgba c) {
   return [c](int, int) { return c; };
 }
 
-// Hard edges in every colour, thin lines, a ramp, a half-transparent part
-// and values above 1 (premultiplied linear).
+// Hard edges in every colour, thin lines, a ramp, a half-transparent part and values above 1
+// (premultiplied linear).
 Rgba pattern(int x, int y) {
   static const Rgba bars[] = {{1, 1, 1, 1}, {1, 1, 0, 1}, {0, 1, 1, 1}, {0, 1, 0, 1},
                               {1, 0, 1, 1}, {1, 0, 0, 1}, {0, 0, 1, 1}, {0, 0, 0, 1}};
@@ -119,8 +118,8 @@ float maxDifference(const vn::PixelBuffer& a, const vn::PixelBuffer& b) {
   return d;
 }
 
-// Known values of the blur: a white pixel, a uniform square in both modes,
-// the identity; values, extents and the plain kernel everywhere.
+// Known values of the blur: a white pixel, a uniform square in both modes, the identity; values,
+// extents and the plain kernel everywhere.
 TEST(ImageKernelsTest, GaussianBlurVectors) {
   const Picture white = uniform({1, 1, 1, 1});
   struct Probe {
@@ -180,9 +179,8 @@ TEST(ImageKernelsTest, GaussianBlurVectors) {
   EXPECT_EQ(vn::kernelReach(vn::GaussianBlurOp{0.1, false}), 0);
 }
 
-// Above sigma 16 the blur is computed on a reduced picture; it stays within
-// a small bound of the exact kernel, at edges, corners and inside, and the
-// extent still grows by ceil(3 sigma).
+// Above sigma 16 the blur is computed on a reduced picture; it stays within a small bound of the
+// exact kernel, at edges, corners and inside, and the extent still grows by ceil(3 sigma).
 TEST(ImageKernelsTest, LargeSigmaStaysCloseToTheExactKernel) {
   const vn::IntRect extent{0, 0, 160, 120};
   const struct {
@@ -242,9 +240,8 @@ TEST(ImageKernelsTest, ThreadsAndTilesGiveTheSameBits) {
   }
 }
 
-// A uniform picture stays as it is through sharpening, pixellation and a
-// clamped blur, and takes the blend's colour through bloom and gloom; the
-// extent is kept.
+// A uniform picture stays as it is through sharpening, pixellation and a clamped blur, and takes
+// the blend's colour through bloom and gloom; the extent is kept.
 TEST(ImageKernelsTest, UniformPictures) {
   const vn::IntRect extent{0, 0, 64, 48};
   const float grey = 0.502886f;  // code 188
@@ -296,8 +293,8 @@ TEST(ImageKernelsTest, HexagonalCells) {
     EXPECT_EQ(c, p.cell) << p.x << "," << p.y << " -> " << c.m << "," << c.n;
   }
 
-  // Red left half, blue right half: the cell on the border holds 28 of
-  // each; cells beside it are one colour.
+  // Red left half, blue right half: the cell on the border holds 28 of each; cells beside it are
+  // one colour.
   const vn::IntRect extent{0, 0, 32, 32};
   const vn::PixelBuffer b =
       run(vn::HexagonalPixellateOp{{16, 16}, 8}, extent, extent, [](int x, int) {

@@ -105,8 +105,8 @@ TEST_F(ImageColorspaceConverterTest, FramesAreScaledAndConverted) {
   EXPECT_EQ(out->data[0][10 * out->linesize[0] + 5], before);
 }
 
-// A context is read as RGBA of the output size: its padding byte becomes
-// alpha. One too small to hold that picture is not read at all.
+// A context is read as RGBA of the output size: its padding byte becomes alpha. One too small to
+// hold that picture is not read at all.
 TEST_F(ImageColorspaceConverterTest, ContextsAreReadAsRGBA) {
   setOutput(AV_PIX_FMT_RGBA, 8, 4);
   auto context = converter->createCGContext();
@@ -124,9 +124,8 @@ TEST_F(ImageColorspaceConverterTest, ContextsAreReadAsRGBA) {
   EXPECT_EQ(outputPixels(*converter), pixels);
 }
 
-// Images are drawn stretched over the converter's own context: bitmaps laid
-// over it by convertBitmapImage, replacing it by convertImage; filter images
-// laid over.
+// Images are drawn stretched over the converter's own context: bitmaps laid over it by
+// convertBitmapImage, replacing it by convertImage; filter images laid over.
 TEST_F(ImageColorspaceConverterTest, ImagesAreDrawnOverOrReplace) {
   setOutput(AV_PIX_FMT_RGBA, 4, 4);
   const uint8_t red[4] = {255, 0, 0, 255};
@@ -150,8 +149,8 @@ TEST_F(ImageColorspaceConverterTest, ImagesAreDrawnOverOrReplace) {
   EXPECT_EQ(over.size(), 64u);
   EXPECT_EQ(copy[60], copy[0]);  // stretched over the whole context
 
-  // A filter image's extent is rendered and laid over, stretched: 2 x 1,
-  // placed away from the origin: half-transparent blue, opaque green.
+  // A filter image's extent is rendered and laid over, stretched: 2 x 1, placed away from the
+  // origin: half-transparent blue, opaque green.
   const uint8_t pixels[8] = {0, 0, 255, 128, 0, 255, 0, 255};
   converter->convertImage(redImage);
   auto image = vn::FilterImage::fromRaster(pixels, 2, 1, 8, vn::FilterImage::ByteOrder::RGBA);

@@ -6,8 +6,7 @@ extern "C" {
 #include <libavcodec/codec_id.h>
 }
 
-// Names in any case; the last three are not in the table, so the container's
-// default codec is used.
+// Names in any case; the last three are not in the table, so the container's default codec is used.
 TEST(OutputFormatTest, CodecNames) {
   const struct {
     const char* name;

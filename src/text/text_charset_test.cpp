@@ -101,8 +101,7 @@ TEST(TextCharsetTest, FilesAreJudgedByTheirFirstBytes) {
     std::ofstream(path, std::ios::binary) << bytes;
     return path;
   };
-  // A 3-byte dash cut by the end of what is read, then Windows-1252 that
-  // is never read.
+  // A 3-byte dash cut by the end of what is read, then Windows-1252 that is never read.
   std::string cut(vn::kCharsetProbeBytes - 1, 'a');
   cut += "\xE2\x80\x94 caf\xE9";
   EXPECT_EQ(vn::fileCharset(write("cut.srt", cut)), std::nullopt);

@@ -27,8 +27,8 @@ TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlack) {
   EXPECT_LE(e.height, 30);
   EXPECT_GT(e.width, e.height);
 
-  // Ink pixels are the colour, at any coverage (straight alpha, red first);
-  // the rest is transparent black.
+  // Ink pixels are the colour, at any coverage (straight alpha, red first); the rest is transparent
+  // black.
   const std::vector<uint8_t> rgba = pixels(word);
   int solid = 0, clear = 0;
   for (size_t i = 0; i < rgba.size(); i += 4) {
@@ -45,8 +45,7 @@ TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlack) {
   EXPECT_GT(solid, 20);
   EXPECT_GT(clear, solid);
 
-  // Longer text is wider; a larger size is taller; a line break does not
-  // start a second line.
+  // Longer text is wider; a larger size is taller; a line break does not start a second line.
   EXPECT_GT(textImage("Glow Glow", "Sans 20", {1, 1, 1, 1}).extent().width, e.width);
   EXPECT_GT(textImage("Glow", "Sans 40", {1, 1, 1, 1}).extent().height, 1.6 * e.height);
   EXPECT_EQ(textImage("Gl\now", "Sans 20", {1, 1, 1, 1}).extent().height, e.height);
