@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 extern "C" {
@@ -203,9 +204,10 @@ void checkMovie(const Case& c, const std::string& path, const std::string& refer
   EXPECT_EQ(std::tuple(video->value("codec_name", ""), video->value("width", 0),
                        video->value("height", 0), video->value("r_frame_rate", "")),
             std::tuple(std::string(c.expectVideo), kWidth, kHeight, std::string("25/1")));
-  if (video->value("codec_name", "") == "h264")
+  if (video->value("codec_name", "") == "h264") {
     EXPECT_EQ(video->value("profile", "") + " " + video->value("color_space", ""),
               "Main smpte170m");
+  }
   EXPECT_NEAR(asInt(*video, "nb_read_frames"), kFrames, 1);
   EXPECT_GT(psnr(path, reference), c.minPsnr);
 }
@@ -284,39 +286,37 @@ class MovieFileOutputTest : public ::testing::Test {
 // The container comes from the extension, the codecs from the container unless named; FFmpeg's own
 // description never changes.
 TEST_F(MovieFileOutputTest, ContainerAndCodecChoice) {
-  const struct {
-    const char* file;
-    AVCodecID video, audio;  // asked for; NONE = container default
-    const char* container;   // null: no container
-    AVCodecID chosenVideo, chosenAudio;
-    const char* reason;
-  } cases[] = {
-      {"a.mp4", kNone, kNone, "mp4", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
-      {"b.mp4", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP3, "mp4", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP3, ""},
-      {"c.mov", AV_CODEC_ID_QTRLE, kNone, "mov", AV_CODEC_ID_QTRLE, AV_CODEC_ID_AAC, ""},
-      {"RING.M4R", kNone, kNone, "ipod", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
-      {"ring.m4r.mp3", kNone, kNone, "mp3", AV_CODEC_ID_PNG, AV_CODEC_ID_MP3, ""},
-      {"d.xyz", kNone, kNone, nullptr, kNone, kNone, "unknown container for extension .xyz"},
-      {"noextension", kNone, kNone, nullptr, kNone, kNone,
-       "no file extension to choose a container by"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.file);
-    start(scratch(c.file), c.video, c.audio);
+  // File, codecs asked for (none: the container's), container (null: none), codecs chosen, reason.
+  const std::tuple<const char*, AVCodecID, AVCodecID, const char*, AVCodecID, AVCodecID,
+                   const char*>
+      cases[] = {
+          {"a.mp4", kNone, kNone, "mp4", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
+          {"b.mp4", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP3, "mp4", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP3,
+           ""},
+          {"c.mov", AV_CODEC_ID_QTRLE, kNone, "mov", AV_CODEC_ID_QTRLE, AV_CODEC_ID_AAC, ""},
+          {"RING.M4R", kNone, kNone, "ipod", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
+          {"ring.m4r.mp3", kNone, kNone, "mp3", AV_CODEC_ID_PNG, AV_CODEC_ID_MP3, ""},
+          {"d.xyz", kNone, kNone, nullptr, kNone, kNone, "unknown container for extension .xyz"},
+          {"noextension", kNone, kNone, nullptr, kNone, kNone,
+           "no file extension to choose a container by"},
+      };
+  for (const auto& [file, video, audio, container, chosenVideo, chosenAudio, reason] : cases) {
+    SCOPED_TRACE(file);
+    start(scratch(file), video, audio);
     writer->createMovieOutput();
-    EXPECT_EQ(writer->isMovieOpen(), c.container != nullptr);
-    EXPECT_EQ(writer->failureReason(), c.reason);
-    EXPECT_EQ(writer->videoCodec(), c.chosenVideo);
-    EXPECT_EQ(writer->audioCodec(), c.chosenAudio);
-    if (!c.container) {
+    EXPECT_EQ(writer->isMovieOpen(), container != nullptr);
+    EXPECT_EQ(writer->failureReason(), reason);
+    EXPECT_EQ(writer->videoCodec(), chosenVideo);
+    EXPECT_EQ(writer->audioCodec(), chosenAudio);
+    if (!container) {
       writer->openAudio();
       writer->openVideo();
       EXPECT_FALSE(writer->isAudioOpen());
       EXPECT_FALSE(writer->isVideoOpen());
       continue;
     }
-    EXPECT_STREQ(writer->formatContext()->oformat->name, c.container);
-    EXPECT_EQ(writer->formatContext()->url, scratch(c.file));  // the file keeps its name
+    EXPECT_STREQ(writer->formatContext()->oformat->name, container);
+    EXPECT_EQ(writer->formatContext()->url, scratch(file));  // the file keeps its name
     EXPECT_EQ(writer->formatContext()->max_delay, 700000);
   }
   EXPECT_EQ(av_guess_format(nullptr, "x.mp4", nullptr)->video_codec, AV_CODEC_ID_H264);
@@ -343,7 +343,8 @@ TEST_F(MovieFileOutputTest, StreamsInOpeningOrder) {
   writer->stopOutput();
 
   std::vector<bool> audioPackets;  // ffprobe leaves out a count of 0
-  for (const auto& st : probe(path)["streams"])
+  const nlohmann::json probed = probe(path);
+  for (const auto& st : probed["streams"])
     if (st.value("codec_type", "") == "audio")
       audioPackets.push_back(asInt(st, "nb_read_packets") > 10);
   EXPECT_EQ(audioPackets, (std::vector<bool>{false, true}));
@@ -377,12 +378,8 @@ TEST_F(MovieFileOutputTest, AudioFramesKeepAReserve) {
 // At framerate 25, frameTime 1 pictures get timestamps 0, 1, 2...; a picture lasting n ticks of
 // framerate moves the next by n / frameTime.
 TEST_F(MovieFileOutputTest, VideoTimestamps) {
-  const struct {
-    int framerate, frameTime;
-    std::vector<int> durations;  // 0: one frame
-    std::vector<int64_t> pts;    // video_pts after each picture
-    const char* times;           // picture times read back from the file
-  } cases[] = {
+  // framerate, frameTime, durations (0: one frame), video_pts after each, the times read back
+  const std::tuple<int, int, std::vector<int>, std::vector<int64_t>, const char*> cases[] = {
       {25,
        1,
        {0, 0, 0, 3, 0},
@@ -390,53 +387,49 @@ TEST_F(MovieFileOutputTest, VideoTimestamps) {
        "0.000000\n0.040000\n0.080000\n0.120000\n0.240000\n"},
       {30000, 1001, {0, 2002, 0}, {1, 3, 4}, "0.000000\n0.033000\n0.100000\n"},
   };
-  for (const auto& c : cases) {
-    const std::string path = scratch("timestamps" + std::to_string(c.framerate) + ".mkv");
-    start(path, AV_CODEC_ID_MPEG4, 0, c.framerate, c.frameTime);
+  for (const auto& [framerate, frameTime, durations, pts, times] : cases) {
+    const std::string path = scratch("timestamps" + std::to_string(framerate) + ".mkv");
+    start(path, AV_CODEC_ID_MPEG4, 0, framerate, frameTime);
     writer->openVideo();
     ASSERT_TRUE(writer->startOutput()) << writer->failureReason();
     auto context = writer->createCGContext();
     ASSERT_TRUE(context);
-    std::vector<int64_t> pts;
-    for (size_t i = 0; i < c.durations.size(); ++i) {
+    std::vector<int64_t> got;
+    for (size_t i = 0; i < durations.size(); ++i) {
       drawPattern(context->data(), context->bytesPerRow(), int(i));
-      if (c.durations[i] == 0)
+      if (durations[i] == 0)
         writer->writeCGContext(*context);
       else
-        writer->writeCGContext(*context, c.durations[i]);
-      pts.push_back(writer->video_pts());
+        writer->writeCGContext(*context, durations[i]);
+      got.push_back(writer->video_pts());
     }
-    EXPECT_EQ(pts, c.pts);
+    EXPECT_EQ(got, pts);
     writer->stopOutput();
     EXPECT_EQ(vn::test::runShell("ffprobe -v error -select_streams v:0 -show_entries "
                                  "frame=best_effort_timestamp_time -of csv=p=0 " +
                                  vn::test::shellQuote(path)),
-              c.times);
+              times);
   }
 }
 
 // The front end prints failureReason after a false startOutput or a stream that did not open.
 TEST_F(MovieFileOutputTest, FailuresKeepAReason) {
-  const struct {
-    const char* path;  // under the scratch directory unless absolute
-    AVCodecID video, audio;
-    bool opens;  // the streams open
-    const char* reason;
-  } cases[] = {
+  // Path (under the scratch directory unless absolute), codecs, whether the streams open, reason.
+  const std::tuple<const char*, AVCodecID, AVCodecID, bool, const char*> cases[] = {
       {"frames.png", kNone, kNone, true, "the image2 container writes no file of its own"},
       {"/nonexistent-directory/x.mp4", kNone, kNone, true, "No such file or directory"},
       {"wma.mp4", kNone, AV_CODEC_ID_WMAV2, true, "the mp4 container cannot hold wmav2"},
       {"rate.mpg", kNone, kNone, false, "cannot open the mpeg1video encoder"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path);
-    const std::string path = c.path[0] == '/' ? c.path : scratch(c.path);
-    start(path, c.video, c.audio, c.opens ? kFps : 7);  // MPEG-1 knows no 7 frames per second
+  for (const auto& [name, video, audio, opens, reason] : cases) {
+    SCOPED_TRACE(name);
+    const std::string path = name[0] == '/' ? name : scratch(name);
+    start(path, video, audio, opens ? kFps : 7);  // MPEG-1 knows no 7 frames per second
     writer->openVideo();
-    if (!c.opens) {
+    if (!opens) {
       EXPECT_FALSE(writer->isVideoOpen());
       EXPECT_EQ(writer->formatContext()->nb_streams, 1u);  // the stream stays
-      EXPECT_EQ(writer->failureReason().rfind(c.reason, 0), 0u) << writer->failureReason();
+      EXPECT_EQ(writer->failureReason().rfind(reason, 0), 0u) << writer->failureReason();
       continue;
     }
     if (writer->audioCodec() != AV_CODEC_ID_NONE) {
@@ -445,14 +438,15 @@ TEST_F(MovieFileOutputTest, FailuresKeepAReason) {
     }
     ASSERT_TRUE(writer->isVideoOpen()) << writer->failureReason();
     EXPECT_FALSE(writer->startOutput());
-    EXPECT_EQ(writer->failureReason(), c.reason);
+    EXPECT_EQ(writer->failureReason(), reason);
     // Nothing that follows may crash or write.
     writeSamples(4096);
     if (auto context = writer->createCGContext())
       writer->writeCGContext(*context);
     writer->stopOutput();
-    if (c.path[0] != '/' && std::string(c.path) != "wma.mp4")
+    if (name[0] != '/' && std::string(name) != "wma.mp4") {
       EXPECT_FALSE(std::filesystem::exists(path));
+    }
   }
 }
 
