@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -10,18 +11,12 @@ namespace {
 using vn::FilterImage;
 using vn::textImage;
 
-// Rendered RGBA of the whole image, the top row first.
-std::vector<uint8_t> pixels(const FilterImage& image) {
-  return image.render();
-}
-
 }  // namespace
 
 TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlack) {
   const FilterImage word = textImage("Glow", "Sans 20", {1, 0, 0, 1});
   const vn::Rect e = word.extent();
-  EXPECT_EQ(e.x, 0);
-  EXPECT_EQ(e.y, 0);
+  EXPECT_EQ(std::pair(e.x, e.y), std::pair(0.0, 0.0));
   // A 20-pixel font: a line about 23 pixels tall, four letters wider than tall.
   EXPECT_GE(e.height, 20);
   EXPECT_LE(e.height, 30);
@@ -29,7 +24,7 @@ TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlack) {
 
   // Ink pixels are the colour, at any coverage (straight alpha, red first); the rest is transparent
   // black.
-  const std::vector<uint8_t> rgba = pixels(word);
+  const std::vector<uint8_t> rgba = word.render();
   int solid = 0, clear = 0;
   for (size_t i = 0; i < rgba.size(); i += 4) {
     const uint8_t* p = &rgba[i];
