@@ -1,5 +1,4 @@
-// The generated discs read through libdvdread: the model, the byte reader,
-// the pieces of a title on the timeline, and broken discs.
+// The generated discs: model, byte reader, pieces on the timeline, broken discs.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -69,8 +68,7 @@ std::string folderCopy(const std::string& name) {
   return copy;
 }
 
-// The same model from an image, a folder, and a folder whose video manager
-// IFO is gone (read from its backup).
+// One model from the image, the folder, and a folder without VIDEO_TS.IFO.
 TEST(DvdDiscTest, ImageAndFolderGiveTheSameModel) {
   const std::string noManager = folderCopy("no-manager-ifo");
   fs::remove(noManager + "/VIDEO_TS/VIDEO_TS.IFO");
@@ -82,7 +80,6 @@ TEST(DvdDiscTest, ImageAndFolderGiveTheSameModel) {
     EXPECT_EQ(opened.log, std::vector<std::string>{"title_sets 2 Region 0xff"});
     EXPECT_EQ(disc.region, 0);
     ASSERT_EQ(disc.title_sets.size(), 2u);
-
     const VNDVDTitleSet& ntsc = *disc.title_sets[0];
     EXPECT_EQ(ntsc.title_set, 1);
     EXPECT_EQ(ntsc.description(),
@@ -92,7 +89,6 @@ TEST(DvdDiscTest, ImageAndFolderGiveTheSameModel) {
     EXPECT_EQ(pal.description(),
               "format:pal aspect_ratio:16:9 audios:(German, Spanish) subtitle:()");
     ASSERT_EQ(pal.titles.size(), 1u);
-
     // Titles of one, two and ten VOBs; the chain without cells is no title.
     ASSERT_EQ(ntsc.titles.size(), 3u);
     const size_t pieces[] = {1, 2, 10};
@@ -163,14 +159,12 @@ TEST(DvdDiscTest, ByteReaderServesWholeBlocksAndTheRestOfOne) {
   EXPECT_GE(source->blocks(), static_cast<uint32_t>(source->sector_count()));
   const int64_t size = source->filesize();
   EXPECT_EQ(size, int64_t{source->sector_count()} * kBlock);
-
   // Asking the size leaves the position; unknown modes are refused.
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 1000, SEEK_SET), 1000);
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, AVSEEK_SIZE), size);
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, 3), AVERROR(ENOSYS));
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, SEEK_SET | AVSEEK_FORCE), AVERROR(ENOSYS));
   EXPECT_EQ(source->read_offset(), 1000);
-
   // Unaligned: the rest of block 0 only; then whole blocks.
   std::vector<uint8_t> buffer(1048576);
   EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), 1048);
@@ -187,7 +181,6 @@ TEST(DvdDiscTest, ByteReaderServesWholeBlocksAndTheRestOfOne) {
   EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), AVERROR_EOF);
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 4096, SEEK_CUR), size + 4096);
   EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), AVERROR_EOF);
-
   // What it reads is the title's run of the title set's VOB file.
   std::ifstream vob(fixture("dvd_folder/VIDEO_TS/VTS_01_1.VOB"), std::ios::binary);
   std::vector<uint8_t> file((std::istreambuf_iterator<char>(vob)),
@@ -200,8 +193,7 @@ TEST(DvdDiscTest, ByteReaderServesWholeBlocksAndTheRestOfOne) {
 }
 
 TEST(DvdDiscTest, SourcesOfOneImageReadAtOnce) {
-  // Every title of an image reads through the one file the disc opened, at
-  // once.
+  // All titles of an image read at once through the one file the disc opened.
   std::shared_ptr<VNDVD> disc = VNDVD::open(fixture("dvd.iso"));
   ASSERT_TRUE(disc);
   const auto sources = disc->titleSources();
@@ -254,14 +246,12 @@ TEST(DvdDiscTest, PiecesFollowEachOtherOnTheTimeline) {
 }
 
 TEST(DvdDiscTest, BrokenDiscsEndInNothingToRead) {
-  // Not a disc: libdvdread opens any file as an image, finding no video
-  // manager.
+  // Not a disc: libdvdread opens it as an image and finds no video manager.
   for (const std::string& path : {fixture("text.mp4"), fixture("h264_aac.mp4")}) {
     std::shared_ptr<VNDVD> disc = VNDVD::open(path);
     EXPECT_TRUE(!disc || disc->title_sets.empty()) << path;
   }
   EXPECT_FALSE(VNDVD::open(fixture("no-such-disc.iso")));
-
   // The IFOs without their VOBs: titles whose pieces hold nothing.
   std::shared_ptr<VNDVD> bare = VNDVD::open(fixture("dvd_novobs"));
   ASSERT_TRUE(bare);
@@ -270,7 +260,6 @@ TEST(DvdDiscTest, BrokenDiscsEndInNothingToRead) {
     EXPECT_TRUE(source->createMedias().value_or(VNMediaSource::Medias{}).empty());
     EXPECT_EQ(VNDVDSource::readPacket(source.get(), nullptr, 2048), AVERROR_EOF);
   }
-
   // Cut inside set 1's VOBs: what lies before the cut reads, what lies after
   // does not, and set 2, whose IFO was after the cut, is left out.
   const Opened opened = openLogged(fixture("dvd_truncated.iso"));

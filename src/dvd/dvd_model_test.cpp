@@ -1,5 +1,4 @@
-// The disc model built by hand: VOB runs from cell tables, titles from
-// program chains, pieces, and how a disc's titles become sources.
+// The disc model built by hand: VOB runs, titles, pieces and title sources.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -68,16 +67,13 @@ TEST(DvdModelTest, VobRunsComeFromTheCellAddressTable) {
   EXPECT_EQ(set.mediaForVob(3), nullptr);
   // A VOB without cells never overlaps a title.
   EXPECT_EQ(set.medias[1]->subMediaAt(0, 0x7FFFFFFF), nullptr);
-
   // A table too short to hold one entry gives VOBs without cells.
   table.last_byte = 7 + 11;
   VNDVDTitleSet empty;
   vn::dvd::addMedias(empty, table);
   ASSERT_EQ(empty.medias.size(), 3u);
   EXPECT_EQ(*runOf(empty.medias[0]), (Span{0x7FFFFFFF, 0}));
-
-  // Cells ending before they start or at the last sector count for nothing;
-  // overlapping cells add up to no more than the sectors left.
+  // Backward cells or cells to the last sector count nothing; overlaps are capped.
   std::vector<cell_adr_t> broken = {
       {1, 1, 0, 500, 499},        {1, 2, 0, 10, 0x7FFFFFFF},  {1, 3, 0, 10, 19},
       {2, 1, 0, 100, 0x7FFFFFFE}, {2, 2, 0, 100, 0x7FFFFFFE},
@@ -122,7 +118,6 @@ TEST(DvdModelTest, TitlesAreTheProgramChainsWithCells) {
   pgcit_t table{};
   table.nr_of_pgci_srp = 6;
   table.pgci_srp = entries.data();
-
   VNDVDTitleSet set;
   vn::dvd::addTitles(set, table);
   ASSERT_EQ(set.titles.size(), 2u);
@@ -135,8 +130,7 @@ TEST(DvdModelTest, TitlesAreTheProgramChainsWithCells) {
   EXPECT_EQ(set.titles[1]->description(), "title:3 start:300 count:1");  // numbers keep the gaps
 }
 
-// A disc of one title set whose VOBs are `vobs` runs of 100 sectors, with
-// one title over the first `covered` of them.
+// One title set of `vobs` VOBs of 100 sectors, its title over the first `covered`.
 std::shared_ptr<VNDVD> modelDisc(int vobs, int covered, int titleSet = 1) {
   std::shared_ptr<VNDVD> disc = VNDVD::create();
   disc->volume = "MOVIE";
@@ -194,7 +188,6 @@ TEST(DvdModelTest, PiecesAreClippedToTheTitleAndShareItsName) {
   auto copy = std::static_pointer_cast<VNDVDSource>(pieces[1]->copy());
   EXPECT_EQ(copy->media(), pieces[1]->media());
   EXPECT_EQ(copy->read_offset(), 0);
-
   // A disc without a reader gives sources whose reads find nothing.
   uint8_t block[2048];
   EXPECT_EQ(source->readBlock(0, 1, block), 0);

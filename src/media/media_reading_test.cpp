@@ -64,7 +64,6 @@ TEST(MediaReadingTest, SeeksBeforeTheStartAndPastTheEnd) {
     ASSERT_TRUE(sound.forwardStream(audio));
   }
   const int64_t firstAtZero = audio->frame()->pts;
-
   sound.seek(-1000000);
   EXPECT_EQ(audio->seek_pts(), av_rescale_q(-1000000, kMicroseconds, audio->timebase()));
   // The decoder drops the first packet's priming: the first frame comes next.
@@ -73,7 +72,6 @@ TEST(MediaReadingTest, SeeksBeforeTheStartAndPastTheEnd) {
   }
   EXPECT_LE(audio->frame()->pts, firstAtZero);
   EXPECT_LE(audio->frame()->pts, 0);
-
   // Past the end: the last frame, and nothing after it.
   VNFFMedia& pictures = *medias[0];
   pictures.seek(20000000);
@@ -91,7 +89,6 @@ TEST(MediaReadingTest, MediasWithoutVideo) {
   EXPECT_EQ(calls, 0);
   EXPECT_FALSE(sound->subtitleAtTime(1000000));
   EXPECT_FALSE(sound->subtitleStringAtTime(1000000));
-
   VNMediaSource::Medias medias = mediasOf("h264_aac.mp4");
   VNFFMedia& pictures = *medias[0];
   std::vector<int64_t> shown;
@@ -119,7 +116,6 @@ TEST(MediaReadingTest, SubtitleTextIsShownStrictlyInsideItsTimes) {
   // A rewind reads the file again from its start.
   ass->seek(0);
   EXPECT_EQ(ass->subtitleStringAtTime(3000000), "Hello\nWorld");
-
   // SubRip: the italic cue ends in a closing tag, which leaves an empty text.
   std::shared_ptr<VNFFMedia> srt = openWhole("subs.srt");
   EXPECT_EQ(srt->subtitleStringAtTime(3000000), "");
@@ -162,9 +158,7 @@ TEST(MediaReadingTest, ReadingAheadFollowsThePlaybackClock) {
   while (advanced < 10000 && sound.forwardStream(audio))
     ++advanced;
   EXPECT_GT(sound.last_pts(), 9900000) << "to the end of the file";
-
-  // Audio beside video is never read for; with video turned off no picture is
-  // decoded.
+  // Audio beside video is never read for; with video off no picture is decoded.
   std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
   const int64_t position = avio_tell(media->formatContext()->pb);
   EXPECT_FALSE(media->forwardStream(media->audioStream()));
@@ -268,8 +262,7 @@ TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
   }
 }
 
-// A seek shows the picture a read from the start shows: decoding after a
-// seek starts at a keyframe, not at a picture whose references were skipped.
+// A seek shows what a read from the start shows: decoding starts at a keyframe.
 TEST(MediaReadingTest, SeekShowsThePictureOfAReadFromTheStart) {
   for (const char* name : {"mpeg2_mp2.mpg", "mpeg2_24p.ts", "h264_2997.ts", "h264_aac.mp4"}) {
     SCOPED_TRACE(name);

@@ -126,7 +126,6 @@ TEST(MediaStreamTest, PaletteTextKeepsTheUnclampedArithmetic) {
   AVCodecContext* context = stream->codecContext();
   ASSERT_EQ(context->extradata_size, 256);
   EXPECT_EQ(std::string(reinterpret_cast<char*>(context->extradata)), expected);
-
   // The palette survives closing and opening the decoder.
   stream->open();
   ASSERT_TRUE(stream->isOpen());
@@ -150,7 +149,6 @@ TEST(MediaStreamTest, AudioFramesOfOnePacketGetIncreasingTimes) {
   std::shared_ptr<VNFFMediaStream> audio = media->audioStream();
   ASSERT_TRUE(audio);
   ASSERT_EQ(audio->timebase().den, 90000);
-
   vn::ff::Packet three = joinPackets(*media, 0, 3);
   const int64_t p = three->pts;
   audio->seek(0);
@@ -177,7 +175,6 @@ TEST(MediaStreamTest, AudioIsQueuedOnlyFromTheSeekTargetOn) {
       40);
   EXPECT_GT(decoded, 5);
   EXPECT_FALSE(audio->forward());
-
   const int64_t target = av_rescale_q(4000000, kMicroseconds, audio->timebase());
   audio->seek(target);
   EXPECT_EQ(audio->seek_pts(), target);
@@ -193,8 +190,7 @@ TEST(MediaStreamTest, AudioIsQueuedOnlyFromTheSeekTargetOn) {
       queued.push_back(s.frame()->pts);
   });
   ASSERT_FALSE(queued.empty());
-  // The first frame queued covers the target (ends at most half a frame
-  // before it); times only go forward.
+  // The first frame queued covers the target; times only go forward.
   const int64_t frame = av_rescale_q(1024, audio->framebase(), audio->timebase());
   EXPECT_GE(queued.front() + frame / 2, target);
   EXPECT_LT(queued.front() - frame, target);

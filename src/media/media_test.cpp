@@ -39,7 +39,6 @@ TEST(MediaSourceTest, MissingFilesClassesAndCopies) {
   EXPECT_EQ(missing->formatContext(), nullptr);
   EXPECT_EQ(missing->lastError(), "No such file or directory");
   EXPECT_FALSE(missing->createMedias());
-
   const std::string path = fixture("subs.srt");
   // mediaWithPath always makes the plain source, whatever class names it.
   EXPECT_FALSE(VNSubtitleSource::mediaWithPath(path)->isSubtitle());
@@ -105,7 +104,6 @@ TEST(MediaTest, TrackSelectionsUseOrdinalsOrDvdStreamIds) {
   EXPECT_EQ(indices(media->subtitles()), (std::vector<int>{4, 5}));
   EXPECT_EQ(media->audioNames(), (std::vector<std::string>{"English", "French", "German"}));
   EXPECT_EQ(media->subtitleNames(), (std::vector<std::string>{"English", "French"}));
-
   media->setSelectAudios(VNIndexSet{1});
   media->setSelectSubtitles(VNIndexSet{0});
   media->updateSelectStreams();
@@ -115,7 +113,6 @@ TEST(MediaTest, TrackSelectionsUseOrdinalsOrDvdStreamIds) {
   // Deselected tracks keep their decoders and still count in the names.
   EXPECT_TRUE(media->streams()[1]->isOpen());
   EXPECT_EQ(media->audioNames().size(), 3u);
-
   media->setSelectAudios(VNIndexSet{});
   media->updateSelectStreams();
   EXPECT_FALSE(media->hasAudio());
@@ -168,7 +165,6 @@ TEST(MediaTest, SelectStreamsOpensAndClosesDecodersAndTheMovieHidesVideo) {
   media->updateSelectStreams();
   EXPECT_TRUE(media->streams()[0]->isOpen());
   EXPECT_EQ(media->streams()[0]->codecName(), "h264");
-
   // The movie's disableVideo hides the video, while the stream stays.
   auto movie = std::make_shared<vn::test::FakeMovie>();
   media->setMovie(movie);
@@ -179,7 +175,6 @@ TEST(MediaTest, SelectStreamsOpensAndClosesDecodersAndTheMovieHidesVideo) {
   movie.reset();
   EXPECT_EQ(media->movie(), nullptr);
   EXPECT_TRUE(media->hasVideo());
-
   std::shared_ptr<VNFFMedia> none = VNFFMedia::create();  // no source
   none->open();
   EXPECT_FALSE(none->isOpen());
@@ -223,7 +218,6 @@ TEST(MediaTest, StreamsFoundLateAreAddedWhileReading) {
   media->open();
   ASSERT_EQ(media->streams().size(), 1u);
   EXPECT_EQ(media->mediaStreamForStreamIndex(1), nullptr);
-
   bool sawAudio = false;
   vn::test::readPackets(
       *media, [&](VNFFMediaStream& stream, AVPacket*) { sawAudio = sawAudio || stream.isAudio(); });

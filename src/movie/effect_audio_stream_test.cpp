@@ -42,7 +42,6 @@ vn::test::Samples read(VNFFEffectAudioStream& mix, int frames) {
 TEST(MixGraphTest, StagesFollowTheStreamCount) {
   VNFFEffectAudioStream mix;
   mix.setOutputParam(kPlayback);
-
   // One stream: no mixer, no compensation.
   mix.setInputStreams({audioMedia("aac.m4a")});
   EXPECT_EQ(mix.sourceCount(), 1);
@@ -51,7 +50,6 @@ TEST(MixGraphTest, StagesFollowTheStreamCount) {
   EXPECT_EQ(mix.stageArguments("volume"), "1.000000");
   EXPECT_EQ(mix.stageArguments("format"),
             "sample_fmts=flt:channel_layouts=stereo:sample_rates=44100");
-
   // Forty streams: only the first 32 are mixed, the level made up for all 32.
   Medias forty;
   for (int i = 0; i < 40; ++i)
@@ -61,13 +59,11 @@ TEST(MixGraphTest, StagesFollowTheStreamCount) {
   EXPECT_EQ(mix.stageArguments("amix"), "32");
   EXPECT_EQ(mix.stageArguments("volumeFix"), "32");
   EXPECT_EQ(mix.inputs().size(), 40u);
-
   // No stream: the graph cannot be configured; reads give silence.
   mix.setInputStreams({});
   EXPECT_EQ(mix.sourceCount(), 0);
   vn::test::Samples silence = read(mix, 512);
   EXPECT_EQ(vn::test::rms(silence.data), 0.0);
-
   // A layout without a name leaves the format stage unconfigurable: silence.
   mix.setOutputParam({AV_SAMPLE_FMT_FLT, 0x1, 44100});
   mix.setInputStreams({audioMedia("aac.m4a")});
@@ -130,8 +126,7 @@ TEST(MixGraphTest, ExhaustedStreamGivesSilenceInBlocksOf1024) {
   EXPECT_EQ(advanced % 1024, 0);
 }
 
-// Three tones on three tracks at three rates mix as FFmpeg's amix without
-// normalisation: the level is the sum of the tracks.
+// Three tracks at three rates mix as FFmpeg's amix without normalisation.
 TEST(MixGraphTest, MixMatchesFfmpegAmixWithoutNormalisation) {
   auto media = audioMedia("multitrack.mkv");
   ASSERT_TRUE(media);
@@ -146,7 +141,6 @@ TEST(MixGraphTest, MixMatchesFfmpegAmixWithoutNormalisation) {
       vn::test::fixture("multitrack.mkv"),
       "-filter_complex '[0:a:0][0:a:1][0:a:2]amix=inputs=3:normalize=0' -ss 1 -t 3", 2, 44100);
   ASSERT_GT(theirs.frames(), 44100u);
-
   const auto left = ours.channel(0), refLeft = theirs.channel(0);
   for (double hz : {440.0, 660.0, 880.0}) {
     const double a = vn::test::toneAmplitude(left, 44100, hz);
@@ -171,8 +165,7 @@ TEST(MixGraphTest, MovieReadSampleCountsOnTheClock) {
   EXPECT_GT(vn::test::rms(chunk), 0.05);
 }
 
-// Audio read right after a seek, without waiting for it, is the seek point's:
-// the read waits for the seek instead of racing it on the decode queue.
+// Audio read right after a seek is the seek point's: the read waits for the seek.
 TEST(MixGraphTest, MovieReadSampleRightAfterASeekReadsFromIt) {
   auto read = [](bool flush) {
     auto movie = VNFFMovie::create();

@@ -61,7 +61,6 @@ TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   EXPECT_EQ(stream.outputFormat().pix_fmt, AV_PIX_FMT_RGBA);
   EXPECT_EQ(movie->outputVideoSize().width, 320);
   EXPECT_EQ(movie->cropRect().height, 240);
-
   // Sizes are kept as whole pixels, a hair above being rounded up.
   movie->setOutputVideoSize({719.95, 480.0});
   EXPECT_EQ(stream.outputFormat().width, 720);
@@ -69,7 +68,6 @@ TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   movie->setOutputVideoSize({720.5, 480.0});
   EXPECT_EQ(stream.outputFormat().width, 720);
   EXPECT_EQ(stream.outputFormat().pix_fmt, AV_PIX_FMT_RGBA);
-
   // Only the subtitle settings and the size draw the subtitle anew, once.
   const int64_t before = stream.subtitleUpdateCount();
   movie->setSubtitleColor(vn::FilterImage::Color{1, 1, 0, 1});
@@ -78,7 +76,6 @@ TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   movie->setZoomType(1);
   EXPECT_EQ(stream.subtitleUpdateCount(), before + 1);
   EXPECT_EQ(stream.hue(), 0.2f);
-
   // A movie without video: no media, an empty output and crop.
   auto audio = movieOf("aac.m4a");
   EXPECT_FALSE(audio->videoEffectStream().media());
@@ -142,30 +139,25 @@ TEST(MoviePictureTest, AProviderGetsWhatItHandles) {
     movie->decodeImageAtTime(t, provider);
     return received;
   };
-
   auto onlyEffect = run(false, false, false, true);
   EXPECT_EQ(onlyEffect->effectCalls, 1);
   EXPECT_EQ(onlyEffect->plainCalls, 0);
   ASSERT_TRUE(onlyEffect->effect);
   EXPECT_EQ(onlyEffect->effect->extent().width, 640);
-
   auto all = run(true, true, true, true);
   EXPECT_EQ(all->formatCalls, 1);
   EXPECT_EQ(all->format.width, 320);  // the media's size: pictures are not scaled
   ASSERT_TRUE(all->plain && all->effect);
   EXPECT_EQ(all->plain->extent().width, 320);
-
   auto refused = run(true, false, true, true);
   EXPECT_EQ(refused->plainCalls, 1);
   EXPECT_FALSE(refused->plain);
   EXPECT_FALSE(refused->effect);
-
   // Past the end there is no frame: the provider receives none.
   auto past = run(false, false, true, true, 60'000'000);
   EXPECT_EQ(past->effectCalls, 1);
   EXPECT_FALSE(past->plain);
   EXPECT_FALSE(past->effect);
-
   // From the decode queue the work runs inline, at once.
   bool ranInline = false;
   movie->decodeQueue()
@@ -180,8 +172,7 @@ TEST(MoviePictureTest, AProviderGetsWhatItHandles) {
   EXPECT_TRUE(ranInline);
 }
 
-// Pictures and thumbnails asked for while another thread seeks and changes
-// the settings (run under ThreadSanitizer).
+// Pictures asked for while another thread seeks and changes settings (for TSan).
 TEST(MoviePictureTest, ThreadPicturesWhileSeeking) {
   auto movie = movieOf("h264_aac.mp4", true);  // reading is not held back to the seeks' clock
   std::atomic<bool> done{false};
@@ -192,8 +183,7 @@ TEST(MoviePictureTest, ThreadPicturesWhileSeeking) {
       movie->setHflip(i % 2 == 0);
       movie->setEffectName(i % 3 ? "Blur" : "1970");
       movie->setOutputVideoSize({double(160 + i % 4 * 32), 120});
-      // A bounded number of seeks in flight: the queue must not grow
-      // without end while a picture is decoded.
+      // A bounded number of seeks in flight.
       if (i % 4 == 3)
         movie->flushOperation();
     }
@@ -213,8 +203,7 @@ TEST(MoviePictureTest, ThreadPicturesWhileSeeking) {
   movie->flushOperation();
   done = true;
   seeker.join();
-  // What is asked for here is that nothing races; a picture may still come
-  // out empty when a seek lands between its reads.
+  // Nothing races; a picture may come out empty when a seek lands between reads.
   EXPECT_GE(thumbnails, 10);
   EXPECT_GE(pictures.load(), 10);
 }
@@ -272,8 +261,7 @@ TEST(PictureQueueTest, CancelDropsWhatIsAskedAndReadyAndTheEndGivesNone) {
   queue.cancel();
   EXPECT_TRUE(queue.takeUntil(2).empty());
   EXPECT_FALSE(queue.take());
-  // The stale request still counts until it has run: seeks never flood the
-  // decode queue.
+  // A stale request counts until it has run: seeks never flood the queue.
   EXPECT_TRUE(queue.request(100, 100 * kFrame + kFrame / 2));
   EXPECT_EQ(queue.inFlight(), 2u);
   EXPECT_TRUE(queue.request(10000, 10000 * kFrame));  // past the end
@@ -300,8 +288,7 @@ TEST(PictureQueueTest, DestructionWaitsForTheRequestsMade) {
     movie.reset();
     gate.release();
   }
-  // Every request has run and let go of the movie: it went with the queue,
-  // on this thread, not on its own decode queue.
+  // Every request ran and let go of the movie, which went with the queue, here.
   EXPECT_TRUE(alive.expired());
 }
 
@@ -354,7 +341,6 @@ TEST(PlaybackClockTest, FollowsTheAudioAndCarriesOnAtTheRateForOneStep) {
   audio.setRunning(false);
   steady += 1;
   EXPECT_NEAR(audio.now(), 11, 1e-6);
-
   VNPlaybackClock wall(movie, false, [&] { return steady; });
   wall.setRate(0.5);
   wall.setRunning(true);

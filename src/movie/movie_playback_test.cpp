@@ -1,5 +1,4 @@
-// A movie playing through SDL's disk driver, which records what the device
-// was given (raw float stereo 44100 Hz) at about the speed of a sound card.
+// A movie playing through SDL's disk driver, which records what it plays.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,8 +30,7 @@ int64_t framesOf(int64_t microseconds) {
   return (microseconds * kRate + kSecond / 2) / kSecond;
 }
 
-// The tone heard in each 10 ms: 'a' aac.m4a's 1 kHz, 'b' h264_aac.mp4's 440 Hz,
-// '.' neither.
+// Per 10 ms: 'a' aac.m4a's 1 kHz, 'b' h264_aac.mp4's 440 Hz, '.' neither.
 std::string toneMap(const std::vector<float>& signal) {
   std::string map;
   for (size_t at = 0; at + kWindow <= signal.size(); at += kWindow) {
@@ -52,14 +50,12 @@ class MoviePlaybackTest : public ::testing::Test {
     movie_ = VNFFMovie::create();
   }
   void TearDown() override { pause(); }
-
   // Audio is read only after a seek has given the streams a target.
   void open(std::vector<std::shared_ptr<VNFFMedia>> medias) {
     movie_->openMedias(std::move(medias));
     movie_->seek(0);
     movie_->flushOperation();
   }
-
   // Plays into a new recording (the driver reads the name as the device opens).
   void play(const std::string& name) {
     recording_ = vn::test::scratchDir() + "/" +
@@ -69,16 +65,12 @@ class MoviePlaybackTest : public ::testing::Test {
     movie_->play();
     ASSERT_TRUE(movie_->isPlay()) << movie_->audioOutputGraph()->failureReason();
   }
-
-  // Closes the recording and lets queued top-ups run: the clock and buffer hold
-  // still.
+  // Closes the recording and lets queued top-ups run: clock and buffer hold still.
   void pause() {
     movie_->pause();
     movie_->flushOperation();
   }
-
-  // Until the clock reaches `time`; false after 3 s (60 s in a build too slow
-  // for real time).
+  // Until the clock reaches `time`; false after 3 s (60 s if too slow for real time).
   bool playUntil(int64_t time) {
     const auto deadline = std::chrono::steady_clock::now() + (kRealTime ? 3s : 60s);
     while (movie_->currentTime() < time) {
@@ -88,9 +80,7 @@ class MoviePlaybackTest : public ::testing::Test {
     }
     return true;
   }
-
   vn::test::Samples recorded() { return vn::test::readRawFloat(recording_, 2, kRate); }
-
   std::shared_ptr<VNFFMovie> movie_;
   std::string recording_;
 };
@@ -127,7 +117,6 @@ TEST_F(MoviePlaybackTest, ClockTracksThePlayedSamplesAndPauseKeepsTheBuffer) {
     EXPECT_NEAR(double(all.size()), double(clock), kChunkFrames + kDeviceFrames);
     EXPECT_GE(int64_t(sound.size()), clock - kChunkFrames - kDeviceFrames);
   }
-
   const uint64_t buffered = graph->bufferFrames();
   ASSERT_GT(buffered, 0u);
   std::this_thread::sleep_for(100ms);
@@ -138,7 +127,6 @@ TEST_F(MoviePlaybackTest, ClockTracksThePlayedSamplesAndPauseKeepsTheBuffer) {
   const uint64_t bytes = buffered * VNAudioGraph::kBytesPerFrame;
   ASSERT_EQ(graph->dataBuffer()->readBytes(waiting.data(), bytes), bytes);
   graph->dataBuffer()->appendBytes(waiting.data(), bytes);
-
   play("after");
   ASSERT_TRUE(playUntil(paused + 300000));
   pause();
@@ -177,7 +165,6 @@ TEST_F(MoviePlaybackTest, SeekWhilePlayingResumesAtTheNewTime) {
   ASSERT_TRUE(playUntil(kTarget + 400000));
   pause();
   const int64_t after = framesOf(movie_->currentTime() - kTarget);
-
   const std::string map = toneMap(recorded().channel(0));
   const size_t firstA = map.find('a'), lastA = map.rfind('a');
   const size_t firstB = map.find('b'), lastB = map.rfind('b');

@@ -1,5 +1,4 @@
-// Subtitles read as a movie's subtitle media: text files in any charset, and
-// a media's own tracks.
+// Subtitles read as a movie's subtitle media.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -109,8 +108,7 @@ TEST(MovieSubtitleTest, CuesCloseTogetherAreEachShown) {
   }
 }
 
-// A file or track that is no subtitles, or an unknown charset, opens nothing
-// and drops the subtitle before.
+// No subtitles in the file or track, or an unknown charset: nothing, nor the old one.
 TEST(MovieSubtitleTest, WhatCannotBeReadOpensNothing) {
   const struct {
     const char* file;

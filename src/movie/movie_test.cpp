@@ -55,7 +55,6 @@ TEST(MovieTest, MediasOnTheTimeline) {
   empty->seek(2000000);
   empty->flushOperation();
   EXPECT_EQ(empty->currentTime(), 2000000);
-
   auto movie = VNFFMovie::create();
   Medias a = mediasOf("aac.m4a");       // 5 s
   Medias b = mediasOf("h264_aac.mp4");  // 10 s: video + audio
@@ -71,7 +70,6 @@ TEST(MovieTest, MediasOnTheTimeline) {
   EXPECT_TRUE(movie->hasAudio() && movie->hasVideo());
   EXPECT_EQ(movie->audios().size(), 2u);
   ASSERT_EQ(movie->videos().size(), 1u);
-
   const int64_t endA = 10000000 + a[0]->duration();
   EXPECT_EQ(VNFFMovie::medias(all, 9999999), nullptr);
   EXPECT_EQ(VNFFMovie::medias(all, 10000000), a[0]);
@@ -80,7 +78,6 @@ TEST(MovieTest, MediasOnTheTimeline) {
   EXPECT_EQ(VNFFMovie::medias(all, endA), b[0]);
   EXPECT_EQ(movie->videoMediaAtTime(11000000), nullptr);
   EXPECT_EQ(movie->videoMediaAtTime(13000000), b[0]);
-
   movie->setDisableVideo(true);
   EXPECT_FALSE(movie->hasVideo());
   EXPECT_TRUE(movie->videos().empty());
@@ -127,8 +124,7 @@ TEST(MovieSeekTest, EveryMediaIsSoughtToItsLocalTime) {
   EXPECT_EQ(second->seeks, std::vector<int64_t>{-1000000});
 }
 
-// The clock is the seek point plus the frames produced, less those waiting in
-// the output.
+// The clock is the seek point plus the frames produced, less those waiting.
 TEST(MovieSeekTest, ClockSubtractsBufferedFrames) {
   auto movie = VNFFMovie::create();
   movie->openMedias(mediasOf("aac.m4a"));
@@ -143,8 +139,7 @@ TEST(MovieSeekTest, ClockSubtractsBufferedFrames) {
   EXPECT_EQ(movie->currentTime(), 5000000 + 900000);
 }
 
-// Seeks from the application thread while the decode queue reads and mixes:
-// chunks queued before the last seek may run after it, never before.
+// Seeks while the queue mixes: chunks queued before the last may count after it.
 TEST(MovieSeekTest, SeeksWhileTheQueueMixes) {
   auto movie = VNFFMovie::create();
   movie->openMedias(mediasOf("h264_aac.mp4"));
@@ -182,8 +177,7 @@ TEST(MovieThreadsTest, DevicePullsAskForOneTopUpWithoutAllocating) {
   EXPECT_EQ(graph->bufferFrames(), kChunkFrames);
 }
 
-// Reading the mix while a picture request waits on the queue (both read the
-// medias) is refused in a checking build; once it ran, the read goes on.
+// Reading the mix while a picture request waits is refused in a checking build.
 TEST(MovieThreadsDeathTest, ReadSampleMeetingAPictureRequestIsRefused) {
   if (!vn::checksAbort())
     GTEST_SKIP() << "a build without checks only logs the misuse";
