@@ -28,17 +28,13 @@ constexpr int kTimeout = 10;
 struct Case {
   const char* group;  // the test the case runs in
   const char* files;  // in the fixtures' broken/ folder; cut% is each of the four cuts
-  // Of info, frame, thumbnail and convert, each: o, exit 0 with the output
-  // there and read by ffprobe; x, exit 1 with one error line (after any
-  // warnings) and no output.
+  // Of info, frame, thumbnail and convert, each: o, exit 0 with an output ffprobe
+  // reads; x, exit 1 with one error line (after any warnings) and no output.
   const char* outcomes;
-  // The container states its size, so every run that opens the cut says how
-  // many of its bytes are there; no other file is called truncated.
+  // Every run that opens the cut says how many of its bytes are there.
   bool declaresSize = false;
   const char* at = "0.5";  // frame -t, inside the container's duration
-  // The file is a subtitle: info reads it, the other commands draw it over
-  // h264_aac.mp4.
-  bool subtitles = false;
+  bool subtitles = false;  // info reads it, the others draw it over h264_aac.mp4
 };
 
 // clang-format off
