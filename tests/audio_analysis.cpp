@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <numeric>
 #include <string>
 
 #include "test_support.h"
@@ -14,25 +13,17 @@ namespace vn::test {
 std::vector<float> Samples::channel(int which) const {
   std::vector<float> out(frames());
   for (size_t i = 0; i < out.size(); ++i) {
-    if (which >= 0) {
-      out[i] = data[i * channels + which];
-    } else {
-      float sum = 0;
-      for (int c = 0; c < channels; ++c)
-        sum += data[i * channels + c];
-      out[i] = sum / channels;
-    }
+    const float* frame = &data[i * channels];
+    out[i] = which >= 0 ? frame[which] : std::accumulate(frame, frame + channels, 0.0f) / channels;
   }
   return out;
 }
 
 double rms(const std::vector<float>& signal) {
-  if (signal.empty())
-    return 0;
   double sum = 0;
   for (float s : signal)
     sum += double(s) * s;
-  return std::sqrt(sum / signal.size());
+  return signal.empty() ? 0 : std::sqrt(sum / signal.size());
 }
 
 double toneAmplitude(const std::vector<float>& signal, int rate, double hz) {
@@ -66,9 +57,9 @@ double zeroCrossingFrequency(const std::vector<float>& signal, int rate) {
   }
   if (crossings.size() < 3)
     return 0;
-  std::vector<size_t> periods;
-  for (size_t i = 1; i < crossings.size(); ++i)
-    periods.push_back(crossings[i] - crossings[i - 1]);
+  std::vector<size_t> periods(crossings.size());
+  std::adjacent_difference(crossings.begin(), crossings.end(), periods.begin());
+  periods.erase(periods.begin());
   std::nth_element(periods.begin(), periods.begin() + periods.size() / 2, periods.end());
   // Sum a window of periods around the median for sub-sample precision.
   const size_t median = periods[periods.size() / 2];
@@ -93,11 +84,8 @@ std::vector<float> audible(const std::vector<float>& signal, float floor) {
 }
 
 Samples readRawFloat(const std::string& path, int channels, int rate) {
-  Samples s;
-  s.channels = channels;
-  s.rate = rate;
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  Samples s{{}, channels, rate};
+  const std::string bytes = readFile(path);
   s.data.resize(bytes.size() / sizeof(float));
   std::memcpy(s.data.data(), bytes.data(), s.data.size() * sizeof(float));
   return s;

@@ -1,5 +1,4 @@
-// Measuring test audio: level, tone strength and pitch of interleaved float
-// samples.
+// Measuring test audio: level, tone strength and pitch of float samples.
 #pragma once
 
 #include <cstddef>
@@ -22,22 +21,20 @@ struct Samples {
 // Root mean square of a signal.
 double rms(const std::vector<float>& signal);
 
-// Amplitude of the frequency hz in a signal (Goertzel), in the same units
-// as the samples: a sine of amplitude A gives about A.
+// Amplitude of the frequency hz in a signal (Goertzel): a sine of amplitude A gives A.
 double toneAmplitude(const std::vector<float>& signal, int rate, double hz);
 
 // Pitch from the median spacing of upward zero crossings.
 double zeroCrossingFrequency(const std::vector<float>& signal, int rate);
 
-// The audible part of a signal: from the first to the last sample louder
-// than the floor.
+// The part of a signal from its first to its last sample louder than floor.
 std::vector<float> audible(const std::vector<float>& signal, float floor = 1e-2f);
 
 // Reads raw interleaved float32 samples from a file.
 Samples readRawFloat(const std::string& path, int channels, int rate);
 
-// Decodes any audio file to interleaved float32 with the ffmpeg command line
-// (extra_args go before the output, e.g. a filter graph).
+// Decodes any audio file to interleaved float32 with ffmpeg (extraArgs go
+// before the output, e.g. a filter graph).
 Samples decodeWithFfmpeg(const std::string& input,
                          const std::string& extraArgs,
                          int channels,

@@ -11,15 +11,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace vn::test {
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 std::string shellQuote(const std::string& s) {
@@ -49,11 +48,10 @@ std::string scratch(const std::string& name) {
 }
 
 bool noTemporaryFiles() {
-  for (const std::string& name : entries(scratchDir())) {
-    if (name.find(".varnel-") != std::string::npos)
-      return false;
-  }
-  return true;
+  const std::vector<std::string> names = entries(scratchDir());
+  return std::none_of(names.begin(), names.end(), [](const std::string& name) {
+    return name.find(".varnel-") != std::string::npos;
+  });
 }
 
 std::vector<std::string> entries(const std::string& dir) {
@@ -94,18 +92,15 @@ std::vector<std::string> lines(const std::string& text) {
 std::string runShell(const std::string& command, int* status) {
   std::string out;
   FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) {
-    if (status)
-      *status = -1;
-    return out;
+  int rc = -1;
+  if (pipe) {
+    std::array<char, 4096> buffer;
+    for (size_t n; (n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0;)
+      out.append(buffer.data(), n);
+    rc = pclose(pipe);
   }
-  std::array<char, 4096> buffer;
-  size_t n;
-  while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-    out.append(buffer.data(), n);
-  int rc = pclose(pipe);
   if (status)
-    *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    *status = rc != -1 && WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
   return out;
 }
 
@@ -154,10 +149,9 @@ double probedDuration(const std::string& path) {
 bool realTimeChecks() {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
   return false;
-#else
+#endif
   const char* asked = std::getenv("VARNEL_REALTIME_TESTS");
   return asked && std::string(asked) == "1";
-#endif
 }
 
 Raster Raster::part(int x, int y, int w, int h) const {
@@ -169,24 +163,21 @@ Raster Raster::part(int x, int y, int w, int h) const {
 
 namespace {
 
-// Pictures written one after the other as PAM: a text header with the
-// size, then the pixels.
-std::vector<Raster> parsePam(const std::string& bytes) {
+// The pictures ffmpeg decodes with the options, read from its PAM output: a
+// text header with the size, then the pixels, for each.
+std::vector<Raster> decodePictures(const std::string& options) {
+  const std::string bytes = runShell("ffmpeg -hide_banner -loglevel error -nostdin " + options +
+                                     " -c:v pam -pix_fmt rgba -f image2pipe -");
   std::vector<Raster> pictures;
-  size_t at = 0;
-  while (at < bytes.size()) {
-    const size_t end = bytes.find("ENDHDR\n", at);
+  for (size_t at = 0, end; (end = bytes.find("ENDHDR\n", at)) != std::string::npos;) {
     Raster r;
-    if (end == std::string::npos ||
-        std::sscanf(bytes.c_str() + at, "P7 WIDTH %d HEIGHT %d", &r.width, &r.height) != 2)
+    if (std::sscanf(bytes.c_str() + at, "P7 WIDTH %d HEIGHT %d", &r.width, &r.height) != 2 ||
+        end + 7 + size_t(r.width) * r.height * 4 > bytes.size())
       break;
-    const size_t size = size_t(r.width) * r.height * 4;
-    if (end + 7 + size > bytes.size())
-      break;
+    at = end + 7 + size_t(r.width) * r.height * 4;
     r.rgba.assign(bytes.begin() + static_cast<std::ptrdiff_t>(end + 7),
-                  bytes.begin() + static_cast<std::ptrdiff_t>(end + 7 + size));
+                  bytes.begin() + static_cast<std::ptrdiff_t>(at));
     pictures.push_back(std::move(r));
-    at = end + 7 + size;
   }
   return pictures;
 }
@@ -197,16 +188,14 @@ Raster readPicture(const std::string& path,
                    const std::string& filters,
                    const std::string& inputOptions) {
   std::vector<Raster> pictures =
-      parsePam(runShell("ffmpeg -hide_banner -loglevel error -nostdin " + inputOptions + " -i " +
-                        shellQuote(path) + (filters.empty() ? "" : " -vf " + shellQuote(filters)) +
-                        " -frames:v 1 -c:v pam -pix_fmt rgba -f image2pipe -"));
+      decodePictures(inputOptions + " -i " + shellQuote(path) +
+                     (filters.empty() ? "" : " -vf " + shellQuote(filters)) + " -frames:v 1");
   return pictures.empty() ? Raster{} : std::move(pictures.front());
 }
 
 std::vector<Raster> readPictures(const std::string& path, const std::string& filters) {
-  return parsePam(runShell("ffmpeg -hide_banner -loglevel error -nostdin -i " + shellQuote(path) +
-                           " -vf " + shellQuote(filters) +
-                           " -fps_mode passthrough -c:v pam -pix_fmt rgba -f image2pipe -"));
+  return decodePictures("-i " + shellQuote(path) + " -vf " + shellQuote(filters) +
+                        " -fps_mode passthrough");
 }
 
 Raster frameOf(const std::string& input, const std::vector<std::string>& args) {

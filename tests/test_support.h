@@ -12,26 +12,20 @@
 
 namespace vn::test {
 
-// Whether the tests of real-time playback check the lengths, levels and
-// gaps of what the sound device recorded. Those hold only when the device
-// is fed in time, which neither a sanitizer build (it decodes several times
-// slower) nor a shared machine can promise: a starved device plays calls of
-// silence anywhere in a recording. So they are checked on request, with
-// VARNEL_REALTIME_TESTS=1 in a plain build; otherwise the tests still play
-// every scene and check what holds at any speed.
+// Whether playback tests check the lengths, levels and gaps of what the sound
+// device recorded: only with VARNEL_REALTIME_TESTS=1 in a plain build, as a
+// device starved by a sanitizer build or a busy machine plays silence.
 bool realTimeChecks();
 inline const bool kRealTime = realTimeChecks();
 
 // Path of a generated test medium (tests/fixtures/README.md lists them).
 std::string fixture(const std::string& name);
 
-// A scratch directory of this test run, created on first use, and a path in
-// it.
+// A scratch directory of this test run, created on first use, and a path in it.
 std::string scratchDir();
 std::string scratch(const std::string& name);
 
-// Whether the scratch directory holds no temporary file of a run that failed
-// or was stopped.
+// Whether the scratch directory holds no temporary file of a failed or stopped run.
 bool noTemporaryFiles();
 
 // The names in a directory.
@@ -55,8 +49,7 @@ CommandResult runVarnel(const std::vector<std::string>& args,
                         const std::map<std::string, std::string>& env = {},
                         int timeoutSeconds = 0);
 
-// Checks that a run failed with the status and one error line, which holds
-// `says`.
+// Checks that a run failed with the status and one error line holding `says`.
 void expectError(const CommandResult& r, int status, const std::string& says = "");
 
 // The words of a command line, split at spaces; a 'quoted' word keeps its own.
@@ -65,8 +58,8 @@ std::vector<std::string> words(const std::string& line);
 // A word for the shell: s in single quotes.
 std::string shellQuote(const std::string& s);
 
-// ffprobe's -show_streams -show_format of a file as JSON (discarded on
-// failure), its first stream of a type (null when none) and its duration.
+// ffprobe's -show_streams -show_format of a file as JSON (discarded on failure),
+// its first stream of a type (null when none) and its duration.
 nlohmann::json ffprobe(const std::string& path);
 const nlohmann::json* streamOf(const nlohmann::json& probe, const std::string& type);
 double probedDuration(const std::string& path);
@@ -82,22 +75,19 @@ struct Raster {
   Raster part(int x, int y, int w, int h) const;
 };
 
-// The first picture of a file (a still image, or a movie frame picked by
-// the -vf filters), as ffmpeg decodes it to RGBA; inputOptions go before
-// -i (e.g. "-ss 2.5"). Empty when ffmpeg gives nothing.
+// The first picture of a file (a still, or a movie frame the -vf filters pick)
+// as ffmpeg decodes it to RGBA; inputOptions go before -i (e.g. "-ss 2.5").
 Raster readPicture(const std::string& path,
                    const std::string& filters = "",
                    const std::string& inputOptions = "");
 
-// Every picture the -vf filters let through (e.g. a select of frame
-// numbers), in order, as ffmpeg decodes them to RGBA from the start.
+// Every picture the -vf filters let through, in order, decoded to RGBA.
 std::vector<Raster> readPictures(const std::string& path, const std::string& filters);
 
 // The picture `varnel frame input -o PNG args...` writes.
 Raster frameOf(const std::string& input, const std::vector<std::string>& args);
 
-// PSNR of the colour bytes (alpha ignored) of two pictures of one size, in
-// dB; 99 for equal pictures, 0 for pictures of different sizes.
+// PSNR of the colour bytes of two pictures in dB; 99 if equal, 0 if sized apart.
 double psnr(const Raster& a, const Raster& b);
 
 // Number of operator new calls made so far on the calling thread.

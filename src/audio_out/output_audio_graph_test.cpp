@@ -15,7 +15,6 @@
 #include <numbers>
 #include <vector>
 
-#include "audio_out/audio_device.h"
 #include "core/log.h"
 #include "core/serial_queue.h"
 #include "test_support.h"
@@ -56,9 +55,8 @@ double frequency(const std::vector<float>& stereo) {
   return crossings * static_cast<double>(kRate) / static_cast<double>(stereo.size() / 2);
 }
 
-// Stands in for the movie when the graph is driven offline: counts the
-// top-up requests and, if it has a signal, tops the FIFO up at once by the
-// movie's rule (one chunk while fewer than a chunk's worth are buffered).
+// The movie, offline: counts top-up requests and, with a signal, appends a chunk at once while
+// fewer than a chunk's worth are buffered.
 struct InlineMovie : VNOutputAudioGraphDelegate {
   void decodeMoreAudioDataToAudioOutput() override {
     ++requests;
@@ -101,41 +99,34 @@ class OutputAudioGraphTest : public ::testing::Test {
 };
 
 bool isSilent(const std::vector<float>& out) {
-  for (float s : out) {
-    if (s != 0.0f)
-      return false;
-  }
-  return true;
+  return std::all_of(out.begin(), out.end(), [](float s) { return s == 0; });
 }
 
 }  // namespace
 
-// A render call asks for one top-up and plays only whole answers: a FIFO
-// short of the frames asked for is emptied all the same and gives silence.
+// A render call asks for one top-up and plays only whole answers: a FIFO short of the frames asked
+// for is emptied all the same and gives silence.
 TEST_F(OutputAudioGraphTest, RenderIsAllOrNothing) {
   struct Case {
     int32_t buffered;
-    int32_t asked;
     bool plays;
     uint64_t left;
   };
-  for (const Case& c : {Case{0, 1024, false, 0}, Case{1000, 1024, false, 0},
-                        Case{1024, 1024, true, 0}, Case{3000, 1024, true, 1976}}) {
+  for (const Case& c :
+       {Case{0, false, 0}, Case{1000, false, 0}, Case{1024, true, 0}, Case{3000, true, 1976}}) {
+    SCOPED_TRACE(c.buffered);
     graph_->clearBuffer();
     fill(c.buffered);
     const int requestsBefore = movie_.requests;
-    const std::vector<float> out = render(c.asked);
-    EXPECT_EQ(movie_.requests - requestsBefore, 1) << c.buffered;
-    EXPECT_EQ(isSilent(out), !c.plays) << c.buffered;
-    if (c.plays) {
-      EXPECT_EQ(out, frames(ramp, 0, c.asked)) << c.buffered;
-    }
-    EXPECT_EQ(graph_->bufferFrames(), c.left) << c.buffered;
+    const std::vector<float> out = render(1024);
+    EXPECT_EQ(movie_.requests - requestsBefore, 1);
+    EXPECT_EQ(out, c.plays ? frames(ramp, 0, 1024) : std::vector<float>(2 * 1024, 0.0f));
+    EXPECT_EQ(graph_->bufferFrames(), c.left);
   }
 }
 
-// At rate 1.0 and full volume, chunk after chunk comes out bit for bit, with
-// the FIFO never holding two chunks; a volume scales the samples, at most 1.
+// At rate 1.0 and full volume, chunk after chunk comes out bit for bit, the FIFO never holding two
+// chunks; a volume scales the samples, at most 1.
 TEST_F(OutputAudioGraphTest, NormalRatePlaysChunksBackToBack) {
   movie_.signal = ramp;
   int64_t played = 0;
@@ -147,29 +138,27 @@ TEST_F(OutputAudioGraphTest, NormalRatePlaysChunksBackToBack) {
   }
   EXPECT_EQ(movie_.produced - static_cast<int64_t>(graph_->bufferFrames()), played);
 
-  // The volume scales what follows.
   graph_->setVolume(0.25f);
-  const std::vector<float> out = render(512);
-  const std::vector<float> in = frames(ramp, played, 512);
-  for (size_t i = 0; i < in.size(); ++i)
-    ASSERT_EQ(out[i], in[i] * 0.25f) << i;
+  std::vector<float> quarter = frames(ramp, played, 512);
+  for (float& v : quarter)
+    v *= 0.25f;
+  EXPECT_EQ(render(512), quarter);
 
   graph_->setVolume(3.0f);  // a device level is at most 1
   EXPECT_EQ(graph_->volume(), 1.0f);
 }
 
-// Speed changes without pitch change: a 440 Hz tone stays at 440 Hz while
-// the FIFO is drained rate times as fast as the output plays.
+// Speed changes without pitch change: a 440 Hz tone stays at 440 Hz while the FIFO is drained rate
+// times as fast as the output plays.
 TEST_F(OutputAudioGraphTest, RateChangesSpeedNotPitch) {
   movie_.signal = tone440;
   for (float rate : {0.5f, 1.5f, 2.0f}) {
     graph_->clearBuffer();
     graph_->setRate(rate);
-    // Let the time-pitch unit fill up, then measure over three seconds.
     for (int i = 0; i < 40; ++i)
       render(512);
     const int64_t consumedBefore = movie_.produced - static_cast<int64_t>(graph_->bufferFrames());
-    std::vector<float> played;
+    std::vector<float> played;  // three seconds, once the time-pitch unit has filled
     for (int i = 0; i < 3 * kRate / 512; ++i) {
       const std::vector<float> out = render(512);
       played.insert(played.end(), out.begin(), out.end());
@@ -195,22 +184,19 @@ TEST(AudioGraphTest, ShapesThatCannotRenderAreRefused) {
   graph->connectNode(a, b);
   graph->connectNode(b, a);  // would close a loop
   graph->connectNode(a, a);
-  std::vector<float> out(2 * 64, 9.0f);
+  std::vector<float> out(2 * 64);
   vn::AudioBuffer buffer{2, static_cast<uint32_t>(out.size() * sizeof(float)), out.data()};
-  EXPECT_TRUE(graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 64));
-  EXPECT_TRUE(isSilent(out));  // a has no input: silence
-
-  // The base graph answers no render callback: silence, not stale bytes.
-  graph->setInputCallbackForNode(a);
-  std::fill(out.begin(), out.end(), 9.0f);
-  EXPECT_TRUE(graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 64));
-  EXPECT_TRUE(isSilent(out));
-
+  // Renders b over stale bytes; true when it gives silence.
+  const auto rendersSilence = [&] {
+    std::fill(out.begin(), out.end(), 9.0f);
+    return graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 64) && isSilent(out);
+  };
+  EXPECT_TRUE(rendersSilence());      // a has no input
+  graph->setInputCallbackForNode(a);  // the base graph answers no render callback
+  EXPECT_TRUE(rendersSilence());
   graph->removeAUNode(a);
   EXPECT_EQ(graph->audioUnitForNode(a), nullptr);
-  std::fill(out.begin(), out.end(), 9.0f);
-  EXPECT_TRUE(graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 64));
-  EXPECT_TRUE(isSilent(out));
+  EXPECT_TRUE(rendersSilence());
   EXPECT_FALSE(graph->renderNode(b, vn::AudioBufferList(&buffer, 1), 65));  // too small
   // Without an output unit there is nothing to start.
   graph->start();
@@ -224,16 +210,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Stands in for the movie during real playback: each request posts one
-// top-up item on a decode queue, which appends a chunk while fewer than a
-// chunk's worth are buffered, until it has made chunkLimit chunks. On the
-// device thread it notes the operator new calls made outside its own post.
+// The movie during real playback: each request posts a top-up on a decode queue, which appends a
+// chunk while fewer than a chunk's worth are buffered, up to chunkLimit chunks. On the device
+// thread it counts the allocations made outside its own posts.
 class QueuedMovie : public VNOutputAudioGraphDelegate {
  public:
   static constexpr int kRecords = 4096;
 
-  // clearBefore: the index of a chunk before which the buffered samples are
-  // dropped, as a seek does; -1 for none.
+  // clearBefore: the chunk before which the buffer is dropped, as a seek does; -1 for none.
   QueuedMovie(VNOutputAudioGraph* graph, Signal signal, int chunkLimit, int clearBefore)
       : graph_(graph), signal_(signal), chunkLimit_(chunkLimit), clearBefore_(clearBefore) {}
 
@@ -259,7 +243,6 @@ class QueuedMovie : public VNOutputAudioGraphDelegate {
       sum += outside_[i];
     return sum;
   }
-  int requests() const { return requests_.load(std::memory_order_acquire); }
 
   void finish() { queue_.waitUntilAllOperationsAreFinished(); }
   const std::vector<float>& producedSamples() const { return produced_; }
@@ -304,7 +287,6 @@ class PlaybackDeviceTest : public ::testing::Test {
   void SetUp() override {
     recording_ = vn::test::scratchDir() + "/" +
                  ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".raw";
-    // The disk driver records what the device plays, in real time.
     setenv("SDL_AUDIODRIVER", "disk", 1);
     setenv("SDL_DISKAUDIOFILE", recording_.c_str(), 1);
     unsetenv("SDL_DISKAUDIODELAY");
@@ -341,9 +323,8 @@ class PlaybackDeviceTest : public ::testing::Test {
 
 }  // namespace
 
-// What the device played is exactly what the decode queue made, chunk after
-// chunk with nothing lost or repeated at the joins, and the device thread
-// allocated nothing but the top-up posts.
+// The device plays exactly what the decode queue made, nothing lost or repeated at the joins, and
+// the device thread allocates nothing but the top-up posts.
 TEST_F(PlaybackDeviceTest, PlaysExactlyWhatWasProduced) {
   constexpr int kChunks = 16;  // about 0.75 s
   play(ramp, kChunks);
@@ -363,32 +344,8 @@ TEST_F(PlaybackDeviceTest, PlaysExactlyWhatWasProduced) {
   EXPECT_EQ(movie_->allocationsOutsidePosts(10), 0u);
 }
 
-// Stopping keeps the FIFO: what was not played waits, in order, for the next
-// start.
-TEST_F(PlaybackDeviceTest, StopAndPlayAgainKeepTheFifo) {
-  constexpr int32_t kWritten = 16 * 1024;
-  const std::vector<float> data = frames(ramp, 0, kWritten);
-  graph_->writeSample(data.data(), kWritten);
-  play(nullptr, 0);  // the queue makes nothing
-  for (int round = 0; round < 2; ++round) {
-    if (round > 0)
-      graph_->start();
-    EXPECT_TRUE(graph_->isStart());
-    graph_->stop();
-    EXPECT_FALSE(graph_->isStart());
-    // Each render call took one device call's worth; the rest waits.
-    EXPECT_EQ(graph_->bufferFrames(), kWritten - static_cast<uint64_t>(movie_->requests()) *
-                                                     vn::AudioDevice::kFramesPerCallback);
-  }
-  const auto left = static_cast<int32_t>(graph_->bufferFrames());
-  std::vector<float> rest(2 * static_cast<size_t>(left));
-  ASSERT_TRUE(graph_->readSample(rest.data(), left));
-  EXPECT_EQ(rest, frames(ramp, kWritten - left, left));
-}
-
-// Stretched, scaled playback with a seek in the middle: the tone keeps its
-// pitch, and once the time-pitch unit has filled, the device thread
-// allocates nothing but the top-up posts.
+// Stretched, scaled playback with a seek in the middle keeps the tone's pitch; once the time-pitch
+// unit has filled, the device thread allocates nothing but the top-up posts.
 TEST_F(PlaybackDeviceTest, RateVolumeAndSeekWhilePlaying) {
   graph_->setRate(1.5f);
   graph_->setVolume(0.5f);
@@ -404,12 +361,10 @@ TEST_F(PlaybackDeviceTest, RateVolumeAndSeekWhilePlaying) {
   if (vn::test::kRealTime) {
     EXPECT_NEAR(frequency(played), 440.0, 4.0);
   }
-  const float peak = *std::max_element(played.begin(), played.end());
-  EXPECT_NEAR(peak, 0.25f, 0.05f);
+  EXPECT_NEAR(*std::max_element(played.begin(), played.end()), 0.25f, 0.05f);
 }
 
-// A device that cannot open leaves the graph stopped, logs both start steps
-// and keeps the reason for the front end.
+// A device that cannot open leaves the graph stopped, logs both start steps and keeps the reason.
 TEST_F(PlaybackDeviceTest, StartFailureIsLoggedAndKept) {
   setenv("SDL_DISKAUDIOFILE", "/nonexistent-dir/out.raw", 1);
   std::vector<std::string> lines;

@@ -9,8 +9,8 @@
 
 namespace {
 
-// A stream every frame of which can be recognised: frame i holds
-// (i + 1) / 65536 on the left and its negative on the right.
+// A stream every frame of which can be recognised: frame i holds (i + 1) / 65536 on the left and
+// its negative on the right.
 struct RampSource {
   static float sample(int64_t frame, int channel) {
     const float v = static_cast<float>(frame + 1) / 65536.0f;
@@ -29,12 +29,9 @@ struct RampSource {
 
 // True when out holds frames frames of the ramp from frame first on.
 bool isRamp(const std::vector<float>& out, int64_t first, int32_t frames) {
-  for (int32_t i = 0; i < frames; ++i) {
-    if (out[2 * i] != RampSource::sample(first + i, 0) ||
-        out[2 * i + 1] != RampSource::sample(first + i, 1)) {
+  for (int32_t i = 0; i < 2 * frames; ++i)
+    if (out[i] != RampSource::sample(first + i / 2, i % 2))
       return false;
-    }
-  }
   return true;
 }
 
@@ -53,8 +50,8 @@ TEST(TimePitchTest, NormalRateIsExactBeforeAndAfterStretching) {
     EXPECT_EQ(source.next, first + frames);
   }
 
-  // While stretching, a call takes only its share of input, in whole slices,
-  // even while the stretcher is still filling up.
+  // While stretching, a call takes only its share of input, in whole slices, even while the
+  // stretcher is still filling up.
   stretch.setRate(1.5f);
   for (int i = 0; i < 40; ++i) {
     const int64_t before = source.next;
@@ -69,10 +66,10 @@ TEST(TimePitchTest, NormalRateIsExactBeforeAndAfterStretching) {
   EXPECT_TRUE(isRamp(out, first, 512));
 
   // Rates the pipeline cannot feed are clamped; NaN changes nothing.
-  stretch.setRate(100.0f);
-  EXPECT_EQ(stretch.rate(), vn::TimePitch::kMaxRate);
-  stretch.setRate(std::nanf(""));
-  EXPECT_EQ(stretch.rate(), vn::TimePitch::kMaxRate);
+  for (float rate : {100.0f, std::nanf("")}) {
+    stretch.setRate(rate);
+    EXPECT_EQ(stretch.rate(), vn::TimePitch::kMaxRate);
+  }
 }
 
 TEST(TimePitchTest, SteadyStretchingAllocatesNothing) {

@@ -23,8 +23,7 @@ TEST(FIFODataBufferTest, ReadsInOrderAcrossTheSwapAndClears) {
   EXPECT_EQ(fifo.length(), 10u);
   EXPECT_EQ(fifo.readBytes(out, 4), 4u);
   EXPECT_EQ(out[3], 3);
-  // Bytes appended after a partial read come after the ones still waiting;
-  // a short read leaves the rest of the destination alone.
+  // Appended bytes follow those waiting; a short read leaves the rest alone.
   const uint8_t more[3] = {100, 101, 102};
   fifo.appendBytes(more, 3);
   EXPECT_EQ(fifo.readBytes(out, 16), 9u);
@@ -32,7 +31,6 @@ TEST(FIFODataBufferTest, ReadsInOrderAcrossTheSwapAndClears) {
   EXPECT_TRUE(std::equal(expected, expected + 9, out));
   EXPECT_EQ(out[9], 0xEE);
   EXPECT_EQ(fifo.length(), 0u);
-
   fifo.appendBytes(ten, 10);
   fifo.clear();
   EXPECT_EQ(fifo.length(), 0u);
@@ -61,8 +59,7 @@ TEST(FIFODataBufferTest, SteadyStateDoesNotAllocate) {
   EXPECT_TRUE(allRead);
 }
 
-// One writer and one reader move tens of megabytes in random chunk sizes; the
-// reader must see every byte, in order.
+// One writer, one reader, 32 MB in random chunks: every byte, in order.
 TEST(FIFODataBufferTest, OneWriterOneReaderKeepOrder) {
   VNFIFODataBuffer fifo;
   constexpr uint64_t kTotal = 32ull << 20;

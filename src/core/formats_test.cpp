@@ -18,14 +18,12 @@ TEST(FormatsTest, AudioFormatEqualityTimesAndLayouts) {
   EXPECT_TRUE(isFFAudioFormatEqual(VNFFAudioFormat{}, VNFFAudioFormat{}));
   EXPECT_DOUBLE_EQ(vn_ff_time_to_double(1500000), 1.5);
   EXPECT_DOUBLE_EQ(vn_ff_time_to_double(-250000), -0.25);
-
   EXPECT_EQ(vn_get_channel_layout_by_name("stereo"), AV_CH_LAYOUT_STEREO);
   EXPECT_EQ(vn_get_channel_layout_by_name("mono"), AV_CH_LAYOUT_MONO);
   EXPECT_EQ(vn_get_channel_layout_by_name("5.1"), AV_CH_LAYOUT_5POINT1_BACK);
   EXPECT_EQ(vn_get_channel_layout_by_name("5.1(side)"), AV_CH_LAYOUT_5POINT1);
   EXPECT_EQ(vn_get_channel_layout_by_name("downmix"), AV_CH_LAYOUT_STEREO_DOWNMIX);
   EXPECT_EQ(vn_get_channel_layout_by_name("no such layout"), 0u);
-
   EXPECT_EQ(vn_get_channel_layout_nb_channels(AV_CH_LAYOUT_5POINT1), 6);
   EXPECT_EQ(vn_get_channel_layout_nb_channels(AV_CH_LAYOUT_STEREO), 2);
   EXPECT_EQ(vn_get_channel_layout_nb_channels(0), 0);

@@ -16,8 +16,7 @@ extern "C" {
 
 namespace {
 
-// A failure the library gets over logs one line, with the failing call and
-// FFmpeg's reason, only when VARNEL_LOG=debug; the results stay the same.
+// A failure gotten over logs the call and FFmpeg's reason, at debug level only.
 TEST(LogTest, FailuresAreLoggedAtDebugLevelOnly) {
   std::vector<std::string> lines;
   vn_set_log_handler([&](const std::string& line) { lines.push_back(line); });

@@ -41,8 +41,7 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
   EXPECT_EQ(value, 7);
 }
 
-// A task may drop the last reference to the queue's owner; the queue must not
-// try to join its own thread.
+// A task dropping the queue's owner must not make the queue join its own thread.
 TEST(SerialQueueTest, OwnerDestroyedFromItsOwnTask) {
   struct Owner {
     vn::SerialQueue queue{"owner"};

@@ -24,8 +24,7 @@ class ScopedLocale {
 
 }  // namespace
 
-// Names in the default locale's language; untagged and unknown codes read
-// as English, not as the raw code.
+// Names in the default locale's language; untagged and unknown codes as English.
 TEST(VarnelTest, LanguageNamesFollowTheDefaultLocale) {
   const struct {
     const char* locale;

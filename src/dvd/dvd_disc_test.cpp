@@ -1,6 +1,4 @@
-// The generated discs (tests/fixtures/README.md) read through libdvdread:
-// the model, the byte reader, the pieces of a title on the timeline, and
-// discs that are broken.
+// The generated discs: model, byte reader, pieces on the timeline, broken discs.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -28,8 +26,7 @@ namespace fs = std::filesystem;
 
 constexpr int kBlock = 2048;
 
-// A disc and the lines it logged while opening.
-struct Opened {
+struct Opened {  // a disc and the lines it logged while opening
   std::shared_ptr<VNDVD> disc;
   std::vector<std::string> log;
 };
@@ -42,11 +39,9 @@ Opened openLogged(const std::string& path) {
   return opened;
 }
 
-std::shared_ptr<VNDVDSource> titleSource(const std::shared_ptr<VNDVD>& disc,
-                                         size_t set,
-                                         size_t title) {
+std::shared_ptr<VNDVDSource> titleSource(const std::shared_ptr<VNDVD>& disc, size_t set, size_t t) {
   const auto& s = disc->title_sets.at(set);
-  return VNDVDSource::create(disc, s, s->titles.at(title));
+  return VNDVDSource::create(disc, s, s->titles.at(t));
 }
 
 // Everything the byte reader gives from `from` to the end.
@@ -65,8 +60,19 @@ std::vector<uint8_t> readAll(VNDVDSource& source, int64_t from) {
   return bytes;
 }
 
+// A scratch copy of the folder disc.
+std::string folderCopy(const std::string& name) {
+  const std::string copy = vn::test::scratchDir() + "/" + name;
+  fs::remove_all(copy);
+  fs::copy(fixture("dvd_folder"), copy, fs::copy_options::recursive);
+  return copy;
+}
+
+// One model from the image, the folder, and a folder without VIDEO_TS.IFO.
 TEST(DvdDiscTest, ImageAndFolderGiveTheSameModel) {
-  for (const std::string& path : {fixture("dvd.iso"), fixture("dvd_folder")}) {
+  const std::string noManager = folderCopy("no-manager-ifo");
+  fs::remove(noManager + "/VIDEO_TS/VIDEO_TS.IFO");
+  for (const std::string& path : {fixture("dvd.iso"), fixture("dvd_folder"), noManager}) {
     SCOPED_TRACE(path);
     const Opened opened = openLogged(path);
     ASSERT_TRUE(opened.disc);
@@ -74,16 +80,15 @@ TEST(DvdDiscTest, ImageAndFolderGiveTheSameModel) {
     EXPECT_EQ(opened.log, std::vector<std::string>{"title_sets 2 Region 0xff"});
     EXPECT_EQ(disc.region, 0);
     ASSERT_EQ(disc.title_sets.size(), 2u);
-
     const VNDVDTitleSet& ntsc = *disc.title_sets[0];
     EXPECT_EQ(ntsc.title_set, 1);
     EXPECT_EQ(ntsc.description(),
-              "format:ntsc aspect_ratio:4:3 audios:(English, French) subtitle:(English)");
+              "format:ntsc aspect_ratio:4:3 audios:(English, French) "
+              "subtitle:(English)");
     const VNDVDTitleSet& pal = *disc.title_sets[1];
     EXPECT_EQ(pal.description(),
               "format:pal aspect_ratio:16:9 audios:(German, Spanish) subtitle:()");
     ASSERT_EQ(pal.titles.size(), 1u);
-
     // Titles of one, two and ten VOBs; the chain without cells is no title.
     ASSERT_EQ(ntsc.titles.size(), 3u);
     const size_t pieces[] = {1, 2, 10};
@@ -109,8 +114,7 @@ TEST(DvdDiscTest, ImageAndFolderGiveTheSameModel) {
 }
 
 TEST(DvdDiscTest, VolumeNameIsTheDiscsOrItsFolders) {
-  // The image carries a UDF volume name; a folder has none, so the folder's
-  // own name is used, or its parent's when it is the VIDEO_TS folder.
+  // The image's UDF name, else the folder's, or its parent's for VIDEO_TS.
   const std::string renamed = vn::test::scratchDir() + "/Movie Night";
   fs::remove_all(renamed);
   fs::create_directories(renamed);
@@ -155,22 +159,19 @@ TEST(DvdDiscTest, ByteReaderServesWholeBlocksAndTheRestOfOne) {
   EXPECT_GE(source->blocks(), static_cast<uint32_t>(source->sector_count()));
   const int64_t size = source->filesize();
   EXPECT_EQ(size, int64_t{source->sector_count()} * kBlock);
-
-  // The size, asked for, leaves the position; an unknown mode is refused.
+  // Asking the size leaves the position; unknown modes are refused.
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 1000, SEEK_SET), 1000);
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, AVSEEK_SIZE), size);
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, 3), AVERROR(ENOSYS));
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 0, SEEK_SET | AVSEEK_FORCE), AVERROR(ENOSYS));
   EXPECT_EQ(source->read_offset(), 1000);
-
   // Unaligned: the rest of block 0 only; then whole blocks.
   std::vector<uint8_t> buffer(1048576);
   EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), 1048);
   EXPECT_EQ(source->read_offset(), 2048);
   const int whole = VNDVDSource::readPacket(source.get(), buffer.data(), 1048576);
   EXPECT_EQ(whole, size - 2048);  // the title is smaller than the request
-  // A short request costs a block and gives what was asked; a remainder
-  // beyond whole blocks waits for the next call.
+  // A short request gives what was asked; a remainder past whole blocks waits.
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 3 * kBlock, SEEK_SET), 3 * kBlock);
   EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 100), 100);
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 3 * kBlock, SEEK_SET), 3 * kBlock);
@@ -180,7 +181,6 @@ TEST(DvdDiscTest, ByteReaderServesWholeBlocksAndTheRestOfOne) {
   EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), AVERROR_EOF);
   EXPECT_EQ(VNDVDSource::seekPacket(source.get(), 4096, SEEK_CUR), size + 4096);
   EXPECT_EQ(VNDVDSource::readPacket(source.get(), buffer.data(), 1048576), AVERROR_EOF);
-
   // What it reads is the title's run of the title set's VOB file.
   std::ifstream vob(fixture("dvd_folder/VIDEO_TS/VTS_01_1.VOB"), std::ios::binary);
   std::vector<uint8_t> file((std::istreambuf_iterator<char>(vob)),
@@ -193,7 +193,7 @@ TEST(DvdDiscTest, ByteReaderServesWholeBlocksAndTheRestOfOne) {
 }
 
 TEST(DvdDiscTest, SourcesOfOneImageReadAtOnce) {
-  // Every title of an image reads through the one file the disc opened.
+  // All titles of an image read at once through the one file the disc opened.
   std::shared_ptr<VNDVD> disc = VNDVD::open(fixture("dvd.iso"));
   ASSERT_TRUE(disc);
   const auto sources = disc->titleSources();
@@ -246,14 +246,12 @@ TEST(DvdDiscTest, PiecesFollowEachOtherOnTheTimeline) {
 }
 
 TEST(DvdDiscTest, BrokenDiscsEndInNothingToRead) {
-  // Not a disc: libdvdread opens any file as an image, and finds no video
-  // manager in it.
+  // Not a disc: libdvdread opens it as an image and finds no video manager.
   for (const std::string& path : {fixture("text.mp4"), fixture("h264_aac.mp4")}) {
     std::shared_ptr<VNDVD> disc = VNDVD::open(path);
     EXPECT_TRUE(!disc || disc->title_sets.empty()) << path;
   }
   EXPECT_FALSE(VNDVD::open(fixture("no-such-disc.iso")));
-
   // The IFOs without their VOBs: titles whose pieces hold nothing.
   std::shared_ptr<VNDVD> bare = VNDVD::open(fixture("dvd_novobs"));
   ASSERT_TRUE(bare);
@@ -262,10 +260,8 @@ TEST(DvdDiscTest, BrokenDiscsEndInNothingToRead) {
     EXPECT_TRUE(source->createMedias().value_or(VNMediaSource::Medias{}).empty());
     EXPECT_EQ(VNDVDSource::readPacket(source.get(), nullptr, 2048), AVERROR_EOF);
   }
-
-  // An image cut inside the first title set's VOBs: what lies before the
-  // cut reads, what lies after it does not, and the second title set,
-  // whose IFO was after the cut, is left out.
+  // Cut inside set 1's VOBs: what lies before the cut reads, what lies after
+  // does not, and set 2, whose IFO was after the cut, is left out.
   const Opened opened = openLogged(fixture("dvd_truncated.iso"));
   std::shared_ptr<VNDVD> cut = opened.disc;
   ASSERT_TRUE(cut);
@@ -284,24 +280,10 @@ TEST(DvdDiscTest, BrokenDiscsEndInNothingToRead) {
   EXPECT_GT(empty, 0u);
 }
 
-TEST(DvdDiscTest, VideoManagerWithoutItsIfoIsReadFromTheBackup) {
-  const std::string copy = vn::test::scratchDir() + "/no-manager-ifo";
-  fs::remove_all(copy);
-  fs::copy(fixture("dvd_folder"), copy, fs::copy_options::recursive);
-  fs::remove(copy + "/VIDEO_TS/VIDEO_TS.IFO");
-  const Opened opened = openLogged(copy);
-  ASSERT_TRUE(opened.disc);
-  EXPECT_EQ(opened.log, std::vector<std::string>{"title_sets 2 Region 0xff"});
-  EXPECT_EQ(opened.disc->title_sets.size(), 2u);
-  EXPECT_EQ(opened.disc->titleSources().size(), 13u);
-  fs::remove_all(copy);
-}
-
 TEST(DvdDiscTest, TitleSetWithBrokenTablesIsLeftOut) {
-  // Each case writes big-endian values into one title set's IFO of a copy
-  // of the folder disc: the program chain table is at sector 2, its entries
-  // from byte 8, the first chain of set 1 at byte 32 of it and the cell
-  // address table at sector 4 (as tests/fixtures/make_fixtures.sh builds it).
+  // Big-endian values written into one title set's IFO of a copy of the
+  // folder disc: chain table at sector 2, entries from its byte 8, set 1's
+  // first chain at its byte 32, cell address table at sector 4.
   constexpr int kChains = 2 * kBlock;
   constexpr int kFirstChain = kChains + 32;
   constexpr int kCells = 4 * kBlock;
@@ -330,9 +312,7 @@ TEST(DvdDiscTest, TitleSetWithBrokenTablesIsLeftOut) {
   int n = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    const std::string copy = vn::test::scratchDir() + "/broken-tables-" + std::to_string(++n);
-    fs::remove_all(copy);
-    fs::copy(fixture("dvd_folder"), copy, fs::copy_options::recursive);
+    const std::string copy = folderCopy("broken-tables-" + std::to_string(++n));
     char name[32];
     std::snprintf(name, sizeof name, "/VIDEO_TS/VTS_%02d_0.IFO", c.set);
     {
@@ -348,11 +328,10 @@ TEST(DvdDiscTest, TitleSetWithBrokenTablesIsLeftOut) {
     ASSERT_TRUE(opened.disc);
     ASSERT_EQ(opened.disc->title_sets.size(), 1u);
     EXPECT_EQ(opened.disc->title_sets[0]->title_set, 3 - c.set);
-    EXPECT_EQ(opened.log,
-              (std::vector<std::string>{
-                  "title_sets 2 Region 0xff",
-                  "title_set " + std::to_string(c.set) +
-                      ": its program chains or cell addresses cannot be read; left out"}));
+    EXPECT_EQ(opened.log, (std::vector<std::string>{"title_sets 2 Region 0xff",
+                                                    "title_set " + std::to_string(c.set) +
+                                                        ": its program chains or cell addresses "
+                                                        "cannot be read; left out"}));
     fs::remove_all(copy);
   }
 }

@@ -53,7 +53,7 @@ class UncopyableFilter : public ImageFilter {
 
 }  // namespace
 
-TEST(EffectManagerTest, CatalogueListsEveryPresetInOrderWithItsSettings) {
+TEST(EffectManagerTest, CatalogueListsEveryPresetInOrderAndLooksUpExactly) {
   const struct {
     const char* name;
     const char* filter;
@@ -98,25 +98,23 @@ TEST(EffectManagerTest, CatalogueListsEveryPresetInOrderWithItsSettings) {
   };
   const std::vector<std::string>& names = EffectManager::allFilterNames();
   const std::vector<std::shared_ptr<ImageFilter>> all = EffectManager::allFilters();
-  ASSERT_EQ(names.size(), std::size(presets));
   ASSERT_EQ(all.size(), std::size(presets));
+  std::vector<std::string> expected, listed, lookedUp;
   for (size_t i = 0; i < std::size(presets); ++i) {
-    EXPECT_EQ(names[i], presets[i].name);
-    ASSERT_TRUE(all[i]);
-    EXPECT_EQ(all[i]->describe(), presets[i].filter) << presets[i].name;
+    expected.push_back(std::string(presets[i].name) + ": " + presets[i].filter);
+    listed.push_back(names.at(i) + ": " + all[i]->describe());
     std::shared_ptr<ImageFilter> byName = EffectManager::filterWithName(presets[i].name);
-    ASSERT_TRUE(byName) << presets[i].name;
-    EXPECT_EQ(byName->describe(), presets[i].filter);
+    lookedUp.push_back(presets[i].name + std::string(": ") + (byName ? byName->describe() : ""));
     EXPECT_NE(byName.get(), all[i].get());
   }
+  EXPECT_EQ(listed, expected);
+  EXPECT_EQ(lookedUp, expected);
   // Numbers are the floats of the catalogue, widened.
   std::shared_ptr<ImageFilter> f1935 = EffectManager::filterWithName("1935");
   EXPECT_EQ(std::get<double>(f1935->value(vn::kInputBrightnessKey)), double(0.00949f));
   EXPECT_NE(std::get<double>(f1935->value(vn::kInputBrightnessKey)), 0.00949);
-}
 
-TEST(EffectManagerTest, LookupIsExactAndTheNameListIsNoFilter) {
-  EXPECT_TRUE(EffectManager::filterWithName("Bloom"));
+  // Lookup is exact, and the name list is no filter.
   for (const char* name : {"bloom", "BLOOM", "Bloom ", "", "Blackout B&W ", "ColorControls"})
     EXPECT_FALSE(EffectManager::filterWithName(name)) << name;
 
@@ -124,10 +122,10 @@ TEST(EffectManagerTest, LookupIsExactAndTheNameListIsNoFilter) {
   std::shared_ptr<EffectManager> manager = EffectManager::manager();
   std::optional<EffectManager::Entry> list = manager->entryWithName("effectNames");
   ASSERT_TRUE(list);
-  const auto* names = std::get_if<std::vector<std::string>>(&*list);
-  ASSERT_TRUE(names);
-  EXPECT_EQ(*names, EffectManager::allFilterNames());
-  EXPECT_NE(names, &EffectManager::allFilterNames());
+  const auto* listNames = std::get_if<std::vector<std::string>>(&*list);
+  ASSERT_TRUE(listNames);
+  EXPECT_EQ(*listNames, names);
+  EXPECT_NE(listNames, &names);
   EXPECT_FALSE(manager->entryWithName("nothing"));
 
   // The stored filters are never handed out, nor given an input.
@@ -142,20 +140,24 @@ TEST(EffectManagerTest, GlowIsGloomThenColorControls) {
   std::shared_ptr<ImageFilter> glow = EffectManager::filterWithName("Glow");
   ASSERT_TRUE(dynamic_cast<ArrayFilter*>(glow.get()));
 
-  std::shared_ptr<ImageFilter> gloom = ImageFilter::withName("Gloom");
-  gloom->setValue(vn::kInputRadiusKey, 30.0);
-  gloom->setValue(vn::kInputIntensityKey, 1.0);
-  gloom->setValue(vn::kInputImageKey, in);
-  std::shared_ptr<ImageFilter> controls = ImageFilter::withName("ColorControls");
-  controls->setValue(vn::kInputSaturationKey, 1.0);
-  controls->setValue(vn::kInputBrightnessKey, 0.25f);
-  controls->setValue(vn::kInputContrastKey, 2.2f);
-  controls->setValue(vn::kInputImageKey, *gloom->outputImage());
-  const std::vector<uint8_t> expected = controls->outputImage()->render(in.extent());
-
+  const auto apply = [](const char* name, std::vector<std::pair<const char*, FilterValue>> settings,
+                        const FilterImage& image) {
+    std::shared_ptr<ImageFilter> filter = ImageFilter::withName(name);
+    for (const auto& [key, value] : settings)
+      filter->setValue(key, value);
+    filter->setValue(vn::kInputImageKey, image);
+    return *filter->outputImage();
+  };
+  const FilterImage gloom =
+      apply("Gloom", {{vn::kInputRadiusKey, 30.0}, {vn::kInputIntensityKey, 1.0}}, in);
+  const FilterImage expected = apply("ColorControls",
+                                     {{vn::kInputSaturationKey, 1.0},
+                                      {vn::kInputBrightnessKey, 0.25f},
+                                      {vn::kInputContrastKey, 2.2f}},
+                                     gloom);
   const std::vector<uint8_t> got = renderThrough(*glow, in);
   ASSERT_EQ(got.size(), 40u * 30u * 4u);
-  EXPECT_EQ(got, expected);
+  EXPECT_EQ(got, expected.render(in.extent()));
   EXPECT_NE(got, in.render());
 }
 
@@ -186,7 +188,7 @@ TEST(EffectManagerTest, CopiesFilterDifferentImagesOnTwoThreadsAtOnce) {
   }
 }
 
-TEST(ArrayFilterTest, AppliesItsFiltersInOrder) {
+TEST(ArrayFilterTest, AppliesItsFiltersInOrderAndCopiesShareNone) {
   ArrayFilter::initialize();
   std::shared_ptr<ImageFilter> made = ImageFilter::withName("ArrayFilter");
   auto* array = dynamic_cast<ArrayFilter*>(made.get());
@@ -203,8 +205,8 @@ TEST(ArrayFilterTest, AppliesItsFiltersInOrder) {
   EXPECT_DOUBLE_EQ(same->extent().y, 5);
   EXPECT_EQ(same->render(), in.render());
 
-  // "filters" set by key reaches the list; order matters (invert, then
-  // darken, is not darken, then invert).
+  // "filters" set by key reaches the list; order matters (invert, then darken, is not darken, then
+  // invert).
   std::shared_ptr<ImageFilter> invert = ImageFilter::withName("ColorInvert");
   std::shared_ptr<ImageFilter> darken = ImageFilter::withName("ExposureAdjust");
   darken->setValue(vn::kInputEVKey, -1.0);
@@ -212,39 +214,30 @@ TEST(ArrayFilterTest, AppliesItsFiltersInOrder) {
   EXPECT_TRUE(made->setValue(ArrayFilter::kFiltersKey, vn::FilterList{invert, darken}));
   ASSERT_EQ(array->filters().size(), 2u);
   const FilterImage black = gradient(1, 1, 0);
-  std::vector<uint8_t> forward = renderThrough(*made, black);
+  EXPECT_EQ(renderThrough(*made, black), (std::vector<uint8_t>{188, 188, 188, 255}));
   array->setFilters({darken, invert});
-  std::vector<uint8_t> backward = renderThrough(*made, black);
-  ASSERT_EQ(forward.size(), 4u);
-  EXPECT_EQ(forward, (std::vector<uint8_t>{188, 188, 188, 255}));
-  EXPECT_EQ(backward, (std::vector<uint8_t>{255, 255, 255, 255}));
-}
+  EXPECT_EQ(renderThrough(*made, black), (std::vector<uint8_t>{255, 255, 255, 255}));
 
-TEST(ArrayFilterTest, CopiesShareNoFilter) {
-  ArrayFilter::initialize();
+  // A copy shares no filter with its source; filters that cannot be copied are left out.
   std::shared_ptr<ArrayFilter> source = ArrayFilter::filterWithName("ignored");
   std::shared_ptr<ImageFilter> blur = ImageFilter::withName("GaussianBlur");
   blur->setValue(vn::kInputRadiusKey, 2.0);
-  std::shared_ptr<ImageFilter> invert = ImageFilter::withName("ColorInvert");
   source->setFilters({blur, std::make_shared<UncopyableFilter>(), nullptr, invert});
-  const FilterImage in = gradient(6, 6, 2);
-  source->setInputImage(in);
+  source->setInputImage(gradient(6, 6, 2));
 
   std::shared_ptr<ImageFilter> copied = source->copy();
   auto* copy = dynamic_cast<ArrayFilter*>(copied.get());
   ASSERT_TRUE(copy);
   const vn::FilterList filters = copy->filters();
-  ASSERT_EQ(filters.size(), 2u);  // the uncopyable and the null are left out
-  EXPECT_NE(filters[0].get(), blur.get());
-  EXPECT_NE(filters[1].get(), invert.get());
-  EXPECT_EQ(filters[0]->describe(), "GaussianBlur inputRadius=2");
-  EXPECT_EQ(filters[1]->name(), "ColorInvert");
+  ASSERT_EQ(filters.size(), 2u);
+  EXPECT_TRUE(filters[0] != blur && filters[1] != invert);
+  EXPECT_EQ(filters[0]->describe() + ", " + filters[1]->name(),
+            "GaussianBlur inputRadius=2, ColorInvert");
   ASSERT_TRUE(copy->inputImage());
 
-  // Running the copy on another image leaves the source's filters alone.
   copy->setValue(vn::kInputImageKey, gradient(3, 3, 50));
   ASSERT_TRUE(copy->outputImage());
-  EXPECT_TRUE(std::holds_alternative<std::monostate>(blur->value(vn::kInputImageKey)));
+  EXPECT_TRUE(std::holds_alternative<std::monostate>(blur->value(vn::kInputImageKey)));  // alone
   source.reset();
   EXPECT_EQ(copy->filters().size(), 2u);
 }

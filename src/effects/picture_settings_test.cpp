@@ -15,11 +15,12 @@ extern "C" {
 #include "effects/effect_manager.h"
 #include "effects/effect_video_stream.h"
 #include "ffmpeg/owners.h"
+#include "media/media_test_support.h"
 
 namespace {
 
-// A preset that, when the composition takes its copy (half-way through a
-// picture), calls back; it changes nothing in the picture.
+// A preset that, when the composition takes its copy (half-way through a picture), calls back; it
+// changes nothing in the picture.
 class Hook final : public vn::ImageFilter {
  public:
   explicit Hook(std::function<void()> onCopy) : ImageFilter("Hook"), onCopy_(std::move(onCopy)) {}
@@ -33,28 +34,16 @@ class Hook final : public vn::ImageFilter {
   std::function<void()> onCopy_;
 };
 
-// Settings changed together while pictures are composed, by another thread
-// and by the composition's own preset half-way through it: every picture
-// shows all of the settings it started with, never the crop of one value
-// with the flip or the watermark of the other.
+// Settings changed together while pictures are composed, by another thread and by the composition's
+// own preset half-way through it: every picture shows all of the settings it started with, never
+// the crop of one value with the flip or the watermark of the other.
 TEST(PictureSettingsTest, ACompositionSeesOneWholeValue) {
   constexpr int kWidth = 320, kHeight = 240, kOutW = 32, kOutH = 24;
-  // Grey with its top quarter white.
-  vn::ff::Frame frame(av_frame_alloc());
-  frame->format = AV_PIX_FMT_YUV420P;
-  frame->width = kWidth;
-  frame->height = kHeight;
-  ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
-  for (int y = 0; y < kHeight; ++y)
-    std::memset(frame->data[0] + y * frame->linesize[0], y < kHeight / 4 ? 235 : 128, kWidth);
-  for (int p = 1; p < 3; ++p) {
-    for (int y = 0; y < kHeight / 2; ++y)
-      std::memset(frame->data[p] + y * frame->linesize[p], 128, kWidth / 2);
-  }
+  const vn::ff::Frame frame = vn::test::yuvFrame(kWidth, kHeight, 128, kHeight / 4);
+  ASSERT_TRUE(frame);
 
-  // whole: the whole picture, upright; rows (top first) 0-5 white.
-  // topHalf: the top half upside down under a white strip; rows 8-9 and
-  // 12-23 white. Any mix of the two gives another pattern.
+  // whole: the whole picture, upright; rows (top first) 0-5 white. topHalf: the top half upside
+  // down under a white strip; rows 8-9 and 12-23 white. Any mix of the two gives another pattern.
   PictureSettings whole;
   whole.outputFormat = {AV_PIX_FMT_RGBA, kOutW, kOutH};
   whole.zoomType = VNFFEffectVideoStream::kZoomStretch;

@@ -1,11 +1,12 @@
-// The text subtitle of the effect stream: layout, placement, cache, and its
-// place in the composed frame.
+// The text subtitle of the effect stream: layout, placement, cache, and its place in the composed
+// frame.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -26,8 +27,7 @@ using vn::test::Raster;
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
 
-// A stream with an output of w x h and no picture: the subtitle needs only
-// the output size.
+// A stream with an output of w x h and no picture: the subtitle needs only the output size.
 std::shared_ptr<VNFFEffectVideoStream> stream(int w = kWidth, int h = kHeight) {
   auto s = VNFFEffectVideoStream::create();
   s->setOutputFormat({AV_PIX_FMT_RGBA, w, h});
@@ -35,8 +35,8 @@ std::shared_ptr<VNFFEffectVideoStream> stream(int w = kWidth, int h = kHeight) {
   return s;
 }
 
-// The image over its extent's whole pixels (a subtitle centred across the
-// frame may start half way into one).
+// The image over its extent's whole pixels (a subtitle centred across the frame may start half way
+// into one).
 Raster rendered(const FilterImage& image) {
   const Rect e = image.extent();
   const double left = std::floor(e.x), bottom = std::floor(e.y);
@@ -47,29 +47,19 @@ Raster rendered(const FilterImage& image) {
   return r;
 }
 
-// The box of the pixels that pass `ink`, in the raster (top row 0).
+// The box of the pixels that pass `ink`, in the raster (top row 0), edges inclusive.
 struct Box {
-  int left = -1, top = -1, right = -1, bottom = -1;  // inclusive; -1: none
-  bool empty() const { return left < 0; }
+  int left = 1 << 30, top = 1 << 30, right = -1, bottom = -1;
+  bool empty() const { return right < 0; }
 };
 
 template <typename Ink>
 Box boxOf(const Raster& r, Ink ink) {
   Box b;
-  for (int y = 0; y < r.height; ++y) {
-    for (int x = 0; x < r.width; ++x) {
-      if (!ink(r.at(x, y)))
-        continue;
-      if (b.empty()) {
-        b = {x, y, x, y};
-        continue;
-      }
-      b.left = std::min(b.left, x);
-      b.right = std::max(b.right, x);
-      b.top = std::min(b.top, y);
-      b.bottom = std::max(b.bottom, y);
-    }
-  }
+  for (int y = 0; y < r.height; ++y)
+    for (int x = 0; x < r.width; ++x)
+      if (ink(r.at(x, y)))
+        b = {std::min(b.left, x), std::min(b.top, y), std::max(b.right, x), std::max(b.bottom, y)};
   return b;
 }
 
@@ -89,13 +79,8 @@ const std::string kLong =
 }  // namespace
 
 TEST(SubtitleDrawingTest, TextIsPlacedByPositionWrappedAndClampedToTheFrame) {
-  struct Case {
-    const char* name;
-    std::string text;
-    float position;
-    bool shown;
-    int lines;  // text lines expected (by height), when shown; 0: as many as fit
-  };
+  // What, text, position, shown, text lines expected by height (0: as many as fit).
+  using Case = std::tuple<const char*, std::string, float, bool, int>;
   std::string many;
   for (int i = 0; i < 30; ++i)
     many += "line " + std::to_string(i) + "\n";
@@ -113,23 +98,23 @@ TEST(SubtitleDrawingTest, TextIsPlacedByPositionWrappedAndClampedToTheFrame) {
   };
   const int lineHeight =
       static_cast<int>(vn::textImage("Hg", "Sans 20", {1, 1, 1, 1}).extent().height);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, text, position, shown, lines] : cases) {
+    SCOPED_TRACE(name);
     auto s = stream();
-    s->setSubtitlePosition(c.position);
-    const std::optional<FilterImage> image = subtitleFor(*s, c.text);
-    ASSERT_EQ(image.has_value(), c.shown);
-    if (!c.shown)
+    s->setSubtitlePosition(position);
+    const std::optional<FilterImage> image = subtitleFor(*s, text);
+    ASSERT_EQ(image.has_value(), shown);
+    if (!shown)
       continue;
     const Rect e = image->extent();
-    // Bottom edge at the position's height; never wider than the frame, nor
-    // taller than the room above the position.
-    EXPECT_DOUBLE_EQ(e.y, c.position * kHeight);
+    // Bottom edge at the position's height; never wider than the frame, nor taller than the room
+    // above the position.
+    EXPECT_DOUBLE_EQ(e.y, position * kHeight);
     EXPECT_LE(e.width, kWidth);
-    const double room = (1 - c.position) * kHeight;
+    const double room = (1 - position) * kHeight;
     EXPECT_LE(e.height, room);
-    if (c.lines > 0) {
-      EXPECT_NEAR(e.height, c.lines * lineHeight, lineHeight / 2.0);
+    if (lines > 0) {
+      EXPECT_NEAR(e.height, lines * lineHeight, lineHeight / 2.0);
     } else {
       EXPECT_GT(e.height, room - 40);
     }
@@ -144,67 +129,59 @@ TEST(SubtitleDrawingTest, TextIsPlacedByPositionWrappedAndClampedToTheFrame) {
     EXPECT_EQ(r.at(0, 0)[3], 0);
     int white = 0;
     for (size_t i = 0; i < r.rgba.size(); i += 4)
-      white +=
-          r.rgba[i + 3] == 255 && r.rgba[i] > 200 && r.rgba[i + 1] > 200 && r.rgba[i + 2] > 200;
+      white += r.rgba[i + 3] == 255 && std::min({r.rgba[i], r.rgba[i + 1], r.rgba[i + 2]}) > 200;
     EXPECT_GT(white, 10);
   }
 }
 
 TEST(SubtitleDrawingTest, ATextIsDrawnOncePerDistinctTextAndSetting) {
   auto s = stream();
-  const std::optional<FilterImage> first = subtitleFor(*s, "Hello");
+  std::vector<int> draws;  // the render count after each text shown
+  const auto show = [&](const std::string& text) {
+    std::optional<FilterImage> image = subtitleFor(*s, text);
+    draws.push_back(s->subtitleRenderCount());
+    return image;
+  };
+  const std::optional<FilterImage> first = show("Hello");
   ASSERT_TRUE(first);
-  EXPECT_EQ(s->subtitleRenderCount(), 1);
-  // The same text: the cached image.
-  subtitleFor(*s, "Hello");
-  EXPECT_EQ(s->subtitleRenderCount(), 1);
-  // No text shows nothing and keeps the cache; the text coming back after
-  // the gap is not drawn again.
+  show("Hello");  // the cached image
+  // No text shows nothing and keeps the cache: the text coming back after the gap is not drawn.
   EXPECT_FALSE(subtitleFor(*s, ""));
   s->setSubtitleCurrentString(std::nullopt);
   EXPECT_FALSE(s->currentSubtitleImage());
-  subtitleFor(*s, "Hello");
-  EXPECT_EQ(s->subtitleRenderCount(), 1);
-  // A new font alone keeps the old picture until the text changes...
+  show("Hello");
+  // A new font alone keeps the old picture until the text changes or the cache is emptied.
   s->setSubtitleFont("Sans 40");
-  const std::optional<FilterImage> stale = subtitleFor(*s, "Hello");
-  EXPECT_EQ(s->subtitleRenderCount(), 1);
-  EXPECT_EQ(stale->extent().height, first->extent().height);
-  // ...or the cache is emptied.
+  EXPECT_EQ(show("Hello")->extent().height, first->extent().height);
   s->updateSubtitle();
-  const std::optional<FilterImage> fresh = subtitleFor(*s, "Hello");
-  EXPECT_EQ(s->subtitleRenderCount(), 2);
-  EXPECT_GT(fresh->extent().height, 1.6 * first->extent().height);
-  // A different text is drawn.
-  subtitleFor(*s, "World");
-  EXPECT_EQ(s->subtitleRenderCount(), 3);
+  EXPECT_GT(show("Hello")->extent().height, 1.6 * first->extent().height);
+  show("World");
+  EXPECT_EQ(draws, (std::vector<int>{1, 1, 1, 1, 2, 3}));
 }
 
 TEST(SubtitleDrawingTest, OutlineAndShadowMakeWhiteTextReadableOnWhite) {
-  // Dark pixels in the drawn text: none for the bare look; around the
-  // glyphs with an outline; below and to the right with a shadow.
+  // Dark pixels in the drawn text: none for the bare look; around the glyphs with an outline; below
+  // and to the right with a shadow.
   const auto dark = [](const uint8_t* p) {
     return p[3] > 128 && p[0] < 60 && p[1] < 60 && p[2] < 60;
   };
-  struct Case {
-    float outline, shadow;
-    bool darkPixels;
-  };
-  for (const Case c : {Case{0, 0, false}, Case{2, 0, true}, Case{0, 3, true}, Case{2, 3, true}}) {
+  using Case = std::tuple<float, float, bool>;
+  for (const auto& [outline, shadow, darkPixels] :
+       {Case{0, 0, false}, Case{2, 0, true}, Case{0, 3, true}, Case{2, 3, true}}) {
     auto s = stream();
-    s->setSubtitleOutlineWidth(c.outline);
-    s->setSubtitleShadowOffset(c.shadow);
+    s->setSubtitleOutlineWidth(outline);
+    s->setSubtitleShadowOffset(shadow);
     const Raster r = rendered(*subtitleFor(*s, "Hello"));
     const Box edge = boxOf(r, dark);
     const Box glyphs = boxOf(r, [](const uint8_t* p) { return p[3] > 200 && p[0] > 128; });
-    EXPECT_EQ(!edge.empty(), c.darkPixels) << c.outline << " " << c.shadow;
+    EXPECT_EQ(!edge.empty(), darkPixels) << outline << " " << shadow;
     if (edge.empty())
       continue;
-    // The dark ring reaches past the glyphs by the outline width (plus the
-    // shadow's offset to the right and below).
-    EXPECT_NEAR(glyphs.left - edge.left, c.outline > 0 ? c.outline : -c.shadow, 1.5);
-    EXPECT_NEAR(edge.right - glyphs.right, c.outline + c.shadow, 1.5);
-    EXPECT_NEAR(edge.bottom - glyphs.bottom, c.outline + c.shadow, 1.5);
+    // The dark ring reaches past the glyphs by the outline width (plus the shadow's offset to the
+    // right and below).
+    EXPECT_NEAR(glyphs.left - edge.left, outline > 0 ? outline : -shadow, 1.5);
+    EXPECT_NEAR(edge.right - glyphs.right, outline + shadow, 1.5);
+    EXPECT_NEAR(edge.bottom - glyphs.bottom, outline + shadow, 1.5);
   }
 }
 
@@ -217,8 +194,7 @@ TEST(SubtitleDrawingTest, TheTextIsDrawnLastOverTheComposedPicture) {
   s->writeFrame(vn::test::yuvFrame(kWidth, kHeight, 16).get());  // black
   s->setSubtitleFont("Sans 30");
   s->setSubtitleCurrentString("Hello");
-  // The settings that change the picture leave the text as it is: not
-  // flipped, not darkened.
+  // The settings that change the picture leave the text as it is: not flipped, not darkened.
   s->setHflip(true);
   s->setBrightness(0.2f);
   const Raster r = rendered(*s->currentEffectImage());
@@ -229,15 +205,10 @@ TEST(SubtitleDrawingTest, TheTextIsDrawnLastOverTheComposedPicture) {
   ASSERT_TRUE(text);
   Raster alone{kWidth, kHeight, text->render(Rect{0, 0, kWidth, kHeight})};
   int solid = 0;
-  for (int y = 0; y < kHeight; ++y) {
-    for (int x = 0; x < kWidth; ++x) {
-      const uint8_t* t = alone.at(x, y);
-      if (t[3] != 255)
-        continue;
-      ++solid;
-      ASSERT_EQ(0, std::memcmp(t, r.at(x, y), 3)) << x << "," << y;
+  for (size_t i = 0; i < alone.rgba.size(); i += 4)
+    if (alone.rgba[i + 3] == 255 && ++solid) {
+      ASSERT_EQ(0, std::memcmp(&alone.rgba[i], &r.rgba[i], 3)) << "pixel " << i / 4;
     }
-  }
   EXPECT_GT(solid, 100);
   // At the bottom of the frame, centred.
   const Box ink = boxOf(alone, opaque);

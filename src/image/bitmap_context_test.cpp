@@ -19,31 +19,27 @@ TEST(BitmapContextTest, LayoutAndStartingContents) {
   EXPECT_EQ(rgba->data()[3], 0);  // transparent
 }
 
-// Half-transparent white: copied it replaces (premultiplied), laid over
-// black it blends; an RGBA context keeps the coverage, RGBX stays opaque.
+// Half-transparent white: copied it replaces (premultiplied), laid over black it blends; an RGBA
+// context keeps the coverage, RGBX stays opaque.
 TEST(BitmapContextTest, CompositingModes) {
   const uint8_t halfWhite[4] = {255, 255, 255, 128};
   const auto image = vn::BitmapImage::copyOf(halfWhite, 1, 1, 4);
   using Alpha = vn::BitmapContext::Alpha;
   using Composite = vn::BitmapContext::Composite;
-  struct {
-    Alpha alpha;
-    Composite mode;
-    int red, fourth;
-  } cases[] = {
+  std::tuple<Alpha, Composite, int, int> cases[] = {
       {Alpha::kNoneSkipLast, Composite::kCopy, 128, 255},
       {Alpha::kNoneSkipLast, Composite::kSourceOver, 128, 255},
       {Alpha::kPremultipliedLast, Composite::kCopy, 128, 128},
       {Alpha::kPremultipliedLast, Composite::kSourceOver, 128, 128},
   };
-  for (const auto& c : cases) {
-    auto context = vn::BitmapContext::create(2, 2, c.alpha);
-    context->drawImage(image, c.mode);
-    EXPECT_EQ(context->data()[0], c.red);
-    EXPECT_EQ(context->data()[3], c.fourth);
+  for (const auto& [alpha, mode, red, fourth] : cases) {
+    auto context = vn::BitmapContext::create(2, 2, alpha);
+    context->drawImage(image, mode);
+    EXPECT_EQ(context->data()[0], red);
+    EXPECT_EQ(context->data()[3], fourth);
     // Twice over: white shows through more; a copy stays the same.
-    context->drawImage(image, c.mode);
-    EXPECT_EQ(context->data()[12], c.mode == Composite::kCopy ? 128 : 192);
+    context->drawImage(image, mode);
+    EXPECT_EQ(context->data()[12], mode == Composite::kCopy ? 128 : 192);
   }
 }
 

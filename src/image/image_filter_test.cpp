@@ -7,6 +7,7 @@
 #include <functional>
 #include <numbers>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -25,8 +26,7 @@ using Settings = std::vector<std::pair<std::string, FilterValue>>;
 
 constexpr double kPi = std::numbers::pi;
 
-// A width x height picture at (0, 0); fill gives the colour of each pixel by
-// its picture-space position (x, y of its bottom-left corner, y up).
+// A picture at (0, 0); fill gives each pixel's colour by its bottom-left corner (y up).
 FilterImage picture(int width, int height, const std::function<Px(int x, int y)>& fill) {
   std::vector<uint8_t> bytes(static_cast<size_t>(width) * height * 4);
   for (int row = 0; row < height; ++row) {
@@ -75,10 +75,10 @@ FilterImage filtered(const std::string& name, const Settings& settings, const Fi
 
 void expectExtent(const FilterImage& image, Rect r, double tolerance = 1e-9) {
   const Rect e = image.extent();
-  EXPECT_NEAR(e.x, r.x, tolerance);
-  EXPECT_NEAR(e.y, r.y, tolerance);
-  EXPECT_NEAR(e.width, r.width, tolerance);
-  EXPECT_NEAR(e.height, r.height, tolerance);
+  EXPECT_TRUE(std::abs(e.x - r.x) <= tolerance && std::abs(e.y - r.y) <= tolerance &&
+              std::abs(e.width - r.width) <= tolerance &&
+              std::abs(e.height - r.height) <= tolerance)
+      << e.x << "," << e.y << " " << e.width << "x" << e.height;
 }
 
 int code(double linear) {
@@ -93,10 +93,7 @@ TEST(ImageFilterTest, NeutralSettingsKeepEveryCode) {
     return y == 0 ? Px{x, 255 - x, (x * 7) & 255, 255} : Px{(x * 7) & 255, x, 255 - x, 255};
   });
   const std::vector<uint8_t> expected = in.render();
-  const struct {
-    const char* name;
-    Settings settings;
-  } cases[] = {
+  const std::tuple<const char*, Settings> cases[] = {
       {"ColorControls", {}},
       {"ColorControls", {{vn::kInputSaturationKey, 1.0}, {vn::kInputContrastKey, 1.0}}},
       {"HueAdjust", {}},
@@ -108,10 +105,10 @@ TEST(ImageFilterTest, NeutralSettingsKeepEveryCode) {
       {"GaussianBlur", {{vn::kInputRadiusKey, 0.1}}},
       {"SharpenLuminance", {{vn::kInputSharpnessKey, 0.0}}},
   };
-  for (const auto& c : cases) {
-    const FilterImage out = filtered(c.name, c.settings, in);
+  for (const auto& [name, settings] : cases) {
+    const FilterImage out = filtered(name, settings, in);
     expectExtent(out, in.extent());
-    EXPECT_EQ(out.render(), expected) << c.name;
+    EXPECT_EQ(out.render(), expected) << name;
   }
 }
 
@@ -121,14 +118,9 @@ TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
                        all = {{vn::kInputSaturationKey, 1.2},
                               {vn::kInputBrightnessKey, 0.05},
                               {vn::kInputContrastKey, 1.1}};
-  const struct {
-    const char* name;
-    Settings settings;
-    Px in;
-    Px out;
-  } cases[] = {
-      // Saturation, brightness and contrast work on linear light about the
-      // linear mid-grey, in that order.
+  const std::tuple<const char*, Settings, Px, Px> cases[] = {
+      // Saturation, brightness and contrast work on linear light about the linear mid-grey, in that
+      // order.
       {"ColorControls", {{vn::kInputSaturationKey, 0.0}}, {255, 0, 0, 255}, {127, 127, 127, 255}},
       {"ColorControls", {{vn::kInputSaturationKey, 1.5}}, {200, 100, 50, 255}, {226, 81, 0, 255}},
       {"ColorControls", darker, {255, 255, 255, 255}, {203, 203, 203, 255}},
@@ -157,11 +149,11 @@ TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
       {"SepiaTone", none, {128, 128, 128, 255}, {147, 139, 124, 255}},
       {"SepiaTone", none, {200, 100, 50, 255}, {156, 148, 132, 255}},
   };
-  for (const auto& c : cases) {
-    const FilterImage out = filtered(c.name, c.settings, uniform(2, 2, c.in));
+  for (const auto& [name, settings, in, want] : cases) {
+    const FilterImage out = filtered(name, settings, uniform(2, 2, in));
     expectExtent(out, Rect{0, 0, 2, 2});
-    EXPECT_EQ(pixelAt(out, 1, 1), c.out)
-        << c.name << " on " << c.in[0] << "," << c.in[1] << "," << c.in[2] << "," << c.in[3];
+    EXPECT_EQ(pixelAt(out, 1, 1), want)
+        << name << " on " << in[0] << "," << in[1] << "," << in[2] << "," << in[3];
   }
 }
 
@@ -178,16 +170,9 @@ TEST(ImageFilterTest, PositionedPointFiltersMatchReferenceColours) {
   Settings screenHard = screen;
   screenHard[3].second = 1.0;
   const Settings redLight = {{vn::kInputColorKey, Color{1, 0, 0, 1}}};
-  const struct {
-    const char* name;
-    Settings settings;
-    int size;  // of a square uniform picture
-    Px in;
-    int x, y;  // picture space
-    Px out;
-  } cases[] = {
-      // The spotlight's defaults on a 400 x 400 picture; y is up, so raster
-      // row 399 is y = 0.
+  // name, settings, side of a square uniform picture, its colour, x, y (y up), output
+  const std::tuple<const char*, Settings, int, Px, int, int, Px> cases[] = {
+      // The spotlight's defaults on a 400 x 400 picture; y is up, so raster row 399 is y = 0.
       {"SpotLight", {}, 400, white, 199, 200, {250, 250, 250, 255}},
       {"SpotLight", {}, 400, white, 0, 0, {193, 193, 193, 255}},
       {"SpotLight", {}, 400, white, 399, 399, {179, 179, 179, 255}},
@@ -206,10 +191,10 @@ TEST(ImageFilterTest, PositionedPointFiltersMatchReferenceColours) {
       {"LineScreen", screenHard, 12, grey188, 0, 1, {255, 255, 255, 255}},
       {"LineScreen", screen, 12, {0, 0, 0, 255}, 0, 2, {0, 0, 0, 255}},
   };
-  for (const auto& c : cases) {
-    const FilterImage out = filtered(c.name, c.settings, uniform(c.size, c.size, c.in));
-    expectExtent(out, Rect{0, 0, double(c.size), double(c.size)});
-    EXPECT_EQ(pixelAt(out, c.x, c.y), c.out) << c.name << " at " << c.x << "," << c.y;
+  for (const auto& [name, settings, size, in, x, y, want] : cases) {
+    const FilterImage out = filtered(name, settings, uniform(size, size, in));
+    expectExtent(out, Rect{0, 0, double(size), double(size)});
+    EXPECT_EQ(pixelAt(out, x, y), want) << name << " at " << x << "," << y;
   }
 }
 
@@ -220,17 +205,19 @@ TEST(ImageFilterTest, BlurGrowsTheExtentAndFadesToTransparent) {
   });
   const FilterImage blurredDot = filtered("GaussianBlur", {{vn::kInputRadiusKey, 1.0}}, dot);
   expectExtent(blurredDot, Rect{-3, -3, 13, 13});
-  EXPECT_EQ(pixelAt(blurredDot, 3, 3), (Px{255, 255, 255, 41}));
-  EXPECT_EQ(pixelAt(blurredDot, 4, 3), (Px{255, 255, 255, 25}));
-  EXPECT_EQ(pixelAt(blurredDot, 2, 4), (Px{255, 255, 255, 15}));
+  EXPECT_EQ((std::vector{pixelAt(blurredDot, 3, 3), pixelAt(blurredDot, 4, 3),
+                         pixelAt(blurredDot, 2, 4)}),
+            (std::vector<Px>{{255, 255, 255, 41}, {255, 255, 255, 25}, {255, 255, 255, 15}}));
 
   const FilterImage field = uniform(100, 100, {255, 255, 255, 255});
   const FilterImage blurred = filtered("GaussianBlur", {{vn::kInputRadiusKey, 10.0}}, field);
   expectExtent(blurred, Rect{-30, -30, 160, 160});
-  EXPECT_EQ(pixelAt(blurred, 0, 50), (Px{255, 255, 255, 133}));    // middle of an edge
-  EXPECT_EQ(pixelAt(blurred, 99, 0), (Px{255, 255, 255, 69}));     // corner
-  EXPECT_EQ(pixelAt(blurred, 50, 100), (Px{255, 255, 255, 122}));  // first row outside
-  EXPECT_EQ(pixelAt(blurred, 50, 50), (Px{255, 255, 255, 255}));
+  // The middle of an edge, a corner, the first row outside, the middle.
+  EXPECT_EQ(
+      (std::vector{pixelAt(blurred, 0, 50), pixelAt(blurred, 99, 0), pixelAt(blurred, 50, 100),
+                   pixelAt(blurred, 50, 50)}),
+      (std::vector<Px>{
+          {255, 255, 255, 133}, {255, 255, 255, 69}, {255, 255, 255, 122}, {255, 255, 255, 255}}));
   const FilterImage black = FilterImage::withColor(Color{0, 0, 0, 1}).cropped(blurred.extent());
   const FilterImage flat =
       filtered("SourceOverCompositing",
@@ -258,13 +245,7 @@ TEST(ImageFilterTest, NeighbourhoodFiltersMatchReferenceColours) {
   });
   const Settings cells = {{vn::kInputCenterKey, FilterVector::xy(16, 16)},
                           {vn::kInputScaleKey, 8.0}};
-  const struct {
-    const char* name;
-    Settings settings;
-    FilterImage in;
-    int x, y;
-    Px out;
-  } cases[] = {
+  const std::tuple<const char*, Settings, FilterImage, int, int, Px> cases[] = {
       // Luma detail is added to every channel, chroma kept.
       {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 10, 10, {255, 255, 255, 255}},
       {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 11, 10, {186, 186, 186, 255}},
@@ -283,47 +264,41 @@ TEST(ImageFilterTest, NeighbourhoodFiltersMatchReferenceColours) {
       // A cell across the border holds the mean of its pixels in linear light.
       {"HexagonalPixellate", cells, halves, 16, 16, {188, 0, 188, 255}},
   };
-  for (const auto& c : cases) {
-    const FilterImage out = filtered(c.name, c.settings, c.in);
-    expectExtent(out, c.in.extent());
-    EXPECT_EQ(pixelAt(out, c.x, c.y), c.out) << c.name << " at " << c.x << "," << c.y;
+  for (const auto& [name, settings, in, x, y, want] : cases) {
+    const FilterImage out = filtered(name, settings, in);
+    expectExtent(out, in.extent());
+    EXPECT_EQ(pixelAt(out, x, y), want) << name << " at " << x << "," << y;
   }
 
-  // A uniform picture comes out unchanged from each of them.
   const FilterImage plain = uniform(24, 24, {200, 100, 50, 255});
-  for (const char* name : {"SharpenLuminance", "HexagonalPixellate"})
+  for (const char* name : {"SharpenLuminance", "HexagonalPixellate"})  // uniform: unchanged
     EXPECT_EQ(filtered(name, {}, plain).render(), plain.render()) << name;
 }
 
 TEST(ImageFilterTest, HexagonalCellsAreAssignedToTheNearestCentre) {
-  // Every cell of a two-way gradient has its own mean, so two pixels have
-  // the same colour exactly when they lie in the same cell. Each case puts
-  // the point's offset from the centre at a pixel centre by moving the
-  // centre, then compares it with the pixel holding the expected cell's
-  // centre and with the one holding the nearest other candidate's.
+  // Each cell of a two-way gradient has its own mean. Each case moves the centre so that the point
+  // falls on pixel (32, 32), then compares that pixel with the ones at the expected cell's centre
+  // and at a neighbouring candidate's.
   const FilterImage gradient = picture(64, 64, [](int x, int y) {
     return Px{x * 4, y * 4, 128, 255};
   });
   constexpr double h = std::numbers::sqrt3 / 2;
-  const struct {
-    double px, py;       // the point, with the centre at (150, 150)
-    int m, n;            // its cell
-    int otherM, otherN;  // a neighbouring candidate
-  } cases[] = {
+  // A point (centre at 150, 150), its cell, a neighbouring candidate.
+  const std::tuple<double, double, int, int, int, int> cases[] = {
       {153.9, 150, 0, 0, 1, 0}, {154.1, 150, 1, 0, 0, 0}, {150.8, 154.8, 0, 1, 0, 0},
-      {146, 143, 0, -1, 0, 0},  {150, 157, -1, 1, 0, 1},  // a tie between (-1, 1) and (0, 1)
+      {146, 143, 0, -1, 0, 0},  {150, 157, -1, 1, 0, 1},  // a tie
   };
   const double pixel = 32.5;  // the pixel centre that stands for the point
-  for (const auto& c : cases) {
-    const double cx = pixel - (c.px - 150), cy = pixel - (c.py - 150);
+  for (const auto& [px, py, m, n, otherM, otherN] : cases) {
+    const double cx = pixel - (px - 150), cy = pixel - (py - 150);
     const FilterImage out = filtered(
         "HexagonalPixellate",
         {{vn::kInputCenterKey, FilterVector::xy(cx, cy)}, {vn::kInputScaleKey, 8.0}}, gradient);
-    const auto cellPixel = [&](int m, int n) {
-      return pixelAt(out, int(std::floor(cx + 8 * (m + n / 2.0))), int(std::floor(cy + 8 * n * h)));
+    const auto cellPixel = [&](int i, int j) {
+      return pixelAt(out, int(std::floor(cx + 8 * (i + j / 2.0))), int(std::floor(cy + 8 * j * h)));
     };
-    EXPECT_EQ(pixelAt(out, 32, 32), cellPixel(c.m, c.n)) << c.px << "," << c.py;
-    EXPECT_NE(pixelAt(out, 32, 32), cellPixel(c.otherM, c.otherN)) << c.px << "," << c.py;
+    EXPECT_EQ(pixelAt(out, 32, 32), cellPixel(m, n)) << px << "," << py;
+    EXPECT_NE(pixelAt(out, 32, 32), cellPixel(otherM, otherN)) << px << "," << py;
   }
 }
 
@@ -336,40 +311,32 @@ TEST(ImageFilterTest, CompositingFollowsPorterDuffInLinearLight) {
   const FilterImage s = colored(vn::srgbOetf(0.8), vn::srgbOetf(0.2), vn::srgbOetf(0.1), 0.5);
   const FilterImage d = colored(vn::srgbOetf(0.1), vn::srgbOetf(0.3), vn::srgbOetf(0.9), 0.5);
   const Px mixed = {code(0.425 / 0.75), code(0.175 / 0.75), code(0.275 / 0.75), 191};
-  const struct {
-    const char* name;
-    FilterImage source, background;
-    Px out;
-  } cases[] = {
+  const std::tuple<const char*, FilterImage, FilterImage, Px> cases[] = {
       {"SourceOverCompositing", uniform(4, 4, {255, 0, 0, 128}), blue, {188, 0, 187, 255}},
       {"SourceOverCompositing", s, d, mixed},
       {"SourceInCompositing", colored(0, 1, 0, 1), uniform(4, 4, {9, 9, 9, 64}), {0, 255, 0, 64}},
       {"SourceOverCompositing", uniform(4, 4, {255, 0, 0, 0}), blue, {0, 0, 255, 255}},
   };
-  for (const auto& c : cases) {
-    const FilterImage out =
-        filtered(c.name, {{vn::kInputBackgroundImageKey, c.background}}, c.source);
-    EXPECT_EQ(pixelAt(out, 2, 2), c.out) << c.name;
+  for (const auto& [name, source, background, want] : cases) {
+    const FilterImage out = filtered(name, {{vn::kInputBackgroundImageKey, background}}, source);
+    EXPECT_EQ(pixelAt(out, 2, 2), want) << name;
   }
 
-  // Over covers the union of the two, in the intersection; outside an image
-  // reads transparent.
+  // Over covers the union; outside both reads transparent. In covers the intersection.
   const FilterImage moved = blue.translated(2, 2);
   const FilterImage red = uniform(4, 4, {255, 0, 0, 255});
   const FilterImage over =
       filtered("SourceOverCompositing", {{vn::kInputBackgroundImageKey, moved}}, red);
   expectExtent(over, Rect{0, 0, 6, 6});
-  EXPECT_EQ(pixelAt(over, 5, 5), (Px{0, 0, 255, 255}));
-  EXPECT_EQ(pixelAt(over, 5, 0), (Px{0, 0, 0, 0}));
   const FilterImage in =
       filtered("SourceInCompositing", {{vn::kInputBackgroundImageKey, moved}}, red);
   expectExtent(in, Rect{2, 2, 2, 2});
-  EXPECT_EQ(pixelAt(in, 3, 3), (Px{255, 0, 0, 255}));
+  EXPECT_EQ((std::vector{pixelAt(over, 5, 5), pixelAt(over, 5, 0), pixelAt(in, 3, 3)}),
+            (std::vector<Px>{{0, 0, 255, 255}, {0, 0, 0, 0}, {255, 0, 0, 255}}));
 
-  // Without a background there is nothing to composite.
   std::shared_ptr<ImageFilter> lone = makeFilter("SourceOverCompositing", {});
   lone->setValue(vn::kInputImageKey, red);
-  EXPECT_FALSE(lone->outputImage());
+  EXPECT_FALSE(lone->outputImage());  // no background
 }
 
 TEST(ImageFilterTest, TransformsPlaceTheExtentByItsCorners) {
@@ -385,11 +352,11 @@ TEST(ImageFilterTest, TransformsPlaceTheExtentByItsCorners) {
   const FilterImage shifted = wide.translated(10.25, 0);
   expectExtent(shifted, Rect{10.25, 0, 100, 50});
   const std::vector<uint8_t> row = shifted.render(Rect{10, 20, 101, 1});
-  ASSERT_EQ(row.size(), 101u * 4);
-  EXPECT_EQ(row[3], 191);
-  for (int x = 1; x < 100; ++x)
-    ASSERT_EQ(row[x * 4 + 3], 255) << x + 10;
-  EXPECT_EQ(row[100 * 4 + 3], 64);
+  std::vector<int> alpha, expected(101, 255);
+  for (size_t i = 3; i < row.size(); i += 4)
+    alpha.push_back(row[i]);
+  expected.front() = 191, expected.back() = 64;
+  EXPECT_EQ(alpha, expected);
 }
 
 TEST(ImageFilterTest, RegistryMakesIndependentFiltersByExactName) {
@@ -408,8 +375,8 @@ TEST(ImageFilterTest, RegistryMakesIndependentFiltersByExactName) {
   for (const char* name : {"bloom", "colorControls", "", "Bloom ", "ArrayFilter2"})
     EXPECT_FALSE(ImageFilter::withName(name)) << name;
 
-  // Values are checked for kind and finiteness; a refused value changes
-  // nothing, and none restores the default.
+  // Values are checked for kind and finiteness; a refused one changes nothing; none restores the
+  // default.
   std::shared_ptr<ImageFilter> controls = ImageFilter::withName("ColorControls");
   EXPECT_FALSE(controls->setValue(vn::kInputSaturationKey, FilterVector::xy(1, 2)));
   EXPECT_FALSE(controls->setValue(vn::kInputSaturationKey, std::nan("")));

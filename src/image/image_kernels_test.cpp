@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -30,8 +31,7 @@ Rgba pixelOf(const vn::PixelBuffer& b, int x, int y) {
   return p ? Rgba{p[0], p[1], p[2], p[3]} : Rgba{};
 }
 
-// What the renderer hands a kernel: the picture over what out reads, inside
-// its extent.
+// What the renderer hands a kernel: the picture over what out reads, inside its extent.
 vn::PixelBuffer inputFor(const vn::NeighbourhoodOp& op,
                          const vn::IntRect& extent,
                          const vn::IntRect& out,
@@ -51,8 +51,8 @@ Picture uniform(Rgba c) {
   return [c](int, int) { return c; };
 }
 
-// Hard edges in every colour, thin lines, a ramp, a half-transparent part
-// and values above 1 (premultiplied linear).
+// Hard edges in every colour, thin lines, a ramp, a half-transparent part and values above 1
+// (premultiplied linear).
 Rgba pattern(int x, int y) {
   static const Rgba bars[] = {{1, 1, 1, 1}, {1, 1, 0, 1}, {0, 1, 1, 1}, {0, 1, 0, 1},
                               {1, 0, 1, 1}, {1, 0, 0, 1}, {0, 0, 1, 1}, {0, 0, 0, 1}};
@@ -119,78 +119,48 @@ float maxDifference(const vn::PixelBuffer& a, const vn::PixelBuffer& b) {
   return d;
 }
 
-// Known values of the blur: a white pixel, a uniform square in both modes,
-// the identity; values, extents and the plain kernel everywhere.
+// Known values of the blur: a white pixel, a uniform square in both modes, the identity; values,
+// extents and the plain kernel everywhere.
 TEST(ImageKernelsTest, GaussianBlurVectors) {
   const Picture white = uniform({1, 1, 1, 1});
-  struct Probe {
-    int x, y;
-    float alpha;
+  // A white pixel at sigma 1; a square at sigma 10, plain and clamped; a sigma too small to blur.
+  const std::tuple<vn::GaussianBlurOp, vn::IntRect, vn::IntRect> cases[] = {
+      {{1, false}, {0, 0, 1, 1}, {-3, -3, 7, 7}},
+      {{10, false}, {0, 0, 100, 100}, {-30, -30, 160, 160}},
+      {{10, true}, {0, 0, 100, 100}, {0, 0, 100, 100}},
+      {{0.15, false}, {0, 0, 100, 100}, {0, 0, 100, 100}},
   };
-  const struct {
-    const char* name;
-    vn::GaussianBlurOp op;
-    vn::IntRect extent, expectedExtent;
-    std::vector<Probe> probes;
-  } cases[] = {
-      {"white pixel, sigma 1",
-       {1, false},
-       {0, 0, 1, 1},
-       {-3, -3, 7, 7},
-       {{0, 0, 0.159241f},
-        {1, 0, 0.096585f},
-        {0, -1, 0.096585f},
-        {-1, 1, 0.058582f},
-        {3, 0, 0.004433f * 0.399050f},
-        {4, 0, 0}}},
-      {"square, sigma 10",
-       {10, false},
-       {0, 0, 100, 100},
-       {-30, -30, 160, 160},
-       {{0, 50, 0.519993f},
-        {50, 99, 0.519993f},
-        {0, 0, 0.270392f},
-        {99, 99, 0.270392f},
-        {-1, 50, 0.480007f},
-        {50, 50, 1},
-        {-31, 50, 0}}},
-      {"square, sigma 10, clamped",
-       {10, true},
-       {0, 0, 100, 100},
-       {0, 0, 100, 100},
-       {{0, 50, 1}, {0, 0, 1}, {99, 99, 1}, {50, 50, 1}, {-1, 50, 0}}},
-      {"sigma below 0.16",
-       {0.15, false},
-       {0, 0, 100, 100},
-       {0, 0, 100, 100},
-       {{0, 0, 1}, {-1, 0, 0}}},
+  // Case, x, y, alpha.
+  const std::tuple<int, int, int, float> probes[] = {
+      {0, 0, 0, 0.159241f}, {0, 1, 0, 0.096585f},   {0, 0, -1, 0.096585f},  {0, -1, 1, 0.058582f},
+      {0, 3, 0, 0.001769f}, {0, 4, 0, 0},           {1, 0, 50, 0.519993f},  {1, 50, 99, 0.519993f},
+      {1, 0, 0, 0.270392f}, {1, 99, 99, 0.270392f}, {1, -1, 50, 0.480007f}, {1, 50, 50, 1},
+      {1, -31, 50, 0},      {2, 0, 50, 1},          {2, 0, 0, 1},           {2, 99, 99, 1},
+      {2, 50, 50, 1},       {2, -1, 50, 0},         {3, 0, 0, 1},           {3, -1, 0, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(vn::kernelOutputExtent(c.op, c.extent), c.expectedExtent);
-    const vn::IntRect out = c.expectedExtent.grown(1);
-    const vn::PixelBuffer b = run(c.op, c.extent, out, white);
-    for (const Probe& p : c.probes) {
-      const Rgba v = pixelOf(b, p.x, p.y);
-      EXPECT_NEAR(v[3], p.alpha, 1e-5) << p.x << "," << p.y;
+  for (int i = 0; i < int(std::size(cases)); ++i) {
+    const auto& [op, extent, expectedExtent] = cases[i];
+    SCOPED_TRACE(i);
+    EXPECT_EQ(vn::kernelOutputExtent(op, extent), expectedExtent);
+    const vn::IntRect out = expectedExtent.grown(1);
+    const vn::PixelBuffer b = run(op, extent, out, white);
+    for (const auto& [which, x, y, alpha] : probes) {
+      if (which != i)
+        continue;
+      const Rgba v = pixelOf(b, x, y);
+      EXPECT_NEAR(v[3], alpha, 1e-5) << x << "," << y;
       EXPECT_FLOAT_EQ(v[0], v[3]) << "white stays white";
     }
-    EXPECT_LE(maxDifference(b, referenceBlur(c.extent, white, c.op.sigma, c.op.clamp, out)), 1e-5);
+    EXPECT_LE(maxDifference(b, referenceBlur(extent, white, op.sigma, op.clamp, out)), 1e-5);
   }
   EXPECT_EQ(vn::kernelReach(vn::GaussianBlurOp{0.1, false}), 0);
 }
 
-// Above sigma 16 the blur is computed on a reduced picture; it stays within
-// a small bound of the exact kernel, at edges, corners and inside, and the
-// extent still grows by ceil(3 sigma).
+// Above sigma 16 the blur is computed on a reduced picture; it stays within a small bound of the
+// exact kernel, at edges, corners and inside, and the extent still grows by ceil(3 sigma).
 TEST(ImageKernelsTest, LargeSigmaStaysCloseToTheExactKernel) {
   const vn::IntRect extent{0, 0, 160, 120};
-  const struct {
-    double sigma;
-    bool clamp;
-    vn::IntRect out;
-    float bound;
-  } cases[] = {
+  const std::tuple<double, bool, vn::IntRect, float> cases[] = {
       {16, false, {-48, -48, 256, 216}, 1e-5f},  // still exact
       {17, false, {-51, -51, 262, 222}, 1.5e-3f},
       {24, true, {0, 0, 80, 60}, 1.5e-3f},
@@ -199,14 +169,14 @@ TEST(ImageKernelsTest, LargeSigmaStaysCloseToTheExactKernel) {
       {40, false, {-120, -120, 90, 80}, 1.5e-3f},
       {50, false, {-40, 90, 70, 60}, 1.5e-3f},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.sigma);
-    const vn::GaussianBlurOp op{c.sigma, c.clamp};
-    const int reach = static_cast<int>(std::ceil(3 * c.sigma));
-    EXPECT_EQ(vn::kernelOutputExtent(op, extent), c.clamp ? extent : extent.grown(reach));
+  for (const auto& [sigma, clamp, out, bound] : cases) {
+    SCOPED_TRACE(sigma);
+    const vn::GaussianBlurOp op{sigma, clamp};
+    const int reach = static_cast<int>(std::ceil(3 * sigma));
+    EXPECT_EQ(vn::kernelOutputExtent(op, extent), clamp ? extent : extent.grown(reach));
     EXPECT_GE(vn::kernelReach(op), reach);
-    const vn::PixelBuffer b = run(op, extent, c.out, pattern);
-    EXPECT_LE(maxDifference(b, referenceBlur(extent, pattern, c.sigma, c.clamp, c.out)), c.bound);
+    const vn::PixelBuffer b = run(op, extent, out, pattern);
+    EXPECT_LE(maxDifference(b, referenceBlur(extent, pattern, sigma, clamp, out)), bound);
   }
 }
 
@@ -242,16 +212,12 @@ TEST(ImageKernelsTest, ThreadsAndTilesGiveTheSameBits) {
   }
 }
 
-// A uniform picture stays as it is through sharpening, pixellation and a
-// clamped blur, and takes the blend's colour through bloom and gloom; the
-// extent is kept.
+// A uniform picture stays as it is through sharpening, pixellation and a clamped blur, and takes
+// the blend's colour through bloom and gloom; the extent is kept.
 TEST(ImageKernelsTest, UniformPictures) {
   const vn::IntRect extent{0, 0, 64, 48};
   const float grey = 0.502886f;  // code 188
-  const struct {
-    vn::NeighbourhoodOp op;
-    Rgba in, expected;
-  } cases[] = {
+  const std::tuple<vn::NeighbourhoodOp, Rgba, Rgba> cases[] = {
       {vn::SharpenLuminanceOp{10, 1.69}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
       {vn::SharpenLuminanceOp{2, 1.69}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
       {vn::HexagonalPixellateOp{{5, 7}, 8}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
@@ -264,57 +230,46 @@ TEST(ImageKernelsTest, UniformPictures) {
        {grey / 2, grey / 2, grey / 2, 0.5f},
        {grey * grey / 2, grey * grey / 2, grey * grey / 2, 0.5f}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.op.index());
-    EXPECT_EQ(vn::kernelOutputExtent(c.op, extent), extent);
-    const vn::PixelBuffer b = run(c.op, extent, extent.grown(2), uniform(c.in));
+  for (const auto& [op, in, expected] : cases) {
+    SCOPED_TRACE(op.index());
+    EXPECT_EQ(vn::kernelOutputExtent(op, extent), extent);
+    const vn::PixelBuffer b = run(op, extent, extent.grown(2), uniform(in));
     for (int y = extent.y - 2; y < extent.top() + 2; ++y)
       for (int x = extent.x - 2; x < extent.right() + 2; ++x) {
         const bool inside = x >= 0 && x < extent.right() && y >= 0 && y < extent.top();
         const Rgba v = pixelOf(b, x, y);
         for (int ch = 0; ch < 4; ++ch)
-          ASSERT_NEAR(v[ch], inside ? c.expected[ch] : 0, 1e-5) << x << "," << y;
+          ASSERT_NEAR(v[ch], inside ? expected[ch] : 0, 1e-5) << x << "," << y;
       }
   }
 }
 
 TEST(ImageKernelsTest, HexagonalCells) {
   const vn::HexagonalPixellateOp op{{150, 150}, 8};
-  const struct {
-    double x, y;
-    vn::HexCell cell;
-  } points[] = {
-      {153.9, 150, {0, 0}},
-      {154.1, 150, {1, 0}},
-      {150.8, 154.8, {0, 1}},
-      {146, 143, {0, -1}},
-      {150, 157, {-1, 1}},                       // equally near (-1, 1) and (0, 1)
-      {150, 150 - 8 / std::sqrt(3.0), {0, -1}},  // a vertex: three cells
+  // The last two: equally near (-1, 1) and (0, 1); a vertex of three cells.
+  const std::tuple<double, double, int, int> points[] = {
+      {153.9, 150, 0, 0}, {154.1, 150, 1, 0}, {150.8, 154.8, 0, 1},
+      {146, 143, 0, -1},  {150, 157, -1, 1},  {150, 150 - 8 / std::sqrt(3.0), 0, -1},
   };
-  for (const auto& p : points) {
-    const vn::HexCell c = vn::hexagonalCell(op, p.x, p.y);
-    EXPECT_EQ(c, p.cell) << p.x << "," << p.y << " -> " << c.m << "," << c.n;
+  for (const auto& [x, y, m, n] : points) {
+    const vn::HexCell c = vn::hexagonalCell(op, x, y);
+    EXPECT_EQ(c, (vn::HexCell{m, n})) << x << "," << y << " -> " << c.m << "," << c.n;
   }
 
-  // Red left half, blue right half: the cell on the border holds 28 of
-  // each; cells beside it are one colour.
+  // Red left half, blue right half: the cell on the border holds 28 of each; cells beside it are
+  // one colour.
   const vn::IntRect extent{0, 0, 32, 32};
   const vn::PixelBuffer b =
       run(vn::HexagonalPixellateOp{{16, 16}, 8}, extent, extent, [](int x, int) {
         return x < 16 ? Rgba{1, 0, 0, 1} : Rgba{0, 0, 1, 1};
       });
-  const struct {
-    int x, y;
-    Rgba expected;
-  } pixels[] = {
+  const std::tuple<int, int, Rgba> pixels[] = {
       {16, 16, {0.5f, 0, 0.5f, 1}}, {13, 16, {0.5f, 0, 0.5f, 1}}, {8, 16, {1, 0, 0, 1}},
       {24, 16, {0, 0, 1, 1}},       {20, 22, {0, 0, 1, 1}},
   };
-  for (const auto& p : pixels) {
-    const Rgba v = pixelOf(b, p.x, p.y);
+  for (const auto& [x, y, expected] : pixels)
     for (int ch = 0; ch < 4; ++ch)
-      EXPECT_NEAR(v[ch], p.expected[ch], 1e-6) << p.x << "," << p.y;
-  }
+      EXPECT_NEAR(pixelOf(b, x, y)[ch], expected[ch], 1e-6) << x << "," << y;
 }
 
 // Outputs of one pixel, none, or outside the extent; an endless extent.
@@ -327,8 +282,7 @@ TEST(ImageKernelsTest, DegenerateOutputsAndEndlessExtents) {
     EXPECT_GT(tiny.pixels[3], 0);
     const vn::IntRect empty{3, 4, 0, 5};
     const vn::PixelBuffer none = run(op, one, empty, uniform({1, 1, 1, 1}));
-    EXPECT_EQ(none.rect, empty);
-    EXPECT_TRUE(none.pixels.empty());
+    EXPECT_TRUE(none.rect == empty && none.pixels.empty());
     const vn::PixelBuffer far = run(op, one, {500, 500, 2, 2}, uniform({1, 1, 1, 1}));
     EXPECT_EQ(std::count(far.pixels.begin(), far.pixels.end(), 0.0f), 16);
   }

@@ -47,14 +47,11 @@ TEST(AudioBufferTest, QueuesFramesOfItsFormatInOrder) {
   vn::ff::Frame first = buffer.read();
   vn::ff::Frame second = buffer.read();
   ASSERT_TRUE(first && second);
-  EXPECT_EQ(first->nb_samples, 1024);
-  EXPECT_EQ(first->pts, 100);
-  EXPECT_EQ(second->nb_samples, 333);
-  EXPECT_EQ(second->pts, 300);
+  EXPECT_EQ(std::vector(
+                {int64_t{first->nb_samples}, first->pts, int64_t{second->nb_samples}, second->pts}),
+            std::vector<int64_t>({1024, 100, 333, 300}));
   EXPECT_FALSE(buffer.read());
-
-  // Reconfiguring drops what was queued; frames of the old format are
-  // refused now, frames of the new one pass.
+  // Reconfiguring drops the queue; only frames of the new format pass.
   write(buffer, kStereoFloat, 256, 0);
   const VNFFAudioFormat mono{AV_SAMPLE_FMT_S16P, AV_CH_LAYOUT_MONO, 22050};
   buffer.config(mono);

@@ -21,8 +21,7 @@ using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
 
 const VNFFAudioFormat kPlayback{AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 44100};
 
-// The audio media of a fixture (the last of its medias), sought to 0: audio
-// is queued only after a first seek.
+// The audio media of a fixture (its last), sought to 0: audio is queued only after a seek.
 std::shared_ptr<VNFFMedia> audioMedia(const std::string& name) {
   Medias medias = vn::test::mediasOf(name);
   if (medias.empty())
@@ -43,7 +42,6 @@ vn::test::Samples read(VNFFEffectAudioStream& mix, int frames) {
 TEST(MixGraphTest, StagesFollowTheStreamCount) {
   VNFFEffectAudioStream mix;
   mix.setOutputParam(kPlayback);
-
   // One stream: no mixer, no compensation.
   mix.setInputStreams({audioMedia("aac.m4a")});
   EXPECT_EQ(mix.sourceCount(), 1);
@@ -52,9 +50,7 @@ TEST(MixGraphTest, StagesFollowTheStreamCount) {
   EXPECT_EQ(mix.stageArguments("volume"), "1.000000");
   EXPECT_EQ(mix.stageArguments("format"),
             "sample_fmts=flt:channel_layouts=stereo:sample_rates=44100");
-
-  // Forty streams: only the first 32 are mixed, and the level is made up
-  // for all 32.
+  // Forty streams: only the first 32 are mixed, the level made up for all 32.
   Medias forty;
   for (int i = 0; i < 40; ++i)
     forty.push_back(audioMedia("aac.m4a"));
@@ -63,13 +59,11 @@ TEST(MixGraphTest, StagesFollowTheStreamCount) {
   EXPECT_EQ(mix.stageArguments("amix"), "32");
   EXPECT_EQ(mix.stageArguments("volumeFix"), "32");
   EXPECT_EQ(mix.inputs().size(), 40u);
-
   // No stream: the graph cannot be configured; reads give silence.
   mix.setInputStreams({});
   EXPECT_EQ(mix.sourceCount(), 0);
   vn::test::Samples silence = read(mix, 512);
   EXPECT_EQ(vn::test::rms(silence.data), 0.0);
-
   // A layout without a name leaves the format stage unconfigurable: silence.
   mix.setOutputParam({AV_SAMPLE_FMT_FLT, 0x1, 44100});
   mix.setInputStreams({audioMedia("aac.m4a")});
@@ -77,13 +71,11 @@ TEST(MixGraphTest, StagesFollowTheStreamCount) {
 }
 
 TEST(MixGraphTest, LayoutNames) {
-  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x3), "stereo");
-  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x4), "mono");
-  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x3f), "5.1");
-  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x60f), "5.1(side)");
-  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x13f), "6.1");
-  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x60000000), "downmix");
-  EXPECT_EQ(VNFFEffectAudioStream::channelLayoutName(0x1), "");
+  std::vector<std::string> names;
+  for (uint64_t layout : {0x3, 0x4, 0x3f, 0x60f, 0x13f, 0x60000000, 0x1})
+    names.push_back(VNFFEffectAudioStream::channelLayoutName(layout));
+  EXPECT_EQ(names,
+            (std::vector<std::string>{"stereo", "mono", "5.1", "5.1(side)", "6.1", "downmix", ""}));
 }
 
 TEST(MixGraphTest, VolumeChangesTheNextSamples) {
@@ -99,8 +91,7 @@ TEST(MixGraphTest, VolumeChangesTheNextSamples) {
   EXPECT_NEAR(half / full, 0.5, 0.02);
 }
 
-// A planar output format comes out plane after plane in the caller's bytes:
-// the same samples as the packed format, de-interleaved.
+// A planar output holds the packed format's samples plane after plane.
 TEST(MixGraphTest, PlanarOutputHoldsThePackedSamplesPlaneByPlane) {
   constexpr int kFrames = 4096;
   VNFFEffectAudioStream packed;
@@ -119,8 +110,7 @@ TEST(MixGraphTest, PlanarOutputHoldsThePackedSamplesPlaneByPlane) {
   }
 }
 
-// A stream with nothing more to give yields blocks of 1024 silent samples,
-// and its running position moves on by 1024 each time.
+// An exhausted stream gives silence in blocks of 1024, its position moving on by each.
 TEST(MixGraphTest, ExhaustedStreamGivesSilenceInBlocksOf1024) {
   auto media = audioMedia("aac.m4a");
   media->seek(60 * 1000000LL);  // far past the end
@@ -136,9 +126,7 @@ TEST(MixGraphTest, ExhaustedStreamGivesSilenceInBlocksOf1024) {
   EXPECT_EQ(advanced % 1024, 0);
 }
 
-// Three tones on three tracks at three rates mixed: the same as FFmpeg's own
-// amix of the same tracks, without its level normalisation, and the level is
-// the sum of the tracks.
+// Three tracks at three rates mix as FFmpeg's amix without normalisation.
 TEST(MixGraphTest, MixMatchesFfmpegAmixWithoutNormalisation) {
   auto media = audioMedia("multitrack.mkv");
   ASSERT_TRUE(media);
@@ -149,12 +137,10 @@ TEST(MixGraphTest, MixMatchesFfmpegAmixWithoutNormalisation) {
   ASSERT_EQ(mix.sourceCount(), 3);
   read(mix, 44100);  // skip the first second: start-up differs by design
   vn::test::Samples ours = read(mix, 3 * 44100);
-
   vn::test::Samples theirs = vn::test::decodeWithFfmpeg(
       vn::test::fixture("multitrack.mkv"),
       "-filter_complex '[0:a:0][0:a:1][0:a:2]amix=inputs=3:normalize=0' -ss 1 -t 3", 2, 44100);
   ASSERT_GT(theirs.frames(), 44100u);
-
   const auto left = ours.channel(0), refLeft = theirs.channel(0);
   for (double hz : {440.0, 660.0, 880.0}) {
     const double a = vn::test::toneAmplitude(left, 44100, hz);
@@ -174,24 +160,19 @@ TEST(MixGraphTest, MovieReadSampleCountsOnTheClock) {
   movie->flushOperation();
   std::vector<float> chunk(2 * 22050);
   movie->readSample(chunk.data(), 22050);
-  // No output buffer holds anything: half a second of samples read is half
-  // a second on the clock.
+  // No output buffer holds anything: half a second read is half a second on the clock.
   EXPECT_EQ(movie->currentTime(), 1500000);
   EXPECT_GT(vn::test::rms(chunk), 0.05);
 }
 
-// Audio read right after a seek, without waiting for it, is the audio of
-// the seek point: the read waits for the seek instead of racing it on the
-// decode queue.
+// Audio read right after a seek is the seek point's: the read waits for the seek.
 TEST(MixGraphTest, MovieReadSampleRightAfterASeekReadsFromIt) {
   auto read = [](bool flush) {
     auto movie = VNFFMovie::create();
     movie->openMedias(vn::test::mediasOf("aac.m4a"));
     movie->configOutputFormat(kPlayback);
     movie->setExportMovie(true);
-    // A quarter of the tone's period off the start of a second: audio
-    // from another second differs.
-    movie->seek(2'000'250);
+    movie->seek(2'000'250);  // a quarter period off a second: other audio differs
     if (flush)
       movie->flushOperation();
     std::vector<float> chunk(2 * 4410);

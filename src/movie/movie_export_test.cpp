@@ -1,5 +1,4 @@
-// The export job: what it writes, what it reports, and that a job that does
-// not finish leaves no file behind.
+// The export job: what it writes and reports; an unfinished job leaves nothing.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -26,8 +25,7 @@ std::shared_ptr<VNFFMovie> movieOf(const std::string& path) {
   return movie;
 }
 
-// An empty folder for each case: what is in it afterwards is what the job
-// left.
+// An empty folder: what is in it afterwards is what the job left.
 std::string emptyFolder() {
   const std::string dir = vn::test::scratchDir() + "/export";
   fs::remove_all(dir);
@@ -66,7 +64,6 @@ TEST(MovieExportTest, WritesTheSpanAndReportsProgressUpToTheLastFrame) {
     const VNFFMovieExport::Result result = job.run();
     ASSERT_TRUE(result) << result.reason;
     EXPECT_EQ(entries(dir), std::vector<std::string>{"out.mkv"});
-
     // A report after every frame (or second of audio), the last once more.
     ASSERT_EQ(seen.size(), c.frames > 0 ? size_t(c.frames) + 1 : 3u);
     for (size_t i = 1; i < seen.size(); ++i)
@@ -74,7 +71,6 @@ TEST(MovieExportTest, WritesTheSpanAndReportsProgressUpToTheLastFrame) {
     EXPECT_EQ(seen.back().fraction, 1.0);
     EXPECT_DOUBLE_EQ(seen.back().seconds, 1.2);
     EXPECT_EQ(seen.back().frames, c.frames);
-
     const auto probe = vn::test::ffprobe(out);
     EXPECT_NEAR(std::stod(probe["format"]["duration"].get<std::string>()), 1.2, 0.1);
     EXPECT_EQ(probe["streams"].size(), c.frames > 0 ? 2u : 1u);

@@ -1,8 +1,12 @@
-// Pictures out of a movie: settings, thumbnails, and pictures for a provider.
+// Pictures out of a movie: settings, thumbnails, pictures for a provider and
+// decoded ahead of a consumer, what the movie tells of its video, and the
+// clock that playback follows.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 extern "C" {
@@ -14,14 +18,28 @@ extern "C" {
 #include "effects/effect_video_stream.h"
 #include "media/media_test_support.h"
 #include "movie/movie.h"
+#include "movie/picture_queue.h"
+#include "movie/playback_clock.h"
 
 namespace {
 
-std::shared_ptr<VNFFMovie> movieOf(const std::string& name) {
+constexpr int64_t kFrame = 40000;  // microseconds, at 25 frames a second
+
+std::shared_ptr<VNFFMovie> movieOf(const std::string& name, bool exporting = false) {
   auto movie = VNFFMovie::create();
   movie->openMedias(vn::test::mediasOf(name));
+  movie->setExportMovie(exporting);
   return movie;
 }
+
+// Holds the decode queue until released, so that requests wait behind it.
+struct Gate {
+  std::promise<void> open;
+  explicit Gate(VNFFMovie& movie) {
+    movie.decodeQueue().addOperation([f = open.get_future().share()] { f.wait(); });
+  }
+  void release() { open.set_value(); }
+};
 
 // What a provider received.
 struct Received {
@@ -38,13 +56,11 @@ struct Received {
 TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   auto movie = movieOf("h264_aac.mp4");
   VNFFEffectVideoStream& stream = movie->videoEffectStream();
-  // Opening attached the first video media, an RGBA output of its size and
-  // no crop.
+  // Opening attached the first video media, an RGBA output of its size, no crop.
   EXPECT_EQ(stream.media(), movie->videos().front());
   EXPECT_EQ(stream.outputFormat().pix_fmt, AV_PIX_FMT_RGBA);
   EXPECT_EQ(movie->outputVideoSize().width, 320);
   EXPECT_EQ(movie->cropRect().height, 240);
-
   // Sizes are kept as whole pixels, a hair above being rounded up.
   movie->setOutputVideoSize({719.95, 480.0});
   EXPECT_EQ(stream.outputFormat().width, 720);
@@ -52,7 +68,6 @@ TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   movie->setOutputVideoSize({720.5, 480.0});
   EXPECT_EQ(stream.outputFormat().width, 720);
   EXPECT_EQ(stream.outputFormat().pix_fmt, AV_PIX_FMT_RGBA);
-
   // Only the subtitle settings and the size draw the subtitle anew, once.
   const int64_t before = stream.subtitleUpdateCount();
   movie->setSubtitleColor(vn::FilterImage::Color{1, 1, 0, 1});
@@ -61,7 +76,6 @@ TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   movie->setZoomType(1);
   EXPECT_EQ(stream.subtitleUpdateCount(), before + 1);
   EXPECT_EQ(stream.hue(), 0.2f);
-
   // A movie without video: no media, an empty output and crop.
   auto audio = movieOf("aac.m4a");
   EXPECT_FALSE(audio->videoEffectStream().media());
@@ -75,26 +89,16 @@ TEST(MoviePictureTest, ThumbnailsFitTheBoxAndPlaybackStaysWhereItWas) {
   auto movie = movieOf("h264_aac.mp4");
   movie->seek(7'000'000);
   movie->flushOperation();
-  struct Case {
-    vn::Size output, box;
-    int width, height;
+  auto size = [&](vn::Size output, vn::Size box, int64_t t = 2'000'000) {
+    movie->setOutputVideoSize(output);
+    const std::optional<vn::BitmapImage> thumb = movie->thumbnailAtTime(t, box);
+    return thumb ? std::pair(thumb->width(), thumb->height()) : std::pair(0, 0);
   };
-  const Case cases[] = {
-      {{320, 240}, {160, 120}, 160, 120},
-      {{1920, 1080}, {160, 120}, 160, 90},
-      {{320, 240}, {100, 1000}, 100, 75},
-  };
-  for (const Case& c : cases) {
-    movie->setOutputVideoSize(c.output);
-    const std::optional<vn::BitmapImage> thumb = movie->thumbnailAtTime(2'000'000, c.box);
-    ASSERT_TRUE(thumb);
-    EXPECT_EQ(thumb->width(), c.width);
-    EXPECT_EQ(thumb->height(), c.height);
-  }
-  // No video covers a time past the end.
-  EXPECT_FALSE(movie->thumbnailAtTime(60'000'000, {160, 120}));
-  // The video media was sought back to the clock: the next picture read is
-  // at 7 s, not right after the thumbnail's 2 s.
+  EXPECT_EQ(size({320, 240}, {160, 120}), std::pair(160, 120));
+  EXPECT_EQ(size({1920, 1080}, {160, 120}), std::pair(160, 90));
+  EXPECT_EQ(size({320, 240}, {100, 1000}), std::pair(100, 75));
+  EXPECT_EQ(size({320, 240}, {160, 120}, 60'000'000), std::pair(0, 0));  // past the end
+  // The video media was sought back to the clock: the next picture is at 7 s.
   const std::shared_ptr<VNFFMedia> video = movie->videos().front();
   int64_t pts = -1;
   movie->decodeQueue()
@@ -135,30 +139,25 @@ TEST(MoviePictureTest, AProviderGetsWhatItHandles) {
     movie->decodeImageAtTime(t, provider);
     return received;
   };
-
   auto onlyEffect = run(false, false, false, true);
   EXPECT_EQ(onlyEffect->effectCalls, 1);
   EXPECT_EQ(onlyEffect->plainCalls, 0);
   ASSERT_TRUE(onlyEffect->effect);
   EXPECT_EQ(onlyEffect->effect->extent().width, 640);
-
   auto all = run(true, true, true, true);
   EXPECT_EQ(all->formatCalls, 1);
   EXPECT_EQ(all->format.width, 320);  // the media's size: pictures are not scaled
   ASSERT_TRUE(all->plain && all->effect);
   EXPECT_EQ(all->plain->extent().width, 320);
-
   auto refused = run(true, false, true, true);
   EXPECT_EQ(refused->plainCalls, 1);
   EXPECT_FALSE(refused->plain);
   EXPECT_FALSE(refused->effect);
-
   // Past the end there is no frame: the provider receives none.
   auto past = run(false, false, true, true, 60'000'000);
   EXPECT_EQ(past->effectCalls, 1);
   EXPECT_FALSE(past->plain);
   EXPECT_FALSE(past->effect);
-
   // From the decode queue the work runs inline, at once.
   bool ranInline = false;
   movie->decodeQueue()
@@ -173,12 +172,9 @@ TEST(MoviePictureTest, AProviderGetsWhatItHandles) {
   EXPECT_TRUE(ranInline);
 }
 
-// Pictures and thumbnails asked for while another thread seeks and changes
-// the settings (run under ThreadSanitizer).
+// Pictures asked for while another thread seeks and changes settings (for TSan).
 TEST(MoviePictureTest, ThreadPicturesWhileSeeking) {
-  auto movie = movieOf("h264_aac.mp4");
-  // Reading is not held back to the clock the seeks set.
-  movie->setExportMovie(true);
+  auto movie = movieOf("h264_aac.mp4", true);  // reading is not held back to the seeks' clock
   std::atomic<bool> done{false};
   std::thread seeker([&] {
     for (int i = 0; !done.load(); ++i) {
@@ -187,8 +183,7 @@ TEST(MoviePictureTest, ThreadPicturesWhileSeeking) {
       movie->setHflip(i % 2 == 0);
       movie->setEffectName(i % 3 ? "Blur" : "1970");
       movie->setOutputVideoSize({double(160 + i % 4 * 32), 120});
-      // A bounded number of seeks in flight: the queue must not grow
-      // without end while a picture is decoded.
+      // A bounded number of seeks in flight.
       if (i % 4 == 3)
         movie->flushOperation();
     }
@@ -208,8 +203,152 @@ TEST(MoviePictureTest, ThreadPicturesWhileSeeking) {
   movie->flushOperation();
   done = true;
   seeker.join();
-  // What is asked for here is that nothing races; a picture may still come
-  // out empty when a seek lands between its reads.
+  // Nothing races; a picture may come out empty when a seek lands between reads.
   EXPECT_GE(thumbnails, 10);
   EXPECT_GE(pictures.load(), 10);
+}
+
+TEST(PictureQueueTest, DeliversInOrderAtTheSizeAskedWithinItsDepth) {
+  using Q = VNFFPictureQueue;
+  auto movie = movieOf("counter.mp4", true);  // 320x240
+  movie->setOutputVideoSize({160, 120});      // composed pictures only
+  struct Case {
+    Q::Source source;
+    Q::Delivery delivery;
+    int renderW, renderH;  // kRGBA: asked; 0: the picture's own
+    int wantW, wantH;
+  } cases[] = {
+      {Q::kComposed, Q::kImage, 0, 0, 160, 120},   {Q::kDecoded, Q::kImage, 0, 0, 320, 240},
+      {Q::kComposed, Q::kRGBA, 0, 0, 160, 120},    {Q::kComposed, Q::kRGBA, 64, 36, 64, 36},
+      {Q::kDecoded, Q::kRGBA, 0, 0, 320, 240},     {Q::kDecoded, Q::kRGBA, 320, 240, 320, 240},
+      {Q::kDecoded, Q::kRGBA, 640, 480, 640, 480},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.source << "/" << c.delivery << " " << c.renderW);
+    Q queue(movie, 2, c.source, c.delivery);
+    queue.setRenderSize(c.renderW, c.renderH);
+    Gate gate(*movie);
+    EXPECT_TRUE(queue.request(7, 7 * kFrame + kFrame / 2));
+    EXPECT_TRUE(queue.request(8, 8 * kFrame + kFrame / 2));
+    EXPECT_FALSE(queue.request(9, 9 * kFrame));  // two asked ahead at most
+    EXPECT_EQ(queue.pending(), 2u);
+    EXPECT_TRUE(queue.takeUntil(8).empty());  // nothing is ready behind the gate
+    gate.release();
+    for (int64_t key : {7, 8}) {
+      std::optional<Q::Picture> p = queue.take();
+      ASSERT_TRUE(p);
+      EXPECT_EQ(p->key, key);
+      // An image is still drawable here, off the decode queue.
+      const std::vector<uint8_t> rgba = p->image ? p->image->render() : p->rgba;
+      const vn::Rect extent = p->image ? p->image->extent() : vn::Rect{0, 0, 0, 0};
+      EXPECT_EQ(p->image ? extent.width : p->width, c.wantW);
+      EXPECT_EQ(p->image ? extent.height : p->height, c.wantH);
+      EXPECT_EQ(rgba.size(), size_t(c.wantW) * c.wantH * 4);
+      EXPECT_EQ(p->image.has_value(), c.delivery == Q::kImage);
+    }
+    EXPECT_FALSE(queue.take());  // nothing asked: no wait
+    EXPECT_TRUE(queue.idle());
+  }
+}
+
+TEST(PictureQueueTest, CancelDropsWhatIsAskedAndReadyAndTheEndGivesNone) {
+  auto movie = movieOf("counter.mp4", true);
+  VNFFPictureQueue queue(movie, 4, VNFFPictureQueue::kComposed, VNFFPictureQueue::kRGBA);
+  ASSERT_TRUE(queue.request(1, kFrame + kFrame / 2));
+  movie->flushOperation();  // picture 1 is ready
+  Gate gate(*movie);
+  ASSERT_TRUE(queue.request(2, 2 * kFrame + kFrame / 2));
+  queue.cancel();
+  EXPECT_TRUE(queue.takeUntil(2).empty());
+  EXPECT_FALSE(queue.take());
+  // A stale request counts until it has run: seeks never flood the queue.
+  EXPECT_TRUE(queue.request(100, 100 * kFrame + kFrame / 2));
+  EXPECT_EQ(queue.inFlight(), 2u);
+  EXPECT_TRUE(queue.request(10000, 10000 * kFrame));  // past the end
+  gate.release();
+  for (auto [key, empty] : {std::pair{100, false}, std::pair{10000, true}}) {
+    std::optional<VNFFPictureQueue::Picture> p = queue.take();
+    ASSERT_TRUE(p);
+    EXPECT_EQ(p->key, key);
+    EXPECT_EQ(p->empty(), empty);
+  }
+  EXPECT_EQ(queue.missing(), 10000);
+  EXPECT_FALSE(queue.take());
+  EXPECT_GT(queue.latency(), 0);
+}
+
+TEST(PictureQueueTest, DestructionWaitsForTheRequestsMade) {
+  auto movie = movieOf("counter.mp4", true);
+  std::weak_ptr<VNFFMovie> alive = movie;
+  {
+    VNFFPictureQueue queue(movie, 2, VNFFPictureQueue::kComposed, VNFFPictureQueue::kImage);
+    Gate gate(*movie);
+    queue.request(0, kFrame / 2);
+    queue.request(1, kFrame + kFrame / 2);
+    movie.reset();
+    gate.release();
+  }
+  // Every request ran and let go of the movie, which went with the queue, here.
+  EXPECT_TRUE(alive.expired());
+}
+
+TEST(MovieVideoTest, RateSizeAndShownSize) {
+  struct Case {
+    const char* name;
+    int num, den;  // exact rate
+    float rate;
+    double width, height, rotation;
+    bool aspect, even;
+    double shownW, shownH;
+  } cases[] = {
+      {"h264_2997.mp4", 30000, 1001, 29.97f, 320, 240, 0, true, true, 320, 240},
+      {"h264_23976.mp4", 24000, 1001, 23.97f, 320, 240, 90, false, false, 240, 320},
+      {"dvd_pal.mpg", 25, 1, 25, 720, 576, 0, true, false, 1024, 576},  // pixels 64:45
+      {"dvd_pal.mpg", 25, 1, 25, 720, 576, -270, true, true, 576, 1024},
+      {"dvd_pal.mpg", 25, 1, 25, 720, 576, 180, false, true, 720, 576},
+      {"aac.m4a", 25, 1, 0, 0, 0, 0, true, true, 2, 2},  // no video
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.name << " " << c.rotation);
+    auto movie = movieOf(c.name, true);
+    const AVRational r = movie->exactFramerate();
+    const vn::Size size = movie->videoSize();
+    const vn::Size shown = movie->shownVideoSize(c.rotation, c.aspect, c.even);
+    EXPECT_EQ(std::tuple(movie->videoMedia() != nullptr, r.num, r.den, movie->framerate()),
+              std::tuple(c.width > 0, c.num, c.den, c.rate));
+    EXPECT_EQ(std::tuple(size.width, size.height, shown.width, shown.height),
+              std::tuple(c.width, c.height, c.shownW, c.shownH));
+  }
+}
+
+TEST(PlaybackClockTest, FollowsTheAudioAndCarriesOnAtTheRateForOneStep) {
+  auto movie = VNFFMovie::create();
+  movie->configOutputFormat(VNFFMovie::defaultOutputFormat());  // no medias: no device
+  const double step = VNFFMovie::playbackChunkSeconds();
+  EXPECT_DOUBLE_EQ(step, 2048.0 / 44100);
+  double steady = 100;
+  VNPlaybackClock audio(movie, true, [&] { return steady; });
+  audio.seek(10);
+  EXPECT_DOUBLE_EQ(audio.now(), 10);
+  audio.setRate(2);
+  audio.setRunning(true);
+  steady += step / 4;
+  EXPECT_NEAR(audio.now(), 10 + step / 2, 1e-9);  // carried on at twice the speed
+  steady += 1;
+  EXPECT_NEAR(audio.now(), 10 + 2 * step, 1e-9);  // for one step at most
+  movie->forwardAudioDecodeTime(44100);
+  EXPECT_NEAR(audio.now(), 11, 1e-6);  // the audio moved: the clock is it again
+  audio.setRunning(false);
+  steady += 1;
+  EXPECT_NEAR(audio.now(), 11, 1e-6);
+  VNPlaybackClock wall(movie, false, [&] { return steady; });
+  wall.setRate(0.5);
+  wall.setRunning(true);
+  steady += 2;
+  EXPECT_NEAR(wall.now(), 1, 1e-9);
+  wall.setRunning(false);
+  steady += 2;
+  EXPECT_NEAR(wall.now(), 1, 1e-9);
+  wall.seek(5);
+  EXPECT_NEAR(wall.now(), 5, 1e-9);
 }

@@ -1,5 +1,4 @@
-// Subtitles read as a movie's subtitle media: text files in any charset,
-// and a media's own tracks read on their own.
+// Subtitles read as a movie's subtitle media.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -8,37 +7,23 @@
 #include <string>
 #include <vector>
 
-extern "C" {
-#include <libavformat/avformat.h>
-}
+#include <unicode/unistr.h>
 
-#include "media/media.h"
-#include "media/media_stream.h"
 #include "movie/movie.h"
 #include "test_support.h"
 
 namespace {
 
-using namespace std::string_literals;
-
 constexpr int64_t kSecond = 1000000;
 
-// The cue shown from 1 s to 3 s, in UTF-8; no comma, which the text
-// cleaning takes for a field separator.
+// The cues shown from 1 s to 3 s and 4 s to 5 s, in UTF-8; no comma, which
+// the text cleaning takes for a field separator.
 const std::string kCue =
     "\xC3\x87"
     "a va tr\xC3\xA8s bien \xE2\x80\x94 d\xC3\xA9j\xC3\xA0 vu";
-// The same in Windows-1252.
-const std::string kCue1252 =
-    "\xC7"
-    "a va tr\xE8s bien \x97 d\xE9j\xE0 vu";
 const std::string kSecondCue =
     "\xC3\x9C"
     "ber Gr\xC3\xB6\xC3\x9F"
-    "e";  // 4 s to 5 s
-const std::string kSecondCue1252 =
-    "\xDC"
-    "ber Gr\xF6\xDF"
     "e";
 
 std::string srt(const std::string& first, const std::string& second) {
@@ -46,25 +31,12 @@ std::string srt(const std::string& first, const std::string& second) {
          "\r\n\r\n2\r\n00:00:04,000 --> 00:00:05,000\r\n" + second + "\r\n";
 }
 
-// UTF-8 to UTF-16 (the cues are in the Basic Multilingual Plane).
-std::string utf16(const std::string& utf8, bool bigEndian) {
-  std::string out;
-  for (size_t i = 0; i < utf8.size();) {
-    const auto byte = [&](size_t k) { return static_cast<unsigned char>(utf8[i + k]); };
-    unsigned code;
-    if (byte(0) < 0x80) {
-      code = byte(0);
-      i += 1;
-    } else if (byte(0) < 0xE0) {
-      code = (byte(0) & 0x1Fu) << 6 | (byte(1) & 0x3Fu);
-      i += 2;
-    } else {
-      code = (byte(0) & 0x0Fu) << 12 | (byte(1) & 0x3Fu) << 6 | (byte(2) & 0x3Fu);
-      i += 3;
-    }
-    const char high = static_cast<char>(code >> 8), low = static_cast<char>(code & 0xFF);
-    out += bigEndian ? std::string{high, low} : std::string{low, high};
-  }
+// UTF-8 text in another charset.
+std::string encode(const std::string& utf8, const char* charset) {
+  const icu::UnicodeString text = icu::UnicodeString::fromUTF8(utf8);
+  std::string out(4 * static_cast<size_t>(text.length()), '\0');
+  out.resize(
+      text.extract(0, text.length(), out.data(), static_cast<uint32_t>(out.size()), charset));
   return out;
 }
 
@@ -79,23 +51,23 @@ std::optional<std::string> textAt(VNFFMovie& movie, double seconds) {
 }
 
 TEST(MovieSubtitleTest, TextFilesInAnyCharsetReadAsUtf8) {
-  const std::string utf8 = srt(kCue, kSecondCue);
-  const struct {
+  const std::string utf8 = srt(kCue, kSecondCue), cp1252 = encode(utf8, "windows-1252");
+  ASSERT_EQ(cp1252.size() + 9, utf8.size());
+  struct Case {
     const char* name;
     std::string bytes;
-    std::optional<std::string> charset;
-    std::string first, second;
-  } cases[] = {
-      {"utf8.srt", utf8, std::nullopt, kCue, kSecondCue},
-      {"utf8_bom.srt", "\xEF\xBB\xBF" + utf8, std::nullopt, kCue, kSecondCue},
-      {"windows1252.srt", srt(kCue1252, kSecondCue1252), std::nullopt, kCue, kSecondCue},
-      // FFmpeg's demuxer converts these itself: naming UTF-16 to the decoder
-      // would convert them twice.
-      {"utf16le.srt", "\xFF\xFE" + utf16(utf8, false), std::nullopt, kCue, kSecondCue},
-      {"utf16be.srt", "\xFE\xFF" + utf16(utf8, true), std::nullopt, kCue, kSecondCue},
-      // A given charset wins over the detected one: 0xC7 is Cyrillic Ze in
-      // Windows-1251.
-      {"forced.srt", srt(kCue1252, kSecondCue1252), "WINDOWS-1251",
+    std::optional<std::string> charset = std::nullopt;
+    std::string first = kCue, second = kSecondCue;
+  };
+  const Case cases[] = {
+      {"utf8.srt", utf8},
+      {"utf8_bom.srt", "\xEF\xBB\xBF" + utf8},
+      {"windows1252.srt", cp1252},
+      // The demuxer converts these itself: naming UTF-16 would convert twice.
+      {"utf16le.srt", "\xFF\xFE" + encode(utf8, "UTF-16LE")},
+      {"utf16be.srt", "\xFE\xFF" + encode(utf8, "UTF-16BE")},
+      // A given charset wins over the detected one: 0xC7 is Cyrillic Ze in it.
+      {"forced.srt", cp1252, "WINDOWS-1251",
        "\xD0\x97"
        "a va tr\xD0\xB8s bien \xE2\x80\x94 d\xD0\xB9j\xD0\xB0 vu",
        "\xD0\xAC"
@@ -113,8 +85,7 @@ TEST(MovieSubtitleTest, TextFilesInAnyCharsetReadAsUtf8) {
   }
 }
 
-// Reading ahead stops at each cue: one read past it would replace it
-// before it was shown.
+// Reading ahead stops at each cue: one read past it would replace it unseen.
 TEST(MovieSubtitleTest, CuesCloseTogetherAreEachShown) {
   std::string file;
   const char* words[] = {"One", "Two", "Three", "Four", "Five"};
@@ -137,8 +108,7 @@ TEST(MovieSubtitleTest, CuesCloseTogetherAreEachShown) {
   }
 }
 
-// A file or track that cannot be read as subtitles, or a charset iconv does
-// not know, opens nothing, and the subtitle before is gone too.
+// No subtitles in the file or track, or an unknown charset: nothing, nor the old one.
 TEST(MovieSubtitleTest, WhatCannotBeReadOpensNothing) {
   const struct {
     const char* file;
@@ -157,8 +127,7 @@ TEST(MovieSubtitleTest, WhatCannotBeReadOpensNothing) {
     EXPECT_FALSE(movie->subtitle());
     EXPECT_FALSE(movie->hasSubtitle());
   }
-  // A bitmap decoder has no text to convert: the name does not matter. A
-  // file's only track is track 0.
+  // A bitmap decoder ignores the charset; a file's only track is track 0.
   auto movie = VNFFMovie::create();
   EXPECT_TRUE(movie->openSubtitle(vn::test::fixture("dvdsub.mkv"), 0, "NO-SUCH-CHARSET"));
   EXPECT_TRUE(movie->openSubtitle(vn::test::fixture("subs.srt"), 0, std::nullopt));

@@ -2,19 +2,20 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <future>
 #include <vector>
 
 #include "audio_out/output_audio_graph.h"
+#include "core/check.h"
 #include "core/serial_queue.h"
 #include "media/media_test_support.h"
 
 namespace {
 
 using Medias = std::vector<std::shared_ptr<VNFFMedia>>;
-
 using vn::test::mediasOf;
+
+constexpr uint64_t kChunkFrames = 2048;  // what one top-up mixes
 
 // A media that counts the seeks it performs.
 class CountingMedia : public VNFFMedia {
@@ -32,54 +33,54 @@ std::shared_ptr<CountingMedia> countingMedia(const std::string& name) {
   return media;
 }
 
-}  // namespace
-
-TEST(MovieTest, EmptyMovie) {
+// A movie over aac.m4a, sought to its start, its queue idle.
+std::shared_ptr<VNFFMovie> openMovie() {
   auto movie = VNFFMovie::create();
-  EXPECT_EQ(movie->duration(), 0);
-  EXPECT_FALSE(movie->hasAudio());
-  EXPECT_FALSE(movie->hasVideo());
-  EXPECT_FALSE(movie->hasSubtitle());
-  EXPECT_EQ(VNFFMovie::medias(movie->medias(), 0), nullptr);
-  EXPECT_TRUE(movie->audioStreams().empty());
-  EXPECT_FALSE(movie->selectAudioStreams());
-  movie->seek(2000000);
+  movie->openMedias(mediasOf("aac.m4a"));
+  movie->seek(0);
   movie->flushOperation();
-  EXPECT_EQ(movie->currentTime(), 2000000);
+  return movie;
 }
 
+// Holds the movie's decode queue until the promise is kept.
+void holdQueue(VNFFMovie& movie, std::promise<void>& release) {
+  movie.decodeQueue().addOperation([gate = release.get_future().share()] { gate.wait(); });
+}
+
+}  // namespace
+
 TEST(MovieTest, MediasOnTheTimeline) {
+  auto empty = VNFFMovie::create();
+  EXPECT_EQ(VNFFMovie::medias(empty->medias(), 0), nullptr);
+  empty->seek(2000000);
+  empty->flushOperation();
+  EXPECT_EQ(empty->currentTime(), 2000000);
   auto movie = VNFFMovie::create();
   Medias a = mediasOf("aac.m4a");       // 5 s
   Medias b = mediasOf("h264_aac.mp4");  // 10 s: video + audio
   ASSERT_EQ(a.size(), 1u);
   ASSERT_EQ(b.size(), 2u);
-  const int64_t lengthA = 5000000;
   a[0]->setMovie_position(10000000);
   for (auto& m : b)
     m->setMovie_position(12000000);
   Medias all = {a[0], b[0], b[1]};
   movie->openMedias(all);
-  ASSERT_NEAR(a[0]->duration(), lengthA, 50000);
-
+  ASSERT_NEAR(a[0]->duration(), 5000000, 50000);
   EXPECT_EQ(movie->duration(), 12000000 + b[0]->duration());
-  EXPECT_TRUE(movie->hasAudio());
-  EXPECT_TRUE(movie->hasVideo());
+  EXPECT_TRUE(movie->hasAudio() && movie->hasVideo());
   EXPECT_EQ(movie->audios().size(), 2u);
   ASSERT_EQ(movie->videos().size(), 1u);
-
   const int64_t endA = 10000000 + a[0]->duration();
   EXPECT_EQ(VNFFMovie::medias(all, 9999999), nullptr);
   EXPECT_EQ(VNFFMovie::medias(all, 10000000), a[0]);
-  EXPECT_EQ(VNFFMovie::medias(all, endA - 1), a[0]);  // overlap: the earlier wins
+  EXPECT_EQ(VNFFMovie::medias(all, endA - 1),
+            a[0]);  // overlap: the earlier wins
   EXPECT_EQ(VNFFMovie::medias(all, endA), b[0]);
   EXPECT_EQ(movie->videoMediaAtTime(11000000), nullptr);
   EXPECT_EQ(movie->videoMediaAtTime(13000000), b[0]);
-
   movie->setDisableVideo(true);
   EXPECT_FALSE(movie->hasVideo());
   EXPECT_TRUE(movie->videos().empty());
-
   movie->close();
   EXPECT_TRUE(movie->medias().empty());
   EXPECT_FALSE(movie->hasAudio());
@@ -100,27 +101,9 @@ TEST(MovieTest, SelectionGoesToEveryMediaAndIsReadFromTheFirst) {
   EXPECT_EQ(medias[1]->audios().size(), 3u);
 }
 
-// Only the newest of a burst of seeks does any work.
-TEST(MovieSeekTest, OnlyTheLastOfQuickSeeksSeeksTheMedias) {
-  auto movie = VNFFMovie::create();
-  auto media = countingMedia("aac.m4a");
-  movie->openMedias({media});
-  movie->flushOperation();
-  media->seeks.clear();
-
-  // Hold the queue so that the three seeks wait behind each other.
-  std::promise<void> release;
-  auto gate = release.get_future().share();
-  movie->decodeQueue().addOperation([gate] { gate.wait(); });
-  movie->seek(1000000);
-  movie->seek(2000000);
-  movie->seek(3000000);
-  EXPECT_EQ(movie->currentTime(), 3000000);  // the clock moves at once
-  release.set_value();
-  movie->flushOperation();
-  EXPECT_EQ(media->seeks, std::vector<int64_t>{3000000});
-}
-
+// Every media is sought to its local time (before its start passed on as it
+// is); of a burst of seeks only the newest does any work, and the clock moves
+// at once.
 TEST(MovieSeekTest, EveryMediaIsSoughtToItsLocalTime) {
   auto movie = VNFFMovie::create();
   auto first = countingMedia("aac.m4a");
@@ -128,16 +111,20 @@ TEST(MovieSeekTest, EveryMediaIsSoughtToItsLocalTime) {
   second->setMovie_position(4000000);
   movie->openMedias({first, second});
   movie->flushOperation();
+  std::promise<void> release;
+  holdQueue(*movie, release);
   first->seeks.clear();
   second->seeks.clear();
-  movie->seek(3000000);
+  for (int64_t t : {1000000, 2000000, 3000000})
+    movie->seek(t);
+  EXPECT_EQ(movie->currentTime(), 3000000);
+  release.set_value();
   movie->flushOperation();
   EXPECT_EQ(first->seeks, std::vector<int64_t>{3000000});
-  EXPECT_EQ(second->seeks, std::vector<int64_t>{-1000000});  // passed on as it is
+  EXPECT_EQ(second->seeks, std::vector<int64_t>{-1000000});
 }
 
-// The clock is the seek point plus the frames produced, less those that wait
-// in the output.
+// The clock is the seek point plus the frames produced, less those waiting.
 TEST(MovieSeekTest, ClockSubtractsBufferedFrames) {
   auto movie = VNFFMovie::create();
   movie->openMedias(mediasOf("aac.m4a"));
@@ -152,7 +139,7 @@ TEST(MovieSeekTest, ClockSubtractsBufferedFrames) {
   EXPECT_EQ(movie->currentTime(), 5000000 + 900000);
 }
 
-// Seeks from the application thread while the decode queue reads and mixes.
+// Seeks while the queue mixes: chunks queued before the last may count after it.
 TEST(MovieSeekTest, SeeksWhileTheQueueMixes) {
   auto movie = VNFFMovie::create();
   movie->openMedias(mediasOf("h264_aac.mp4"));
@@ -162,8 +149,47 @@ TEST(MovieSeekTest, SeeksWhileTheQueueMixes) {
     (void)movie->currentTime();
   }
   movie->flushOperation();
-  // Chunks queued before the last seek ran after it: the clock counts them,
-  // so it may run a few chunks ahead of the seek point, never behind.
   EXPECT_GE(movie->currentTime(), 3000000);
   EXPECT_LT(movie->currentTime(), 3000000 + 40 * 2048 * 1000000LL / 44100);
+}
+
+// The device's pulls, made while the queue is busy, allocate nothing, hold no
+// reference to the movie and ask for one top-up between them; the next pull
+// after it ran asks again.
+TEST(MovieThreadsTest, DevicePullsAskForOneTopUpWithoutAllocating) {
+  const std::shared_ptr<VNFFMovie> movie = openMovie();
+  const std::shared_ptr<VNOutputAudioGraph> graph = movie->audioOutputGraph();
+  ASSERT_TRUE(graph);
+  std::promise<void> release;
+  holdQueue(*movie, release);
+  float out[512 * 2];
+  const uint64_t before = vn::test::allocationCount();
+  for (int i = 0; i < 100; ++i)
+    graph->readSample(out, 512);  // as the device thread does
+  EXPECT_EQ(vn::test::allocationCount(), before);
+  EXPECT_EQ(movie.use_count(), 1);
+  release.set_value();
+  movie->flushOperation();
+  EXPECT_EQ(graph->bufferFrames(), kChunkFrames);
+  graph->clearBuffer();
+  graph->decodeMoreAudioDataToAudioOutput();
+  movie->flushOperation();
+  EXPECT_EQ(graph->bufferFrames(), kChunkFrames);
+}
+
+// Reading the mix while a picture request waits is refused in a checking build.
+TEST(MovieThreadsDeathTest, ReadSampleMeetingAPictureRequestIsRefused) {
+  if (!vn::checksAbort())
+    GTEST_SKIP() << "a build without checks only logs the misuse";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::shared_ptr<VNFFMovie> movie = openMovie();
+  movie->configOutputFormat(VNFFMovie::defaultOutputFormat());
+  std::promise<void> release;
+  holdQueue(*movie, release);
+  movie->decodeImageAtTime(0, nullptr, false);
+  float out[256 * 2];
+  EXPECT_DEATH(movie->readSample(out, 256), "readSample while a picture request is queued");
+  release.set_value();
+  movie->flushOperation();
+  EXPECT_TRUE(movie->readSample(out, 256));
 }

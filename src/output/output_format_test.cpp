@@ -6,13 +6,9 @@ extern "C" {
 #include <libavcodec/codec_id.h>
 }
 
-// Names in any case; the last three are not in the table, so the container's
-// default codec is used.
+// Names in any case; the last three are not in the table, so the container's default codec is used.
 TEST(OutputFormatTest, CodecNames) {
-  const struct {
-    const char* name;
-    AVCodecID id;
-  } cases[] = {
+  const std::tuple<const char*, AVCodecID> cases[] = {
       {"H264", AV_CODEC_ID_H264},        {"Mpeg4", AV_CODEC_ID_MPEG4},
       {"mpeg1", AV_CODEC_ID_MPEG1VIDEO}, {"mpeg1video", AV_CODEC_ID_MPEG1VIDEO},
       {"mpeg2", AV_CODEC_ID_MPEG2VIDEO}, {"MPEG2VIDEO", AV_CODEC_ID_MPEG2VIDEO},
@@ -24,6 +20,6 @@ TEST(OutputFormatTest, CodecNames) {
       {" h264", AV_CODEC_ID_NONE},       {"", AV_CODEC_ID_NONE},
       {"flac", AV_CODEC_ID_NONE},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(vn_get_codec_id_by_name(c.name), c.id) << '"' << c.name << '"';
+  for (const auto& [name, id] : cases)
+    EXPECT_EQ(vn_get_codec_id_by_name(name), id) << '"' << name << '"';
 }

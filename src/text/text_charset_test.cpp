@@ -5,6 +5,7 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "test_support.h"
 
@@ -13,11 +14,7 @@ namespace {
 using namespace std::string_literals;
 
 TEST(TextCharsetTest, NamesTheCharsetToConvertFrom) {
-  const struct {
-    const char* what;
-    std::string bytes;
-    std::optional<std::string> charset;
-  } cases[] = {
+  const std::tuple<const char*, std::string, std::optional<std::string>> cases[] = {
       {"empty", "", std::nullopt},
       {"ASCII", "1\r\n00:00:01,000 --> 00:00:02,000\r\nHello\r\n", std::nullopt},
       {"UTF-8",
@@ -68,16 +65,12 @@ TEST(TextCharsetTest, NamesTheCharsetToConvertFrom) {
       {"no guess but UTF-16", "caf\xE9!", "WINDOWS-1252"},
       {"no guess", "\xE9t\xE9", "WINDOWS-1252"},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(vn::textCharset(c.bytes), c.charset) << c.what;
+  for (const auto& [what, bytes, charset] : cases)
+    EXPECT_EQ(vn::textCharset(bytes), charset) << what;
 }
 
 TEST(TextCharsetTest, Utf8IsCheckedStrictly) {
-  const struct {
-    const char* what;
-    std::string bytes;
-    bool valid;
-  } cases[] = {
+  const std::tuple<const char*, std::string, bool> cases[] = {
       {"the last code point", "\xF4\x8F\xBF\xBF", true},
       {"a lone continuation byte", "a\x80z", false},
       {"a 2-byte overlong form", "\xC0\xAF", false},
@@ -90,8 +83,8 @@ TEST(TextCharsetTest, Utf8IsCheckedStrictly) {
       {"a sequence cut by the end", "z\xE2\x80", true},
       {"a cut sequence already wrong", "z\xE0\x80", false},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(vn::isValidUtf8(c.bytes), c.valid) << c.what;
+  for (const auto& [what, bytes, valid] : cases)
+    EXPECT_EQ(vn::isValidUtf8(bytes), valid) << what;
 }
 
 TEST(TextCharsetTest, FilesAreJudgedByTheirFirstBytes) {
@@ -101,8 +94,7 @@ TEST(TextCharsetTest, FilesAreJudgedByTheirFirstBytes) {
     std::ofstream(path, std::ios::binary) << bytes;
     return path;
   };
-  // A 3-byte dash cut by the end of what is read, then Windows-1252 that
-  // is never read.
+  // A 3-byte dash cut by the end of what is read, then Windows-1252 that is never read.
   std::string cut(vn::kCharsetProbeBytes - 1, 'a');
   cut += "\xE2\x80\x94 caf\xE9";
   EXPECT_EQ(vn::fileCharset(write("cut.srt", cut)), std::nullopt);

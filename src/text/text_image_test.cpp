@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -10,26 +11,20 @@ namespace {
 using vn::FilterImage;
 using vn::textImage;
 
-// Rendered RGBA of the whole image, the top row first.
-std::vector<uint8_t> pixels(const FilterImage& image) {
-  return image.render();
-}
-
 }  // namespace
 
 TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlack) {
   const FilterImage word = textImage("Glow", "Sans 20", {1, 0, 0, 1});
   const vn::Rect e = word.extent();
-  EXPECT_EQ(e.x, 0);
-  EXPECT_EQ(e.y, 0);
+  EXPECT_EQ(std::pair(e.x, e.y), std::pair(0.0, 0.0));
   // A 20-pixel font: a line about 23 pixels tall, four letters wider than tall.
   EXPECT_GE(e.height, 20);
   EXPECT_LE(e.height, 30);
   EXPECT_GT(e.width, e.height);
 
-  // Ink pixels are the colour, at any coverage (straight alpha, red first);
-  // the rest is transparent black.
-  const std::vector<uint8_t> rgba = pixels(word);
+  // Ink pixels are the colour, at any coverage (straight alpha, red first); the rest is transparent
+  // black.
+  const std::vector<uint8_t> rgba = word.render();
   int solid = 0, clear = 0;
   for (size_t i = 0; i < rgba.size(); i += 4) {
     const uint8_t* p = &rgba[i];
@@ -45,8 +40,7 @@ TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlack) {
   EXPECT_GT(solid, 20);
   EXPECT_GT(clear, solid);
 
-  // Longer text is wider; a larger size is taller; a line break does not
-  // start a second line.
+  // Longer text is wider; a larger size is taller; a line break does not start a second line.
   EXPECT_GT(textImage("Glow Glow", "Sans 20", {1, 1, 1, 1}).extent().width, e.width);
   EXPECT_GT(textImage("Glow", "Sans 40", {1, 1, 1, 1}).extent().height, 1.6 * e.height);
   EXPECT_EQ(textImage("Gl\now", "Sans 20", {1, 1, 1, 1}).extent().height, e.height);
