@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include "test_support.h"
 
@@ -469,5 +470,30 @@ TEST(PlayWindowTest, ShowsEveryPictureSize) {
       EXPECT_TRUE(onScreenDuring(trace, shot, n))
           << "screen shows frame " << n << ", the player frame " << last;
     }
+  }
+}
+
+// Playing from a frame's start shows that frame first, at 29.97 fps too,
+// where the start (1.001 s) divided by the frame's length falls a hair short
+// of its number.
+TEST(PlayWindowTest, StartsOnTheFrameStartingThere) {
+  VirtualDisplay display;
+  ASSERT_TRUE(display.ready()) << "Xvfb did not start";
+  const std::tuple<const char*, const char*, int64_t> cases[] = {
+      {"rate_2997.mp4", "1.001", 30}, {"rate_30.mp4", "1.1", 33}, {"rate_25.mp4", "1", 25}};
+  for (const auto& [name, start, frame] : cases) {
+    SCOPED_TRACE(name);
+    const std::string log = std::string("start-") + name;
+    Process player({VARNEL_CLI_PATH, "play", fixture(name), "--start", start},
+                   playerEnv(display, log), vn::test::scratch(log + ".log"));
+    ASSERT_TRUE(player.started());
+    player.send(" ");
+    sleepSeconds(0.5);
+    player.send("q");
+    ASSERT_EQ(player.wait(20), 0) << logOf(log);
+    const std::vector<TraceLine> trace = readTrace(vn::test::scratch(log + ".trace"));
+    ASSERT_FALSE(trace.empty());
+    EXPECT_TRUE(trace.front().shown);
+    EXPECT_EQ(trace.front().index, frame);
   }
 }
