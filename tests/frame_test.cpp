@@ -69,6 +69,26 @@ std::pair<int, int> sideBars(const Raster& r) {
   return {left, right};
 }
 
+// The display matrix ffprobe reads from a file's first stream, its nine
+// numbers in order; empty when it has none.
+std::vector<long long> displayMatrixOf(const std::string& path) {
+  const nlohmann::json probe = vn::test::ffprobe(path);
+  std::vector<long long> numbers;
+  if (!probe.contains("streams") || probe["streams"].empty())
+    return numbers;
+  for (const auto& side : probe["streams"][0].value("side_data_list", nlohmann::json::array())) {
+    if (side.value("side_data_type", "") != "Display Matrix")
+      continue;
+    // Rows "00000000:  a  b  u": the row labels end in a colon.
+    std::istringstream text(side.value("displaymatrix", ""));
+    for (std::string word; text >> word;) {
+      if (word.back() != ':')
+        numbers.push_back(std::atoll(word.c_str()));
+    }
+  }
+  return numbers;
+}
+
 }  // namespace
 
 // For random times, the picture is the frame that covers the time (the last
@@ -127,8 +147,6 @@ TEST(FrameTest, ThePictureAtATimeIsTheFrameThatCoversIt) {
 TEST(FrameTest, PictureSettingsShowOnTheOutput) {
   const std::string in = fixture("h264_aac.mp4");  // 320x240, 4:3
   // A 4:3 picture fitted into 16:9: equal bars left and right.
-  // Times just after a frame starts: at its very start the frame before is
-  // still shown.
   const Raster fitted = frameOf(in, {"-t", "3.01", "--size", "640x360"});
   ASSERT_EQ(fitted.width, 640);
   const auto [left, right] = sideBars(fitted);
@@ -224,5 +242,73 @@ TEST(FrameTest, ConvertWritesComposedPictures) {
     ASSERT_EQ(got.width, 160);
     EXPECT_GE(psnr(got, ffmpegAt(in, t, "hflip,scale=160:120")), 25) << t;
     EXPECT_LT(psnr(got, ffmpegAt(in, t, "scale=160:120")), 22) << t;
+  }
+}
+
+// At a time where one frame ends and the next starts, the picture is the
+// one that starts there, the picture on screen at that time: the frame an
+// accurate seek of ffmpeg's to that time decodes, to the byte.
+TEST(FrameTest, AFrameStartShowsTheFrameStartingThere) {
+  const std::pair<const char*, std::vector<const char*>> cases[] = {
+      {"rate_24.mp4", {"0.5", "1.125", "2.375"}},       // frames 12, 27, 57
+      {"rate_25.mp4", {"0.2", "1", "2.04"}},            // frames 5, 25, 51
+      {"rate_2997.mp4", {"0.5005", "1.001", "2.002"}},  // frames 15, 30, 60
+      {"rate_30.mp4", {"0.7", "1.1", "2.3"}},           // frames 21, 33, 69
+  };
+  for (const auto& [name, times] : cases) {
+    const std::string path = fixture(name);
+    for (const char* time : times) {
+      SCOPED_TRACE(std::string(name) + " at " + time);
+      const double t = std::atof(time);
+      const Raster expected = ffmpegAt(path, t);
+      ASSERT_EQ(expected.width, 320);
+      // The frame before differs (ffmpeg gives the first one starting at or
+      // after its time, and every frame here is shorter than 45 ms and
+      // longer than 22 ms): a picture off by one shows.
+      ASSERT_NE(expected.rgba, ffmpegAt(path, t - 0.045).rgba);
+      EXPECT_EQ(frameOf(path, {"-t", time}).rgba, expected.rgba);
+      const std::string thumb = scratch("boundary.png");
+      ASSERT_EQ(runVarnel({"thumbnail", path, "-t", time, "-s", "320x240", "-o", thumb}).status, 0);
+      EXPECT_EQ(readPicture(thumb).rgba, expected.rgba);
+    }
+  }
+}
+
+// A phone's display matrix may turn and mirror the picture at once; ffmpeg
+// applies it whole, and so do frame, thumbnail and convert.
+TEST(FrameTest, AMirroringDisplayMatrixIsShownWhole) {
+  struct Case {
+    const char* name;
+    std::vector<long long> matrix;  // as ffprobe prints it
+    int width, height;
+  };
+  constexpr long long kOne = 65536, kW = 1073741824;
+  const Case cases[] = {
+      {"mirror_transpose.mp4", {0, kOne, 0, kOne, 0, 0, 0, 0, kW}, 180, 320},
+      {"mirror_left_right.mp4", {-kOne, 0, 0, 0, kOne, 0, 0, 0, kW}, 320, 180},
+      {"mirror_antitranspose.mp4", {0, -kOne, 0, -kOne, 0, 0, 0, 0, kW}, 180, 320},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = fixture(c.name);
+    ASSERT_EQ(displayMatrixOf(path), c.matrix);
+    // ffmpeg turns and mirrors by default.
+    const Raster shown = ffmpegAt(path, 1);
+    ASSERT_EQ(shown.width, c.width);
+    ASSERT_EQ(shown.height, c.height);
+    // The same picture only turned (the mirror left out) is far from it.
+    const Raster turnedOnly =
+        frameOf(path, {"-t", "1", "--rotate",
+                       std::to_string(-std::atan2(c.matrix[1], c.matrix[0]) * 180 / M_PI)});
+    EXPECT_LT(psnr(turnedOnly, shown), 20);
+    EXPECT_EQ(frameOf(path, {"-t", "1"}).rgba, shown.rgba);
+    const std::string thumb = scratch("mirrored-thumb.png");
+    const std::string box = std::to_string(c.width) + "x" + std::to_string(c.height);
+    ASSERT_EQ(runVarnel({"thumbnail", path, "-t", "1", "-s", box, "-o", thumb}).status, 0);
+    EXPECT_EQ(readPicture(thumb).rgba, shown.rgba);
+    const std::string converted = scratch("mirrored.mkv");
+    const vn::test::CommandResult r = runVarnel({"convert", path, converted});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_GE(psnr(ffmpegAt(converted, 1), shown), 28);
   }
 }

@@ -332,8 +332,13 @@ AVFrame* VNFFMedia::videoFrameAtTime(int64_t t) {
   // after a boundary would round onto it and keep the picture ending there.
   const int64_t want = start_time() + t;
   const AVRational tb = video->timebase();
+  // A picture ending exactly at the time gives way to the next one only when
+  // the movie asks for the picture starting there.
+  const std::shared_ptr<VNMovieLink> owner = movie();
+  const bool starting = owner && owner->startingPictureAtBoundary();
   auto before = [&](const AVFrame* frame) {
-    return av_compare_ts(frameEnd(frame), tb, want, kMicroseconds) < 0;
+    const int order = av_compare_ts(frameEnd(frame), tb, want, kMicroseconds);
+    return order < 0 || (starting && order == 0 && frame->pkt_duration > 0);
   };
   for (int i = 0; i < kVideoAdvances && before(video->frame()); ++i) {
     if (!forwardStream(video))

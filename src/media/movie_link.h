@@ -19,4 +19,9 @@ class VNMovieLink {
   // True when the movie is treated as audio-only: medias report no video and
   // drop video packets.
   virtual bool disableVideo() = 0;
+  // At a time where one picture ends and the next starts, true takes the
+  // one that starts there (the picture on screen at that time: its start
+  // <= t < its end), false the one that ends there. False unless the owner
+  // chooses otherwise.
+  virtual bool startingPictureAtBoundary() { return false; }
 };

@@ -150,6 +150,11 @@ class VNFFMovie : public VNMovieLink,
   void setExportMovie(bool value) { exportMovie_.store(value); }
   bool disableVideo() override { return disableVideo_.load(); }
   void setDisableVideo(bool value) { disableVideo_.store(value); }
+  // Which picture a time on the boundary of two frames takes: by default the
+  // one that ends there; set, the one that starts there, as a player shows
+  // it. Read by every media of the movie.
+  bool startingPictureAtBoundary() override { return startingPictureAtBoundary_.load(); }
+  void setStartingPictureAtBoundary(bool value) { startingPictureAtBoundary_.store(value); }
   // An application object stored for the application; never called.
   std::weak_ptr<void> delegate() { return delegate_; }
   void setDelegate(std::weak_ptr<void> delegate) { delegate_ = std::move(delegate); }
@@ -298,6 +303,7 @@ class VNFFMovie : public VNMovieLink,
   std::shared_ptr<VNFFEffectVideoStream> videoEffectStream_;
   std::atomic<bool> exportMovie_{false};
   std::atomic<bool> disableVideo_{false};
+  std::atomic<bool> startingPictureAtBoundary_{false};
   std::weak_ptr<void> delegate_;
   std::unique_ptr<vn::SerialQueue> decodeQueue_;
   // The top-up the device thread posts; made by the first openMedias, then

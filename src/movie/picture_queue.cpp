@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <utility>
@@ -45,27 +47,40 @@ std::vector<uint8_t> renderAt(const vn::FilterImage& image, int width, int heigh
   return scaled.render(vn::Rect{0, 0, static_cast<double>(width), static_cast<double>(height)});
 }
 
-// RGBA rows scaled to width x height (bilinear), through scaler; the bytes
-// as they are when the size is 0 or theirs, or when they cannot be scaled.
-std::vector<uint8_t> scaleRGBA(std::vector<uint8_t> rgba,
+// RGBA rows `stride` bytes apart (a decoder pads them) scaled to
+// width x height (bilinear) through scaler, and packed: width * 4 bytes a
+// row. At their own size when the size is 0, or when they cannot be scaled.
+std::vector<uint8_t> scaleRGBA(const std::vector<uint8_t>& rgba,
                                int fromW,
                                int fromH,
+                               int stride,
                                int width,
                                int height,
                                vn::ff::Sws& scaler) {
+  const size_t packed = static_cast<size_t>(fromW) * 4;
+  const auto asTheyAre = [&] {
+    if (static_cast<size_t>(stride) == packed)
+      return rgba;
+    std::vector<uint8_t> out(packed * fromH);
+    for (int y = 0; y < fromH; ++y) {
+      std::copy_n(rgba.begin() + static_cast<ptrdiff_t>(y) * stride, packed,
+                  out.begin() + static_cast<ptrdiff_t>(y * packed));
+    }
+    return out;
+  };
   if (width <= 0 || height <= 0 || (width == fromW && height == fromH))
-    return rgba;
+    return asTheyAre();
   scaler.reset(sws_getCachedContext(scaler.release(), fromW, fromH, AV_PIX_FMT_RGBA, width, height,
                                     AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr, nullptr, nullptr));
   if (!scaler)
-    return rgba;
+    return asTheyAre();
   std::vector<uint8_t> out(static_cast<size_t>(width) * height * 4);
   const uint8_t* from[4] = {rgba.data(), nullptr, nullptr, nullptr};
-  const int fromStride[4] = {fromW * 4, 0, 0, 0};
+  const int fromStride[4] = {stride, 0, 0, 0};
   uint8_t* to[4] = {out.data(), nullptr, nullptr, nullptr};
   const int toStride[4] = {width * 4, 0, 0, 0};
   if (sws_scale(scaler.get(), from, fromStride, 0, fromH, to, toStride) != height)
-    return rgba;
+    return asTheyAre();
   return out;
 }
 
@@ -128,17 +143,23 @@ struct VNFFPictureQueue::State {
         return bytes;
       };
       provider->movieMediaImage = [&](VNFFMovie&, std::optional<vn::FilterImage> plain) {
-        const size_t expected = static_cast<size_t>(std::max(format.width, 0)) *
-                                static_cast<size_t>(std::max(format.height, 0)) * 4;
-        if (!plain || !bytes || expected == 0 || bytes->size() != expected)
+        // The copy holds the picture's rows as the converter laid them out:
+        // each padded to its alignment, so rows are size / height bytes
+        // apart, at least width * 4.
+        if (!plain || !bytes || format.width <= 0 || format.height <= 0 ||
+            bytes->size() % static_cast<size_t>(format.height) != 0)
+          return;
+        const size_t stride = bytes->size() / static_cast<size_t>(format.height);
+        if (stride < static_cast<size_t>(format.width) * 4 || stride > INT32_MAX)
           return;
         if (delivery == kImage) {
-          image = vn::FilterImage::fromBitmap(vn::BitmapImage::borrow(
-              bytes->data(), format.width, format.height, format.width * 4, bytes));
+          image = vn::FilterImage::fromBitmap(
+              vn::BitmapImage::borrow(bytes->data(), format.width, format.height, stride, bytes));
         } else if (isCurrent(of)) {
           // A plain resize: the scaler is quicker at it than a render.
           const auto [w, h] = renderSize();
-          picture.rgba = scaleRGBA(std::move(*bytes), format.width, format.height, w, h, scaler);
+          picture.rgba = scaleRGBA(*bytes, format.width, format.height, static_cast<int>(stride), w,
+                                   h, scaler);
           const bool scaled = picture.rgba.size() == static_cast<size_t>(w) * h * 4;
           picture.width = scaled && w > 0 ? w : format.width;
           picture.height = scaled && h > 0 ? h : format.height;

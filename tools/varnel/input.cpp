@@ -33,6 +33,18 @@ std::string unreadableFile(const std::string& path) {
   return {};
 }
 
+namespace {
+
+// A movie whose times mean what a player shows: at the boundary of two
+// frames, the one that starts there.
+std::shared_ptr<VNFFMovie> newMovie() {
+  std::shared_ptr<VNFFMovie> movie = VNFFMovie::create();
+  movie->setStartingPictureAtBoundary(true);
+  return movie;
+}
+
+}  // namespace
+
 bool Input::openTitle(const std::string& path, std::string* reason) {
   disc = openDisc(path, reason);
   if (!disc)
@@ -47,7 +59,7 @@ bool Input::openTitle(const std::string& path, std::string* reason) {
               " holds no audio or video that can be read (its VOB files are missing or unreadable)";
     return false;
   }
-  movie = VNFFMovie::create();
+  movie = newMovie();
   movie->openMedias(medias);
   return true;
 }
@@ -71,7 +83,7 @@ bool Input::open(const std::string& path, std::string* reason) {
     *reason = "no audio or video stream that can be decoded";
     return false;
   }
-  movie = VNFFMovie::create();
+  movie = newMovie();
   movie->openMedias(*medias);
   return true;
 }

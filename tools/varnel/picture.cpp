@@ -77,9 +77,16 @@ void PictureOptions::addTo(CLI::App* command) {
                       "panscan, or a zoom type number");
 }
 
+// The video's own turn and mirror, unless --rotate replaces them.
+DisplayTurn PictureOptions::turn(Input& input) const {
+  if (rotate)
+    return DisplayTurn{*rotate, false};
+  return displayTurn(input);
+}
+
 bool PictureOptions::changesPicture(Input& input) const {
-  const double turn = rotate.value_or(displayRotation(input));
-  return !crop.empty() || turn != 0 || hflip || vflip ||
+  const DisplayTurn shown = turn(input);
+  return !crop.empty() || shown.degrees != 0 || shown.mirrored || hflip || vflip ||
          saturation.value_or(kNeutralSaturation) != kNeutralSaturation ||
          brightness.value_or(kNeutralBrightness) != kNeutralBrightness ||
          contrast.value_or(kNeutralContrast) != kNeutralContrast ||
@@ -109,11 +116,12 @@ int PictureOptions::apply(Input& input) const {
   if (!zoom.empty() && !parseZoom(zoom, &zoomType))
     return usage("bad --zoom", zoom, "use stretch, fit, 16:9, 4:3, panscan or a number 0 to 6");
   movie.setZoomType(zoomType);
-  const double turn = rotate.value_or(displayRotation(input));
-  if (!std::isfinite(turn))
-    return usage("bad --rotate", std::to_string(turn), "not a number");
-  movie.setRotate(static_cast<float>(turn));
-  movie.setHflip(hflip);
+  const DisplayTurn shown = turn(input);
+  if (!std::isfinite(shown.degrees))
+    return usage("bad --rotate", std::to_string(shown.degrees), "not a number");
+  movie.setRotate(static_cast<float>(shown.degrees));
+  // --hflip mirrors the picture as it comes, as the video's own mirror does.
+  movie.setHflip(hflip != shown.mirrored);
   movie.setVflip(vflip);
   movie.setSaturation(static_cast<float>(saturation.value_or(kNeutralSaturation)));
   movie.setBrightness(static_cast<float>(brightness.value_or(kNeutralBrightness)));
@@ -188,18 +196,49 @@ int writePicture(const vn::FilterImage& picture, const std::string& output) {
   return kExitOk;
 }
 
-double displayRotation(Input& input) {
+namespace {
+
+// The video's display matrix, or null.
+const int32_t* displayMatrix(Input& input) {
   const std::shared_ptr<VNFFMedia> video = input.movie->videoMedia();
   const std::shared_ptr<VNFFMediaStream> stream = video ? video->videoStream() : nullptr;
   const AVStream* s = stream ? stream->stream() : nullptr;
   if (!s)
-    return 0;
+    return nullptr;
   size_t size = 0;
   const uint8_t* matrix = av_stream_get_side_data(s, AV_PKT_DATA_DISPLAYMATRIX, &size);
   if (!matrix || size < 9 * sizeof(int32_t))
-    return 0;
-  const double angle = av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+    return nullptr;
+  return reinterpret_cast<const int32_t*>(matrix);
+}
+
+}  // namespace
+
+double displayRotation(Input& input) {
+  const int32_t* matrix = displayMatrix(input);
+  const double angle = matrix ? av_display_rotation_get(matrix) : 0;
   return std::isfinite(angle) ? angle : 0;
+}
+
+DisplayTurn displayTurn(Input& input) {
+  const int32_t* m = displayMatrix(input);
+  if (!m)
+    return {};
+  // The matrix maps a point (x, y) of the picture, y down, to
+  // (a x + c y, b x + d y). With y up, as the picture is turned, that is
+  // [a -c; -b d]: a turn R, or a turn after a mirror, R * [-1 0; 0 1], when
+  // its determinant is negative.
+  const double a = m[0], b = m[1], c = m[3], d = m[4];
+  DisplayTurn turn;
+  turn.mirrored = a * d - b * c < 0;
+  const double angle = turn.mirrored ? std::atan2(b, -a) : std::atan2(-b, a);
+  if (std::isfinite(angle))
+    turn.degrees = angle * 180 / M_PI;
+  // A quarter turn given in 16.16 numbers is a quarter turn.
+  const double quarters = std::round(turn.degrees / 90);
+  if (std::abs(turn.degrees - quarters * 90) < 0.01)
+    turn.degrees = quarters * 90 == 0 ? 0 : quarters * 90;
+  return turn;
 }
 
 }  // namespace varnel_cli

@@ -24,6 +24,13 @@ namespace varnel_cli {
 // the largest picture the library makes.
 bool parsePictureSize(const std::string& text, int* width, int* height);
 
+// How a video asks to be shown (its display matrix): mirrored left to right
+// first when `mirrored`, then turned `degrees` counter-clockwise.
+struct DisplayTurn {
+  double degrees = 0;
+  bool mirrored = false;
+};
+
 struct PictureOptions {
   std::string crop;
   std::optional<double> rotate;
@@ -39,6 +46,8 @@ struct PictureOptions {
 
   // Adds the options to a command.
   void addTo(CLI::App* command);
+  // The turn and mirror shown: --rotate's turn, else the video's own.
+  DisplayTurn turn(Input& input) const;
   // Whether any setting changes the picture (the rotation a video carries
   // counts).
   bool changesPicture(Input& input) const;
@@ -69,7 +78,10 @@ int writePicture(const vn::FilterImage& picture, const std::string& output);
 bool isPictureName(const std::string& output);
 
 // The rotation a video asks to be shown with (its display matrix), in
-// degrees counter-clockwise; 0 when it carries none.
+// degrees counter-clockwise, as FFmpeg reads it (a mirroring matrix's turn
+// taken without its mirror); 0 when it carries none.
 double displayRotation(Input& input);
+// The turn and mirror of the video's display matrix; none without one.
+DisplayTurn displayTurn(Input& input);
 
 }  // namespace varnel_cli

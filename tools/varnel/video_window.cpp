@@ -209,7 +209,10 @@ void VideoWindow::seeked() {
 }
 
 int64_t VideoWindow::frameAt(double clock) const {
-  return static_cast<int64_t>(std::floor(std::max(clock, 0.0) / frameSeconds_));
+  // A clock on a frame's start (--start 1.001 at 29.97 fps) is that frame's,
+  // though the division may fall a hair short of its number.
+  constexpr double kFrameSlack = 1e-6;
+  return static_cast<int64_t>(std::floor(std::max(clock, 0.0) / frameSeconds_ + kFrameSlack));
 }
 
 void VideoWindow::preroll(double clock, double seconds) {
