@@ -42,7 +42,7 @@ SKIP_TESTS=(
   '*:EffectsCommandTest.Failures*' '*:MediaReadingTest.SeekLandsOnTheFrameThatCoversTheTime'
   '*:HostileCliTest.*' '*:TruncatedTest.*' '*BrokenInputTest.EveryCommand*'
   '*:InfoTest.AgreesWithFfprobe*' '*:SubtitleCliTest.BadSettings*' '*:SubtitleTest.BitmapTracks*'
-  '*:SubtitleTest.OutlineShadow*' '*:SubtitleTest.OverrideTags*'
+  '*:SubtitleTest.OutlineShadow*'
 )
 
 ROOT=$(git -C "$(dirname "$0")" rev-parse --show-toplevel)

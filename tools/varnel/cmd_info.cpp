@@ -116,18 +116,17 @@ Json nameOrNull(const char* name) {
 
 // Colour facts as FFmpeg names them; null when the stream leaves them unset.
 void addColour(Json& j, const AVCodecParameters& par) {
-  j["color_range"] = par.color_range == AVCOL_RANGE_UNSPECIFIED
-                         ? Json(nullptr)
-                         : nameOrNull(av_color_range_name(par.color_range));
-  j["color_space"] = par.color_space == AVCOL_SPC_UNSPECIFIED
-                         ? Json(nullptr)
-                         : nameOrNull(av_color_space_name(par.color_space));
-  j["color_transfer"] = par.color_trc == AVCOL_TRC_UNSPECIFIED
-                            ? Json(nullptr)
-                            : nameOrNull(av_color_transfer_name(par.color_trc));
-  j["color_primaries"] = par.color_primaries == AVCOL_PRI_UNSPECIFIED
-                             ? Json(nullptr)
-                             : nameOrNull(av_color_primaries_name(par.color_primaries));
+  auto named = [](bool unset, const char* name) {
+    return unset ? Json(nullptr) : nameOrNull(name);
+  };
+  j["color_range"] =
+      named(par.color_range == AVCOL_RANGE_UNSPECIFIED, av_color_range_name(par.color_range));
+  j["color_space"] =
+      named(par.color_space == AVCOL_SPC_UNSPECIFIED, av_color_space_name(par.color_space));
+  j["color_transfer"] =
+      named(par.color_trc == AVCOL_TRC_UNSPECIFIED, av_color_transfer_name(par.color_trc));
+  j["color_primaries"] = named(par.color_primaries == AVCOL_PRI_UNSPECIFIED,
+                               av_color_primaries_name(par.color_primaries));
 }
 
 // The side data a player needs to show the picture: its display matrix
