@@ -23,6 +23,7 @@ extern "C" {
 #include "cli.h"
 #include "disc.h"
 #include "input.h"
+#include "picture.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -142,9 +143,7 @@ void addSideData(Json& j, const AVStream& stream) {
       // Counter-clockwise degrees, as FFmpeg's tools report them.
       j["rotation"] = static_cast<int>(std::lround(rotation));
     }
-    // A negative determinant: the matrix mirrors the picture.
-    const double determinant = double(matrix[0]) * matrix[4] - double(matrix[1]) * matrix[3];
-    j["mirrored"] = determinant < 0;
+    j["mirrored"] = mirrorsPicture(matrix);
   }
   j["mastering_display"] = nullptr;
   if (const uint8_t* data =

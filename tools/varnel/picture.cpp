@@ -214,10 +214,8 @@ const int32_t* displayMatrix(Input& input) {
 
 }  // namespace
 
-double displayRotation(Input& input) {
-  const int32_t* matrix = displayMatrix(input);
-  const double angle = matrix ? av_display_rotation_get(matrix) : 0;
-  return std::isfinite(angle) ? angle : 0;
+bool mirrorsPicture(const int32_t* m) {
+  return double(m[0]) * m[4] - double(m[1]) * m[3] < 0;
 }
 
 DisplayTurn displayTurn(Input& input) {
@@ -228,9 +226,9 @@ DisplayTurn displayTurn(Input& input) {
   // (a x + c y, b x + d y). With y up, as the picture is turned, that is
   // [a -c; -b d]: a turn R, or a turn after a mirror, R * [-1 0; 0 1], when
   // its determinant is negative.
-  const double a = m[0], b = m[1], c = m[3], d = m[4];
+  const double a = m[0], b = m[1];
   DisplayTurn turn;
-  turn.mirrored = a * d - b * c < 0;
+  turn.mirrored = mirrorsPicture(m);
   const double angle = turn.mirrored ? std::atan2(b, -a) : std::atan2(-b, a);
   if (std::isfinite(angle))
     turn.degrees = angle * 180 / M_PI;

@@ -12,6 +12,7 @@
 //   --zoom stretch|fit|16:9|4:3|panscan|N   placement in the output frame
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -77,10 +78,8 @@ int writePicture(const vn::FilterImage& picture, const std::string& output);
 // Whether OUT names a picture file the commands write.
 bool isPictureName(const std::string& output);
 
-// The rotation a video asks to be shown with (its display matrix), in
-// degrees counter-clockwise, as FFmpeg reads it (a mirroring matrix's turn
-// taken without its mirror); 0 when it carries none.
-double displayRotation(Input& input);
+// Whether a display matrix mirrors the picture (a negative determinant).
+bool mirrorsPicture(const int32_t* matrix);
 // The turn and mirror of the video's display matrix; none without one.
 DisplayTurn displayTurn(Input& input);
 
