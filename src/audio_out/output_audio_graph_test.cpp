@@ -1,4 +1,5 @@
 #include "audio_out/output_audio_graph.h"
+#include "audio_out/time_pitch.h"
 
 #include <gtest/gtest.h>
 
@@ -102,7 +103,64 @@ bool isSilent(const std::vector<float>& out) {
   return std::all_of(out.begin(), out.end(), [](float s) { return s == 0; });
 }
 
+// A time-pitch source handing out the ramp from frame `next` on.
+struct RampSource {
+  static void fill(void* self, float* out, int32_t count) {
+    auto* source = static_cast<RampSource*>(self);  // allocates nothing
+    for (int32_t i = 0; i < 2 * count; ++i)
+      out[i] = ramp(source->next + i / 2, i % 2);
+    source->next += count;
+  }
+  int64_t next = 0;
+};
+
 }  // namespace
+
+TEST(TimePitchTest, NormalRateIsExactBeforeAndAfterStretching) {
+  vn::TimePitch stretch(kRate, 2);
+  RampSource source;
+  std::vector<float> out(2 * 2048);
+  // At 1.0 the source writes straight through, whatever the call size.
+  for (int32_t count : {512, 1, 2048, 300}) {
+    const int64_t first = source.next;
+    stretch.process(out.data(), count, &RampSource::fill, &source);
+    EXPECT_EQ(std::vector(out.begin(), out.begin() + 2 * count), frames(ramp, first, count));
+    EXPECT_EQ(source.next, first + count);
+  }
+  // While stretching, a call takes only its share of input, even while the stretcher fills up.
+  stretch.setRate(1.5f);
+  for (int i = 0; i < 40; ++i) {
+    const int64_t before = source.next;
+    stretch.process(out.data(), 512, &RampSource::fill, &source);
+    EXPECT_LE(source.next - before, 1024) << "call " << i;
+  }
+  // Back at 1.0 the output is the source again, exactly, from where it is.
+  stretch.setRate(1.0f);
+  const int64_t first = source.next;
+  stretch.process(out.data(), 512, &RampSource::fill, &source);
+  EXPECT_EQ(std::vector(out.begin(), out.begin() + 1024), frames(ramp, first, 512));
+  // Rates the pipeline cannot feed are clamped; NaN changes nothing.
+  for (float rate : {100.0f, std::nanf("")}) {
+    stretch.setRate(rate);
+    EXPECT_EQ(stretch.rate(), vn::TimePitch::kMaxRate);
+  }
+}
+
+TEST(TimePitchTest, SteadyStretchingAllocatesNothing) {
+  for (float rate : {1.0f, 0.5f, 1.5f, 2.0f}) {
+    vn::TimePitch stretch(kRate, 2);
+    stretch.setRate(rate);
+    RampSource source;
+    std::vector<float> out(2 * 512);
+    // Two seconds let the stretcher's buffers grow to their working size.
+    for (int i = 0; i < 172; ++i)
+      stretch.process(out.data(), 512, &RampSource::fill, &source);
+    const uint64_t before = vn::test::allocationCount();
+    for (int i = 0; i < 172; ++i)
+      stretch.process(out.data(), 512, &RampSource::fill, &source);
+    EXPECT_EQ(vn::test::allocationCount(), before) << "rate " << rate;
+  }
+}
 
 // A render call asks for one top-up and plays only whole answers: a FIFO short of the frames asked
 // for is emptied all the same and gives silence.

@@ -24,6 +24,7 @@ extern "C" {
 #include "image/filter_image.h"
 #include "output/audio_converter.h"
 #include "output/movie_file_output_internal.h"
+#include "output/output_format.h"
 #include "test_support.h"
 
 namespace {
@@ -43,8 +44,8 @@ std::string scratch(const std::string& name) {
   return vn::test::scratchDir() + "/" + name;
 }
 
-// A smooth picture that moves a good deal from one frame to the next (so a frame out of place costs
-// far more than the codecs' loss), RGBX.
+// A smooth RGBX picture that moves a lot between frames: a frame out of place costs far more than
+// the codecs' loss.
 void drawPattern(uint8_t* rgbx, int bytesPerRow, int frame) {
   const double t = frame;
   for (int y = 0; y < kHeight; ++y) {
@@ -89,8 +90,7 @@ int64_t asInt(const nlohmann::json& s, const char* key) {
   return s[key].is_string() ? std::stoll(s[key].get<std::string>()) : s[key].get<int64_t>();
 }
 
-// PSNR of the first video stream of path against the raw RGBA reference, frame by frame in order,
-// through the ffmpeg command line; +inf when identical.
+// PSNR of path's first video stream against the raw RGBA reference, frame by frame; +inf if equal.
 double psnr(const std::string& path, const std::string& reference) {
   const std::string out = vn::test::runShell(
       "ffmpeg -hide_banner -nostats -i " + vn::test::shellQuote(path) +
@@ -120,8 +120,8 @@ struct Case {
   Pictures pictures;
 };
 
-// Writes kFrames pictures and kSamples samples of tone through the writer, interleaved frame by
-// frame; the RGBA reference goes to reference.
+// Writes kFrames pictures and kSamples of tone, interleaved; the RGBA pictures also go to
+// reference.
 template <typename Writer>
 void writeMovie(Writer& writer, const Case& c, const std::string& reference) {
   VNFFMovieFileOutputFormat format = writer.movieFormat();
@@ -185,8 +185,7 @@ void checkMovie(const Case& c, const std::string& path, const std::string& refer
             std::tuple(std::string(c.expectAudio), int64_t{kRate}, 2));
 
   // The writer keeps 512 to 512 + frame size - 1 samples back; the file may be longer by the
-  // encoder's priming (at most 2048 samples here) and the padding of its last frame. Pitch and
-  // level are measured away from the ends (priming, fades).
+  // priming (at most 2048) and the last frame's padding. Pitch and level away from the ends.
   const std::vector<float> left =
       vn::test::decodeWithFfmpeg(path, "-map 0:a:0", 2, kRate).channel(0);
   const long lost = long(kSamples) - long(left.size());
@@ -212,19 +211,17 @@ void checkMovie(const Case& c, const std::string& path, const std::string& refer
   EXPECT_GT(psnr(path, reference), c.minPsnr);
 }
 
-// Every container and codec pair, read back with the FFmpeg command line. The lossy codecs measure
-// 49-57 dB; a frame off is 20 dB, mirrored 17.5, red and blue swapped 10: 35 dB catches each.
-// Animation is lossless (inf). WMA's encoder cannot be drained: its last frame is lost.
+// Every container and codec pair, read back by ffmpeg. Lossy codecs measure 49-57 dB; a frame off
+// is 20, mirrored 17.5, red and blue swapped 10. WMA's encoder cannot be drained: its last frame is
+// lost.
 const Case kCases[] = {
     {"movie.mp4", "", "", true, "h264", "aac", 1024, 0, 35, Pictures::kContext},
     {"movie.mkv", "", "", true, "h264", "vorbis", 64, 0, 35, Pictures::kImage},
     {"movie.mov", "animation", "alac", true, "qtrle", "alac", 4096, 0, 60, Pictures::kFrame},
     {"movie.avi", "", "", true, "mpeg4", "mp3", 1152, 0, 35, Pictures::kContext},
     {"movie.mpg", "", "", true, "mpeg1video", "mp2", 1152, 0, 35, Pictures::kFilterImage},
-    {"movie2.mpg", "mpeg2", "", true, "mpeg2video", "mp2", 1152, 0, 35, Pictures::kFrame},
     {"movie.wmv", "", "wma2", true, "msmpeg4v3", "wmav2", 2048, 2048, 35, Pictures::kContext},
     {"tone.m4a", "", "", false, "", "aac", 1024, 0, 0, Pictures::kContext},
-    {"tone.M4R", "", "", false, "", "aac", 1024, 0, 0, Pictures::kContext},
     {"tone.mp3", "", "", false, "", "mp3", 1152, 0, 0, Pictures::kContext},
 };
 
@@ -283,10 +280,9 @@ class MovieFileOutputTest : public ::testing::Test {
   }
 };
 
-// The container comes from the extension, the codecs from the container unless named; FFmpeg's own
-// description never changes.
+// The container comes from the extension, the codecs from the container unless named.
 TEST_F(MovieFileOutputTest, ContainerAndCodecChoice) {
-  // File, codecs asked for (none: the container's), container (null: none), codecs chosen, reason.
+  // File, codecs asked for, container (null: none), codecs chosen, reason.
   const std::tuple<const char*, AVCodecID, AVCodecID, const char*, AVCodecID, AVCodecID,
                    const char*>
       cases[] = {
@@ -317,14 +313,10 @@ TEST_F(MovieFileOutputTest, ContainerAndCodecChoice) {
     }
     EXPECT_STREQ(writer->formatContext()->oformat->name, container);
     EXPECT_EQ(writer->formatContext()->url, scratch(file));  // the file keeps its name
-    EXPECT_EQ(writer->formatContext()->max_delay, 700000);
   }
-  EXPECT_EQ(av_guess_format(nullptr, "x.mp4", nullptr)->video_codec, AV_CODEC_ID_H264);
-  EXPECT_EQ(av_guess_format(nullptr, "x.mp4", nullptr)->audio_codec, AV_CODEC_ID_AAC);
 }
 
-// Streams are numbered from 1 in the order they are opened; a second openAudio adds a stream and
-// only that one receives audio.
+// Streams are numbered from 1 in opening order; only the last of two audio streams receives audio.
 TEST_F(MovieFileOutputTest, StreamsInOpeningOrder) {
   const std::string path = scratch("streams.mkv");
   start(path, AV_CODEC_ID_MPEG4);
@@ -350,8 +342,8 @@ TEST_F(MovieFileOutputTest, StreamsInOpeningOrder) {
   EXPECT_EQ(audioPackets, (std::vector<bool>{false, true}));
 }
 
-// Audio leaves the converter in whole encoder frames while 512 samples stay behind; an encoder
-// without a frame size gets 1024-sample frames.
+// Audio leaves in whole encoder frames while 512 samples stay behind (1024-sample frames if the
+// encoder names no size).
 TEST_F(MovieFileOutputTest, AudioFramesKeepAReserve) {
   for (const char* file : {"framing.m4a", "framing.wav"}) {
     SCOPED_TRACE(file);
@@ -375,8 +367,8 @@ TEST_F(MovieFileOutputTest, AudioFramesKeepAReserve) {
   EXPECT_EQ(first, "0\n");
 }
 
-// At framerate 25, frameTime 1 pictures get timestamps 0, 1, 2...; a picture lasting n ticks of
-// framerate moves the next by n / frameTime.
+// Pictures get timestamps 0, 1, 2...; one lasting n ticks of framerate moves the next by n /
+// frameTime.
 TEST_F(MovieFileOutputTest, VideoTimestamps) {
   // framerate, frameTime, durations (0: one frame), video_pts after each, the times read back
   const std::tuple<int, int, std::vector<int>, std::vector<int64_t>, const char*> cases[] = {
@@ -450,8 +442,7 @@ TEST_F(MovieFileOutputTest, FailuresKeepAReason) {
   }
 }
 
-// Writes before startOutput go nowhere. After stopOutput the writer is spent: it still reads as
-// open, but makes no new container and writes nothing.
+// Writes before startOutput go nowhere; after stopOutput the writer is spent and writes nothing.
 TEST_F(MovieFileOutputTest, SpentWriter) {
   start(scratch("spent.m4a"));
   writer->openAudio();
@@ -469,6 +460,24 @@ TEST_F(MovieFileOutputTest, SpentWriter) {
   writeSamples(4096);
   writer->stopOutput();
   EXPECT_EQ(std::filesystem::file_size(scratch("spent.m4a")), size);
+}
+
+// Names in any case; the last three are not in the table, so the container's default codec is used.
+TEST(OutputFormatTest, CodecNames) {
+  const std::tuple<const char*, AVCodecID> cases[] = {
+      {"H264", AV_CODEC_ID_H264},        {"Mpeg4", AV_CODEC_ID_MPEG4},
+      {"mpeg1", AV_CODEC_ID_MPEG1VIDEO}, {"mpeg1video", AV_CODEC_ID_MPEG1VIDEO},
+      {"mpeg2", AV_CODEC_ID_MPEG2VIDEO}, {"MPEG2VIDEO", AV_CODEC_ID_MPEG2VIDEO},
+      {"animation", AV_CODEC_ID_QTRLE},  {"mp2", AV_CODEC_ID_MP2},
+      {"mp3", AV_CODEC_ID_MP3},          {"aac", AV_CODEC_ID_AAC},
+      {"alac", AV_CODEC_ID_ALAC},        {"ac3", AV_CODEC_ID_AC3},
+      {"AC-3", AV_CODEC_ID_AC3},         {"vorbis", AV_CODEC_ID_VORBIS},
+      {"wma1", AV_CODEC_ID_WMAV1},       {"wma2", AV_CODEC_ID_WMAV2},
+      {" h264", AV_CODEC_ID_NONE},       {"", AV_CODEC_ID_NONE},
+      {"flac", AV_CODEC_ID_NONE},
+  };
+  for (const auto& [name, id] : cases)
+    EXPECT_EQ(vn_get_codec_id_by_name(name), id) << '"' << name << '"';
 }
 
 }  // namespace
