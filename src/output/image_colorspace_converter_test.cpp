@@ -61,19 +61,28 @@ TEST_F(ImageColorspaceConverterTest, ZeroSizeStaysEmpty) {
   }
 }
 
-TEST_F(ImageColorspaceConverterTest, OutputIsFixedAtTheFirstConversion) {
+// Same size and format: the bytes come through unchanged, and the output image shares the buffer
+// (and keeps the converter alive). The output is fixed at the first conversion.
+TEST_F(ImageColorspaceConverterTest, BytesComeThroughIntoASharedFixedOutput) {
   setOutput(AV_PIX_FMT_RGBA, 16, 8);
-  const auto pixels = gradient(16, 8, 3);
-  converter->convertBytes(pixels.data(), AV_PIX_FMT_RGBA);
+  const auto first = gradient(16, 8, 3), second = gradient(16, 8, 100);
+  converter->convertBytes(first.data(), AV_PIX_FMT_RGBA);
   ASSERT_FALSE(converter->isOutputEmpty());
-  // Same size and format: the bytes come through unchanged.
-  EXPECT_EQ(outputPixels(*converter), pixels);
+  EXPECT_EQ(outputPixels(*converter), first);
+  auto image = converter->outputImage();
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->row(3)[4 * 2], first[(3 * 16 + 2) * 4]);
+  converter->convertBytes(second.data(), AV_PIX_FMT_RGBA);
+  EXPECT_EQ(image->row(3)[4 * 2], second[(3 * 16 + 2) * 4]);
 
   setOutput(AV_PIX_FMT_YUV420P, 32, 32);
   const auto bigger = gradient(32, 32, 1);
   converter->convertBytes(bigger.data(), AV_PIX_FMT_RGBA);
   const AVFrame* f = converter->outputFrame();
   EXPECT_EQ(std::tuple(f->width, f->height, f->format), std::tuple(16, 8, int(AV_PIX_FMT_RGBA)));
+  const std::vector<uint8_t> last = outputPixels(*converter);
+  converter.reset();
+  EXPECT_EQ(image->row(7)[4 * 15 + 1], last[(7 * 16 + 15) * 4 + 1]);
 }
 
 // Frames of another size and format are scaled to the output, stretched.
@@ -156,22 +165,6 @@ TEST_F(ImageColorspaceConverterTest, ImagesAreDrawnOverOrReplace) {
   // Top left: red under half blue, mixed in linear light; bottom right: green.
   EXPECT_EQ(std::vector(out.begin(), out.begin() + 4), (std::vector<uint8_t>{187, 0, 188, 255}));
   EXPECT_EQ(std::vector(out.end() - 4, out.end()), (std::vector<uint8_t>{0, 255, 0, 255}));
-}
-
-TEST_F(ImageColorspaceConverterTest, OutputImageSharesTheBuffer) {
-  setOutput(AV_PIX_FMT_RGBA, 8, 8);
-  const auto first = gradient(8, 8, 0);
-  const auto second = gradient(8, 8, 100);
-  converter->convertBytes(first.data(), AV_PIX_FMT_RGBA);
-  auto image = converter->outputImage();
-  ASSERT_TRUE(image);
-  EXPECT_EQ(image->width(), 8);
-  EXPECT_EQ(image->row(3)[4 * 2], first[(3 * 8 + 2) * 4]);
-  converter->convertBytes(second.data(), AV_PIX_FMT_RGBA);
-  EXPECT_EQ(image->row(3)[4 * 2], second[(3 * 8 + 2) * 4]);
-  // The image keeps the converter, and so its buffer, alive.
-  converter.reset();
-  EXPECT_EQ(image->row(7)[4 * 7 + 1], second[(7 * 8 + 7) * 4 + 1]);
 }
 
 }  // namespace
