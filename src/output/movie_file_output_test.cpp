@@ -7,14 +7,18 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
 #include <libavutil/samplefmt.h>
 }
 
@@ -23,6 +27,7 @@ extern "C" {
 #include "image/bitmap_image.h"
 #include "image/filter_image.h"
 #include "output/audio_converter.h"
+#include "output/image_colorspace_converter.h"
 #include "output/movie_file_output_internal.h"
 #include "output/output_format.h"
 #include "test_support.h"
@@ -473,6 +478,287 @@ TEST(OutputFormatTest, CodecNames) {
   };
   for (const auto& [name, id] : cases)
     EXPECT_EQ(vn_get_codec_id_by_name(name), id) << '"' << name << '"';
+}
+
+// ---- the audio and picture converters ----------------------------------------
+
+const VNFFAudioFormat kS16Stereo44 = {AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_STEREO, 44100};
+const VNFFAudioFormat kFltStereo44 = {AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 44100};
+
+class AudioConverterTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<VNFFMpegAudioConverter> converter = VNFFMpegAudioConverter::create();
+
+  // Pulls up to count packed stereo s16 sample frames.
+  std::vector<int16_t> pullS16(int count) {
+    std::vector<int16_t> out(static_cast<size_t>(count) * 2);
+    uint8_t* planes[1] = {reinterpret_cast<uint8_t*>(out.data())};
+    out.resize(static_cast<size_t>(converter->convertFrom(nullptr, 0, planes, count)) * 2);
+    return out;
+  }
+};
+
+TEST_F(AudioConverterTest, UnconfiguredConverterDoesNothing) {
+  const int16_t samples[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+  converter->writeData(samples, sizeof samples);
+  converter->appendSilenceSample(1024);
+  converter->clear();
+  converter->convertFrame(nullptr, nullptr);
+  EXPECT_EQ(converter->outputBufferFrames(), 0);
+  EXPECT_TRUE(pullS16(4).empty());
+  EXPECT_EQ(converter->outFormat().sample_rate, 0);
+
+  // A format that cannot be set up keeps the converter unconfigured, with the formats it was given.
+  const VNFFAudioFormat noLayout = {AV_SAMPLE_FMT_S16, 0, 44100};
+  converter->convertFrom(noLayout, kS16Stereo44);
+  converter->writeData(samples, sizeof samples);
+  EXPECT_EQ(converter->outputBufferFrames(), 0);
+  EXPECT_TRUE(isFFAudioFormatEqual(converter->inFormat(), noLayout));
+}
+
+// Identical formats still queue: what goes in comes out unchanged and in order, whatever the push
+// and pull sizes, and a trailing partial sample frame of a chunk is lost.
+TEST_F(AudioConverterTest, IdenticalFormatsQueueBytesInOrder) {
+  converter->convertFrom(kS16Stereo44, kS16Stereo44);
+  std::vector<int16_t> in(2 * 3000);
+  std::iota(in.begin(), in.end(), 0);
+  const uint8_t* bytes = reinterpret_cast<const uint8_t*>(in.data());
+  std::vector<int16_t> expected;
+  size_t offset = 0;
+  // Chunk lengths in bytes; one sample frame is 4 bytes.
+  for (size_t length : {400u, 1u, 3u, 4000u, 1234u, 4u, 4000u}) {
+    converter->writeData(bytes + offset, length);
+    const size_t whole = length / 4 * 4;
+    expected.insert(expected.end(), in.begin() + offset / 2, in.begin() + (offset + whole) / 2);
+    offset += length + (length % 2);  // keep chunks on sample boundaries
+  }
+  ASSERT_EQ(converter->outputBufferFrames(), static_cast<int32_t>(expected.size() / 2));
+  std::vector<int16_t> out;
+  for (int pull : {1, 7, 100, 1000, 5000}) {
+    auto got = pullS16(pull);
+    out.insert(out.end(), got.begin(), got.end());
+  }
+  EXPECT_EQ(out, expected);
+  EXPECT_EQ(converter->outputBufferFrames(), 0);
+}
+
+// The same formats again keep what is held; another rate starts afresh, and what is held is counted
+// at the output rate. Clear drops it; silence is appended after the samples.
+TEST_F(AudioConverterTest, ReconfigureClearAndSilence) {
+  converter->convertFrom(kS16Stereo44, kS16Stereo44);
+  std::vector<int16_t> in(2 * 500, 9);
+  converter->writeData(in.data(), in.size() * 2);
+  converter->convertFrom(kS16Stereo44, kS16Stereo44);
+  EXPECT_EQ(converter->outputBufferFrames(), 500);
+  converter->clear();
+  EXPECT_EQ(converter->outputBufferFrames(), 0);
+  converter->writeData(in.data(), in.size() * 2);
+  converter->appendSilenceSample(1024);
+  EXPECT_EQ(converter->outputBufferFrames(), 1524);
+  std::vector<int16_t> expected(2 * 1524, 0);
+  std::fill_n(expected.begin(), 2 * 500, 9);
+  EXPECT_EQ(pullS16(2000), expected);
+
+  converter->writeData(in.data(), in.size() * 2);
+  const VNFFAudioFormat in48 = {AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_STEREO, 48000};
+  const VNFFAudioFormat out24 = {AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_STEREO, 24000};
+  converter->convertFrom(in48, out24);
+  EXPECT_EQ(std::pair(converter->outputBufferFrames(), converter->outFormat().sample_rate),
+            std::pair(0, 24000));
+  std::vector<int16_t> level(2 * 4800, 100);
+  converter->writeData(level.data(), level.size() * 2);
+  EXPECT_NEAR(converter->outputBufferFrames(), 2400, 20);
+}
+
+// Planar input is read as consecutive planes of the chunk.
+TEST_F(AudioConverterTest, PlanarChunksAreConsecutivePlanes) {
+  const VNFFAudioFormat fltp = {AV_SAMPLE_FMT_FLTP, AV_CH_LAYOUT_STEREO, 44100};
+  converter->convertFrom(fltp, kFltStereo44);
+  const float chunk[6] = {1, 2, 3, -1, -2, -3};  // left plane, then right plane
+  converter->writeData(chunk, sizeof chunk);
+  float out[6] = {};
+  uint8_t* planes[1] = {reinterpret_cast<uint8_t*>(out)};
+  ASSERT_EQ(converter->convertFrom(nullptr, 0, planes, 3), 3);
+  const float expected[6] = {1, -1, 2, -2, 3, -3};
+  EXPECT_EQ(std::memcmp(out, expected, sizeof out), 0);
+}
+
+// Resampling in the writer's rhythm (odd pushes, 1024-sample pulls while 1536 are held) must give a
+// continuous tone: a pull must not flush the resampler and pad the stream.
+TEST_F(AudioConverterTest, PullsWhileResamplingLeaveNoClicks) {
+  const VNFFAudioFormat out48 = {AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 48000};
+  converter->convertFrom(kFltStereo44, out48);
+  std::vector<float> in(2 * 1000);
+  std::vector<float> mono;
+  std::vector<float> frame(2 * 1024);
+  uint8_t* planes[1] = {reinterpret_cast<uint8_t*>(frame.data())};
+  long t = 0;
+  for (int chunk = 0; chunk < 60; ++chunk) {
+    for (int i = 0; i < 1000; ++i, ++t)
+      in[2 * i] = in[2 * i + 1] = 0.5f * std::sin(2 * M_PI * 440 * t / 44100.0);
+    converter->writeData(in.data(), in.size() * sizeof(float));
+    while (converter->outputBufferFrames() >= 1536) {
+      ASSERT_EQ(converter->convertFrom(nullptr, 0, planes, 1024), 1024);
+      for (int i = 0; i < 1024; ++i)
+        mono.push_back(frame[2 * i]);
+    }
+  }
+  ASSERT_GT(mono.size(), 50000u);
+  // The second difference of a 440 Hz sine of amplitude 0.5 at 48 kHz stays under 0.5 * (2 pi 440 /
+  // 48000)^2 = 0.0017; a discontinuity is far above.
+  double worst = 0;
+  for (size_t i = 100; i < mono.size(); ++i)
+    worst = std::max(worst, std::abs(double(mono[i]) - 2 * mono[i - 1] + mono[i - 2]));
+  EXPECT_LT(worst, 0.003);
+}
+
+// A packed RGBA picture whose every pixel differs from its neighbours.
+std::vector<uint8_t> gradient(int width, int height, int seed) {
+  std::vector<uint8_t> rgba(static_cast<size_t>(width) * height * 4);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      uint8_t* p = &rgba[(static_cast<size_t>(y) * width + x) * 4];
+      p[0] = static_cast<uint8_t>(x * 7 + seed);
+      p[1] = static_cast<uint8_t>(y * 5 + seed);
+      p[2] = static_cast<uint8_t>((x + y) * 3);
+      p[3] = 255;
+    }
+  return rgba;
+}
+
+std::vector<uint8_t> outputPixels(VNFFImageColorspaceConverter& c) {
+  const AVFrame* f = c.outputFrame();
+  std::vector<uint8_t> rgba;
+  for (int y = 0; y < f->height; ++y)
+    rgba.insert(rgba.end(), f->data[0] + y * f->linesize[0],
+                f->data[0] + y * f->linesize[0] + f->width * 4);
+  return rgba;
+}
+
+class ImageColorspaceConverterTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<VNFFImageColorspaceConverter> converter = VNFFImageColorspaceConverter::create();
+  void setOutput(int pixFmt, int width, int height) {
+    converter->setOutputFormat({pixFmt, width, height});
+  }
+};
+
+TEST_F(ImageColorspaceConverterTest, ZeroSizeStaysEmpty) {
+  const auto pixels = gradient(8, 8, 0);
+  for (auto size : {std::pair{0, 0}, std::pair{8, 0}, std::pair{0, 8}}) {
+    setOutput(AV_PIX_FMT_RGBA, size.first, size.second);
+    converter->convertBytes(pixels.data(), AV_PIX_FMT_RGBA);
+    converter->convertBitmapImage(vn::BitmapImage::copyOf(pixels.data(), 8, 8, 32));
+    EXPECT_TRUE(converter->isOutputEmpty());
+    EXPECT_FALSE(converter->outputImage());
+    EXPECT_FALSE(converter->createCGContext());
+  }
+}
+
+// Same size and format: the bytes come through unchanged, and the output image shares the buffer
+// (and keeps the converter alive). The output is fixed at the first conversion.
+TEST_F(ImageColorspaceConverterTest, BytesComeThroughIntoASharedFixedOutput) {
+  setOutput(AV_PIX_FMT_RGBA, 16, 8);
+  const auto first = gradient(16, 8, 3), second = gradient(16, 8, 100);
+  converter->convertBytes(first.data(), AV_PIX_FMT_RGBA);
+  ASSERT_FALSE(converter->isOutputEmpty());
+  EXPECT_EQ(outputPixels(*converter), first);
+  auto image = converter->outputImage();
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->row(3)[4 * 2], first[(3 * 16 + 2) * 4]);
+  converter->convertBytes(second.data(), AV_PIX_FMT_RGBA);
+  EXPECT_EQ(image->row(3)[4 * 2], second[(3 * 16 + 2) * 4]);
+
+  setOutput(AV_PIX_FMT_YUV420P, 32, 32);
+  const auto bigger = gradient(32, 32, 1);
+  converter->convertBytes(bigger.data(), AV_PIX_FMT_RGBA);
+  const AVFrame* f = converter->outputFrame();
+  EXPECT_EQ(std::tuple(f->width, f->height, f->format), std::tuple(16, 8, int(AV_PIX_FMT_RGBA)));
+  const std::vector<uint8_t> last = outputPixels(*converter);
+  converter.reset();
+  EXPECT_EQ(image->row(7)[4 * 15 + 1], last[(7 * 16 + 15) * 4 + 1]);
+}
+
+// Frames of another size and format are scaled to the output, stretched.
+TEST_F(ImageColorspaceConverterTest, FramesAreScaledAndConverted) {
+  setOutput(AV_PIX_FMT_YUV420P, 64, 32);
+  auto frame = vn::ff::makeFrame();
+  frame->width = frame->height = 16;
+  frame->format = AV_PIX_FMT_RGBA;
+  ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
+  // Left half white, right half black.
+  for (int y = 0; y < 16; ++y)
+    for (int x = 0; x < 16; ++x)
+      for (int c = 0; c < 4; ++c)
+        frame->data[0][y * frame->linesize[0] + x * 4 + c] = x < 8 ? 255 : (c == 3 ? 255 : 0);
+  converter->convertFrame(frame.get());
+  const AVFrame* out = converter->outputFrame();
+  ASSERT_EQ(out->format, AV_PIX_FMT_YUV420P);
+  // Limited-range luma: white 235, black 16; the edge lands mid-picture.
+  EXPECT_NEAR(out->data[0][10 * out->linesize[0] + 5], 235, 2);
+  EXPECT_NEAR(out->data[0][10 * out->linesize[0] + 58], 16, 2);
+  // Rows of a planar output are too short to read as RGBA.
+  EXPECT_FALSE(converter->outputImage());
+
+  // A format the scaler cannot read leaves the previous picture.
+  const uint8_t before = out->data[0][10 * out->linesize[0] + 5];
+  frame->format = AV_PIX_FMT_NONE;
+  converter->convertFrame(frame.get());
+  EXPECT_EQ(out->data[0][10 * out->linesize[0] + 5], before);
+}
+
+// A context is read as RGBA of the output size: its padding byte becomes alpha. One too small to
+// hold that picture is not read at all.
+TEST_F(ImageColorspaceConverterTest, ContextsAreReadAsRGBA) {
+  setOutput(AV_PIX_FMT_RGBA, 8, 4);
+  auto context = converter->createCGContext();
+  ASSERT_TRUE(context);
+  EXPECT_EQ(std::pair(context->width(), context->bytesPerRow()), std::pair(8, 32));
+  const auto pixels = gradient(8, 4, 9);
+  context->drawImage(vn::BitmapImage::copyOf(pixels.data(), 8, 4, 32),
+                     vn::BitmapContext::Composite::kCopy);
+  converter->convertContext(*context);
+  EXPECT_EQ(outputPixels(*converter), pixels);
+
+  converter->convertContext(*vn::BitmapContext::create(4, 4));
+  EXPECT_EQ(outputPixels(*converter), pixels);
+}
+
+// Images are drawn stretched over the converter's own context: bitmaps laid over it by
+// convertBitmapImage, replacing it by convertImage; filter images laid over.
+TEST_F(ImageColorspaceConverterTest, ImagesAreDrawnOverOrReplace) {
+  setOutput(AV_PIX_FMT_RGBA, 4, 4);
+  const uint8_t red[4] = {255, 0, 0, 255};
+  const uint8_t halfBlue[4] = {0, 0, 255, 128};
+  const auto redImage = vn::BitmapImage::copyOf(red, 1, 1, 4);
+  const auto blueImage = vn::BitmapImage::copyOf(halfBlue, 1, 1, 4);
+
+  converter->convertImage(redImage);
+  converter->convertBitmapImage(blueImage);
+  auto over = outputPixels(*converter);
+  ASSERT_EQ(over.size(), 64u);
+  EXPECT_NEAR(over[0], 127, 1);
+  EXPECT_NEAR(over[2], 128, 1);
+  EXPECT_EQ((std::pair<int, int>(over[1], over[3])), (std::pair<int, int>(0, 255)));
+
+  converter->convertImage(redImage);
+  converter->convertImage(blueImage);
+  auto copy = outputPixels(*converter);
+  EXPECT_EQ(copy[0], 0);
+  EXPECT_NEAR(copy[2], 128, 1);  // premultiplied onto nothing: darkened
+  EXPECT_EQ(copy[60], copy[0]);  // stretched over the whole context
+
+  // A filter image's extent is rendered and laid over, stretched: 2 x 1, placed away from the
+  // origin: half-transparent blue, opaque green.
+  const uint8_t pixels[8] = {0, 0, 255, 128, 0, 255, 0, 255};
+  converter->convertImage(redImage);
+  auto image = vn::FilterImage::fromRaster(pixels, 2, 1, 8, vn::FilterImage::ByteOrder::RGBA);
+  ASSERT_TRUE(image);
+  converter->convertImage(image->translated(50, -20));
+  const auto out = outputPixels(*converter);
+  // Top left: red under half blue, mixed in linear light; bottom right: green.
+  EXPECT_EQ(std::vector(out.begin(), out.begin() + 4), (std::vector<uint8_t>{187, 0, 188, 255}));
+  EXPECT_EQ(std::vector(out.end() - 4, out.end()), (std::vector<uint8_t>{0, 255, 0, 255}));
 }
 
 }  // namespace
