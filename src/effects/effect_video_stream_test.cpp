@@ -64,8 +64,7 @@ Raster rendered(const FilterImage& image, vn::ImageRenderStats* stats = nullptr)
   return r;
 }
 
-// Black, or the soft edge of a grey picture that covers less than half of the pixel (blended in
-// linear light).
+// Black, or a grey picture's soft edge covering less than half of the pixel.
 bool black(const uint8_t* p) {
   return p[0] < 64 && p[1] < 64 && p[2] < 64;
 }
@@ -133,8 +132,7 @@ std::optional<FilterImage> subtitleFor(VNFFEffectVideoStream& s, const std::stri
 const std::string kLong =
     "A line far too long for the width of a small frame, so that it has to wrap";
 
-// A preset that, when the composition takes its copy (half-way through a picture), calls back; it
-// changes nothing in the picture.
+// A preset that calls back when the composition takes its copy, half-way through a picture.
 class Hook final : public vn::ImageFilter {
  public:
   explicit Hook(std::function<void()> onCopy) : ImageFilter("Hook"), onCopy_(std::move(onCopy)) {}
@@ -337,11 +335,8 @@ TEST(EffectVideoStreamTest, RectanglesFitAndColourControlsScale) {
     EXPECT_TRUE(near(VNFFEffectVideoStream::scaleRect(f.a, f.b), f.stream) &&
                 near(VNFFEffectVideoStream::scaleRectPanscan(f.a, f.b), f.panscan) &&
                 near(VNFFMovie::scaleRect(f.a, f.b), f.movie));
-  // The movie never enlarges more than a hundredfold; the stream's floor is a thousandfold.
-  const Rect tiny{0, 0, 10, 10}, huge{0, 0, 10000, 10000};
-  EXPECT_NEAR(VNFFMovie::scaleRect(tiny, huge).width, 10 / double(0.01f), 1e-6);
-  EXPECT_NEAR(VNFFMovie::scaleRect(tiny, huge).x, (10000 - 10 / double(0.01f)) / 2, 1e-6);
-  EXPECT_NEAR(VNFFEffectVideoStream::scaleRect(tiny, huge).width, 10 / double(0.001f), 1e-6);
+  // The stream enlarges a thousandfold at most.
+  EXPECT_NEAR(VNFFEffectVideoStream::scaleRect({0, 0, 10, 10}, {0, 0, 1e5, 1e5}).width, 1e4, 1e-2);
 
   // Hue turns by 6.28 per unit, not 2π; the other controls map to their filters' ranges.
   auto stream = VNFFEffectVideoStream::create();

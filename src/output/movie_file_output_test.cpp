@@ -34,6 +34,8 @@ extern "C" {
 
 namespace {
 
+using vn::test::scratch;
+
 constexpr AVCodecID kNone = AV_CODEC_ID_NONE;
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
@@ -45,12 +47,8 @@ constexpr int kSamples = kFrames * kSamplesPerFrame;
 constexpr double kToneHz = 440;
 constexpr double kToneAmplitude = 0.5;  // RMS 0.354, -9.0 dBFS
 
-std::string scratch(const std::string& name) {
-  return vn::test::scratchDir() + "/" + name;
-}
-
-// A smooth RGBX picture that moves a lot between frames: a frame out of place costs far more than
-// the codecs' loss.
+// A smooth RGBX picture that moves a lot: a frame out of place costs far more than the codecs'
+// loss.
 void drawPattern(uint8_t* rgbx, int bytesPerRow, int frame) {
   const double t = frame;
   for (int y = 0; y < kHeight; ++y) {
@@ -78,15 +76,7 @@ nlohmann::json probe(const std::string& path) {
       "ffprobe -v error -count_frames -count_packets -show_format -show_streams -of json " +
       vn::test::shellQuote(path));
   auto json = nlohmann::json::parse(out, nullptr, false);
-  return json.is_discarded() ? nlohmann::json::object() : json;
-}
-
-const nlohmann::json* streamOfType(const nlohmann::json& probed, const std::string& type) {
-  if (probed.contains("streams"))
-    for (const auto& s : probed["streams"])
-      if (s.value("codec_type", "") == type)
-        return &s;
-  return nullptr;
+  return json.is_discarded() || !json.contains("streams") ? nlohmann::json{{"streams", {}}} : json;
 }
 
 int64_t asInt(const nlohmann::json& s, const char* key) {
@@ -125,8 +115,7 @@ struct Case {
   Pictures pictures;
 };
 
-// Writes kFrames pictures and kSamples of tone, interleaved; the RGBA pictures also go to
-// reference.
+// Writes kFrames pictures (also to reference, RGBA) and kSamples of tone, interleaved.
 template <typename Writer>
 void writeMovie(Writer& writer, const Case& c, const std::string& reference) {
   VNFFMovieFileOutputFormat format = writer.movieFormat();
@@ -182,8 +171,8 @@ void writeMovie(Writer& writer, const Case& c, const std::string& reference) {
 
 void checkMovie(const Case& c, const std::string& path, const std::string& reference) {
   const auto probed = probe(path);
-  const auto* video = streamOfType(probed, "video");
-  const auto* audio = streamOfType(probed, "audio");
+  const auto* video = vn::test::streamOf(probed, "video");
+  const auto* audio = vn::test::streamOf(probed, "audio");
   ASSERT_TRUE(audio) << probed.dump();
   EXPECT_EQ(std::tuple(audio->value("codec_name", ""), asInt(*audio, "sample_rate"),
                        audio->value("channels", 0)),
@@ -216,9 +205,8 @@ void checkMovie(const Case& c, const std::string& path, const std::string& refer
   EXPECT_GT(psnr(path, reference), c.minPsnr);
 }
 
-// Every container and codec pair, read back by ffmpeg. Lossy codecs measure 49-57 dB; a frame off
-// is 20, mirrored 17.5, red and blue swapped 10. WMA's encoder cannot be drained: its last frame is
-// lost.
+// Lossy codecs measure 49-57 dB; a frame off 20, mirrored 17.5, red and blue swapped 10. WMA's
+// encoder cannot be drained: its last frame is lost.
 const Case kCases[] = {
     {"movie.mp4", "", "", true, "h264", "aac", 1024, 0, 35, Pictures::kContext},
     {"movie.mkv", "", "", true, "h264", "vorbis", 64, 0, 35, Pictures::kImage},
@@ -347,8 +335,7 @@ TEST_F(MovieFileOutputTest, StreamsInOpeningOrder) {
   EXPECT_EQ(audioPackets, (std::vector<bool>{false, true}));
 }
 
-// Audio leaves in whole encoder frames while 512 samples stay behind (1024-sample frames if the
-// encoder names no size).
+// Audio leaves in whole encoder frames (else 1024) while 512 samples stay behind.
 TEST_F(MovieFileOutputTest, AudioFramesKeepAReserve) {
   for (const char* file : {"framing.m4a", "framing.wav"}) {
     SCOPED_TRACE(file);
@@ -372,7 +359,7 @@ TEST_F(MovieFileOutputTest, AudioFramesKeepAReserve) {
   EXPECT_EQ(first, "0\n");
 }
 
-// Pictures get timestamps 0, 1, 2...; one lasting n ticks of framerate moves the next by n /
+// Pictures are numbered 0, 1, 2...; one lasting n ticks of framerate moves the next by n /
 // frameTime.
 TEST_F(MovieFileOutputTest, VideoTimestamps) {
   // framerate, frameTime, durations (0: one frame), video_pts after each, the times read back
@@ -516,8 +503,8 @@ TEST_F(AudioConverterTest, UnconfiguredConverterDoesNothing) {
   EXPECT_TRUE(isFFAudioFormatEqual(converter->inFormat(), noLayout));
 }
 
-// Identical formats still queue: what goes in comes out unchanged and in order, whatever the push
-// and pull sizes, and a trailing partial sample frame of a chunk is lost.
+// Identical formats queue bytes unchanged, in order, whatever the sizes; a partial sample frame is
+// lost.
 TEST_F(AudioConverterTest, IdenticalFormatsQueueBytesInOrder) {
   converter->convertFrom(kS16Stereo44, kS16Stereo44);
   std::vector<int16_t> in(2 * 3000);
@@ -542,8 +529,7 @@ TEST_F(AudioConverterTest, IdenticalFormatsQueueBytesInOrder) {
   EXPECT_EQ(converter->outputBufferFrames(), 0);
 }
 
-// The same formats again keep what is held; another rate starts afresh, and what is held is counted
-// at the output rate. Clear drops it; silence is appended after the samples.
+// The same formats keep what is held, another rate starts afresh; clear drops it; silence appends.
 TEST_F(AudioConverterTest, ReconfigureClearAndSilence) {
   converter->convertFrom(kS16Stereo44, kS16Stereo44);
   std::vector<int16_t> in(2 * 500, 9);
@@ -583,8 +569,8 @@ TEST_F(AudioConverterTest, PlanarChunksAreConsecutivePlanes) {
   EXPECT_EQ(std::memcmp(out, expected, sizeof out), 0);
 }
 
-// Resampling in the writer's rhythm (odd pushes, 1024-sample pulls while 1536 are held) must give a
-// continuous tone: a pull must not flush the resampler and pad the stream.
+// Pulls in the writer's rhythm while resampling must not flush the resampler: the tone stays
+// smooth.
 TEST_F(AudioConverterTest, PullsWhileResamplingLeaveNoClicks) {
   const VNFFAudioFormat out48 = {AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 48000};
   converter->convertFrom(kFltStereo44, out48);
@@ -655,8 +641,7 @@ TEST_F(ImageColorspaceConverterTest, ZeroSizeStaysEmpty) {
   }
 }
 
-// Same size and format: the bytes come through unchanged, and the output image shares the buffer
-// (and keeps the converter alive). The output is fixed at the first conversion.
+// Bytes come through unchanged into an output fixed at the first conversion, shared by its image.
 TEST_F(ImageColorspaceConverterTest, BytesComeThroughIntoASharedFixedOutput) {
   setOutput(AV_PIX_FMT_RGBA, 16, 8);
   const auto first = gradient(16, 8, 3), second = gradient(16, 8, 100);
@@ -707,8 +692,7 @@ TEST_F(ImageColorspaceConverterTest, FramesAreScaledAndConverted) {
   EXPECT_EQ(out->data[0][10 * out->linesize[0] + 5], before);
 }
 
-// A context is read as RGBA of the output size: its padding byte becomes alpha. One too small to
-// hold that picture is not read at all.
+// A context is read as RGBA of the output size (padding becomes alpha); one too small is not read.
 TEST_F(ImageColorspaceConverterTest, ContextsAreReadAsRGBA) {
   setOutput(AV_PIX_FMT_RGBA, 8, 4);
   auto context = converter->createCGContext();
@@ -724,8 +708,8 @@ TEST_F(ImageColorspaceConverterTest, ContextsAreReadAsRGBA) {
   EXPECT_EQ(outputPixels(*converter), pixels);
 }
 
-// Images are drawn stretched over the converter's own context: bitmaps laid over it by
-// convertBitmapImage, replacing it by convertImage; filter images laid over.
+// Images are drawn stretched: convertBitmapImage lays over, convertImage replaces (filter images:
+// over).
 TEST_F(ImageColorspaceConverterTest, ImagesAreDrawnOverOrReplace) {
   setOutput(AV_PIX_FMT_RGBA, 4, 4);
   const uint8_t red[4] = {255, 0, 0, 255};
