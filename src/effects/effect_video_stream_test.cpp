@@ -449,8 +449,7 @@ TEST(SubtitleDrawingTest, TextIsPlacedByPositionWrappedAndClampedToTheFrame) {
     if (!shown)
       continue;
     const Rect e = image->extent();
-    // Bottom edge at the position's height; never wider than the frame, nor taller than the room
-    // above the position.
+    // Bottom at the position's height, within the frame's width and the room above.
     EXPECT_DOUBLE_EQ(e.y, position * kHeight);
     EXPECT_LE(e.width, kWidth);
     const double room = (1 - position) * kHeight;
@@ -467,12 +466,6 @@ TEST(SubtitleDrawingTest, TextIsPlacedByPositionWrappedAndClampedToTheFrame) {
     const double left = std::floor(e.x) + ink.left,
                  right = kWidth - (std::floor(e.x) + ink.right + 1);
     EXPECT_NEAR(left, right, 2.0) << "left " << left << " right " << right;
-    // Transparent around the glyphs, white where they are.
-    EXPECT_EQ(r.at(0, 0)[3], 0);
-    int white = 0;
-    for (size_t i = 0; i < r.rgba.size(); i += 4)
-      white += r.rgba[i + 3] == 255 && std::min({r.rgba[i], r.rgba[i + 1], r.rgba[i + 2]}) > 200;
-    EXPECT_GT(white, 10);
   }
 }
 

@@ -214,21 +214,6 @@ TEST(ImageKernelsTest, HexagonalCells) {
     const vn::HexCell c = vn::hexagonalCell(op, x, y);
     EXPECT_EQ(c, (vn::HexCell{m, n})) << x << "," << y << " -> " << c.m << "," << c.n;
   }
-
-  // Red left half, blue right half: the cell on the border holds 28 of each; cells beside it are
-  // one colour.
-  const vn::IntRect extent{0, 0, 32, 32};
-  const vn::PixelBuffer b =
-      run(vn::HexagonalPixellateOp{{16, 16}, 8}, extent, extent, [](int x, int) {
-        return x < 16 ? Rgba{1, 0, 0, 1} : Rgba{0, 0, 1, 1};
-      });
-  const std::tuple<int, int, Rgba> pixels[] = {
-      {16, 16, {0.5f, 0, 0.5f, 1}}, {13, 16, {0.5f, 0, 0.5f, 1}}, {8, 16, {1, 0, 0, 1}},
-      {24, 16, {0, 0, 1, 1}},       {20, 22, {0, 0, 1, 1}},
-  };
-  for (const auto& [x, y, expected] : pixels)
-    for (int ch = 0; ch < 4; ++ch)
-      EXPECT_NEAR(pixelOf(b, x, y)[ch], expected[ch], 1e-6) << x << "," << y;
 }
 
 // Outputs of one pixel, none, or outside the extent; an endless extent.
