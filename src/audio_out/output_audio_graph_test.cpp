@@ -262,9 +262,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The movie during real playback: each request posts a top-up on a decode queue, which appends a
-// chunk while fewer than a chunk's worth are buffered, up to chunkLimit chunks. On the device
-// thread it counts the allocations made outside its own posts.
+// The movie during playback: each request posts a top-up (a chunk, up to chunkLimit) on a decode
+// queue; on the device thread it counts the allocations made outside its own posts.
 class QueuedMovie : public VNOutputAudioGraphDelegate {
  public:
   static constexpr int kRecords = 4096;
@@ -337,8 +336,8 @@ class QueuedMovie : public VNOutputAudioGraphDelegate {
 class PlaybackDeviceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    recording_ = vn::test::scratchDir() + "/" +
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".raw";
+    recording_ = vn::test::scratch(
+        std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + ".raw");
     setenv("SDL_AUDIODRIVER", "disk", 1);
     setenv("SDL_DISKAUDIOFILE", recording_.c_str(), 1);
     unsetenv("SDL_DISKAUDIODELAY");
@@ -388,10 +387,8 @@ TEST_F(PlaybackDeviceTest, PlaysExactlyWhatWasProduced) {
   ASSERT_GE(played.size(), produced.size());
   if (vn::test::kRealTime) {
     EXPECT_TRUE(std::equal(produced.begin(), produced.end(), played.begin()));
-    EXPECT_TRUE(std::all_of(played.begin() + static_cast<ptrdiff_t>(produced.size()), played.end(),
-                            [](float s) { return s == 0; }));
+    EXPECT_TRUE(isSilent(std::vector(played.begin() + ptrdiff_t(produced.size()), played.end())));
   }
-
   EXPECT_EQ(movie_->allocationsOutsidePosts(10), 0u);
 }
 
