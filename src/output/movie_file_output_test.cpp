@@ -281,7 +281,6 @@ TEST_F(MovieFileOutputTest, ContainerAndCodecChoice) {
           {"a.mp4", kNone, kNone, "mp4", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
           {"b.mp4", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP3, "mp4", AV_CODEC_ID_MPEG4, AV_CODEC_ID_MP3,
            ""},
-          {"c.mov", AV_CODEC_ID_QTRLE, kNone, "mov", AV_CODEC_ID_QTRLE, AV_CODEC_ID_AAC, ""},
           {"RING.M4R", kNone, kNone, "ipod", AV_CODEC_ID_H264, AV_CODEC_ID_AAC, ""},
           {"ring.m4r.mp3", kNone, kNone, "mp3", AV_CODEC_ID_PNG, AV_CODEC_ID_MP3, ""},
           {"d.xyz", kNone, kNone, nullptr, kNone, kNone, "unknown container for extension .xyz"},
@@ -292,15 +291,13 @@ TEST_F(MovieFileOutputTest, ContainerAndCodecChoice) {
     SCOPED_TRACE(file);
     start(scratch(file), video, audio);
     writer->createMovieOutput();
-    EXPECT_EQ(writer->isMovieOpen(), container != nullptr);
-    EXPECT_EQ(writer->failureReason(), reason);
-    EXPECT_EQ(writer->videoCodec(), chosenVideo);
-    EXPECT_EQ(writer->audioCodec(), chosenAudio);
+    EXPECT_EQ(std::tuple(writer->isMovieOpen(), writer->failureReason(), writer->videoCodec(),
+                         writer->audioCodec()),
+              std::tuple(container != nullptr, std::string(reason), chosenVideo, chosenAudio));
     if (!container) {
       writer->openAudio();
       writer->openVideo();
-      EXPECT_FALSE(writer->isAudioOpen());
-      EXPECT_FALSE(writer->isVideoOpen());
+      EXPECT_FALSE(writer->isAudioOpen() || writer->isVideoOpen());
       continue;
     }
     EXPECT_STREQ(writer->formatContext()->oformat->name, container);
@@ -427,9 +424,7 @@ TEST_F(MovieFileOutputTest, FailuresKeepAReason) {
     if (auto context = writer->createCGContext())
       writer->writeCGContext(*context);
     writer->stopOutput();
-    if (name[0] != '/' && std::string(name) != "wma.mp4") {
-      EXPECT_FALSE(std::filesystem::exists(path));
-    }
+    EXPECT_FALSE(name[0] != '/' && std::string(name) != "wma.mp4" && std::filesystem::exists(path));
   }
 }
 
