@@ -87,11 +87,6 @@ class OutputAudioGraphTest : public ::testing::Test {
     return out;
   }
 
-  void fill(int32_t count) {
-    const std::vector<float> data = frames(ramp, 0, count);
-    graph_->writeSample(data.data(), count);
-  }
-
   std::shared_ptr<VNOutputAudioGraph> graph_;
   InlineMovie movie_;
 };
@@ -170,7 +165,7 @@ TEST_F(OutputAudioGraphTest, RenderIsAllOrNothing) {
        {Case{0, false, 0}, Case{1000, false, 0}, Case{1024, true, 0}, Case{3000, true, 1976}}) {
     SCOPED_TRACE(c.buffered);
     graph_->clearBuffer();
-    fill(c.buffered);
+    graph_->writeSample(frames(ramp, 0, c.buffered).data(), c.buffered);
     const int requestsBefore = movie_.requests;
     const std::vector<float> out = render(1024);
     EXPECT_EQ(movie_.requests - requestsBefore, 1);

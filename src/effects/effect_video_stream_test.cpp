@@ -169,8 +169,7 @@ TEST(EffectVideoStreamTest, ZoomTypesPlaceThePictureInTheOutputFrame) {
     stream->setCropRect(crop);
     stream->writeFrame(greyFrame().get());
     const Raster r = rendered(*stream->currentEffectImage());
-    ASSERT_EQ(r.width, outW);
-    ASSERT_EQ(r.height, outH);
+    ASSERT_EQ(std::pair(r.width, r.height), std::pair(outW, outH));
     EXPECT_EQ(barsOf(r), bars);
     if (crop.height == kHeight && (zoom == 5 || zoom == 6)) {
       // A white band of 30 rows on top, 60 once doubled: panscan cuts it.
@@ -243,9 +242,7 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   unknown->setOutputFormat({AV_PIX_FMT_RGBA, kWidth, kHeight});
   unknown->updateConverter();
   unknown->writeFrame(greyFrame().get());
-  ASSERT_TRUE(unknown->currentImage());
-  EXPECT_EQ(unknown->currentImage()->width(), kWidth);
-
+  EXPECT_EQ(unknown->currentImage() ? unknown->currentImage()->width() : 0, kWidth);
   auto stream = streamFor(640, 360);
   // The picture keeps the media's size; only the composed one is resized.
   EXPECT_EQ(std::pair(stream->outputDataFormat().width, stream->outputDataFormat().height),
@@ -284,8 +281,9 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   // Pictures that change size on the way are converted at their new size.
   stream->writeFrame(greyFrame(0, 64, 48).get());
   ASSERT_TRUE(stream->currentImage());
-  EXPECT_EQ(stream->currentImage()->width(), 64);
-  EXPECT_EQ(stream->currentEffectImage()->extent().width, 640);
+  EXPECT_EQ(std::pair(double(stream->currentImage()->width()),
+                      stream->currentEffectImage()->extent().width),
+            std::pair(64.0, 640.0));
 
   // A frame without pixels only drops the picture.
   stream->writeFrame(nullptr);
@@ -529,8 +527,7 @@ TEST(SubtitleDrawingTest, TheTextIsDrawnLastOverTheComposedPicture) {
   s->setHflip(true);
   s->setBrightness(0.2f);
   const Raster r = rendered(*s->currentEffectImage());
-  ASSERT_EQ(r.width, kWidth);
-  ASSERT_EQ(r.height, kHeight);
+  ASSERT_EQ(std::pair(r.width, r.height), std::pair(kWidth, kHeight));
   // Where the text is solid, the frame shows exactly the text's pixels.
   const std::optional<FilterImage> text = s->currentSubtitleImage();
   ASSERT_TRUE(text);

@@ -557,8 +557,7 @@ TEST(FilterImageTest, StrongShrinkingDoesNotAlias) {
 }
 
 TEST(BitmapContextTest, LayoutAndStartingContents) {
-  EXPECT_FALSE(vn::BitmapContext::create(0, 4));
-  EXPECT_FALSE(vn::BitmapContext::create(4, -1));
+  EXPECT_FALSE(vn::BitmapContext::create(0, 4) || vn::BitmapContext::create(4, -1));
   auto rgbx = vn::BitmapContext::create(3, 2);
   ASSERT_TRUE(rgbx);
   EXPECT_EQ(rgbx->data()[3], 255);  // opaque black
@@ -566,8 +565,7 @@ TEST(BitmapContextTest, LayoutAndStartingContents) {
   EXPECT_EQ(rgba->data()[3], 0);  // transparent
 }
 
-// Half-transparent white copied replaces, laid over blends; RGBA keeps the coverage, RGBX is
-// opaque.
+// Half-transparent white copied replaces, laid over blends; RGBA keeps the cover, RGBX is opaque.
 TEST(BitmapContextTest, CompositingModes) {
   const uint8_t halfWhite[4] = {255, 255, 255, 128};
   const auto image = vn::BitmapImage::copyOf(halfWhite, 1, 1, 4);
@@ -582,8 +580,7 @@ TEST(BitmapContextTest, CompositingModes) {
   for (const auto& [alpha, mode, red, fourth] : cases) {
     auto context = vn::BitmapContext::create(2, 2, alpha);
     context->drawImage(image, mode);
-    EXPECT_EQ(context->data()[0], red);
-    EXPECT_EQ(context->data()[3], fourth);
+    EXPECT_EQ(std::pair(int(context->data()[0]), int(context->data()[3])), std::pair(red, fourth));
     // Twice over: white shows through more; a copy stays the same.
     context->drawImage(image, mode);
     EXPECT_EQ(context->data()[12], mode == Composite::kCopy ? 128 : 192);
@@ -597,9 +594,7 @@ TEST(BitmapContextTest, ImagesAreStretched) {
   context->drawImage(vn::BitmapImage::copyOf(pixels, 2, 1, 8), vn::BitmapContext::Composite::kCopy);
   const uint8_t* bottomLeft = context->data() + 3 * context->bytesPerRow();
   const uint8_t* bottomRight = bottomLeft + 7 * 4;
-  EXPECT_GT(bottomLeft[0], 200);
-  EXPECT_LT(bottomLeft[2], 50);
-  EXPECT_LT(bottomRight[0], 50);
-  EXPECT_GT(bottomRight[2], 200);
+  EXPECT_TRUE(bottomLeft[0] > 200 && bottomLeft[2] < 50 && bottomRight[0] < 50 &&
+              bottomRight[2] > 200);
   EXPECT_TRUE(vn::BitmapImage::copyOf(pixels, 3, 1, 8).isEmpty());  // rows too short
 }

@@ -179,10 +179,8 @@ TEST(ImageKernelsTest, UniformPictures) {
   const vn::IntRect extent{0, 0, 64, 48};
   const float grey = 0.502886f;  // code 188
   const std::tuple<vn::NeighbourhoodOp, Rgba, Rgba> cases[] = {
-      {vn::SharpenLuminanceOp{10, 1.69}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
       {vn::SharpenLuminanceOp{2, 1.69}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
       {vn::HexagonalPixellateOp{{5, 7}, 8}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
-      {vn::GaussianBlurOp{1, true}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
       {vn::GaussianBlurOp{10, true}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
       {vn::GaussianBlurOp{30, true}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
       {vn::GlowOp{10, 1, true},
