@@ -71,9 +71,6 @@ TEST(MovieExportTest, WritesTheSpanAndReportsProgressUpToTheLastFrame) {
     EXPECT_EQ(seen.back().fraction, 1.0);
     EXPECT_DOUBLE_EQ(seen.back().seconds, 1.2);
     EXPECT_EQ(seen.back().frames, c.frames);
-    const auto probe = vn::test::ffprobe(out);
-    EXPECT_NEAR(std::stod(probe["format"]["duration"].get<std::string>()), 1.2, 0.1);
-    EXPECT_EQ(probe["streams"].size(), c.frames > 0 ? 2u : 1u);
   }
 }
 

@@ -97,24 +97,6 @@ TEST_F(MoviePlaybackTest, ClockTracksThePlayedSamplesAndPauseKeepsTheBuffer) {
   pause();
   EXPECT_FALSE(movie_->isPlay());
   const int64_t paused = movie_->currentTime();
-  const int64_t clock = framesOf(paused);
-  // Silent device calls after the sound began found the buffer short: not on the clock.
-  const std::vector<float> recording = recorded().channel(0);
-  std::vector<float> all;
-  bool begun = false;
-  for (size_t at = 0; at < recording.size(); at += kDeviceFrames) {
-    const auto from = recording.begin() + at;
-    const auto to = recording.begin() + std::min(recording.size(), at + kDeviceFrames);
-    const bool silent = std::all_of(from, to, [](float v) { return v == 0.0f; });
-    if (!(begun && silent && to - from == kDeviceFrames))
-      all.insert(all.end(), from, to);
-    begun = begun || !silent;
-  }
-  const std::vector<float> sound = vn::test::audible(all);
-  if (kRealTime) {
-    EXPECT_NEAR(double(all.size()), double(clock), kChunkFrames + kDeviceFrames);
-    EXPECT_GE(int64_t(sound.size()), clock - kChunkFrames - kDeviceFrames);
-  }
   const uint64_t buffered = graph->bufferFrames();
   ASSERT_GT(buffered, 0u);
   std::this_thread::sleep_for(100ms);
