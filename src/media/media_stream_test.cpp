@@ -93,7 +93,6 @@ TEST(MediaStreamTest, AccessorsOfAStreamWithoutADecoder) {
   ASSERT_TRUE(stream);
   stream->open();
   EXPECT_FALSE(stream->isOpen());
-  EXPECT_EQ(stream->codecName(), "");
   EXPECT_EQ(std::pair(stream->timebase().num, stream->timebase().den), std::pair(1, 1));
   EXPECT_EQ(stream->framebase().den, 8000);
   EXPECT_EQ(stream->audioFormat().channel_layout, vn::defaultChannelLayout(6));

@@ -43,11 +43,8 @@ struct Gate {
 
 // What a provider received.
 struct Received {
-  int formatCalls = 0;
-  int plainCalls = 0;
-  int effectCalls = 0;
-  std::optional<vn::FilterImage> plain;
-  std::optional<vn::FilterImage> effect;
+  int formatCalls = 0, plainCalls = 0, effectCalls = 0;
+  std::optional<vn::FilterImage> plain, effect;
   VNFFVideoFormat format;
 };
 
