@@ -135,8 +135,7 @@ TEST(DvdDiscTest, ChainsWithoutCellsAreNoTitlesButKeepTheirNumber) {
   ASSERT_EQ(disc->title_sets.size(), 1u);
   const auto& titles = disc->title_sets[0]->titles;
   ASSERT_EQ(titles.size(), 2u);
-  EXPECT_EQ(titles[0]->title, 0);
-  EXPECT_EQ(titles[1]->title, 2);
+  EXPECT_EQ(std::pair(titles[0]->title, titles[1]->title), std::pair(0, 2));
   const auto sources = disc->titleSources();
   ASSERT_EQ(sources.size(), 2u);
   EXPECT_EQ(sources[1]->name(), "dvd_nocells_1_3");
