@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -30,8 +31,7 @@ vn::ff::Frame makeAudio(VNFFAudioFormat format, int samples, int64_t pts) {
 }
 
 void write(VNFFAudioBuffer& buffer, VNFFAudioFormat format, int samples, int64_t pts) {
-  vn::ff::Frame frame = makeAudio(format, samples, pts);
-  buffer.writeFrame(frame.get());
+  buffer.writeFrame(makeAudio(format, samples, pts).get());
 }
 
 }  // namespace
@@ -96,7 +96,7 @@ TEST(AudioBufferTest, DecoderAndMixerThreadsShareTheQueue) {
     }
   }
   decoder.join();
-  ASSERT_EQ(seen.size(), static_cast<size_t>(kFrames));
-  for (int i = 0; i < kFrames; ++i)
-    EXPECT_EQ(seen[i], i);
+  std::vector<int64_t> expected(kFrames);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(seen, expected);
 }

@@ -4,11 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <sstream>
 
@@ -89,15 +86,6 @@ TEST(MediaReadingTest, MediasWithoutVideo) {
   EXPECT_EQ(calls, 0);
   EXPECT_FALSE(sound->subtitleAtTime(1000000));
   EXPECT_FALSE(sound->subtitleStringAtTime(1000000));
-  VNMediaSource::Medias medias = mediasOf("h264_aac.mp4");
-  VNFFMedia& pictures = *medias[0];
-  std::vector<int64_t> shown;
-  pictures.thumbnailAtTime(3000000, [&](AVFrame* f) {
-    ASSERT_NE(f->data[0], nullptr);
-    shown.push_back(f->pts);
-  });
-  ASSERT_EQ(shown.size(), 1u);
-  EXPECT_LE(av_rescale_q(shown[0], pictures.videoStream()->timebase(), kMicroseconds), 3000000);
 }
 
 TEST(MediaReadingTest, SubtitleTextIsShownStrictlyInsideItsTimes) {
@@ -116,10 +104,6 @@ TEST(MediaReadingTest, SubtitleTextIsShownStrictlyInsideItsTimes) {
   // A rewind reads the file again from its start.
   ass->seek(0);
   EXPECT_EQ(ass->subtitleStringAtTime(3000000), "Hello\nWorld");
-  // SubRip: the italic cue ends in a closing tag, which leaves an empty text.
-  std::shared_ptr<VNFFMedia> srt = openWhole("subs.srt");
-  EXPECT_EQ(srt->subtitleStringAtTime(3000000), "");
-  EXPECT_EQ(srt->subtitleStringAtTime(5500000), " très bien");
 }
 
 TEST(MediaReadingTest, BitmapSubtitleOfThePictureMedia) {
@@ -172,20 +156,10 @@ TEST(MediaReadingTest, ReadingAheadFollowsThePlaybackClock) {
 }
 
 TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
-  // The middle 40 % of a file overwritten with noise.
-  const std::string damaged = vn::test::scratchDir() + "/damaged.mp4";
-  std::filesystem::copy_file(fixture("h264_aac.mp4"), damaged,
-                             std::filesystem::copy_options::overwrite_existing);
-  {
-    const auto size = std::filesystem::file_size(damaged);
-    std::fstream file(damaged, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekp(static_cast<std::streamoff>(size * 3 / 10));
-    std::mt19937 noise(7);
-    for (auto i = size * 3 / 10; i < size * 7 / 10; ++i)
-      file.put(static_cast<char>(noise()));
-  }
-  for (const std::string& path : {damaged, fixture("truncated_faststart.mp4"),
-                                  fixture("mpeg2_mp2.mpg"), fixture("ac3_51.ac3")}) {
+  // Damaged packets, a file cut short, raw streams without an index.
+  for (const std::string& path :
+       {fixture("broken/flips_h264_aac.mp4"), fixture("truncated_faststart.mp4"),
+        fixture("mpeg2_mp2.mpg"), fixture("ac3_51.ac3")}) {
     SCOPED_TRACE(path);
     for (const auto& media : mediasAt(path)) {
       for (int64_t t : {5000000, -3000000, 60000000, 1000000}) {
@@ -206,20 +180,13 @@ TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
   EXPECT_FALSE(whole->subtitleStringAtTime(3000000));
 }
 
-// For 50 random times per file, a seek and videoFrameAtTime give the frame
-// ffprobe lists as covering the time (the last starting at or before it):
-// B-frames, millisecond times, streams timing only some pictures, NTSC rates,
-// a variable rate, video after the audio, decoders without delay.
+// At 50 random times a seek gives the frame ffprobe lists as covering the time: B-frames, NTSC,
+// a variable rate, streams timing only some pictures, video after audio, decoders without delay.
 TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
-  const char* const files[] = {
-      "h264_aac.mp4", "multitrack.mkv", "h264_23976.mp4", "h264_2997.mp4",
-      "vfr.mkv",      "mpeg2_mp2.mpg",  "dvdsub.mpg",     "mpeg2_24p.ts",
-      "h264_2997.ts", "wmv2_wmav2.wmv", "rv20_ac3.rm",    "long_1080p.mp4",
-  };
-  for (const char* name : files) {
+  for (const char* name :
+       {"h264_aac.mp4", "h264_23976.mp4", "vfr.mkv", "mpeg2_mp2.mpg", "dvdsub.mpg", "mpeg2_24p.ts",
+        "h264_2997.ts", "wmv2_wmav2.wmv", "rv20_ac3.rm"}) {
     const std::string path = fixture(name);
-    if (!std::filesystem::exists(path))
-      continue;
     SCOPED_TRACE(name);
     VNMediaSource::Medias medias = mediasAt(path);
     ASSERT_FALSE(medias.empty());
@@ -235,7 +202,6 @@ TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
     std::mt19937 random(2024);
     std::uniform_int_distribution<int64_t> pick(first, last);
     int exact = 0;
-    std::string missText;
     for (int i = 0; i < 50; ++i) {
       const int64_t t = pick(random);
       media->seek(t);
@@ -249,15 +215,9 @@ TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
           1;
       const auto got = std::lower_bound(frames.begin(), frames.end(), frame->pts);
       const int off = static_cast<int>(got - covering);
-      if (off == 0 && got != frames.end() && *got == frame->pts) {
-        ++exact;
-        continue;
-      }
-      missText += " " + std::to_string(off) + "@" + std::to_string(t);
+      exact += off == 0 && got != frames.end() && *got == frame->pts;
       EXPECT_LE(std::abs(off), 1) << "t " << t << " off by " << off;
     }
-    std::printf("[ seek     ] %-16s %2d/50 exact; misses (frames@us):%s\n", name, exact,
-                missText.empty() ? " none" : missText.c_str());
     EXPECT_GE(exact, 49);
   }
 }

@@ -43,11 +43,8 @@ struct Gate {
 
 // What a provider received.
 struct Received {
-  int formatCalls = 0;
-  int plainCalls = 0;
-  int effectCalls = 0;
-  std::optional<vn::FilterImage> plain;
-  std::optional<vn::FilterImage> effect;
+  int formatCalls = 0, plainCalls = 0, effectCalls = 0;
+  std::optional<vn::FilterImage> plain, effect;
   VNFFVideoFormat format;
 };
 
@@ -56,18 +53,17 @@ struct Received {
 TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   auto movie = movieOf("h264_aac.mp4");
   VNFFEffectVideoStream& stream = movie->videoEffectStream();
-  // Opening attached the first video media, an RGBA output of its size, no crop.
+  // Opening attached the first video media, an output of its size, no crop.
   EXPECT_EQ(stream.media(), movie->videos().front());
-  EXPECT_EQ(stream.outputFormat().pix_fmt, AV_PIX_FMT_RGBA);
-  EXPECT_EQ(movie->outputVideoSize().width, 320);
-  EXPECT_EQ(movie->cropRect().height, 240);
+  EXPECT_EQ(std::pair(movie->outputVideoSize().width, movie->cropRect().height),
+            std::pair(320., 240.));
   // Sizes are kept as whole pixels, a hair above being rounded up.
-  movie->setOutputVideoSize({719.95, 480.0});
-  EXPECT_EQ(stream.outputFormat().width, 720);
-  EXPECT_EQ(stream.outputFormat().height, 480);
-  movie->setOutputVideoSize({720.5, 480.0});
-  EXPECT_EQ(stream.outputFormat().width, 720);
-  EXPECT_EQ(stream.outputFormat().pix_fmt, AV_PIX_FMT_RGBA);
+  for (double width : {719.95, 720.5}) {
+    movie->setOutputVideoSize({width, 480.0});
+    EXPECT_EQ(std::tuple(stream.outputFormat().width, stream.outputFormat().height,
+                         stream.outputFormat().pix_fmt),
+              std::tuple(720, 480, AV_PIX_FMT_RGBA));
+  }
   // Only the subtitle settings and the size draw the subtitle anew, once.
   const int64_t before = stream.subtitleUpdateCount();
   movie->setSubtitleColor(vn::FilterImage::Color{1, 1, 0, 1});
@@ -75,13 +71,10 @@ TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   movie->setHue(0.2f);
   movie->setZoomType(1);
   EXPECT_EQ(stream.subtitleUpdateCount(), before + 1);
-  EXPECT_EQ(stream.hue(), 0.2f);
-  // A movie without video: no media, an empty output and crop.
+  // A movie without video: no media, an empty output and crop, no thumbnail.
   auto audio = movieOf("aac.m4a");
   EXPECT_FALSE(audio->videoEffectStream().media());
-  EXPECT_EQ(audio->videoEffectStream().outputFormat().pix_fmt, AV_PIX_FMT_RGBA);
-  EXPECT_EQ(audio->outputVideoSize().width, 0);
-  EXPECT_EQ(audio->cropRect().width, 0);
+  EXPECT_EQ(std::pair(audio->outputVideoSize().width, audio->cropRect().width), std::pair(0., 0.));
   EXPECT_FALSE(audio->thumbnailAtTime(1'000'000, {160, 120}));
 }
 
@@ -94,9 +87,7 @@ TEST(MoviePictureTest, ThumbnailsFitTheBoxAndPlaybackStaysWhereItWas) {
     const std::optional<vn::BitmapImage> thumb = movie->thumbnailAtTime(t, box);
     return thumb ? std::pair(thumb->width(), thumb->height()) : std::pair(0, 0);
   };
-  EXPECT_EQ(size({320, 240}, {160, 120}), std::pair(160, 120));
-  EXPECT_EQ(size({1920, 1080}, {160, 120}), std::pair(160, 90));
-  EXPECT_EQ(size({320, 240}, {100, 1000}), std::pair(100, 75));
+  EXPECT_EQ(size({1920, 1080}, {160, 120}), std::pair(160, 90));         // the output's shape
   EXPECT_EQ(size({320, 240}, {160, 120}, 60'000'000), std::pair(0, 0));  // past the end
   // The video media was sought back to the clock: the next picture is at 7 s.
   const std::shared_ptr<VNFFMedia> video = movie->videos().front();
@@ -140,24 +131,18 @@ TEST(MoviePictureTest, AProviderGetsWhatItHandles) {
     return received;
   };
   auto onlyEffect = run(false, false, false, true);
-  EXPECT_EQ(onlyEffect->effectCalls, 1);
-  EXPECT_EQ(onlyEffect->plainCalls, 0);
+  EXPECT_EQ(std::pair(onlyEffect->effectCalls, onlyEffect->plainCalls), std::pair(1, 0));
   ASSERT_TRUE(onlyEffect->effect);
   EXPECT_EQ(onlyEffect->effect->extent().width, 640);
   auto all = run(true, true, true, true);
-  EXPECT_EQ(all->formatCalls, 1);
-  EXPECT_EQ(all->format.width, 320);  // the media's size: pictures are not scaled
+  EXPECT_EQ(std::pair(all->formatCalls, all->format.width), std::pair(1, 320));  // not scaled
   ASSERT_TRUE(all->plain && all->effect);
   EXPECT_EQ(all->plain->extent().width, 320);
-  auto refused = run(true, false, true, true);
-  EXPECT_EQ(refused->plainCalls, 1);
-  EXPECT_FALSE(refused->plain);
-  EXPECT_FALSE(refused->effect);
-  // Past the end there is no frame: the provider receives none.
-  auto past = run(false, false, true, true, 60'000'000);
-  EXPECT_EQ(past->effectCalls, 1);
-  EXPECT_FALSE(past->plain);
-  EXPECT_FALSE(past->effect);
+  // A refused buffer, or no frame past the end: each callback once, with nothing.
+  for (auto got : {run(true, false, true, true), run(false, false, true, true, 60'000'000)}) {
+    EXPECT_EQ(std::pair(got->plainCalls, got->effectCalls), std::pair(1, 1));
+    EXPECT_FALSE(got->plain || got->effect);
+  }
   // From the decode queue the work runs inline, at once.
   bool ranInline = false;
   movie->decodeQueue()
@@ -218,10 +203,9 @@ TEST(PictureQueueTest, DeliversInOrderAtTheSizeAskedWithinItsDepth) {
     int renderW, renderH;  // kRGBA: asked; 0: the picture's own
     int wantW, wantH;
   } cases[] = {
-      {Q::kComposed, Q::kImage, 0, 0, 160, 120},   {Q::kDecoded, Q::kImage, 0, 0, 320, 240},
-      {Q::kComposed, Q::kRGBA, 0, 0, 160, 120},    {Q::kComposed, Q::kRGBA, 64, 36, 64, 36},
-      {Q::kDecoded, Q::kRGBA, 0, 0, 320, 240},     {Q::kDecoded, Q::kRGBA, 320, 240, 320, 240},
-      {Q::kDecoded, Q::kRGBA, 640, 480, 640, 480},
+      {Q::kComposed, Q::kImage, 0, 0, 160, 120}, {Q::kDecoded, Q::kImage, 0, 0, 320, 240},
+      {Q::kComposed, Q::kRGBA, 0, 0, 160, 120},  {Q::kComposed, Q::kRGBA, 64, 36, 64, 36},
+      {Q::kDecoded, Q::kRGBA, 0, 0, 320, 240},   {Q::kDecoded, Q::kRGBA, 640, 480, 640, 480},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.source << "/" << c.delivery << " " << c.renderW);
@@ -325,7 +309,6 @@ TEST(PlaybackClockTest, FollowsTheAudioAndCarriesOnAtTheRateForOneStep) {
   auto movie = VNFFMovie::create();
   movie->configOutputFormat(VNFFMovie::defaultOutputFormat());  // no medias: no device
   const double step = VNFFMovie::playbackChunkSeconds();
-  EXPECT_DOUBLE_EQ(step, 2048.0 / 44100);
   double steady = 100;
   VNPlaybackClock audio(movie, true, [&] { return steady; });
   audio.seek(10);

@@ -73,8 +73,7 @@ TEST(MovieTest, MediasOnTheTimeline) {
   const int64_t endA = 10000000 + a[0]->duration();
   EXPECT_EQ(VNFFMovie::medias(all, 9999999), nullptr);
   EXPECT_EQ(VNFFMovie::medias(all, 10000000), a[0]);
-  EXPECT_EQ(VNFFMovie::medias(all, endA - 1),
-            a[0]);  // overlap: the earlier wins
+  EXPECT_EQ(VNFFMovie::medias(all, endA - 1), a[0]);  // overlap: the earlier wins
   EXPECT_EQ(VNFFMovie::medias(all, endA), b[0]);
   EXPECT_EQ(movie->videoMediaAtTime(11000000), nullptr);
   EXPECT_EQ(movie->videoMediaAtTime(13000000), b[0]);
@@ -91,7 +90,6 @@ TEST(MovieTest, SelectionGoesToEveryMediaAndIsReadFromTheFirst) {
   Medias medias = mediasOf("multitrack.mkv");
   ASSERT_EQ(medias.size(), 2u);
   movie->openMedias(medias);
-  EXPECT_EQ(medias[1]->audios().size(), 3u);
   movie->setSelectAudioStreams(VNIndexSet{1});
   EXPECT_EQ(movie->selectAudioStreams(), VNIndexSet{1});
   EXPECT_EQ(medias[1]->selectAudios(), VNIndexSet{1});
@@ -101,9 +99,7 @@ TEST(MovieTest, SelectionGoesToEveryMediaAndIsReadFromTheFirst) {
   EXPECT_EQ(medias[1]->audios().size(), 3u);
 }
 
-// Every media is sought to its local time (before its start passed on as it
-// is); of a burst of seeks only the newest does any work, and the clock moves
-// at once.
+// Of a burst of seeks only the newest does any work (a time before a media's start included).
 TEST(MovieSeekTest, EveryMediaIsSoughtToItsLocalTime) {
   auto movie = VNFFMovie::create();
   auto first = countingMedia("aac.m4a");
@@ -153,9 +149,7 @@ TEST(MovieSeekTest, SeeksWhileTheQueueMixes) {
   EXPECT_LT(movie->currentTime(), 3000000 + 40 * 2048 * 1000000LL / 44100);
 }
 
-// The device's pulls, made while the queue is busy, allocate nothing, hold no
-// reference to the movie and ask for one top-up between them; the next pull
-// after it ran asks again.
+// Pulls while the queue is busy allocate nothing, hold no movie, ask for one top-up in all.
 TEST(MovieThreadsTest, DevicePullsAskForOneTopUpWithoutAllocating) {
   const std::shared_ptr<VNFFMovie> movie = openMovie();
   const std::shared_ptr<VNOutputAudioGraph> graph = movie->audioOutputGraph();
