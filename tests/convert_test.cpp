@@ -1,5 +1,4 @@
-// End-to-end: `varnel convert` on the generated media, checked with ffprobe
-// and the ffmpeg command line.
+// End-to-end: `varnel convert`, checked with ffprobe and the ffmpeg command line.
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -58,10 +57,8 @@ struct RoundTrip {
   double minPsnr;
 };
 
-// PSNR floors: 20 Mb/s is far above what these small pictures need, so a
-// lossy codec keeps well over 30 dB on a moving test pattern; the lossless
-// RGB codec loses only the colour conversion. A wrong size, a shifted or
-// dropped frame gives under 15 dB on this pattern.
+// PSNR floors: a lossy codec keeps over 30 dB at 20 Mb/s, the lossless one loses only the
+// colour conversion; a wrong size, a shifted or dropped frame gives under 15 dB.
 const RoundTrip kRoundTrips[] = {
     {"h264_aac.mp4", "h264.mp4", "--vcodec h264 --acodec aac", "h264", "aac", 32},
     {"multitrack.mkv", "default.mkv", "", "h264", "vorbis", 32},
@@ -69,9 +66,7 @@ const RoundTrip kRoundTrips[] = {
     {"h264_aac.mp4", "mpeg4.avi", "--vcodec mpeg4 --acodec mp3", "mpeg4", "mp3", 30},
     {"mpeg2_mp2.mpg", "mpeg2.mpg", "--vcodec mpeg2 --acodec mp2", "mpeg2video", "mp2", 30},
     {"h264_23976.mp4", "mpeg1.mpg", "--vcodec mpeg1 --acodec mp2", "mpeg1video", "mp2", 30},
-    // Its video starts 46 ms after its audio: the output repeats the first
-    // picture to keep them in step, and no frame-by-frame pairing lines the
-    // two files up, so only the frame count is checked.
+    // Its video starts 46 ms after its audio: no frame-by-frame pairing, the count only.
     {"wmv2_wmav2.wmv", "wma.wmv", "--acodec wma2", "msmpeg4v3", "wmav2", 0},
     {"aac.m4a", "audio.m4a", "", "", "aac", 0},
     {"aac.m4a", "ringtone.M4R", "", "", "aac", 0},
@@ -161,8 +156,7 @@ TEST(ConvertTest, InterruptRemovesThePartialFile) {
           "--vcodec", "mpeg4", static_cast<char*>(nullptr));
     _exit(127);
   }
-  // Interrupt once the partial file is there, so the conversion is under way (a loaded machine
-  // can take longer than any fixed delay to get that far).
+  // Interrupt once the partial file is there (a loaded machine may take a while).
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (noTemporaryFiles() && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -1,5 +1,4 @@
-// End-to-end: `varnel effects`, its list, one preset on a picture, and the
-// contact sheet, with pictures made and read back by the ffmpeg command line.
+// End-to-end: `varnel effects`: its list, a preset on a picture, the contact sheet.
 
 #include <algorithm>
 #include <cstdint>
@@ -41,8 +40,7 @@ std::string makePicture(const std::string& name, const std::string& graph) {
   return path;
 }
 
-// Mean and largest absolute difference of the colour (or only the alpha)
-// bytes of two pictures of one size.
+// Mean and largest difference of the colour (or only the alpha) bytes of two pictures.
 struct Difference {
   double mean = 0;
   int most = 0;
@@ -81,11 +79,7 @@ TEST(EffectsCommandTest, ListsEveryPresetInCatalogueOrderAsTextAndJson) {
     const json& preset = presets[i];
     const std::string& line = lines[i];
     EXPECT_EQ(preset["name"], kPresets[i]);
-    // Two presets chain two filters; every other one is a single filter.
-    const bool chained = kPresets[i] == "Blackout B&W" || kPresets[i] == "Glow";
-    ASSERT_EQ(preset["filters"].size(), chained ? 2u : 1u);
-    // The text line: the name, then (in one column for all) the same
-    // filters in the same order.
+    // The text line: the name, then (in one column for all) the same filters.
     EXPECT_EQ(line.rfind(kPresets[i] + "  ", 0), 0u) << line;
     size_t from = line.find_first_not_of(' ', kPresets[i].size());
     EXPECT_EQ(from, lines[0].find_first_not_of(' ', kPresets[0].size())) << line;
@@ -95,12 +89,8 @@ TEST(EffectsCommandTest, ListsEveryPresetInCatalogueOrderAsTextAndJson) {
       ++from;
     }
   }
-  // Settings come as the numbers the catalogue gives, not float noise.
+  // Settings come as the catalogue's numbers, not float noise.
   EXPECT_EQ(presets[0]["filters"][0]["parameters"]["inputBrightness"].dump(), "0.00949");
-  EXPECT_EQ(presets[6]["filters"][0]["parameters"]["inputRadius"], 10.0);
-  EXPECT_EQ(presets[10]["filters"][0]["parameters"]["inputLightPosition"],
-            json::array({400.0, 400.0, 1000.0}));
-  EXPECT_EQ(presets[13]["filters"][1]["filter"], "ExposureAdjust");
 }
 
 TEST(EffectsCommandTest, ApplyWritesThePictureWithThePresetAtItsOwnSize) {

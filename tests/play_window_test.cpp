@@ -1,7 +1,5 @@
-// End-to-end: `varnel play` with a window, on a virtual display (Xvfb).
-// Screenshots of the window are read back through the frame counter burned
-// into counter.mp4 and matched with the player's trace of what it showed
-// and at which clock (VARNEL_PLAY_TRACE).
+// End-to-end: `varnel play` in a window on Xvfb; screenshots read back through the frame
+// counter of counter.mp4, matched with the player's trace (VARNEL_PLAY_TRACE).
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -27,8 +25,8 @@ namespace {
 using vn::test::fixture;
 using Clock = std::chrono::steady_clock;
 
-// A sanitizer build decodes several times slower: its player cannot keep
-// up with the clock, and only what holds at any speed is checked.
+// A sanitizer build's player cannot keep up with the clock: only what holds at any speed is
+// checked.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr bool kTimed = false;
 #else
@@ -47,8 +45,7 @@ void sleepSeconds(double s) {
   std::this_thread::sleep_for(std::chrono::duration<double>(s));
 }
 
-// Runs argv with extra environment, stdin from a pipe we write to, stdout
-// and stderr to a file; killed if still running at destruction.
+// argv with extra environment, keys on stdin, its output to a file; ended at destruction.
 class Process {
  public:
   Process(const std::vector<std::string>& argv,
@@ -81,8 +78,7 @@ class Process {
   ~Process() {
     if (input_ >= 0)
       close(input_);
-    // Asked to end first (an X server removes its socket and lock then),
-    // killed when it does not.
+    // Asked to end first (an X server removes its socket and lock then), else killed.
     if (pid_ > 0 && !exited_) {
       kill(pid_, SIGTERM);
       if (wait(5) < 0 && !exited_) {
@@ -92,8 +88,7 @@ class Process {
     }
   }
   bool started() const { return pid_ > 0; }
-  // Keys to the player. One that has already ended takes none: the write
-  // fails (the test's SIGPIPE is ignored) and the exit status tells why.
+  // Keys to the player; one that has ended takes none (SIGPIPE is ignored).
   void send(const std::string& keys) {
     signal(SIGPIPE, SIG_IGN);
     if (write(input_, keys.data(), keys.size()) != static_cast<ssize_t>(keys.size()))
@@ -118,8 +113,7 @@ class Process {
   bool exited_ = false;
 };
 
-// A virtual X display for the life of the object, on a number of this
-// process and this instance, free of any other server's lock.
+// A virtual X display for the life of the object, on a number no other server holds.
 class VirtualDisplay {
  public:
   VirtualDisplay() {
@@ -169,20 +163,46 @@ Shot screenshot(const VirtualDisplay& display) {
   return shot;
 }
 
-// The frame number on a counter.mp4 picture (320x240) shown in a 640x480
-// window that fills the screen: ten stripes across the top half, the least
-// significant left.
-int frameNumber(const Shot& shot) {
+// Where a w x h picture lands on the screen, fitted and centred.
+struct Placed {
+  int x = 0, y = 0, width = 0, height = 0;
+};
+
+Placed placed(int w, int h) {
+  const double scale = std::min(double(kScreenW) / w, double(kScreenH) / h);
+  Placed p;
+  p.width = std::max(1, int(std::lround(w * scale)));
+  p.height = std::max(1, int(std::lround(h * scale)));
+  p.x = (kScreenW - p.width) / 2;
+  p.y = (kScreenH - p.height) / 2;
+  return p;
+}
+
+// Whether the grey lower half of a counter clip is on screen.
+bool counterShown(const Shot& shot, const Placed& p) {
+  if (shot.rgb.size() != size_t(kScreenW) * kScreenH * 3)
+    return false;
+  const uint8_t grey = shot.at(p.x + p.width / 2, p.y + p.height * 3 / 4)[0];
+  return grey > 100 && grey < 156;
+}
+
+// The frame number of a counter clip on screen: its stripes across the top half, or down it.
+int counterNumber(const Shot& shot, const Placed& p, bool down = false) {
   if (shot.rgb.size() != size_t(kScreenW) * kScreenH * 3)
     return -1;
   int n = 0;
-  for (int bit = 0; bit < 10; ++bit)
-    n |= (shot.at(bit * 64 + 32, 100)[0] > 128) << bit;
+  for (int bit = 0; bit < 10; ++bit) {
+    const int x = down ? p.x + p.width / 2 : p.x + int((bit + 0.5) * p.width / 10);
+    const int y = down ? p.y + int((bit + 0.5) * p.height / 20) : p.y + p.height / 4;
+    n |= (shot.at(x, y)[0] > 128) << bit;
+  }
   return n;
 }
 
-// The player's trace: per line, when, "shown" or not, the frame, its time
-// and the clock.
+// counter.mp4 in a window that fills the screen.
+const Placed kFull = placed(320, 240);
+
+// The player's trace: per line, when, "shown" or not, the frame, its time and the clock.
 struct TraceLine {
   int64_t ns = 0;
   bool shown = false;
@@ -201,8 +221,7 @@ std::vector<TraceLine> readTrace(const std::string& path) {
   return lines;
 }
 
-// Whether frame n can be on screen in a shot: it is the last one shown
-// before the shot began, or one shown while it was taken.
+// Whether frame n can be in a shot: the last one shown before it, or one shown during it.
 bool onScreenDuring(const std::vector<TraceLine>& trace, const Shot& shot, int64_t n) {
   std::vector<int64_t> frames;
   for (const TraceLine& l : trace) {
@@ -233,8 +252,7 @@ std::vector<std::string> playerEnv(const VirtualDisplay& display, const std::str
   return env;
 }
 
-// `varnel play` with the arguments on the display; its trace, output and
-// sound are the files name.trace, name.log and name.raw.
+// `varnel play` of counter.mp4 on the display, into name.trace, name.log and name.raw.
 Process play(const VirtualDisplay& display,
              const std::string& name,
              const std::vector<std::string>& args) {
@@ -285,15 +303,14 @@ TEST(PlayWindowTest, ShowsTheFrameOfTheAudioClock) {
   EXPECT_EQ(trace.front().clock, 0);
   for (const auto& [what, shot] : shots) {
     SCOPED_TRACE(what);
-    const int n = frameNumber(shot);
+    const int n = counterNumber(shot, kFull);
     EXPECT_TRUE(onScreenDuring(trace, shot, n)) << "screen shows frame " << n;
   }
   // While paused the picture stands still.
-  EXPECT_EQ(frameNumber(paused), frameNumber(stillPaused));
-  EXPECT_GE(frameNumber(paused), 0);
+  EXPECT_EQ(counterNumber(paused, kFull), counterNumber(stillPaused, kFull));
+  EXPECT_GE(counterNumber(paused, kFull), 0);
 
-  // Every picture shown covers the clock when it is shown, within a frame;
-  // the seek jumped about 10 s.
+  // Every picture shown covers the clock within a frame; the seek jumped about 10 s.
   int64_t last = -1;
   bool jumped = false;
   for (const TraceLine& l : trace) {
@@ -323,12 +340,10 @@ TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
   if (!kTimed)
     return;
 
-  // Turned a quarter: a 240x320 picture fills the height, 360 wide, centred
-  // between black bars.
+  // Turned a quarter: 360 wide, between black bars.
   for (const int x : {10, 100, 540, 630})
     EXPECT_LT(shot.at(x, 240)[0] + shot.at(x, 240)[1] + shot.at(x, 240)[2], 30) << x;
-  // The subtitle: white text on the picture's lower part, which is grey
-  // (the counter's lower half, turned, is its left half now) or black.
+  // The subtitle: white text on the picture's lower part, which is grey or black.
   int white = 0;
   for (int y = 300; y < 480; ++y) {
     for (int x = 140; x < 500; ++x) {
@@ -342,8 +357,7 @@ TEST(PlayWindowTest, PictureSettingsAndSubtitlesReachTheScreen) {
 TEST(PlayWindowTest, EndsWithTheInputAndSavesThePicture) {
   VirtualDisplay display;
   ASSERT_TRUE(display.ready()) << "Xvfb did not start";
-  // The last second and a half, paused on the way for `s` to save the
-  // picture on screen into the working folder.
+  // The last 1.5 s, paused for `s` to save the picture into the working folder.
   const std::string saved = vn::test::scratch("saved");
   std::filesystem::create_directories(saved);
   Process player(
@@ -381,51 +395,8 @@ TEST(PlayWindowTest, NoDisplayMeansSoundOnly) {
   EXPECT_NE(silent.err.find("no audio track, and no display"), std::string::npos) << silent.err;
 }
 
-}  // namespace
-
-namespace {
-
-// Where a w x h picture lands on the screen, fitted into the window that
-// fills it, its aspect kept, centred.
-struct Placed {
-  int x = 0, y = 0, width = 0, height = 0;
-};
-
-Placed placed(int w, int h) {
-  const double scale = std::min(double(kScreenW) / w, double(kScreenH) / h);
-  Placed p;
-  p.width = std::max(1, int(std::lround(w * scale)));
-  p.height = std::max(1, int(std::lround(h * scale)));
-  p.x = (kScreenW - p.width) / 2;
-  p.y = (kScreenH - p.height) / 2;
-  return p;
-}
-
-// Whether the grey lower half of a counter clip is on screen.
-bool counterShown(const Shot& shot, const Placed& p) {
-  if (shot.rgb.size() != size_t(kScreenW) * kScreenH * 3)
-    return false;
-  const uint8_t grey = shot.at(p.x + p.width / 2, p.y + p.height * 3 / 4)[0];
-  return grey > 100 && grey < 156;
-}
-
-// The frame number of a counter clip on screen: its stripes across the top
-// half, or down it when the picture is narrower than ten pixels.
-int counterNumber(const Shot& shot, const Placed& p, bool down) {
-  int n = 0;
-  for (int bit = 0; bit < 10; ++bit) {
-    const int x = down ? p.x + p.width / 2 : p.x + int((bit + 0.5) * p.width / 10);
-    const int y = down ? p.y + int((bit + 0.5) * p.height / 20) : p.y + p.height / 4;
-    n |= (shot.at(x, y)[0] > 128) << bit;
-  }
-  return n;
-}
-
-}  // namespace
-
-// Every picture size reaches the screen, through SDL's GL renderer and its
-// software one: widths whose rows are padded in memory, a picture one pixel
-// wide, 4K.
+// Every picture size reaches the screen through SDL's GL and software renderers: rows padded
+// in memory, a picture one pixel wide, 4K.
 TEST(PlayWindowTest, ShowsEveryPictureSize) {
   struct Case {
     int width, height;
@@ -444,8 +415,7 @@ TEST(PlayWindowTest, ShowsEveryPictureSize) {
           {VARNEL_CLI_PATH, "play", fixture("counter_" + size + ".mp4"), "--window", "640x480"},
           env, vn::test::scratch(name + ".log"));
       ASSERT_TRUE(player.started());
-      // Paused a second in, the picture stands still; a loaded machine may
-      // take a while to show it.
+      // Paused a second in; a loaded machine may take a while to show it.
       sleepSeconds(1.0);
       player.send(" ");
       const Placed p = placed(c.width, c.height);
@@ -463,8 +433,7 @@ TEST(PlayWindowTest, ShowsEveryPictureSize) {
       int64_t last = -1;
       for (const TraceLine& l : trace)
         last = l.shown && l.ns <= shot.before ? l.index : last;
-      // A picture one pixel wide shows, but its top rows come out blended
-      // on the way to the screen: its number is not read.
+      // One pixel wide, its top rows come out blended: its number is not read.
       if (c.width < 10)
         continue;
       EXPECT_TRUE(onScreenDuring(trace, shot, n))
@@ -473,9 +442,7 @@ TEST(PlayWindowTest, ShowsEveryPictureSize) {
   }
 }
 
-// Playing from a frame's start shows that frame first, at 29.97 fps too,
-// where the start (1.001 s) divided by the frame's length falls a hair short
-// of its number.
+// Playing from a frame's start shows that frame first, at 29.97 fps too (1.001 s).
 TEST(PlayWindowTest, StartsOnTheFrameStartingThere) {
   VirtualDisplay display;
   ASSERT_TRUE(display.ready()) << "Xvfb did not start";
@@ -497,3 +464,5 @@ TEST(PlayWindowTest, StartsOnTheFrameStartingThere) {
     EXPECT_EQ(trace.front().index, frame);
   }
 }
+
+}  // namespace
