@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs what is missing, checks the layout and the formatting, builds with
-# warnings as errors and runs every test; then the same tests under AddressSanitizer+UndefinedBehaviorSanitizer,
-# the cross-thread tests under ThreadSanitizer, and a minute of fuzzing per
-# target (scripts/fuzz.sh; see there which).
+# warnings as errors, checks that the library installs and links and that the
+# demo runs; then runs every test under AddressSanitizer+UndefinedBehaviorSanitizer,
+# the cross-thread tests under ThreadSanitizer, and half a minute of fuzzing
+# per target (scripts/fuzz.sh; see there which).
 #
 #   scripts/test.sh            everything
-#   scripts/test.sh --quick    the plain build and its tests only
+#   scripts/test.sh --quick    the plain build and every test in it, nothing else
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -49,19 +50,31 @@ bash scripts/check_layout.sh
 git ls-files -z '*.cpp' '*.h' '*.c' | xargs -0 clang-format --dry-run -Werror
 echo "layout and formatting: clean"
 
-stage "build (warnings as errors)"
-configure_and_build build
-stage "tests"
-run_tests build
-# The recordings' lengths, levels and gaps hold only when the device is fed
-# in time, which a shared machine cannot promise: they are reported here and
-# do not fail the run.
-stage "real-time playback checks (reported, not gating)"
-VARNEL_REALTIME_TESTS=1 ctest --test-dir build --output-on-failure --repeat until-pass:2 \
-  -R "make_fixtures|PlayCommandTest|MoviePlaybackTest|PlaybackDeviceTest" ||
-  echo "== real-time playback checks: a recording was starved on this machine (see above)"
+if [ $quick = 1 ]; then
+  stage "build (warnings as errors)"
+  configure_and_build build -DVARNEL_BUILD_TESTS=ON -DVARNEL_DCHECK=ON
+  stage "tests"
+  run_tests build
+  # The recordings' lengths, levels and gaps hold only when the device is fed
+  # in time, which a shared machine cannot promise: they are reported here and
+  # do not fail the run.
+  stage "real-time playback checks (reported, not gating)"
+  VARNEL_REALTIME_TESTS=1 ctest --test-dir build --output-on-failure --repeat until-pass:2 \
+    -R "make_fixtures|PlayCommandTest|MoviePlaybackTest|PlaybackDeviceTest" ||
+    echo "== real-time playback checks: a recording was starved on this machine (see above)"
+  exit 0
+fi
 
-[ $quick = 1 ] && exit 0
+# The whole run tests everything once, in the AddressSanitizer build below;
+# the plain build makes what a user installs (library, program, benchmarks)
+# and checks that it installs, links into an application and runs the demo.
+stage "build (warnings as errors): library, program, benchmarks"
+configure_and_build build -DVARNEL_BUILD_TESTS=OFF -DVARNEL_DCHECK=OFF
+stage "the installed library links; the demo runs"
+bash tests/fixtures/make_fixtures.sh "$fixtures"
+bash tests/link/check_install.sh build build/link-check "$fixtures"
+bash scripts/demo.sh >build/demo.log || { cat build/demo.log; exit 1; }
+echo "demo: ran (build/demo.log)"
 
 supp="$root/tests/sanitizers"
 # The sanitizer builds keep line tables only: their reports still name file
@@ -90,10 +103,10 @@ ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R "make_fixtures|$ts
 ctest --test-dir build-tsan --output-on-failure --repeat until-pass:2 \
   -R "make_fixtures|MoviePlaybackTest|PlaybackDeviceTest|PlayWindowTest" -E ShowsEveryPictureSize
 
-# A minute of each fuzz target, after the regression inputs, so that the
+# Half a minute of each fuzz target, after the regression inputs, so that the
 # targets keep building and the library keeps holding up on broken input.
-stage "fuzz targets (a minute each)"
+stage "fuzz targets (half a minute each)"
 # A fixed seed: the stage tries the same inputs on every run, so it fails
 # only on a fault that is really there, not on the luck of one run.
-VARNEL_FUZZ_SEED=1 bash scripts/fuzz.sh 60
+VARNEL_FUZZ_SEED=1 bash scripts/fuzz.sh 30
 stage "done"
