@@ -72,7 +72,7 @@ stage "build (warnings as errors): library, program, benchmarks"
 configure_and_build build -DVARNEL_BUILD_TESTS=OFF -DVARNEL_DCHECK=OFF
 stage "the installed library links; the demo runs"
 bash tests/fixtures/make_fixtures.sh "$fixtures"
-bash tests/link/check_install.sh build build/link-check "$fixtures"
+bash tests/link/check_install.sh "$root/build" "$root/build/link-check" "$fixtures"
 bash scripts/demo.sh >build/demo.log || { cat build/demo.log; exit 1; }
 echo "demo: ran (build/demo.log)"
 
