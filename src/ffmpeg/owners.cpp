@@ -26,6 +26,9 @@ void CodecContextDeleter::operator()(AVCodecContext* p) const {
 void FrameDeleter::operator()(AVFrame* p) const {
   av_frame_free(&p);
 }
+void DictionaryDeleter::operator()(AVDictionary* p) const {
+  av_dict_free(&p);
+}
 void PacketDeleter::operator()(AVPacket* p) const {
   av_packet_free(&p);
 }

@@ -6,6 +6,7 @@
 #include <memory>
 
 struct AVCodecContext;
+struct AVDictionary;
 struct AVFilterGraph;
 struct AVFormatContext;
 struct AVFrame;
@@ -47,6 +48,9 @@ struct SubtitleDeleter {
 struct AvFreeDeleter {
   void operator()(void* p) const;
 };  // av_free
+struct DictionaryDeleter {
+  void operator()(AVDictionary* p) const;
+};  // av_dict_free
 struct IOContextDeleter {
   void operator()(AVIOContext* p) const;
 };  // av_freep(buffer) + avio_context_free
@@ -61,6 +65,7 @@ using Swr = std::unique_ptr<SwrContext, SwrDeleter>;
 using Sws = std::unique_ptr<SwsContext, SwsDeleter>;
 using Subtitle = std::unique_ptr<AVSubtitle, SubtitleDeleter>;
 using IOContext = std::unique_ptr<AVIOContext, IOContextDeleter>;
+using Dictionary = std::unique_ptr<AVDictionary, DictionaryDeleter>;
 template <typename T>
 using AvBuffer = std::unique_ptr<T, AvFreeDeleter>;
 

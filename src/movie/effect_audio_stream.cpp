@@ -159,7 +159,8 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
                          nullptr, graph);
 
   char text[256];
-  std::snprintf(text, sizeof text, "%d", n);
+  // "amix" gives each of n inputs 1/n: undone unless the tracks are averaged.
+  std::snprintf(text, sizeof text, "%d", averagesTracks_.load() ? 1 : n);
   AVFilterContext* volumeFix = nullptr;
   f->graph_create_filter(&volumeFix, f->get_by_name("volume"), "volumeFix", text, nullptr, graph);
   if (volumeFix && buffersink_)

@@ -47,6 +47,11 @@ class VNFFEffectAudioStream {
   void setInputStreams(const std::vector<std::shared_ptr<VNFFMedia>>& medias);
   std::vector<std::shared_ptr<VNFFMedia>> inputs();
 
+  // How the tracks add up: summed (the default; two loud tracks can go past
+  // full scale) or averaged (each at 1/n, never past full scale). Takes
+  // effect when the graph is next built.
+  void setAveragesTracks(bool value) { averagesTracks_.store(value); }
+
   // The user volume factor (1.0 is unchanged).
   void setVolume(double volume);
   double volume();
@@ -102,4 +107,5 @@ class VNFFEffectAudioStream {
 
   std::atomic<double> volume_{1.0};
   std::atomic<bool> volumeChanged_{false};
+  std::atomic<bool> averagesTracks_{false};
 };

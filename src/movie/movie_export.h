@@ -10,6 +10,13 @@
 // output and renamed when it is complete: a failed or cancelled export
 // leaves nothing behind.
 //
+// By default the file holds the movie's video and its mix, as above. The
+// job can keep more of the input instead: each enabled audio track as a
+// stream of its own, the input's subtitle tracks as subtitle streams, its
+// tags, chapters and colour description, and packets copied as they are
+// (a stream copy) in place of encoded video or audio. What it keeps this
+// way is read on a demuxer of its own over a copy of the input's source.
+//
 // Threads: run() works on the calling thread (the application's), with the
 // movie's decode queue composing the next picture meanwhile; the progress
 // callback is called on that thread. cancel() may be called from any
@@ -31,11 +38,13 @@
 #include <string>
 #include <vector>
 
+#include "media/index_set.h"
 #include "output/output_format.h"
 
 class VNFFMedia;
 class VNFFMovie;
 class VNFFMovieFileOutput;
+class VNFFExportPackets;
 
 class VNFFMovieExport {
  public:
@@ -59,12 +68,21 @@ class VNFFMovieExport {
   };
   using ProgressCallback = std::function<void(const Progress& progress)>;
 
+  // How the enabled audio tracks are written.
+  enum AudioLayout {
+    kMixedAudio,     // one stream: the movie's mix (the default)
+    kSeparateAudio,  // a stream per track, in track order, with its tags
+  };
+
   struct Result {
     enum Status { kDone, kFailed, kCancelled };
     Status status = kDone;
     // Why it failed, one line for a user ("Permission denied", "the mp4
     // container cannot hold wmav2"...); empty when done.
     std::string reason;
+    // What a user should know of a finished file, a line each: a track the
+    // container could not hold, a copied video starting early.
+    std::vector<std::string> notes;
     explicit operator bool() const { return status == kDone; }
   };
 
@@ -86,6 +104,32 @@ class VNFFMovieExport {
   void setDuration(std::optional<int64_t> duration) { duration_ = duration; }
   // kComposed by default.
   void setPictures(Pictures pictures) { pictures_ = pictures; }
+  // ---- what the file keeps (set before run) --------------------------------
+  // The movie's video, and its audio, written or left out (both written by
+  // default; a movie without one writes none).
+  void setWritesVideo(bool value) { writesVideo_ = value; }
+  void setWritesAudio(bool value) { writesAudio_ = value; }
+  void setAudioLayout(AudioLayout layout) { audioLayout_ = layout; }
+  // The input's subtitle tracks (numbered as the movie's subtitle names)
+  // written as subtitle streams: copied when the container holds their
+  // codec, text encoded again in the container's text codec when it holds
+  // another, otherwise left out with a note. None by default; null: all.
+  void setSubtitleTracks(std::optional<VNIndexSet> tracks) { subtitleTracks_ = std::move(tracks); }
+  // The video's packets (each enabled audio track's) copied instead of
+  // decoded and encoded again. A copied video starts at the keyframe at or
+  // before the start. Not for DVD titles.
+  void setCopiesVideo(bool value) { copiesVideo_ = value; }
+  void setCopiesAudio(bool value) { copiesAudio_ = value; }
+  // The input's tags and chapters (shifted to the span, those outside it
+  // left out), and the video's and copied streams' tags and dispositions.
+  // (Separate audio tracks and subtitle streams always keep theirs.) Off by
+  // default.
+  void setKeepsMetadata(bool value) { keepsMetadata_ = value; }
+  // The video's colour description (primaries, transfer, matrix, range)
+  // written as the input's, its matrix then the one the pictures are
+  // converted with. Off by default: BT.601.
+  void setKeepsColors(bool value) { keepsColors_ = value; }
+
   // Called after at most every intervalMs milliseconds of work (0: after
   // every frame; without video, after every second of audio), with the
   // first frame, and once more with fraction 1 when everything is written.
@@ -103,14 +147,34 @@ class VNFFMovieExport {
   const VNFFMovieFileOutputFormat& format() const { return format_; }
 
  private:
+  // One stream of PCM: a movie's mix, on the writer's own audio stream
+  // (stream -1) or on one of its own.
+  struct AudioOutput {
+    std::shared_ptr<VNFFMovie> movie;
+    int stream = -1;
+  };
+
   void fillFormatFromMovie();
-  // Opens the writer at temp; false with a reason.
+  // Opens the writer at temp with every stream; false with a reason.
   bool openWriter(const std::string& temp, std::string* reason);
+  bool openVideoStream(std::string* reason);
+  bool openAudioStreams(std::string* reason);
+  void openSubtitleStreams();
+  void copyMetadata();
+  // A movie reading only audio track `track` of this one's audio medias.
+  std::shared_ptr<VNFFMovie> trackMovie(uint32_t track) const;
+  // The container index of audio (subtitle) track `track` of the input.
+  std::optional<int> inputStreamOfTrack(int mediaType, uint32_t track) const;
+  // The file's clock at the start of the span.
+  int64_t fileStart() const;
   void prepareMovie();
   void writeVideo();
   void writeDecodedFrame(int64_t n);
   void writeAudioUntil(int64_t frames);
-  void writeAudioToEnd();
+  // Everything up to `seconds` into the span without video frames: audio
+  // and packets, for a file whose video is copied or absent.
+  void writeToEnd();
+  void writePacketsUntil(double seconds);
   Result finish(const std::string& temp);
   int64_t frameTime(int64_t n) const;
   // Calls the progress callback, at most every interval_ unless forced.
@@ -122,6 +186,14 @@ class VNFFMovieExport {
   int64_t start_ = 0;
   std::optional<int64_t> duration_;
   Pictures pictures_ = kComposed;
+  bool writesVideo_ = true;
+  bool writesAudio_ = true;
+  AudioLayout audioLayout_ = kMixedAudio;
+  std::optional<VNIndexSet> subtitleTracks_ = VNIndexSet{};
+  bool copiesVideo_ = false;
+  bool copiesAudio_ = false;
+  bool keepsMetadata_ = false;
+  bool keepsColors_ = false;
   ProgressCallback progress_;
   std::chrono::milliseconds interval_{0};
   std::atomic<bool> cancelled_{false};
@@ -129,14 +201,18 @@ class VNFFMovieExport {
 
   // During run().
   std::shared_ptr<VNFFMovieFileOutput> writer_;
-  std::shared_ptr<VNFFMedia> video_;  // the movie's video media
-  double span_ = 0;                   // seconds to write
-  double frameSeconds_ = 0;           // length of one output frame
-  int64_t videoTotal_ = 0;            // output frames to write
-  int64_t videoFrames_ = 0;           // written
-  int64_t audioTotal_ = 0;            // sample frames to write
-  int64_t audioFrames_ = 0;           // written
-  std::vector<float> audio_;          // one chunk of mixed audio
+  std::shared_ptr<VNFFMedia> video_;            // the movie's video media, when written
+  std::vector<AudioOutput> audioOutputs_;       // decoded audio, a movie per stream
+  std::unique_ptr<VNFFExportPackets> packets_;  // copied and subtitle packets
+  bool packetsEnded_ = false;
+  std::vector<std::string> notes_;
+  double span_ = 0;           // seconds to write
+  double frameSeconds_ = 0;   // length of one output frame
+  int64_t videoTotal_ = 0;    // output frames to write
+  int64_t videoFrames_ = 0;   // written
+  int64_t audioTotal_ = 0;    // sample frames to write
+  int64_t audioFrames_ = 0;   // written
+  std::vector<float> audio_;  // one chunk of mixed audio
   std::chrono::steady_clock::time_point began_;
   std::chrono::steady_clock::time_point reported_;
   double reportedSeconds_ = 0;

@@ -102,6 +102,18 @@ void VNFFImageColorspaceConverter::scale(const uint8_t* const planes[],
     vn::logFailure("sws_getCachedContext", "no scaler for this conversion");
     return;
   }
+  if (matrix_ != 0) {
+    // Both sides in the one matrix, keeping the ranges swscale chose.
+    int* inverse = nullptr;
+    int* table = nullptr;
+    int srcRange = 0, dstRange = 0, brightness = 0, contrast = 0, saturation = 0;
+    if (sws_getColorspaceDetails(scaler, &inverse, &srcRange, &table, &dstRange, &brightness,
+                                 &contrast, &saturation) >= 0) {
+      const int* coefficients = sws_getCoefficients(matrix_);
+      sws_setColorspaceDetails(scaler, coefficients, srcRange, coefficients, dstRange, brightness,
+                               contrast, saturation);
+    }
+  }
   if (const int rows = sws_scale(scaler, planes, linesizes, 0, height, out->data, out->linesize);
       rows < 0) {
     vn::logFailure("sws_scale", rows);

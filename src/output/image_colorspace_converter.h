@@ -51,6 +51,10 @@ class VNFFImageColorspaceConverter
   VNFFVideoFormat outputFormat() const;
   void setOutputFormat(VNFFVideoFormat format);
 
+  // The YUV matrix (an AVColorSpace) pictures are read and written with;
+  // 0, the default, leaves swscale's own (BT.601).
+  void setColorspace(int matrix) { matrix_ = matrix; }
+
   // The output picture (data, linesize, width, height, format); its first
   // plane is null while the converter is empty. Borrowed: valid while the
   // converter lives, overwritten by every conversion.
@@ -123,4 +127,5 @@ class VNFFImageColorspaceConverter
   vn::ff::AvBuffer<uint8_t> buffer_;              // the output pixels, one allocation
   std::shared_ptr<vn::BitmapContext> cgcontext_;  // own drawing context, made lazily
   vn::ff::Sws swscontext_;                        // cached scaler
+  int matrix_ = 0;                                // YUV matrix; 0: swscale's default
 };

@@ -95,3 +95,48 @@ void VNFFMovieFileOutput::drawImage(const vn::FilterImage& image, vn::BitmapCont
 std::string VNFFMovieFileOutput::failureReason() const {
   return internal_->failureReason();
 }
+
+int VNFFMovieFileOutput::openAudioStream() {
+  return internal_->openAudioStream();
+}
+
+void VNFFMovieFileOutput::writeAudioData(int stream, const void* bytes, uint64_t length) {
+  internal_->writeAudioData(stream, bytes, length);
+}
+
+int VNFFMovieFileOutput::openCopiedStream(const AVCodecParameters* parameters) {
+  return internal_->openCopiedStream(parameters);
+}
+
+int VNFFMovieFileOutput::openSubtitleStream(int32_t codecId,
+                                            const uint8_t* header,
+                                            int headerSize) {
+  return internal_->openSubtitleStream(codecId, header, headerSize);
+}
+
+void VNFFMovieFileOutput::writePacket(int stream, AVPacket* packet) {
+  internal_->writePacket(stream, packet);
+}
+
+void VNFFMovieFileOutput::writeSubtitle(int stream,
+                                        const AVSubtitle& subtitle,
+                                        int64_t start,
+                                        int64_t duration) {
+  internal_->writeSubtitle(stream, subtitle, start, duration);
+}
+
+void VNFFMovieFileOutput::setMetadata(const AVDictionary* tags) {
+  internal_->setMetadata(tags);
+}
+
+void VNFFMovieFileOutput::addChapter(int64_t start, int64_t end, const AVDictionary* tags) {
+  internal_->addChapter(start, end, tags);
+}
+
+void VNFFMovieFileOutput::setStreamTags(int stream, const AVDictionary* tags, int disposition) {
+  internal_->setStreamTags(stream, tags, disposition);
+}
+
+void VNFFMovieFileOutput::setColorProperties(VNFFColorProperties colors) {
+  internal_->setColorProperties(colors);
+}

@@ -28,7 +28,11 @@ class FilterImage;
 }  // namespace vn
 
 class VNFFMovieFileOutputInternal;
+struct AVCodecParameters;
+struct AVDictionary;
 struct AVFrame;
+struct AVPacket;
+struct AVSubtitle;
 
 class VNFFMovieFileOutput {
  public:
@@ -101,6 +105,32 @@ class VNFFMovieFileOutput {
   // context held, a filter image (its extent) is laid over it.
   void drawImage(const vn::BitmapImage& image, vn::BitmapContext& context);
   void drawImage(const vn::FilterImage& image, vn::BitmapContext& context);
+
+  // ---- a file that keeps several tracks -----------------------------------
+  // More streams, opened before startOutput; each returns the stream's
+  // container index, or -1 (failureReason tells why).
+  // An audio stream of its own (configured as openAudio's, with its own
+  // converter and clock), fed only by writeAudioData(stream, ...).
+  int openAudioStream();
+  void writeAudioData(int stream, const void* bytes, uint64_t length);
+  // A stream taking packets coded elsewhere as they are; -1 when the
+  // container cannot hold the codec.
+  int openCopiedStream(const AVCodecParameters* parameters);
+  // A subtitle stream encoding codecId from decoded text subtitles, given
+  // their decoder's style header (may be null).
+  int openSubtitleStream(int32_t codecId, const uint8_t* header, int headerSize);
+  // A packet for a copied stream, times in its time_base; its data is taken.
+  void writePacket(int stream, AVPacket* packet);
+  // A decoded subtitle shown from start for duration, microseconds.
+  void writeSubtitle(int stream, const AVSubtitle& subtitle, int64_t start, int64_t duration);
+  // Tags of the file, its chapters (microseconds), a stream's tags and
+  // disposition (AV_DISPOSITION_* flags): set before startOutput.
+  void setMetadata(const AVDictionary* tags);
+  void addChapter(int64_t start, int64_t end, const AVDictionary* tags);
+  void setStreamTags(int stream, const AVDictionary* tags, int disposition);
+  // The video's colour tags, its matrix also the one pictures are converted
+  // with; before openVideo. Default: BT.601 tags and conversion.
+  void setColorProperties(VNFFColorProperties colors);
 
   // Why the last failure happened, as one line for a user ("unknown
   // container for extension .xyz", "Permission denied", "the mp4 container

@@ -268,15 +268,24 @@ void VNFFMovieFileOutputInternal::configureVideo(AVCodecContext* c, const AVCode
   }
 }
 
-void VNFFMovieFileOutputInternal::tagColours(AVCodecContext* c) {
-  // The colour-space converter writes YUV with swscale's default BT.601
-  // matrix, limited range unless the format is a full-range ("J") one.
-  // Saying so keeps players from assuming BT.709 for HD sizes.
+void VNFFMovieFileOutputInternal::tagColours(AVCodecContext* c) const {
   const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(c->pix_fmt);
   if (!descriptor || (descriptor->flags & AV_PIX_FMT_FLAG_RGB) || descriptor->nb_components < 3)
     return;
+  const bool fullRange = std::string_view(descriptor->name).starts_with("yuvj");
+  if (colors_.matrix != AVCOL_SPC_UNSPECIFIED) {
+    // The converter writes this matrix: say so, with the rest as given.
+    c->colorspace = static_cast<AVColorSpace>(colors_.matrix);
+    c->color_primaries = static_cast<AVColorPrimaries>(colors_.primaries);
+    c->color_trc = static_cast<AVColorTransferCharacteristic>(colors_.transfer);
+    c->color_range = fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+    return;
+  }
+  // The colour-space converter writes YUV with swscale's default BT.601
+  // matrix, limited range unless the format is a full-range ("J") one.
+  // Saying so keeps players from assuming BT.709 for HD sizes.
   c->colorspace = AVCOL_SPC_SMPTE170M;
-  if (!std::string_view(descriptor->name).starts_with("yuvj"))
+  if (!fullRange)
     c->color_range = AVCOL_RANGE_MPEG;
 }
 
@@ -297,8 +306,15 @@ bool VNFFMovieFileOutputInternal::startOutput() {
   }
   if (audioStream_)
     audioConverter_->convertFrom(audioInputFormat(), outputAudioFormat());
-  if (videoStream_)
+  for (AudioTrack& track : audioTracks_) {
+    const AVCodecContext* c = codecOf(track.stream);
+    track.converter->convertFrom(audioInputFormat(),
+                                 {c->sample_fmt, vn::channelMask(c->ch_layout), c->sample_rate});
+  }
+  if (videoStream_) {
     videoConverter_->setOutputFormat(outputVideoFormat());
+    videoConverter_->setColorspace(colors_.matrix);
+  }
   AVFormatContext* context = formatContext_.get();
   if (context->oformat->flags & AVFMT_NOFILE) {
     fail(std::string("the ") + context->oformat->name + " container writes no file of its own");
@@ -341,6 +357,10 @@ void VNFFMovieFileOutputInternal::stopOutput() {
     // it empty.
     for (int i = 0; i < kMaxPacketsPerCall && writeFrame(nullptr, audioStream_); ++i) {
     }
+    for (const AudioTrack& track : audioTracks_) {
+      for (int i = 0; i < kMaxPacketsPerCall && writeFrame(nullptr, track.stream); ++i) {
+      }
+    }
     for (int i = 0; i < kMaxPacketsPerCall && writeFrame(nullptr, videoStream_); ++i) {
     }
     av_interleaved_write_frame(formatContext_.get(), nullptr);
@@ -349,6 +369,7 @@ void VNFFMovieFileOutputInternal::stopOutput() {
   freeEncoders();
   videoStream_ = nullptr;
   audioStream_ = nullptr;
+  audioTracks_.clear();
   encoders_.clear();
   formatContext_.reset();
   headerWritten_ = false;
@@ -363,13 +384,28 @@ void VNFFMovieFileOutputInternal::freeEncoders() {
 }
 
 void VNFFMovieFileOutputInternal::writeAudioData(const void* bytes, uint64_t length) {
-  audioConverter_->writeData(bytes, length);
-  const AVCodecContext* c = codecOf(audioStream_);
+  encodeAudio(audioStream_, *audioConverter_, audio_pts_, bytes, length);
+}
+
+void VNFFMovieFileOutputInternal::writeAudioData(int stream, const void* bytes, uint64_t length) {
+  for (AudioTrack& track : audioTracks_) {
+    if (track.stream->index == stream)
+      encodeAudio(track.stream, *track.converter, track.pts, bytes, length);
+  }
+}
+
+void VNFFMovieFileOutputInternal::encodeAudio(AVStream* stream,
+                                              VNFFMpegAudioConverter& converter,
+                                              int64_t& pts,
+                                              const void* bytes,
+                                              uint64_t length) {
+  converter.writeData(bytes, length);
+  const AVCodecContext* c = codecOf(stream);
   if (!c)
     return;
   AVFrame* frame = audioFrame_.get();
   const int samples = c->frame_size > 0 ? c->frame_size : kDefaultAudioFrameSize;
-  const VNFFAudioFormat out = audioConverter_->outFormat();
+  const VNFFAudioFormat out = converter.outFormat();
   const int size =
       av_samples_get_buffer_size(nullptr, vn_get_channel_layout_nb_channels(out.channel_layout),
                                  samples, static_cast<AVSampleFormat>(out.sample_fmt), 1);
@@ -391,20 +427,25 @@ void VNFFMovieFileOutputInternal::writeAudioData(const void* bytes, uint64_t len
     av_frame_unref(frame);
     return;
   }
-  while (readAudioFrameFromBuffer(frame)) {
-    frame->pts = audio_pts_;
-    audio_pts_ += frame->nb_samples;
-    writeFrame(frame, audioStream_);
+  while (readAudioFrameFromBuffer(converter, frame)) {
+    frame->pts = pts;
+    pts += frame->nb_samples;
+    writeFrame(frame, stream);
   }
   av_frame_unref(frame);
 }
 
 bool VNFFMovieFileOutputInternal::readAudioFrameFromBuffer(AVFrame* frame) {
+  return readAudioFrameFromBuffer(*audioConverter_, frame);
+}
+
+bool VNFFMovieFileOutputInternal::readAudioFrameFromBuffer(VNFFMpegAudioConverter& converter,
+                                                           AVFrame* frame) {
   if (!frame || frame->nb_samples <= 0)
     return false;
-  if (audioConverter_->outputBufferFrames() < kAudioReserve + frame->nb_samples)
+  if (converter.outputBufferFrames() < kAudioReserve + frame->nb_samples)
     return false;
-  const int got = audioConverter_->convertFrom(nullptr, 0, frame->extended_data, frame->nb_samples);
+  const int got = converter.convertFrom(nullptr, 0, frame->extended_data, frame->nb_samples);
   // The reserve keeps the resampler ahead of us, so a short pull should not
   // happen; if it does, the rest of the frame is silence rather than stale
   // samples of the previous frame.
@@ -527,4 +568,154 @@ bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
     av_packet_unref(packet);
   }
   return wrote;
+}
+
+AVStream* VNFFMovieFileOutputInternal::streamAt(int index) const {
+  if (!formatContext_ || index < 0 || static_cast<unsigned>(index) >= formatContext_->nb_streams)
+    return nullptr;
+  return formatContext_->streams[index];
+}
+
+int VNFFMovieFileOutputInternal::openAudioStream() {
+  createMovieOutput();
+  std::shared_ptr<VNFFMpegAudioConverter> converter = VNFFMpegAudioConverter::create();
+  if (!formatContext_ || !converter) {
+    if (!converter)
+      fail(vn::ff::callError("swr_alloc", AVERROR(ENOMEM)));
+    return -1;
+  }
+  AVStream* stream = openOutputStream(
+      audioCodec_,
+      [this](AVStream*, AVCodecContext* c, const AVCodec* e) { configureAudio(c, e); });
+  if (!stream)
+    return -1;
+  audioTracks_.push_back({stream, std::move(converter), 0});
+  return stream->index;
+}
+
+int VNFFMovieFileOutputInternal::openCopiedStream(const AVCodecParameters* parameters) {
+  createMovieOutput();
+  if (!formatContext_ || !parameters)
+    return -1;
+  const AVOutputFormat* container = formatContext_->oformat;
+  // 0 is a firm no; a container without a list of codecs is tried at the
+  // header.
+  if (avformat_query_codec(container, parameters->codec_id, FF_COMPLIANCE_NORMAL) == 0) {
+    fail(std::string("the ") + container->name + " container cannot hold " +
+         avcodec_get_name(parameters->codec_id));
+    return -1;
+  }
+  AVStream* stream = avformat_new_stream(formatContext_.get(), nullptr);
+  if (!stream || avcodec_parameters_copy(stream->codecpar, parameters) < 0) {
+    fail(vn::ff::callError("avformat_new_stream", AVERROR(ENOMEM)));
+    return -1;
+  }
+  // The tag of the input's container may mean nothing in this one.
+  stream->codecpar->codec_tag = 0;
+  stream->id = stream->index + 1;
+  return stream->index;
+}
+
+int VNFFMovieFileOutputInternal::openSubtitleStream(int32_t codecId,
+                                                    const uint8_t* header,
+                                                    int headerSize) {
+  createMovieOutput();
+  if (!formatContext_)
+    return -1;
+  AVStream* stream = openOutputStream(codecId, [&](AVStream*, AVCodecContext* c, const AVCodec*) {
+    // Subtitle times are kept in milliseconds, as the text decoders give
+    // them.
+    c->time_base = AVRational{1, 1000};
+    if (header && headerSize > 0) {
+      c->subtitle_header = static_cast<uint8_t*>(av_mallocz(headerSize + 1));
+      if (c->subtitle_header) {
+        std::copy(header, header + headerSize, c->subtitle_header);
+        c->subtitle_header_size = headerSize;
+      }
+    }
+  });
+  return stream ? stream->index : -1;
+}
+
+void VNFFMovieFileOutputInternal::writePacket(int index, AVPacket* packet) {
+  AVStream* stream = streamAt(index);
+  if (!stream || !headerWritten_) {
+    av_packet_unref(packet);
+    return;
+  }
+  packet->stream_index = index;
+  packet->pos = -1;
+  av_packet_rescale_ts(packet, packet->time_base, stream->time_base);
+  packet->time_base = stream->time_base;
+  if (const int status = av_interleaved_write_frame(formatContext_.get(), packet); status < 0)
+    vn::logFailure("av_interleaved_write_frame", status);
+  av_packet_unref(packet);
+}
+
+void VNFFMovieFileOutputInternal::writeSubtitle(int index,
+                                                const AVSubtitle& subtitle,
+                                                int64_t start,
+                                                int64_t duration) {
+  // Far above any subtitle's text; as the ffmpeg command line allows.
+  constexpr int kMaxSubtitleSize = 1 << 20;
+  AVStream* stream = streamAt(index);
+  AVCodecContext* c = codecOf(stream);
+  if (!c || !headerWritten_ || c->codec_type != AVMEDIA_TYPE_SUBTITLE)
+    return;
+  try {
+    subtitleBuffer_.resize(kMaxSubtitleSize);
+  } catch (const std::bad_alloc&) {
+    return;
+  }
+  const int size = avcodec_encode_subtitle(c, subtitleBuffer_.data(), kMaxSubtitleSize, &subtitle);
+  if (size <= 0) {
+    if (size < 0)
+      vn::logFailure("avcodec_encode_subtitle", size);
+    return;
+  }
+  AVPacket* packet = packet_.get();
+  if (av_new_packet(packet, size) < 0)
+    return;
+  std::copy_n(subtitleBuffer_.data(), size, packet->data);
+  packet->pts = packet->dts = start;
+  packet->duration = duration;
+  packet->time_base = AV_TIME_BASE_Q;
+  writePacket(index, packet);
+}
+
+void VNFFMovieFileOutputInternal::setMetadata(const AVDictionary* tags) {
+  createMovieOutput();
+  if (formatContext_)
+    av_dict_copy(&formatContext_->metadata, tags, 0);
+}
+
+void VNFFMovieFileOutputInternal::addChapter(int64_t start, int64_t end, const AVDictionary* tags) {
+  createMovieOutput();
+  AVFormatContext* context = formatContext_.get();
+  if (!context)
+    return;
+  // The container frees its chapters with itself.
+  auto* chapter = static_cast<AVChapter*>(av_mallocz(sizeof(AVChapter)));
+  auto** chapters = static_cast<AVChapter**>(
+      av_realloc_array(context->chapters, context->nb_chapters + 1, sizeof(AVChapter*)));
+  if (!chapter || !chapters) {
+    av_free(chapter);
+    return;
+  }
+  context->chapters = chapters;
+  chapter->id = context->nb_chapters + 1;
+  chapter->time_base = AV_TIME_BASE_Q;
+  chapter->start = start;
+  chapter->end = end;
+  av_dict_copy(&chapter->metadata, tags, 0);
+  context->chapters[context->nb_chapters++] = chapter;
+}
+
+void VNFFMovieFileOutputInternal::setStreamTags(int index,
+                                                const AVDictionary* tags,
+                                                int disposition) {
+  if (AVStream* stream = streamAt(index)) {
+    av_dict_copy(&stream->metadata, tags, 0);
+    stream->disposition = disposition;
+  }
 }

@@ -34,8 +34,11 @@
 #include "output/output_format.h"
 
 struct AVCodec;
+struct AVCodecParameters;
+struct AVDictionary;
 struct AVRational;
 struct AVStream;
+struct AVSubtitle;
 
 namespace vn {
 class BitmapContext;
@@ -129,6 +132,41 @@ class VNFFMovieFileOutputInternal {
   void drawImage(const vn::BitmapImage& image, vn::BitmapContext& context);
   void drawImage(const vn::FilterImage& image, vn::BitmapContext& context);
 
+  // ---- more streams, and what describes them -----------------------------
+  // Streams beside the one audio and one video above, for a file that keeps
+  // several tracks. Each returns the new stream's container index, or -1
+  // with failureReason set. Opened before startOutput.
+
+  // An audio stream of its own, configured as openAudio's, with its own
+  // converter and timestamps: it takes PCM only through
+  // writeAudioData(stream, ...). openAudio's stream is not changed.
+  int openAudioStream();
+  void writeAudioData(int stream, const void* bytes, uint64_t length);
+
+  // A stream that takes packets coded elsewhere as they are (a stream
+  // copy), described by parameters; -1 when the container cannot hold the
+  // codec.
+  int openCopiedStream(const AVCodecParameters* parameters);
+  // A subtitle stream encoding codecId, for decoded text subtitles whose
+  // decoder gave header (the ASS style header every text decoder makes;
+  // may be null).
+  int openSubtitleStream(int32_t codecId, const uint8_t* header, int headerSize);
+  // A packet of a copied stream, its times in its time_base; the packet's
+  // data is taken (the packet is left blank).
+  void writePacket(int stream, AVPacket* packet);
+  // A decoded subtitle, shown from start for duration (microseconds of the
+  // file), encoded on a subtitle stream.
+  void writeSubtitle(int stream, const AVSubtitle& subtitle, int64_t start, int64_t duration);
+
+  // The file's tags and chapters (times in microseconds), and a stream's
+  // tags and disposition (AV_DISPOSITION_* flags). Set after the stream is
+  // opened and before startOutput; the container keeps what it can hold.
+  void setMetadata(const AVDictionary* tags);
+  void addChapter(int64_t start, int64_t end, const AVDictionary* tags);
+  void setStreamTags(int stream, const AVDictionary* tags, int disposition);
+  // How the video is tagged and converted; set before openVideo.
+  void setColorProperties(VNFFColorProperties colors) { colors_ = colors; }
+
   // Why the last failing operation failed: "unknown container for extension
   // .xyz", FFmpeg's error text for an unwritable file, a refused codec...
   // Empty when nothing failed.
@@ -156,6 +194,7 @@ class VNFFMovieFileOutputInternal {
   // Fills frame (its nb_samples) from the audio converter when it holds at
   // least 512 samples more than that.
   bool readAudioFrameFromBuffer(AVFrame* frame);
+  bool readAudioFrameFromBuffer(VNFFMpegAudioConverter& converter, AVFrame* frame);
 
   // Encodes frame on stream (no frame, or one without planes, drains the
   // encoder) and writes the packets that come out; audio timestamps are
@@ -184,11 +223,27 @@ class VNFFMovieFileOutputInternal {
     vn::ff::CodecContext codec;  // its encoder; freed under the codec lock
   };
 
+  // An audio stream of openAudioStream: its own queue and clock.
+  struct AudioTrack {
+    AVStream* stream;                                   // borrowed from formatContext_
+    std::shared_ptr<VNFFMpegAudioConverter> converter;  // its queue
+    int64_t pts = 0;                                    // next timestamp, samples
+  };
+
   AVCodecContext* codecOf(const AVStream* stream) const;
+  // The stream of a container index; null when there is none.
+  AVStream* streamAt(int index) const;
+  // Queues PCM for stream on converter and encodes every whole encoder
+  // frame, counting samples in pts.
+  void encodeAudio(AVStream* stream,
+                   VNFFMpegAudioConverter& converter,
+                   int64_t& pts,
+                   const void* bytes,
+                   uint64_t length);
   void configureAudio(AVCodecContext* codec, const AVCodec* encoder);
   void configureVideo(AVCodecContext* codec, const AVCodec* encoder);
-  // Tags a YUV encoder with the matrix and range the converter writes.
-  static void tagColours(AVCodecContext* codec);
+  // Tags a YUV encoder with the colours the converter writes.
+  void tagColours(AVCodecContext* codec) const;
   // Encoders freed under the codec lock, one lock per stream.
   void freeEncoders();
   // A reason for a refused header: the first stream the container cannot
@@ -219,4 +274,7 @@ class VNFFMovieFileOutputInternal {
   vn::ff::Packet packet_;                      // reused for encoder output
   std::map<int64_t, int64_t> videoDurations_;  // length of each frame in the video
                                                // encoder, by timestamp
+  std::vector<AudioTrack> audioTracks_;        // streams of openAudioStream
+  VNFFColorProperties colors_;                 // how the video is tagged
+  std::vector<uint8_t> subtitleBuffer_;        // one encoded subtitle
 };

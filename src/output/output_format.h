@@ -18,6 +18,18 @@ struct VNFFMovieFileOutputFormat {
   int32_t audio_bitrate = 0;    // bits per second
 };
 
+// The colour description a YUV video is written with: AVColorPrimaries,
+// AVColorTransferCharacteristic, AVColorSpace and AVColorRange values, each
+// 0 (unspecified) by default. A matrix given is also the one the pictures
+// are converted with; with none, the writer tags and converts as BT.601.
+struct VNFFColorProperties {
+  int32_t primaries = 0;
+  int32_t transfer = 0;
+  int32_t matrix = 0;
+  int32_t range = 0;
+  bool operator==(const VNFFColorProperties&) const = default;
+};
+
 // Overwrites every field with the library's defaults: stereo 44100 Hz at
 // 192 kb/s, 20 Mb/s video, frameTime 1, everything else 0 (the caller sets
 // the size and frame rate before opening video).

@@ -10,7 +10,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -28,6 +30,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
 }
 
 namespace varnel_cli {
@@ -51,6 +54,12 @@ struct ConvertOptions {
   std::optional<int> sampleRate;
   std::optional<int> channels;
   std::string audioTracks;
+  std::optional<int> videoTrack;
+  bool mix = false;
+  bool noVideo = false;
+  bool noAudio = false;
+  std::string subtitleTracks = "all";
+  bool noMetadata = false;
   double start = 0;
   std::optional<double> duration;
   std::string progress;
@@ -102,14 +111,25 @@ bool parseRate(const std::string& text, int* num, int* den) {
   return whole && *num > 0 && *den > 0 && double(*num) / *den <= kMaxFrameRate;
 }
 
+// Containers that hold sound only: a video is left out of them, and so is a
+// cover picture.
+bool audioOnlyOutput(const std::string& path) {
+  static const char* const kAudioOnly[] = {".m4a",  ".m4r", ".mp3", ".wav", ".aac", ".flac",
+                                           ".opus", ".ogg", ".oga", ".ac3", ".mka"};
+  std::string extension = std::filesystem::path(path).extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return std::find(std::begin(kAudioOnly), std::end(kAudioOnly), extension) != std::end(kAudioOnly);
+}
+
 // The codecs of the options into format; kExitOk or the usage error.
 int checkCodecs(const ConvertOptions& o, VNFFMovieFileOutputFormat* format) {
-  if (!o.vcodec.empty() &&
+  if (o.vcodec != "copy" && !o.vcodec.empty() &&
       (!(format->video_codec = vn_get_codec_id_by_name(o.vcodec)) ||
        avcodec_get_type(AVCodecID(format->video_codec)) != AVMEDIA_TYPE_VIDEO)) {
     return usage("unknown video codec", o.vcodec, "use one of h264 mpeg4 mpeg1 mpeg2 animation");
   }
-  if (!o.acodec.empty() &&
+  if (o.acodec != "copy" && !o.acodec.empty() &&
       (!(format->audio_codec = vn_get_codec_id_by_name(o.acodec)) ||
        avcodec_get_type(AVCodecID(format->audio_codec)) != AVMEDIA_TYPE_AUDIO)) {
     return usage("unknown audio codec", o.acodec,
@@ -123,6 +143,10 @@ int checkCodecs(const ConvertOptions& o, VNFFMovieFileOutputFormat* format) {
 int checkOptions(const ConvertOptions& o, VNFFMovieFileOutputFormat* format, AVRational* fps) {
   if (const int status = checkCodecs(o, format); status != kExitOk)
     return status;
+  if (o.noVideo && (o.noAudio || o.audioTracks == "none"))
+    return usage("bad options", "--no-video --no-audio", "nothing would be left to write");
+  if (o.mix && o.acodec == "copy")
+    return usage("bad options", "--mix --acodec copy", "copied tracks cannot be mixed");
   if (!o.fps.empty() && !parseRate(o.fps, &fps->num, &fps->den))
     return usage("bad --fps", o.fps, "expected N or N/D, more than 0 and at most 240");
   if (o.vbitrate && *o.vbitrate <= 0)
@@ -153,6 +177,22 @@ void applyAudioOptions(const ConvertOptions& o, VNFFMovieFileOutputFormat* forma
     format->sample_rate = *o.sampleRate;
   if (o.channels)
     format->channel_layout = vn::defaultChannelLayout(*o.channels);
+  // An encoder that cannot take 44100 Hz (Opus) gets 48000 Hz unless told.
+  const AVOutputFormat* container = av_guess_format(nullptr, o.output.c_str(), nullptr);
+  const auto codec = static_cast<AVCodecID>(format->audio_codec ? format->audio_codec
+                                            : container         ? container->audio_codec
+                                                                : 0);
+  const AVCodec* encoder = codec ? avcodec_find_encoder(codec) : nullptr;
+  if (!o.sampleRate && encoder && encoder->supported_samplerates) {
+    const int* rates = encoder->supported_samplerates;
+    bool takes = false, takes48k = false;
+    for (int i = 0; rates[i]; ++i) {
+      takes = takes || rates[i] == format->sample_rate;
+      takes48k = takes48k || rates[i] == 48000;
+    }
+    if (!takes)
+      format->sample_rate = takes48k ? 48000 : rates[0];
+  }
 }
 
 // Sets the movie's picture and subtitle settings and the picture part of
@@ -167,8 +207,9 @@ int setUpPictures(const ConvertOptions& o,
   VNFFMovie& movie = *input.movie;
   const std::shared_ptr<VNFFMedia> video = movie.videoMedia();
   // FFmpeg learns a picture's size from the first one it decodes: without
-  // it, no picture of the video can be read.
-  if (video && (video->videoFormat().width <= 0 || video->videoFormat().height <= 0))
+  // it, no picture of the video can be read. A track may also hold none.
+  if (video && (video->videoFormat().width <= 0 || video->videoFormat().height <= 0 ||
+                !input.videoDecodes()))
     return fail("cannot convert", o.input, "no picture of its video can be decoded");
   if (video) {
     if (const int status = o.picture.apply(input); status != kExitOk)
@@ -200,6 +241,10 @@ int setUpPictures(const ConvertOptions& o,
     format->framerate = fps.num;
     format->frameTime = fps.den;
   }
+  if (o.vcodec == "copy" && (*composed || fps.num > 0))
+    return usage("bad options", "--vcodec copy",
+                 "a copied video keeps its pictures: no picture option, size, rate or burnt-in "
+                 "subtitle can go with it");
   return kExitOk;
 }
 
@@ -228,6 +273,59 @@ int findEnd(const ConvertOptions& o, Input& input, double* end) {
   return kExitOk;
 }
 
+// What the output gets, from the options and the input.
+struct Plan {
+  bool writesVideo = true;
+  bool writesAudio = true;
+  bool composed = false;
+  std::optional<VNIndexSet> subtitleTracks;  // null: all
+};
+
+// The audio track a player starts with: the one marked default, else the
+// first (a disc's first).
+std::string defaultAudioTrack(Input& input) {
+  const AVFormatContext* context = input.disc ? nullptr : input.formatContext();
+  int track = 0;
+  for (unsigned i = 0; context && i < context->nb_streams; ++i) {
+    const AVStream* stream = context->streams[i];
+    if (stream->codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
+      continue;
+    if (stream->disposition & AV_DISPOSITION_DEFAULT)
+      return std::to_string(track);
+    ++track;
+  }
+  return "0";
+}
+
+// The tracks of the options chosen on the opened input: kExitOk or the
+// usage error.
+int chooseTracks(const ConvertOptions& o, Input& input, Plan* plan) {
+  // Without audio there is nothing to choose: only a list naming tracks is
+  // checked against it.
+  const std::string audio = o.audioTracks.empty()
+                                ? input.movie->hasAudio() ? defaultAudioTrack(input) : "all"
+                                : o.audioTracks;
+  plan->writesAudio = plan->writesAudio && audio != "none" && input.movie->hasAudio();
+  if (std::string reason; audio != "none" && !input.selectAudioTracks(audio, &reason))
+    return usage("bad --audio-tracks", o.audioTracks, reason);
+  if (o.subtitleTracks == "none") {
+    plan->subtitleTracks = VNIndexSet{};
+    return kExitOk;
+  }
+  std::string reason;
+  if (!parseIndexList(o.subtitleTracks, &plan->subtitleTracks, &reason))
+    return usage("bad --subtitle-tracks", o.subtitleTracks, reason);
+  uint32_t count = 0;
+  VNFFMedia::subtitleStreamIndex(input.disc ? nullptr : input.formatContext(), 0, &count);
+  if (plan->subtitleTracks && !plan->subtitleTracks->empty() &&
+      *plan->subtitleTracks->rbegin() >= count) {
+    return usage("bad --subtitle-tracks", o.subtitleTracks,
+                 count == 0 ? "the input has no subtitle track"
+                            : "the input's subtitle tracks are 0 to " + std::to_string(count - 1));
+  }
+  return kExitOk;
+}
+
 // The export running, for Ctrl-C (SIGINT) and SIGTERM to stop.
 std::atomic<VNFFMovieExport*> gRunning{nullptr};
 static_assert(std::atomic<VNFFMovieExport*>::is_always_lock_free);
@@ -240,14 +338,22 @@ void onInterrupt(int) {
 // Writes the movie, printing progress; an interrupt stops it and removes
 // what was written.
 int writeOutput(const ConvertOptions& o,
+                const Plan& plan,
                 const std::shared_ptr<VNFFMovie>& movie,
                 const VNFFMovieFileOutputFormat& format,
-                bool composed,
                 double end) {
   VNFFMovieExport job(movie, format, o.output);
   job.setStart(microseconds(o.start));
   job.setDuration(microseconds(end) - microseconds(o.start));
-  job.setPictures(composed ? VNFFMovieExport::kComposed : VNFFMovieExport::kDecoded);
+  job.setPictures(plan.composed ? VNFFMovieExport::kComposed : VNFFMovieExport::kDecoded);
+  job.setWritesVideo(plan.writesVideo);
+  job.setWritesAudio(plan.writesAudio);
+  job.setAudioLayout(o.mix ? VNFFMovieExport::kMixedAudio : VNFFMovieExport::kSeparateAudio);
+  job.setSubtitleTracks(plan.subtitleTracks);
+  job.setCopiesVideo(o.vcodec == "copy");
+  job.setCopiesAudio(o.acodec == "copy");
+  job.setKeepsMetadata(!o.noMetadata);
+  job.setKeepsColors(true);
   const ProgressPrinter printer(o.progress == "json");
   job.setProgress([&](const VNFFMovieExport::Progress& p) { printer.print(p); },
                   printer.interval());
@@ -263,6 +369,8 @@ int writeOutput(const ConvertOptions& o,
   switch (result.status) {
     case VNFFMovieExport::Result::kDone:
       printer.finish();
+      for (const std::string& note : result.notes)
+        warn(o.output, note);
       return kExitOk;
     case VNFFMovieExport::Result::kCancelled:
       printer.finish();
@@ -282,16 +390,26 @@ int run(const ConvertOptions& o) {
 
   Input input;
   input.title = o.title;
-  if (const int status = input.openWithTracks(o.input, o.audioTracks); status != kExitOk)
+  input.videoTrack = o.videoTrack;
+  if (const int status = input.openWithTracks(o.input, "all"); status != kExitOk)
     return status;
-  bool composed = false;
-  if (const int status = setUpPictures(o, input, fps, &format, &composed); status != kExitOk)
+  Plan plan;
+  plan.writesVideo = !o.noVideo && !audioOnlyOutput(o.output) && input.movie->hasVideo();
+  plan.writesAudio = !o.noAudio;
+  if (const int status = chooseTracks(o, input, &plan); status != kExitOk)
+    return status;
+  if (!plan.writesVideo)
+    input.movie->setDisableVideo(true);
+  else if (const int status = setUpPictures(o, input, fps, &format, &plan.composed);
+           status != kExitOk)
     return status;
   applyAudioOptions(o, &format);
+  // Mixed tracks are averaged: together they never go past full scale.
+  input.movie->audioEffectStream().setAveragesTracks(true);
   double end = 0;
   if (const int status = findEnd(o, input, &end); status != kExitOk)
     return status;
-  return writeOutput(o, input.movie, format, composed, end);
+  return writeOutput(o, plan, input.movie, format, end);
 }
 
 }  // namespace
@@ -308,9 +426,9 @@ Registration convertCommand() {
                     "Output file: .mp4 .mkv .mov .avi .mpg .wmv .m4a .m4r .mp3 ...")
         ->required();
     sub->add_option("--vcodec", o->vcodec,
-                    "h264 mpeg4 mpeg1 mpeg2 animation (default: the container's)");
+                    "h264 mpeg4 mpeg1 mpeg2 animation, or copy (default: the container's)");
     sub->add_option("--acodec", o->acodec,
-                    "mp2 mp3 aac alac ac3 vorbis wma1 wma2 (default: the container's)");
+                    "mp2 mp3 aac alac ac3 vorbis wma1 wma2, or copy (default: the container's)");
     sub->add_option("--size", o->size, "Output picture size WxH (default: the input's)");
     sub->add_option("--fps", o->fps,
                     "Output frame rate N or N/D (default: the input's exact rate)");
@@ -318,8 +436,18 @@ Registration convertCommand() {
     sub->add_option("--abitrate", o->abitrate, "Audio bit rate, bits/s (default 192000)");
     sub->add_option("--sample-rate", o->sampleRate, "Audio sample rate, Hz (default 44100)");
     sub->add_option("--channels", o->channels, "Audio channels (default 2)");
+    sub->add_option("--video-track", o->videoTrack,
+                    "Video track to write, counted from 0 (default: the default track, else "
+                    "the first that decodes)");
     sub->add_option("--audio-tracks", o->audioTracks,
-                    "Audio tracks to mix, e.g. 0,2 (default: all)");
+                    "Audio tracks to write, e.g. 0,2, or all or none (default: the default "
+                    "track); each is its own stream unless --mix");
+    sub->add_flag("--mix", o->mix, "Mix the chosen audio tracks into one stream (averaged)");
+    sub->add_flag("--no-video", o->noVideo, "Write no video");
+    sub->add_flag("--no-audio", o->noAudio, "Write no audio");
+    sub->add_option("--subtitle-tracks", o->subtitleTracks,
+                    "Subtitle tracks kept as subtitle streams: 0,2, all or none (default: all)");
+    sub->add_flag("--no-metadata", o->noMetadata, "Drop the input's tags and chapters");
     sub->add_option("--start", o->start, "Start time in seconds");
     sub->add_option("--duration", o->duration, "Duration in seconds (default: to the end)");
     sub->add_option("--progress", o->progress, "Progress as 'json' lines on stderr")

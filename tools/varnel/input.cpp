@@ -3,13 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <sstream>
+#include <vector>
 
 extern "C" {
 #include <libavformat/avformat.h>
+#include <libavutil/frame.h>
 }
 
 #include "cli.h"
@@ -72,12 +75,16 @@ bool Input::open(const std::string& path, std::string* reason) {
     return false;
   }
   source = VNMediaSource::mediaWithPath(path);
-  auto medias = source->createMedias();
+  source->open();
   if (!source->isOpen()) {
     *reason =
         source->lastError().empty() ? "not a media file FFmpeg can read" : source->lastError();
     return false;
   }
+  std::optional<VNIndexSet> streams;
+  if (!chooseStreams(&streams, reason))
+    return false;
+  auto medias = source->createMediasWithStreams(streams);
   truncation = source->truncation();
   if (!medias) {
     *reason = "no audio or video stream that can be decoded";
@@ -85,6 +92,64 @@ bool Input::open(const std::string& path, std::string* reason) {
   }
   movie = newMovie();
   movie->openMedias(*medias);
+  return true;
+}
+
+namespace {
+
+// Whether a picture of container stream `index` can be decoded, read on a
+// copy of the source.
+bool decodesPicture(VNMediaSource& source, uint32_t index) {
+  const std::shared_ptr<VNMediaSource> copy = source.copy();
+  const auto medias = copy->createMediasWithStreams(VNIndexSet{index});
+  bool decoded = false;
+  if (medias && !medias->empty() && medias->front()->videoStream()) {
+    medias->front()->thumbnailAtTime(0, [&](AVFrame* frame) { decoded = frame && frame->data[0]; });
+  }
+  return decoded;
+}
+
+}  // namespace
+
+bool Input::chooseStreams(std::optional<VNIndexSet>* streams, std::string* reason) {
+  const AVFormatContext* context = source->formatContext();
+  std::vector<uint32_t> videos;
+  for (uint32_t i = 0; i < context->nb_streams; ++i) {
+    const AVStream* stream = context->streams[i];
+    if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
+        !(stream->disposition & AV_DISPOSITION_ATTACHED_PIC))
+      videos.push_back(i);
+  }
+  std::optional<uint32_t> chosen;
+  if (videoTrack) {
+    if (*videoTrack < 0 || static_cast<size_t>(*videoTrack) >= videos.size()) {
+      badVideoTrack = true;
+      *reason = videos.empty()
+                    ? "the input has no video track"
+                    : "the input's video tracks are 0 to " + std::to_string(videos.size() - 1);
+      return false;
+    }
+    chosen = videos[*videoTrack];
+  } else if (videos.size() > 1) {
+    // The default track first, then the others in order: the first that
+    // decodes a picture.
+    std::stable_partition(videos.begin(), videos.end(), [&](uint32_t i) {
+      return (context->streams[i]->disposition & AV_DISPOSITION_DEFAULT) != 0;
+    });
+    const auto decodes = std::find_if(videos.begin(), videos.end(),
+                                      [&](uint32_t i) { return decodesPicture(*source, i); });
+    chosen = decodes != videos.end() ? *decodes : videos.front();
+  }
+  videoStream_ = chosen ? chosen : videos.empty() ? std::nullopt : std::optional(videos.front());
+  if (!chosen)
+    return true;
+  VNIndexSet kept;
+  for (uint32_t i = 0; i < context->nb_streams; ++i) {
+    if (i == *chosen || context->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_VIDEO ||
+        (context->streams[i]->disposition & AV_DISPOSITION_ATTACHED_PIC))
+      kept.insert(i);
+  }
+  *streams = std::move(kept);
   return true;
 }
 
@@ -106,9 +171,16 @@ bool Input::selectAudioTracks(const std::string& list, std::string* reason) {
   return true;
 }
 
+bool Input::videoDecodes() {
+  return disc || !videoStream_ || decodesPicture(*source, *videoStream_);
+}
+
 int Input::openWithTracks(const std::string& path, const std::string& tracks) {
-  if (std::string reason; !open(path, &reason))
+  if (std::string reason; !open(path, &reason)) {
+    if (badVideoTrack)
+      return usage("bad --video-track", std::to_string(videoTrack.value_or(0)), reason);
     return fail("cannot open", path, reason);
+  }
   if (std::string reason; !selectAudioTracks(tracks, &reason))
     return usage("bad --audio-tracks", tracks, reason);
   return kExitOk;

@@ -16,6 +16,10 @@ struct Input {
   // On a DVD-Video disc, the source to read: numbered from 1 as `varnel
   // info` lists them; none for the longest. Set before open.
   std::optional<int> title;
+  // The video track to read, counted among the input's video tracks (cover
+  // pictures left out). None: the one with the default disposition, else the
+  // first, of those that decode a picture. Set before open.
+  std::optional<int> videoTrack;
   // The disc, when the input is one (a folder, a device, an .iso or .img
   // image, or any path given with a title).
   std::shared_ptr<VNDVD> disc;
@@ -24,6 +28,8 @@ struct Input {
   // Set when the file is shorter than its container says (a cut-off
   // download); it is still read as far as it goes.
   std::optional<VNTruncation> truncation;
+  // Set when open failed on a videoTrack the input does not have.
+  bool badVideoTrack = false;
 
   // Opens path; false with a one-line reason when it is missing, empty or
   // holds no audio or video that can be decoded. A file cut short opens
@@ -53,12 +59,21 @@ struct Input {
   // where its audio and video stop when nothing says how many bytes are
   // missing.
   void warnIfCutShort(const std::string& path, const Extent& extent) const;
+  // Whether a picture of the video read can be decoded (a file's video
+  // track may hold none); true for a disc's title. After open.
+  bool videoDecodes();
   // The demuxer of the input's first media (on a disc, that of the title's
   // first piece): the container streams the track options count.
   AVFormatContext* formatContext();
 
  private:
   bool openTitle(const std::string& path, std::string* reason);
+  // The container streams to read: every one but the video tracks not
+  // chosen (none when there is no choice to make); false with a reason when
+  // videoTrack names a track the input does not have.
+  bool chooseStreams(std::optional<VNIndexSet>* streams, std::string* reason);
+
+  std::optional<uint32_t> videoStream_;  // the container index of the video read
 };
 
 // Why path cannot be read as an input file (missing, a directory, not
