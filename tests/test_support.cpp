@@ -106,12 +106,14 @@ std::string runShell(const std::string& command, int* status) {
 
 CommandResult runVarnel(const std::vector<std::string>& args,
                         const std::map<std::string, std::string>& env,
-                        int timeoutSeconds) {
+                        int timeoutSeconds,
+                        const std::string& wrapper) {
   static std::atomic<int> counter{0};
   const std::string errPath = scratchDir() + "/stderr-" + std::to_string(++counter);
   std::string command;
   for (const auto& [name, value] : env)
     command += name + "=" + shellQuote(value) + " ";
+  command += wrapper.empty() ? "" : wrapper + " ";
   if (timeoutSeconds > 0)
     command += "timeout -k 5 " + std::to_string(timeoutSeconds) + " ";
   command += shellQuote(VARNEL_CLI_PATH);
@@ -132,10 +134,9 @@ nlohmann::json ffprobe(const std::string& path) {
 }
 
 const nlohmann::json* streamOf(const nlohmann::json& probe, const std::string& type) {
-  for (const auto& s : probe["streams"]) {
+  for (const auto& s : probe["streams"])
     if (s["codec_type"] == type)
       return &s;
-  }
   return nullptr;
 }
 
@@ -163,8 +164,8 @@ Raster Raster::part(int x, int y, int w, int h) const {
 
 namespace {
 
-// The pictures ffmpeg decodes with the options, read from its PAM output: a
-// text header with the size, then the pixels, for each.
+// The pictures ffmpeg decodes with the options, read from its PAM output: a text header with the
+// size, then the pixels, for each.
 std::vector<Raster> decodePictures(const std::string& options) {
   const std::string bytes = runShell("ffmpeg -hide_banner -loglevel error -nostdin " + options +
                                      " -c:v pam -pix_fmt rgba -f image2pipe -");
