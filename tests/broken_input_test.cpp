@@ -97,8 +97,7 @@ std::string truncation(const std::string& input) {
          std::to_string(fs::file_size(vn::test::fixture(whole))) + " bytes present";
 }
 
-// Checks one run: output is the file it writes in a folder of its own ("" for info's JSON);
-// says is what every line about a cut input holds ("" when not known to be cut).
+// One run's output file, alone in its folder ("" for info); what a cut input's lines say, or "".
 void check(const CommandResult& r,
            bool ok,
            const std::string& input,
@@ -201,8 +200,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values("mp4", "mkv", "ts", "mpg", "wmv", "rm", "audio", "dvd", "other"),
     [](const testing::TestParamInfo<std::string>& p) { return p.param; });
 
-// The latest end (pts + duration) of the packets of a cut file after its start: what it
-// holds, where decoder delay or encoder padding would move a decoded end ("V": no covers).
+// The latest end (pts + duration) of a cut file's packets after its start ("V": no covers).
 double readableSeconds(const std::string& path) {
   double end = -1;
   for (const char* streams : {"V", "a"}) {

@@ -210,8 +210,7 @@ TEST(HostileCliTest, InfoEffectsAndNoCommand) {
             }});
 }
 
-// Every subtitle setting, each to one of the commands that check them in one shared place; the
-// error names the value.
+// Every subtitle setting, each to one of the commands sharing their check; errors name the value.
 TEST(HostileCliTest, SubtitleSettings) {
   const Case settings[] = {
       {"--subtitle-track x", kUsage, "'x'"},

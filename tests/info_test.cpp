@@ -14,8 +14,7 @@ namespace {
 using nlohmann::json;
 using vn::test::fixture;
 
-// One medium of each container, codec and fact info shows; further sizes,
-// rates and copies of the same kind are left out.
+// One medium of each container, codec and fact info shows.
 std::vector<std::string> fixtureNames() {
   std::vector<std::string> names = vn::test::words(
       "aac.m4a ac3_51.ac3 counter_1x64.mp4 dvbsub.ts dvd_pal.mpg dvdsub.mkv dvdsub.mpg "
@@ -26,14 +25,6 @@ std::vector<std::string> fixtureNames() {
   if (std::filesystem::exists(fixture("rv20_ac3.rm")))
     names.push_back("rv20_ac3.rm");
   return names;
-}
-
-// ffprobe's streams, format and chapters of a file.
-json probe(const std::string& path) {
-  return json::parse(vn::test::runShell("ffprobe -v error -show_streams -show_format "
-                                        "-show_chapters -of json " +
-                                        vn::test::shellQuote(path)),
-                     nullptr, false);
 }
 
 // A value ffprobe gives as a string, or null when it leaves it out.
@@ -61,7 +52,7 @@ TEST(InfoTest, AgreesWithFfprobeOnEveryFixture) {
       EXPECT_TRUE(info.err.empty()) << info.err;
     }
     const json ours = json::parse(info.out, nullptr, false);
-    const json theirs = probe(path);
+    const json theirs = vn::test::ffprobe(path);
     ASSERT_FALSE(ours.is_discarded() || theirs.is_discarded());
 
     EXPECT_EQ(ours["path"], path);

@@ -19,8 +19,7 @@ size_t longestGap(const std::vector<float>& signal) {
 
 }  // namespace
 
-// The input's tone from where it starts, at its pitch whatever the speed, as long as the speed
-// makes it last, at the level the volume asks for, without a gap.
+// The input's tone from its start, at its pitch at any speed, as long and loud as asked, unbroken.
 TEST(PlayCommandTest, RecordsTheSoundAtItsPitchLengthAndLevel) {
   const struct {
     std::string args;

@@ -25,8 +25,7 @@ namespace {
 using vn::test::fixture;
 using Clock = std::chrono::steady_clock;
 
-// A sanitizer build's player cannot keep up with the clock: only what holds at any speed is
-// checked.
+// A sanitizer build's player cannot keep up: only what holds at any speed is checked.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr bool kTimed = false;
 #else
@@ -45,8 +44,7 @@ void sleepSeconds(double s) {
   std::this_thread::sleep_for(std::chrono::duration<double>(s));
 }
 
-// argv with extra environment (through env(1)), keys on stdin, its output to a file; ended at
-// destruction.
+// argv with extra environment, keys on stdin, its output to a file; ended at destruction.
 class Process {
  public:
   Process(const std::vector<std::string>& argv,
@@ -390,8 +388,7 @@ TEST(PlayWindowTest, NoDisplayMeansSoundOnly) {
   EXPECT_NE(silent.err.find("no audio track, and no display"), std::string::npos) << silent.err;
 }
 
-// Every picture size reaches the screen through SDL's GL and software renderers: rows padded
-// in memory, a picture one pixel wide, 4K.
+// Every size reaches the screen by GL and software: padded rows, one pixel wide, 4K.
 TEST(PlayWindowTest, ShowsEveryPictureSize) {
   const std::pair<int, int> cases[] = {{1, 64}, {636, 360}, {642, 362}, {854, 480}, {3840, 2160}};
   VirtualDisplay display;

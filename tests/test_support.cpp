@@ -128,8 +128,9 @@ CommandResult runVarnel(const std::vector<std::string>& args,
 }
 
 nlohmann::json ffprobe(const std::string& path) {
-  const std::string out = runShell("ffprobe -v error -show_streams -show_format -of json " +
-                                   shellQuote(path) + " 2>/dev/null");
+  const std::string out =
+      runShell("ffprobe -v error -show_streams -show_format -show_chapters -of json " +
+               shellQuote(path) + " 2>/dev/null");
   return nlohmann::json::parse(out, nullptr, false);
 }
 
@@ -164,8 +165,7 @@ Raster Raster::part(int x, int y, int w, int h) const {
 
 namespace {
 
-// The pictures ffmpeg decodes with the options, read from its PAM output: a text header with the
-// size, then the pixels, for each.
+// The pictures ffmpeg decodes with the options, read from its PAM output.
 std::vector<Raster> decodePictures(const std::string& options) {
   const std::string bytes = runShell("ffmpeg -hide_banner -loglevel error -nostdin " + options +
                                      " -c:v pam -pix_fmt rgba -f image2pipe -");

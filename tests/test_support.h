@@ -51,7 +51,7 @@ std::vector<std::string> words(const std::string& line);
 // A word for the shell: s in single quotes.
 std::string shellQuote(const std::string& s);
 
-// ffprobe's -show_streams -show_format of a file as JSON (discarded on failure),
+// ffprobe's -show_streams -show_format -show_chapters of a file as JSON (discarded on failure),
 // its first stream of a type (null when none) and its duration.
 nlohmann::json ffprobe(const std::string& path);
 const nlohmann::json* streamOf(const nlohmann::json& probe, const std::string& type);

@@ -51,8 +51,7 @@ double frequency(const std::vector<float>& stereo) {
   return crossings * static_cast<double>(kRate) / static_cast<double>(stereo.size() / 2);
 }
 
-// The movie, offline: counts top-up requests; with a signal, appends a chunk while less is
-// buffered.
+// The movie, offline: counts top-ups; with a signal, appends a chunk while less is buffered.
 struct InlineMovie : VNOutputAudioGraphDelegate {
   void decodeMoreAudioDataToAudioOutput() override {
     ++requests;
@@ -252,8 +251,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The movie during playback: each request posts a top-up (a chunk, up to chunkLimit) on a decode
-// queue; on the device thread it counts the allocations made outside its own posts.
+// Posts top-ups on a decode queue; counts the device thread's allocations outside the posts.
 class QueuedMovie : public VNOutputAudioGraphDelegate {
  public:
   static constexpr int kRecords = 4096;

@@ -24,8 +24,7 @@ class ScopedLocale {
 
 }  // namespace
 
-// Display names are in the default locale's language, untagged and unknown codes
-// as English; the known name is only for a code that names a language.
+// Names in the default locale's language (no or unknown code: English); known ones for languages.
 TEST(VarnelTest, LanguageNamesFollowTheDefaultLocale) {
   const struct {
     const char* locale;

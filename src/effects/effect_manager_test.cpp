@@ -53,8 +53,7 @@ class UncopyableFilter : public ImageFilter {
 
 }  // namespace
 
-// The catalogue's names and filters agree, lookups are exact and hand out copies, never the
-// stored filters.
+// Names and filters agree; lookups are exact and hand out copies, never the stored filters.
 TEST(EffectManagerTest, CatalogueLooksUpExactlyAndHandsOutCopies) {
   const std::vector<std::string>& names = EffectManager::allFilterNames();
   const std::vector<std::shared_ptr<ImageFilter>> all = EffectManager::allFilters();

@@ -308,9 +308,8 @@ TEST(EffectVideoStreamTest, AComposedFrameRendersInOneResamplingAndOneColourPass
   EXPECT_EQ(stream->effectFilter().size(), 2u);
 }
 
-// Settings changed together while pictures are composed, by another thread and by the composition's
-// own preset half-way through it: every picture shows all of the settings it started with, never
-// the crop of one value with the flip or the watermark of the other.
+// Settings swapped while pictures are composed (by a thread, and by the preset half-way through):
+// each picture shows one whole value, never one's crop with the other's flip or watermark.
 TEST(PictureSettingsTest, ACompositionSeesOneWholeValue) {
   constexpr int kOutW = 32, kOutH = 24;
   const vn::ff::Frame frame = vn::test::yuvFrame(kWidth, kHeight, 128, kHeight / 4);

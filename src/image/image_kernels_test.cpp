@@ -51,8 +51,7 @@ Picture uniform(Rgba c) {
   return [c](int, int) { return c; };
 }
 
-// Hard edges in every colour, thin lines, a ramp, a half-transparent part and values above 1
-// (premultiplied linear).
+// Edges in every colour, thin lines, a ramp, a half-transparent part, values above 1.
 Rgba pattern(int x, int y) {
   static const Rgba bars[] = {{1, 1, 1, 1}, {1, 1, 0, 1}, {0, 1, 1, 1}, {0, 1, 0, 1},
                               {1, 0, 1, 1}, {1, 0, 0, 1}, {0, 0, 1, 1}, {0, 0, 0, 1}};
@@ -119,8 +118,7 @@ float maxDifference(const vn::PixelBuffer& a, const vn::PixelBuffer& b) {
   return d;
 }
 
-// The blur against a plain double reference: exact up to sigma 16, within a small bound above (a
-// reduced picture), at edges, corners and inside; the extent grows by ceil(3 sigma) unless clamped.
+// Exact up to sigma 16, close above (reduced); the extent grows by ceil(3 sigma) unless clamped.
 TEST(ImageKernelsTest, BlurMatchesTheExactKernel) {
   const vn::IntRect extent{0, 0, 160, 120};
   const std::tuple<double, bool, vn::IntRect, float> cases[] = {
@@ -173,8 +171,7 @@ TEST(ImageKernelsTest, ThreadsAndTilesGiveTheSameBits) {
   }
 }
 
-// A uniform picture stays as it is through sharpening, pixellation and a clamped blur; gloom of a
-// half-covering one multiplies its colour; the extent is kept.
+// Uniform pictures stay through sharpening, pixellation, clamped blur; gloom multiplies the colour.
 TEST(ImageKernelsTest, UniformPictures) {
   const vn::IntRect extent{0, 0, 64, 48};
   const float grey = 0.502886f;  // code 188

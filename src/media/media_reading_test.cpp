@@ -173,8 +173,7 @@ TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
   EXPECT_FALSE(whole->subtitleStringAtTime(3000000));
 }
 
-// At 50 random times a seek gives the frame ffprobe lists as covering the time: B-frames, NTSC,
-// a variable rate, streams timing only some pictures, video after audio, decoders without delay.
+// 50 random seeks give the covering frame: B-frames, NTSC, VFR, sparse times, late video, no delay.
 TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
   for (const char* name :
        {"h264_aac.mp4", "h264_23976.mp4", "vfr.mkv", "mpeg2_mp2.mpg", "dvdsub.mpg", "mpeg2_24p.ts",

@@ -95,23 +95,21 @@ TEST(MediaSourceTest, FilesSplitIntoAVideoAndAnAudioMedia) {
 
 TEST(MediaTest, TrackSelectionsUseOrdinalsOrDvdStreamIds) {
   std::shared_ptr<VNFFMedia> media = openWhole("multitrack.mkv");
-  EXPECT_EQ(indices(media->audios()), (std::vector<int>{1, 2, 3}));
-  EXPECT_EQ(indices(media->subtitles()), (std::vector<int>{4, 5}));
+  EXPECT_EQ(std::pair(indices(media->audios()), indices(media->subtitles())),
+            std::pair(std::vector{1, 2, 3}, std::vector{4, 5}));
   EXPECT_EQ(media->audioNames(), (std::vector<std::string>{"English", "French", "German"}));
   EXPECT_EQ(media->subtitleNames(), (std::vector<std::string>{"English", "French"}));
   media->setSelectAudios(VNIndexSet{1});
   media->setSelectSubtitles(VNIndexSet{0});
   media->updateSelectStreams();
-  EXPECT_EQ(indices(media->audios()), std::vector{2});
-  EXPECT_EQ(media->audioStream()->stream()->index, 2);
-  EXPECT_EQ(indices(media->subtitles()), std::vector{4});
+  EXPECT_EQ(std::tuple(indices(media->audios()), media->audioStream()->stream()->index,
+                       indices(media->subtitles())),
+            std::tuple(std::vector{2}, 2, std::vector{4}));
   // Deselected tracks keep their decoders and still count in the names.
-  EXPECT_TRUE(media->streams()[1]->isOpen());
-  EXPECT_EQ(media->audioNames().size(), 3u);
+  EXPECT_TRUE(media->streams()[1]->isOpen() && media->audioNames().size() == 3);
   media->setSelectAudios(VNIndexSet{});
   media->updateSelectStreams();
-  EXPECT_FALSE(media->hasAudio());
-  EXPECT_EQ(media->audioStream(), nullptr);
+  EXPECT_TRUE(!media->hasAudio() && !media->audioStream());
 }
 
 TEST(MediaTest, DvdTracksAreKeyedByStreamId) {

@@ -1,6 +1,4 @@
-// Pictures out of a movie: settings, thumbnails, pictures for a provider and
-// decoded ahead of a consumer, what the movie tells of its video, and the
-// clock that playback follows.
+// Pictures out of a movie: settings, thumbnails, providers, the picture queue, the playback clock.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -210,8 +208,8 @@ TEST(PictureQueueTest, DeliversInOrderAtTheSizeAskedWithinItsDepth) {
     Q queue(movie, 2, c.source, c.delivery);
     queue.setRenderSize(c.renderW, c.renderH);
     Gate gate(*movie);
-    EXPECT_TRUE(queue.request(7, 7 * kFrame + kFrame / 2));
-    EXPECT_TRUE(queue.request(8, 8 * kFrame + kFrame / 2));
+    EXPECT_TRUE(queue.request(7, 7 * kFrame + kFrame / 2) &&
+                queue.request(8, 8 * kFrame + kFrame / 2));
     EXPECT_FALSE(queue.request(9, 9 * kFrame));  // two asked ahead at most
     EXPECT_EQ(queue.pending(), 2u);
     EXPECT_TRUE(queue.takeUntil(8).empty());  // nothing is ready behind the gate

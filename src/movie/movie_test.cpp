@@ -70,12 +70,11 @@ TEST(MovieTest, MediasOnTheTimeline) {
   EXPECT_TRUE(movie->hasAudio() && movie->hasVideo());
   EXPECT_EQ(std::pair(movie->audios().size(), movie->videos().size()), std::pair(2ul, 1ul));
   const int64_t endA = 10000000 + a[0]->duration();
-  EXPECT_EQ(VNFFMovie::medias(all, 9999999), nullptr);
-  EXPECT_EQ(VNFFMovie::medias(all, 10000000), a[0]);
-  EXPECT_EQ(VNFFMovie::medias(all, endA - 1), a[0]);  // overlap: the earlier wins
-  EXPECT_EQ(VNFFMovie::medias(all, endA), b[0]);
-  EXPECT_EQ(movie->videoMediaAtTime(11000000), nullptr);
-  EXPECT_EQ(movie->videoMediaAtTime(13000000), b[0]);
+  // In the overlap the earlier wins.
+  EXPECT_EQ((Medias{VNFFMovie::medias(all, 9999999), VNFFMovie::medias(all, 10000000),
+                    VNFFMovie::medias(all, endA - 1), VNFFMovie::medias(all, endA),
+                    movie->videoMediaAtTime(11000000), movie->videoMediaAtTime(13000000)}),
+            (Medias{nullptr, a[0], a[0], b[0], nullptr, b[0]}));
   movie->setDisableVideo(true);
   EXPECT_TRUE(!movie->hasVideo() && movie->videos().empty());
   movie->close();
