@@ -230,12 +230,6 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   auto idle = VNFFEffectVideoStream::create();
   idle->writeFrame(greyFrame().get());
   EXPECT_FALSE(idle->currentImage() || idle->currentEffectImage());
-  // A converter asked for before the picture format was known is made for the first picture.
-  auto unknown = VNFFEffectVideoStream::create();
-  unknown->setOutputFormat({AV_PIX_FMT_RGBA, kWidth, kHeight});
-  unknown->updateConverter();
-  unknown->writeFrame(greyFrame().get());
-  EXPECT_EQ(unknown->currentImage() ? unknown->currentImage()->width() : 0, kWidth);
   auto stream = streamFor(640, 360);
   // The picture keeps the media's size; only the composed one is resized.
   EXPECT_EQ(std::pair(stream->outputDataFormat().width, stream->outputDataFormat().height),

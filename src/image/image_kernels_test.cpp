@@ -31,20 +31,15 @@ Rgba pixelOf(const vn::PixelBuffer& b, int x, int y) {
   return p ? Rgba{p[0], p[1], p[2], p[3]} : Rgba{};
 }
 
-// What the renderer hands a kernel: the picture over what out reads, inside its extent.
-vn::PixelBuffer inputFor(const vn::NeighbourhoodOp& op,
-                         const vn::IntRect& extent,
-                         const vn::IntRect& out,
-                         const Picture& picture) {
-  return makeBuffer(out.grown(vn::kernelReach(op)).intersected(extent), picture);
-}
-
+// The kernel given what the renderer hands it: the picture over what out reads, inside its extent.
 vn::PixelBuffer run(const vn::NeighbourhoodOp& op,
                     const vn::IntRect& extent,
                     const vn::IntRect& out,
                     const Picture& picture,
                     int threads = 0) {
-  return vn::applyKernel(op, inputFor(op, extent, out, picture), extent, out, threads);
+  const vn::PixelBuffer in =
+      makeBuffer(out.grown(vn::kernelReach(op)).intersected(extent), picture);
+  return vn::applyKernel(op, in, extent, out, threads);
 }
 
 Picture uniform(Rgba c) {
