@@ -164,12 +164,9 @@ struct Placed {
 
 Placed placed(int w, int h) {
   const double scale = std::min(double(kScreenW) / w, double(kScreenH) / h);
-  Placed p;
-  p.width = std::max(1, int(std::lround(w * scale)));
-  p.height = std::max(1, int(std::lround(h * scale)));
-  p.x = (kScreenW - p.width) / 2;
-  p.y = (kScreenH - p.height) / 2;
-  return p;
+  const int width = std::max(1, int(std::lround(w * scale))),
+            height = std::max(1, int(std::lround(h * scale)));
+  return {(kScreenW - width) / 2, (kScreenH - height) / 2, width, height};
 }
 
 // Whether the grey lower half of a counter clip is on screen.

@@ -46,7 +46,6 @@ TEST(SerialQueueTest, OwnerDestroyedFromItsOwnTask) {
   };
   auto owner = std::make_shared<Owner>();
   std::atomic<bool> destroyed{false};
-  auto done = std::make_shared<vn::SerialQueue>("observer");
   std::shared_ptr<vn::SerialQueue::Operation> op;
   {
     auto* raw = owner.get();
