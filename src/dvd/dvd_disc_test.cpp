@@ -6,6 +6,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 extern "C" {
@@ -265,11 +266,7 @@ TEST(DvdDiscTest, TitleSetWithBrokenTablesIsLeftOut) {
   constexpr int kChains = 2 * kBlock;
   constexpr int kFirstChain = kChains + 32;
   constexpr int kCells = 4 * kBlock;
-  struct Patch {
-    int offset;
-    uint32_t value;
-    int bytes;
-  };
+  using Patch = std::tuple<int, uint32_t, int>;  // offset, value, bytes
   const struct {
     const char* what;
     int set;
@@ -295,16 +292,15 @@ TEST(DvdDiscTest, TitleSetWithBrokenTablesIsLeftOut) {
     std::snprintf(name, sizeof name, "/VIDEO_TS/VTS_%02d_0.IFO", c.set);
     {
       std::fstream ifo(copy + name, std::ios::in | std::ios::out | std::ios::binary);
-      for (const Patch& patch : c.patches) {
-        ifo.seekp(patch.offset);
-        for (int i = patch.bytes - 1; i >= 0; --i)
-          ifo.put(static_cast<char>(patch.value >> (8 * i)));
+      for (const auto& [offset, value, bytes] : c.patches) {
+        ifo.seekp(offset);
+        for (int i = bytes - 1; i >= 0; --i)
+          ifo.put(static_cast<char>(value >> (8 * i)));
       }
       ASSERT_TRUE(ifo.good());
     }
     const Opened opened = openLogged(copy);
-    ASSERT_TRUE(opened.disc);
-    ASSERT_EQ(opened.disc->title_sets.size(), 1u);
+    ASSERT_TRUE(opened.disc && opened.disc->title_sets.size() == 1);
     EXPECT_EQ(opened.disc->title_sets[0]->title_set, 3 - c.set);
     EXPECT_EQ(opened.log, (std::vector<std::string>{"title_sets 2 Region 0xff",
                                                     "title_set " + std::to_string(c.set) +

@@ -60,10 +60,8 @@ void rewind(VNFFMedia& media) {
 
 // The average rate, when known, is an integer quotient.
 TEST(MediaStreamTest, FramerateRules) {
-  const struct {
-    AVRational real, average;
-    float rate;
-  } cases[] = {
+  const std::tuple<AVRational, AVRational, float> cases[] = {
+      // real, average, rate
       {{24000, 1001}, {0, 0}, 23.97f},
       {{2997, 100}, {0, 0}, 29},
       {{25, 1}, {0, 0}, 25},
@@ -73,13 +71,13 @@ TEST(MediaStreamTest, FramerateRules) {
       {{60000, 1001}, {0, 0}, 30},
       {{60000, 1001}, {30000, 1001}, 29},
   };
-  for (const auto& c : cases) {
+  for (const auto& [real, average, rate] : cases) {
     SyntheticStream s(AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_RAWVIDEO);
-    s.stream->r_frame_rate = c.real;
-    s.stream->avg_frame_rate = c.average;
+    s.stream->r_frame_rate = real;
+    s.stream->avg_frame_rate = average;
     auto stream = VNFFMediaStream::create({}, s.stream);
     ASSERT_TRUE(stream);
-    EXPECT_EQ(stream->framerate(), c.rate) << c.real.num << "/" << c.real.den;
+    EXPECT_EQ(stream->framerate(), rate) << real.num << "/" << real.den;
   }
 }
 

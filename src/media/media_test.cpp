@@ -86,10 +86,9 @@ TEST(MediaSourceTest, FilesSplitIntoAVideoAndAnAudioMedia) {
       EXPECT_FALSE(media.hasSubtitle());
     }
     EXPECT_EQ((*medias)[0]->source(), source) << "the first media reads the given source";
-    if (medias->size() == 2) {
-      EXPECT_NE((*medias)[1]->formatContext(), source->formatContext()) << "own demuxer";
-      EXPECT_TRUE((*medias)[1]->isOpen());
-    }
+    EXPECT_TRUE(medias->size() < 2 || ((*medias)[1]->formatContext() != source->formatContext() &&
+                                       (*medias)[1]->isOpen()))
+        << "the second has a demuxer of its own";
   }
 }
 
