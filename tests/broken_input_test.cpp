@@ -69,7 +69,7 @@ const Case kCases[] = {
     {"audio", "cut1_mp3_cover.mp3", "xxxx"},
     {"audio", "cut10_mp3_cover.mp3", "oxxx", true},
     {"audio", "prefix_mp3_cover.mp3 cut50_ac3_51.ac3", "oxxo"},
-    // A disc image cut before its title set's IFO is no disc; after it, its VOBs read as far as they go.
+    // A disc image cut before its title set's IFO is no disc; after it, its VOBs read to the cut.
     {"dvd", "cut10_dvd.iso", "xxxx"},
     {"dvd", "cut50_dvd.iso", "oooo"},
     // Cues that are not UTF-8 and times that make no sense are drawn or left out.
@@ -138,7 +138,8 @@ void check(const CommandResult& r,
     EXPECT_EQ(entries(folder), std::vector<std::string>{fs::path(output).filename().string()});
   } else {
     ASSERT_EQ(r.status, 1) << r.err;
-    EXPECT_EQ(std::pair(errors, errors + warnings), std::pair(1l, static_cast<long>(err.size())))
+    EXPECT_EQ(std::pair(errors, errors + warnings),
+              std::pair(long{1}, static_cast<long>(err.size())))
         << r.err;
     EXPECT_EQ(err.empty() ? "" : err.back().substr(0, 15), "varnel: error: ") << r.err;
     EXPECT_NE(r.err.find("'" + input + "'"), std::string::npos) << r.err;

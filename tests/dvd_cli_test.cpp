@@ -120,8 +120,7 @@ TEST(DvdCliTest, InfoAgreesWithLsdvd) {
     names(set["audio_language_codes"], t.audioCodes, false);
     names(set["subtitle_languages"], t.subtitleCodes, true);
     names(set["subtitle_language_codes"], t.subtitleCodes, false);
-    // The playing times the disc states, the title's and its chapters' (lsdvd cuts to
-    // milliseconds).
+    // The title's and its chapters' playing times the disc states (lsdvd cuts to milliseconds).
     bool found = false;
     for (const Json& title : set["titles"]) {
       if (title["title"] != t.ttn)
@@ -209,8 +208,7 @@ TEST(DvdCliTest, ConvertedTitleHasItsLengthSoundAndPictures) {
   const double frame = 1001.0 / 30000;
   EXPECT_NEAR(probedDuration(mp4), first + second - 0.2, 2 * frame);
 
-  // Without a title, the longest the disc states: title 2 (5.0 s), not title 1 (4.0 s, more
-  // sectors).
+  // Without a title, the longest the disc states: title 2 (5 s), not title 1 (4 s, more sectors).
   const std::string longest = scratch("dvd-longest.mp4");
   ASSERT_EQ(runVarnel({"convert", fixture("dvd.iso"), longest, "--acodec", "aac"}).status, 0);
   EXPECT_NEAR(probedDuration(longest), probedDuration(mp4), frame);
@@ -227,8 +225,7 @@ TEST(DvdCliTest, ConvertedTitleHasItsLengthSoundAndPictures) {
             35.0);
 }
 
-// Which VOB a time falls in: the converted title above, and the DvdDiscTest and MovieSeekTest
-// units.
+// Which VOB a time falls in: the converted title above, DvdDiscTest and MovieSeekTest.
 TEST(DvdCliTest, FramesShowTheTitlesSubpicture) {
   const auto frame = [](const std::vector<std::string>& args) {
     return frameOf(fixture("dvd_folder"), args);
