@@ -33,8 +33,7 @@ std::vector<float> audible(const std::vector<float>& signal, float floor = 1e-2f
 // Reads raw interleaved float32 samples from a file.
 Samples readRawFloat(const std::string& path, int channels, int rate);
 
-// Decodes any audio file to interleaved float32 with ffmpeg (extraArgs go
-// before the output, e.g. a filter graph).
+// Decodes any audio file to interleaved float32 with ffmpeg (extraArgs go before the output).
 Samples decodeWithFfmpeg(const std::string& input,
                          const std::string& extraArgs,
                          int channels,

@@ -1,10 +1,8 @@
-// End-to-end: `varnel frame`, `varnel thumbnail` and the picture settings of
-// `varnel convert`, checked on output pixels against the ffmpeg command line.
+// End-to-end: `varnel frame` and `thumbnail` on output pixels against the ffmpeg command line.
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <random>
 #include <sstream>
 
 #include "test_support.h"
@@ -22,26 +20,6 @@ using vn::test::shellQuote;
 
 using vn::test::scratch;
 
-// The start of every picture of the first video stream from the file's start,
-// sorted (ffprobe's best-effort times).
-std::vector<double> frameStarts(const std::string& path) {
-  std::istringstream lines(runShell(
-      "ffprobe -v error -select_streams v:0 -show_entries frame=best_effort_timestamp_time "
-      "-of csv=p=0 " +
-      shellQuote(path)));
-  const double start = std::atof(
-      runShell("ffprobe -v error -show_entries format=start_time -of csv=p=0 " + shellQuote(path))
-          .c_str());
-  std::vector<double> starts;
-  for (std::string line; std::getline(lines, line);) {
-    line = line.substr(0, line.find(','));
-    if (!line.empty() && line != "N/A")
-      starts.push_back(std::atof(line.c_str()) - start);
-  }
-  std::sort(starts.begin(), starts.end());
-  return starts;
-}
-
 // The picture ffmpeg decodes with an accurate seek to a time, as RGBA.
 Raster ffmpegAt(const std::string& path, double seconds, const std::string& filters = "") {
   char ss[40];
@@ -49,114 +27,11 @@ Raster ffmpegAt(const std::string& path, double seconds, const std::string& filt
   return readPicture(path, filters, ss);
 }
 
-bool black(const uint8_t* p) {
-  return p[0] < 64 && p[1] < 64 && p[2] < 64;
-}
-
-// Widths of the black columns on the left and right of a picture.
-std::pair<int, int> sideBars(const Raster& r) {
-  auto column = [&](int x) {
-    for (int y = 0; y < r.height; ++y)
-      if (!black(r.at(x, y)))
-        return false;
-    return true;
-  };
-  int left = 0, right = 0;
-  while (left < r.width && column(left))
-    ++left;
-  while (right < r.width && column(r.width - 1 - right))
-    ++right;
-  return {left, right};
-}
-
-// The nine numbers of the display matrix ffprobe reads from the first stream.
-std::vector<long long> displayMatrixOf(const std::string& path) {
-  const nlohmann::json probe = vn::test::ffprobe(path);
-  std::vector<long long> numbers;
-  if (!probe.contains("streams") || probe["streams"].empty())
-    return numbers;
-  for (const auto& side : probe["streams"][0].value("side_data_list", nlohmann::json::array())) {
-    if (side.value("side_data_type", "") != "Display Matrix")
-      continue;
-    // Rows "00000000:  a  b  u": the row labels end in a colon.
-    std::istringstream text(side.value("displaymatrix", ""));
-    for (std::string word; text >> word;) {
-      if (word.back() != ':')
-        numbers.push_back(std::atoll(word.c_str()));
-    }
-  }
-  return numbers;
-}
-
 }  // namespace
 
-// For random times, the picture is the frame that covers the time (the last
-// one starting at or before it), as ffmpeg decodes it reading from the start:
-// B-frames in a transport stream, program streams, a variable frame rate,
-// video that starts late. (ffmpeg's accurate seek is no reference: in MPEG
-// streams it lands up to three frames off, past a TS's last keyframe nowhere.)
-TEST(FrameTest, ThePictureAtATimeIsTheFrameThatCoversIt) {
-  const char* const files[] = {"h264_2997.ts", "mpeg2_mp2.mpg", "vfr.mkv", "mpeg2_24p.ts"};
-  constexpr int kTimes = 4;
-  for (const char* name : files) {
-    SCOPED_TRACE(name);
-    const std::string path = fixture(name);
-    const std::vector<double> starts = frameStarts(path);
-    ASSERT_GT(starts.size(), 10u);
-    std::mt19937 random(11);
-    std::uniform_real_distribution<double> pick(starts.front(), starts.back());
-    std::vector<double> times;
-    std::vector<int> indices;
-    std::string select;
-    for (int i = 0; i < kTimes; ++i) {
-      times.push_back(std::round(pick(random) * 1e6) / 1e6);
-      indices.push_back(
-          int(std::upper_bound(starts.begin(), starts.end(), times.back()) - starts.begin()) - 1);
-      select += (select.empty() ? "" : "+") + std::string("eq(n\\,") +
-                std::to_string(indices.back()) + ")";
-    }
-    // The frames that cover the times, in one decoding from the start.
-    std::vector<int> order = indices;
-    std::sort(order.begin(), order.end());
-    order.erase(std::unique(order.begin(), order.end()), order.end());
-    const std::vector<Raster> covering = vn::test::readPictures(path, "select=" + select);
-    ASSERT_EQ(covering.size(), order.size());
-    int exact = 0;
-    std::string misses;
-    for (int i = 0; i < kTimes; ++i) {
-      char time[32];
-      std::snprintf(time, sizeof time, "%.6f", times[i]);
-      const Raster got = frameOf(path, {"-t", time});
-      const auto at = std::lower_bound(order.begin(), order.end(), indices[i]) - order.begin();
-      const double match = psnr(got, covering[size_t(at)]);
-      if (match >= 40)
-        ++exact;
-      else
-        misses += " " + std::string(time) + " (" + std::to_string(match) + " dB)";
-    }
-    std::printf("[ frame    ] %-16s %2d/%d exact;%s\n", name, exact, kTimes,
-                misses.empty() ? " no misses" : misses.c_str());
-    EXPECT_EQ(exact, kTimes) << misses;
-  }
-}
-
+// Crop as ffmpeg's, a watermark file, a turned phone video (the rest: EffectVideoStreamTest).
 TEST(FrameTest, PictureSettingsShowOnTheOutput) {
   const std::string in = fixture("h264_aac.mp4");  // 320x240, 4:3
-  // A 4:3 picture fitted into 16:9: equal bars left and right.
-  const Raster fitted = frameOf(in, {"-t", "3.01", "--size", "640x360"});
-  ASSERT_EQ(fitted.width, 640);
-  const auto [left, right] = sideBars(fitted);
-  EXPECT_NEAR(left, 80, 1);
-  EXPECT_EQ(left, right);
-  // Panscan fills the width; stretch fills everything.
-  for (const char* zoom : {"panscan", "stretch"})
-    EXPECT_EQ(sideBars(frameOf(in, {"-t", "3.01", "--size", "640x360", "--zoom", zoom})),
-              std::make_pair(0, 0))
-        << zoom;
-  // Both mirrors are a half turn.
-  const Raster flipped = frameOf(in, {"-t", "3.01", "--hflip", "--vflip"});
-  const Raster turned = frameOf(in, {"-t", "3.01", "--rotate", "180"});
-  EXPECT_GE(psnr(flipped, turned), 45);
   // A crop counts from the top left, as ffmpeg's does.
   const Raster cropped =
       frameOf(in, {"-t", "3.01", "--crop", "40,30,160,120", "--size", "160x120"});
@@ -168,7 +43,7 @@ TEST(FrameTest, PictureSettingsShowOnTheOutput) {
   const Raster background = frameOf(in, {"-t", "3.01", "--zoom", "0", "--watermark", mark});
   ASSERT_EQ(background.height, 240);
   EXPECT_GT(background.at(5, 235)[0], 250) << "the mark, in the bottom-left corner";
-  EXPECT_TRUE(black(background.at(100, 100)));
+  EXPECT_LT(background.at(100, 100)[0], 64);
   // A phone video turned a quarter gives a portrait picture, as ffmpeg shows it.
   const std::string phone = scratch("phone.mp4");
   const std::string plain = scratch("plain.mp4");
@@ -178,8 +53,7 @@ TEST(FrameTest, PictureSettingsShowOnTheOutput) {
       shellQuote(plain) + " && ffmpeg -v error -y -i " + shellQuote(plain) +
       " -c copy -metadata:s:v:0 rotate=90 " + shellQuote(phone));
   const Raster portrait = frameOf(phone, {"-t", "1.02"});
-  EXPECT_EQ(portrait.width, 240);
-  EXPECT_EQ(portrait.height, 320);
+  EXPECT_EQ(std::pair(portrait.width, portrait.height), std::pair(240, 320));
   EXPECT_GE(psnr(portrait, ffmpegAt(phone, 1.0)), 40);
 }
 
@@ -203,8 +77,7 @@ TEST(FrameTest, ThumbnailsFitTheirBox) {
     const vn::test::CommandResult r = runVarnel(args);
     ASSERT_EQ(r.status, 0) << r.err;
     const Raster thumb = readPicture(o);
-    EXPECT_EQ(thumb.width, c.width);
-    EXPECT_EQ(thumb.height, c.height);
+    EXPECT_EQ(std::pair(thumb.width, thumb.height), std::pair(c.width, c.height));
   }
   // Several times in one run: one file each, numbered; all or nothing.
   const std::string numbered = scratch("many-%d.png");
@@ -215,14 +88,10 @@ TEST(FrameTest, ThumbnailsFitTheirBox) {
     EXPECT_EQ(readPicture(scratch("many-" + std::to_string(i) + ".png")).width, 160);
 }
 
-// At a time where one frame ends and the next starts, frame and thumbnail
-// show the one that starts there, to the byte as ffmpeg's accurate seek
-// decodes it; 29.97 fps, where the time over the frame length falls a hair
-// short of the frame's number, at every time.
+// Where one frame ends and the next starts, the one starting there, to the byte as ffmpeg decodes
+// it; at 29.97 fps the time over the frame length falls a hair short of the frame's number.
 TEST(FrameTest, AFrameStartShowsTheFrameStartingThere) {
   const std::pair<const char*, std::vector<const char*>> cases[] = {
-      {"rate_24.mp4", {"1.125"}},                       // frame 27
-      {"rate_25.mp4", {"2.04"}},                        // frame 51
       {"rate_2997.mp4", {"0.5005", "1.001", "2.002"}},  // frames 15, 30, 60
       {"rate_30.mp4", {"1.1"}},                         // frame 33
   };
@@ -246,33 +115,23 @@ TEST(FrameTest, AFrameStartShowsTheFrameStartingThere) {
   }
 }
 
-// A phone's display matrix that turns and mirrors at once is applied whole, as
-// ffmpeg does, by frame, thumbnail and convert (a composed, mirrored output).
+// A display matrix that turns and mirrors is applied whole, as ffmpeg does, by every command.
 TEST(FrameTest, AMirroringDisplayMatrixIsShownWhole) {
   struct Case {
     const char* name;
-    std::vector<long long> matrix;  // as ffprobe prints it
+    const char* turn;  // the matrix's turn alone, as --rotate
     int width, height;
-  };
-  constexpr long long kOne = 65536, kW = 1073741824;
-  const Case cases[] = {
-      {"mirror_transpose.mp4", {0, kOne, 0, kOne, 0, 0, 0, 0, kW}, 180, 320},
-      {"mirror_left_right.mp4", {-kOne, 0, 0, 0, kOne, 0, 0, 0, kW}, 320, 180},
-      {"mirror_antitranspose.mp4", {0, -kOne, 0, -kOne, 0, 0, 0, 0, kW}, 180, 320},
-  };
+  } cases[] = {{"mirror_transpose.mp4", "-90", 180, 320},
+               {"mirror_left_right.mp4", "-180", 320, 180},
+               {"mirror_antitranspose.mp4", "90", 180, 320}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string path = fixture(c.name);
-    ASSERT_EQ(displayMatrixOf(path), c.matrix);
     // ffmpeg turns and mirrors by default.
     const Raster shown = ffmpegAt(path, 1);
-    ASSERT_EQ(shown.width, c.width);
-    ASSERT_EQ(shown.height, c.height);
+    ASSERT_EQ(std::pair(shown.width, shown.height), std::pair(c.width, c.height));
     // The same picture only turned (the mirror left out) is far from it.
-    const Raster turnedOnly =
-        frameOf(path, {"-t", "1", "--rotate",
-                       std::to_string(-std::atan2(c.matrix[1], c.matrix[0]) * 180 / M_PI)});
-    EXPECT_LT(psnr(turnedOnly, shown), 20);
+    EXPECT_LT(psnr(frameOf(path, {"-t", "1", "--rotate", c.turn}), shown), 20);
     EXPECT_EQ(frameOf(path, {"-t", "1"}).rgba, shown.rgba);
     const std::string thumb = scratch("mirrored-thumb.png");
     const std::string box = std::to_string(c.width) + "x" + std::to_string(c.height);

@@ -1,6 +1,5 @@
-// End-to-end: `varnel play` recorded through SDL's disk audio driver (raw
-// float32 stereo 44100 Hz, in real time); lengths and levels only when the
-// machine keeps up (kRealTime).
+// End-to-end: `varnel play` recorded through SDL's disk audio driver (raw float32 stereo 44100 Hz,
+// in real time); lengths and levels only when the machine keeps up (kRealTime).
 
 #include "audio_analysis.h"
 #include "test_support.h"
@@ -20,9 +19,7 @@ size_t longestGap(const std::vector<float>& signal) {
 
 }  // namespace
 
-// What is recorded is the tone of the input from where it starts, at its
-// pitch whatever the speed, for as long as the speed makes it last, at the
-// level the volume asks for, without a gap.
+// The input's tone from its start, at its pitch at any speed, as long and loud as asked, unbroken.
 TEST(PlayCommandTest, RecordsTheSoundAtItsPitchLengthAndLevel) {
   const struct {
     std::string args;
@@ -51,8 +48,7 @@ TEST(PlayCommandTest, RecordsTheSoundAtItsPitchLengthAndLevel) {
     EXPECT_NEAR(vn::test::zeroCrossingFrequency(tone, 44100), c.pitch, c.tolerance);
     if (kRealTime && c.seconds > 0) {
       EXPECT_NEAR(tone.size() / 44100.0, c.seconds, 0.25);
-      // A sine crosses zero every half period; a gap in the sound would
-      // show as a run of silence far longer than that.
+      // A gap shows as a run of silence far longer than a half period.
       EXPECT_LT(longestGap(tone), 30u);
     }
     if (kRealTime && c.level > 0) {
@@ -60,11 +56,4 @@ TEST(PlayCommandTest, RecordsTheSoundAtItsPitchLengthAndLevel) {
       EXPECT_NEAR(vn::test::rms(tone) / vn::test::rms(source.channel(0)), c.level, 0.05);
     }
   }
-
-  // No sound device: one line, status 1.
-  const vn::test::CommandResult r = vn::test::runVarnel(
-      {"play", fixture("aac.m4a")},
-      {{"SDL_AUDIODRIVER", "disk"}, {"SDL_DISKAUDIOFILE", "/nonexistent/dir/x.raw"}});
-  vn::test::expectError(r, 1, "no sound device");
-  EXPECT_EQ(r.err.rfind("varnel: error: cannot play", 0), 0u) << r.err;
 }

@@ -1,5 +1,4 @@
-// End-to-end: text and bitmap subtitles on the pictures of `varnel convert`, `frame` and
-// `thumbnail`, found where a picture differs strongly from the same one without them.
+// End-to-end: subtitles on the pictures of `varnel convert`, `frame` and `thumbnail`.
 
 #include <algorithm>
 #include <cstdio>
@@ -33,8 +32,7 @@ Raster frameOf(const std::string& input, const std::string& args, const char* co
   return readPicture(png);
 }
 
-// Where a picture differs strongly from the same one without subtitles: the
-// pixels, their box, and their count on each row and column.
+// Where a picture differs strongly from the one without subtitles: count, box, rows and columns.
 struct Ink {
   int count = 0;
   int left = 0, top = 0, right = -1, bottom = -1;  // inclusive
@@ -73,8 +71,7 @@ int change(const uint8_t* a, const uint8_t* b) {
 
 Ink inkOf(const Raster& with, const Raster& without, int threshold = 96) {
   Ink ink;
-  EXPECT_EQ(with.width, without.width);
-  EXPECT_EQ(with.height, without.height);
+  EXPECT_EQ(std::pair(with.width, with.height), std::pair(without.width, without.height));
   if (with.width != without.width || with.height != without.height || with.rgba.empty())
     return ink;
   ink.rows.assign(size_t(with.height), 0);
@@ -92,17 +89,17 @@ Ink inkOf(const Raster& with, const Raster& without, int threshold = 96) {
 }
 
 std::string describe(const Ink& ink) {
-  char text[96];
-  std::snprintf(text, sizeof text, "%d pixels in x %d-%d, y %d-%d", ink.count, ink.left, ink.right,
-                ink.top, ink.bottom);
-  return ink.empty() ? "nothing drawn" : text;
+  return ink.empty() ? "nothing drawn"
+                     : std::to_string(ink.count) + " pixels in x " + std::to_string(ink.left) +
+                           "-" + std::to_string(ink.right) + ", y " + std::to_string(ink.top) +
+                           "-" + std::to_string(ink.bottom);
 }
 
 // A SubRip file of one cue over all of cues_clip.mp4.
 std::string wholeClipCue(const std::string& name, const std::string& text) {
-  const std::string path = scratch(name);
-  std::ofstream(path, std::ios::binary) << "1\n00:00:00,000 --> 00:00:08,000\n" << text << "\n";
-  return path;
+  std::ofstream(scratch(name), std::ios::binary) << "1\n00:00:00,000 --> 00:00:08,000\n"
+                                                 << text << "\n";
+  return scratch(name);
 }
 
 bool isRed(const uint8_t* p) {
@@ -130,12 +127,6 @@ unsigned cuesAt(int n) {
   return shown;
 }
 
-std::string frameName(int n) {
-  char text[40];
-  std::snprintf(text, sizeof text, " %d (%.2f s)", n, n * kFrameMs / 1000.0);
-  return text;
-}
-
 // The same drawing: the same box, give or take a pixel of encoding noise.
 bool sameDrawing(const Ink& a, const Ink& b) {
   if (a.empty() || b.empty())
@@ -146,8 +137,7 @@ bool sameDrawing(const Ink& a, const Ink& b) {
 
 }  // namespace
 
-// cues_clip.mp4 converted with and without cues.srt: a cue from s to e is on
-// the frames whose middle is strictly inside (s, e), a cue of no length on
+// A cue from s to e is on the frames whose middle is strictly inside (s, e), a cue of no length on
 // none; overlapping cues one at a time (Charlie 113-136, then Delta to 154).
 TEST(SubtitleTest, ConvertedCuesAreOnTheFramesWhoseMiddleIsInsideTheirTimes) {
   const std::string plainPath = scratch("cues-plain.mp4"), withPath = scratch("cues-with.mp4");
@@ -158,8 +148,7 @@ TEST(SubtitleTest, ConvertedCuesAreOnTheFramesWhoseMiddleIsInsideTheirTimes) {
   ASSERT_EQ(r.status, 0) << r.err;
   const std::vector<Raster> plain = vn::test::readPictures(plainPath, "null");
   const std::vector<Raster> with = vn::test::readPictures(withPath, "null");
-  ASSERT_EQ(plain.size(), size_t(kCueFrames));
-  ASSERT_EQ(with.size(), size_t(kCueFrames));
+  ASSERT_TRUE(plain.size() == size_t(kCueFrames) && with.size() == size_t(kCueFrames));
   std::vector<Ink> ink;
   std::string wrong, seen, wanted;
   for (int n = 0; n < kCueFrames; ++n) {
@@ -167,34 +156,30 @@ TEST(SubtitleTest, ConvertedCuesAreOnTheFramesWhoseMiddleIsInsideTheirTimes) {
     if (n >= 112 && n <= 155)
       continue;  // the overlap, below
     if (ink.back().empty() != (cuesAt(n) == 0))
-      wrong += "\n  frame" + frameName(n) + ": " + describe(ink.back()) + ", expected " +
+      wrong += "\n  frame " + std::to_string(n) + ": " + describe(ink.back()) + ", expected " +
                (cuesAt(n) ? "text" : "none");
     if (n > 0 && !sameDrawing(ink[size_t(n)], ink[size_t(n - 1)]))
-      seen += frameName(n);
+      seen += " " + std::to_string(n);
     if (n > 0 && cuesAt(n) != cuesAt(n - 1))
-      wanted += frameName(n);
+      wanted += " " + std::to_string(n);
   }
   EXPECT_TRUE(wrong.empty()) << wrong;
   EXPECT_EQ(seen, wanted) << "frames where the drawing changes";
 
-  EXPECT_TRUE(ink[112].empty()) << describe(ink[112]);
-  EXPECT_EQ(ink[120].bands(), 1) << describe(ink[120]);
-  for (size_t n = 113; n <= 136; ++n)
-    EXPECT_TRUE(sameDrawing(ink[n], ink[120])) << frameName(int(n)) << ": " << describe(ink[n]);
-  EXPECT_EQ(ink[145].bands(), 1) << describe(ink[145]);
-  EXPECT_FALSE(sameDrawing(ink[120], ink[145])) << "Delta is not Charlie";
-  EXPECT_FALSE(sameDrawing(ink[137], ink[136])) << "Charlie is gone after its end";
-  for (size_t n = 138; n <= 154; ++n)
-    EXPECT_TRUE(sameDrawing(ink[n], ink[145])) << frameName(int(n)) << ": " << describe(ink[n]);
-  EXPECT_TRUE(ink[155].empty()) << describe(ink[155]);
+  EXPECT_TRUE(ink[112].empty() && ink[155].empty());
+  EXPECT_TRUE(ink[120].bands() == 1 && ink[145].bands() == 1 && !sameDrawing(ink[120], ink[145]))
+      << describe(ink[120]) << " / " << describe(ink[145]);
+  for (size_t n = 113; n <= 154; ++n)  // Charlie until 136 and gone at 137, Delta from 138
+    EXPECT_TRUE(n == 137 ? !sameDrawing(ink[n], ink[136])
+                         : sameDrawing(ink[n], ink[n < 137 ? 120 : 145]))
+        << "frame " << n << ": " << describe(ink[n]);
 }
 
 // ---- appearance --------------------------------------------------------------
 
-// Text is centred with its bottom at position x height above the frame's;
-// tags and markup are read, not drawn (a cue is as wide as its text, the part
-// after an ASS line's last comma); a cue of blanks draws nothing.
-TEST(SubtitleTest, TextIsCentredAtItsPositionAndMarkupIsReadNotDrawn) {
+// The text's bottom is at position x height (centring: SubtitleDrawingTest); tags and markup are
+// read, not drawn (the part after an ASS line's last comma is shown); blanks draw nothing.
+TEST(SubtitleTest, TextIsPlacedAtItsPositionAndMarkupIsReadNotDrawn) {
   const std::string clip = fixture("cues_clip.mp4");
   const Raster plain = frameOf(clip, "-t 2.5");
   auto draw = [&](const std::string& text, const std::string& extra = "") {
@@ -207,15 +192,11 @@ TEST(SubtitleTest, TextIsCentredAtItsPositionAndMarkupIsReadNotDrawn) {
   EXPECT_NEAR(middle.bottom, 240 / 2 - 1, 4) << describe(middle);
   EXPECT_NEAR(low.bottom - middle.bottom, int(0.4 * 240), 2)
       << describe(low) << " / " << describe(middle);
-  EXPECT_NEAR(middle.left, low.left, 1);
-  EXPECT_NEAR(middle.left, 320 - 1 - middle.right, 3) << describe(middle);
-  EXPECT_EQ(middle.bands(), 1);
 
   const Ink text = inkOf(draw("Go, team"), plain);
   ASSERT_FALSE(text.empty());
-  for (const char* cue :
-       {"{\\an8}Go, team", "{\\b1}Go{\\b0}, team", "Go, {\\an8}team", "<b>Go</b>, team",
-        "<font color=\"#ffffff\">Go</font>, team", "   ", "\t \t", "<i> </i>", " \n "}) {
+  for (const char* cue : {"{\\an8}Go, team", "Go, {\\an8}team", "<b>Go</b>, team",
+                          "<font color=\"#ffffff\">Go</font>, team", "   ", "<i> </i>", " \n "}) {
     SCOPED_TRACE(cue);
     const Raster got = draw(cue);
     if (std::string(cue).find("Go") == std::string::npos) {
@@ -235,22 +216,16 @@ TEST(SubtitleTest, OutlineShadowAndColour) {
   const std::string cue = " --subtitles " + wholeClipCue("seen.srt", "Seen") + " ";
   const Raster plain = frameOf(white, "-t 1");
   ASSERT_TRUE(isWhite(plain.at(160, 200)));
-  // The outline is 2 by default; a wider one darkens more pixels.
+  // The outline is 2 by default (its widths: SubtitleDrawingTest).
   const std::pair<const char*, bool> cases[] = {
       {"", true},
       {"--subtitle-outline 0 --subtitle-shadow 0", false},
       {"--subtitle-outline 0 --subtitle-shadow 3", true},
-      {"--subtitle-outline 0 --subtitle-color #000000", true},
-      {"--subtitle-outline 1", true},
-      {"--subtitle-outline 4", true},
   };
-  std::vector<int> counts;
   for (const auto& [extra, visible] : cases) {
-    SCOPED_TRACE(extra);
-    counts.push_back(inkOf(frameOf(white, "-t 1" + cue + extra), plain, 40).count);
-    EXPECT_TRUE(visible ? counts.back() > 50 : counts.back() == 0) << counts.back();
+    const int count = inkOf(frameOf(white, "-t 1" + cue + extra), plain, 40).count;
+    EXPECT_TRUE(visible ? count > 50 : count == 0) << extra << ": " << count;
   }
-  EXPECT_GT(counts[5], counts[4] * 3 / 2);
 
   // On the dark clip without outline the brightest drawn pixel is the colour,
   // half as strong when half transparent.
@@ -260,7 +235,6 @@ TEST(SubtitleTest, OutlineShadowAndColour) {
     int lowest[3], highest[3];  // of the drawn pixel with the largest sum
   } colours[] = {
       {"#ff0000", {230, 0, 0}, {255, 60, 60}},
-      {"#ffffff", {245, 245, 245}, {255, 255, 255}},
       {"#ffffff80", {100, 100, 100}, {220, 220, 220}},
   };
   for (const auto& c : colours) {
@@ -268,7 +242,6 @@ TEST(SubtitleTest, OutlineShadowAndColour) {
     const Raster got =
         frameOf(fixture("cues_clip.mp4"),
                 "-t 2.5" + cue + "--subtitle-outline 0 --subtitle-color " + c.colour);
-    ASSERT_GT(inkOf(got, dark, 40).count, 50);
     // Among the pixels the text changed (the grey box is no text).
     const uint8_t* strongest = nullptr;
     for (size_t i = 0; i < got.rgba.size(); i += 4) {
@@ -292,28 +265,14 @@ TEST(SubtitleTest, SubtitleFilesAreReadInTheirCharset) {
   };
   const Raster reference = draw("utf8.srt");
   const Ink text = inkOf(reference, frameOf(clip, "-t 3"));
-  EXPECT_GT(text.height(), 40) << "two lines: " << describe(text);
-  EXPECT_GT(text.count, 300) << describe(text);
-  const std::pair<const char*, bool> cases[] = {
-      {"cp1252.srt", true},  // guessed; every guess is the unit tests'
-      {"cp1252.srt --subtitle-charset ISO-8859-5", false},
-  };
-  for (const auto& [file, same] : cases) {
-    SCOPED_TRACE(file);
-    const Raster got = draw(file);
-    if (same) {
-      EXPECT_GE(psnr(got, reference), 50);
-    } else {
-      EXPECT_LT(psnr(got, reference), 40);
-      EXPECT_FALSE(inkOf(got, reference).empty());
-    }
-  }
+  EXPECT_TRUE(text.height() > 40 && text.count > 300) << "two lines: " << describe(text);
+  EXPECT_GE(psnr(draw("cp1252.srt"), reference), 50);  // guessed; every guess is the unit tests'
+  EXPECT_LT(psnr(draw("cp1252.srt --subtitle-charset ISO-8859-5"), reference), 40);
 }
 
 // ---- subtitle tracks -----------------------------------------------------------
 
-// A bitmap subpicture (x 280-439, y 400-447 of 720x480, shown 2-4 s, a red ring
-// around white) goes where the picture settings take the pixels under it.
+// A subpicture (x 280-439, y 400-447 of 720x480, 2-4 s) goes where the settings take its pixels.
 TEST(SubtitleTest, BitmapTracksAreLaidOverThePicture) {
   const struct {
     const char* file;
@@ -331,7 +290,6 @@ TEST(SubtitleTest, BitmapTracksAreLaidOverThePicture) {
        {176, 212},
        {320, 248}},
       {"dvdsub.mkv", "--vflip", {280, 32, 439, 79}, {288, 73}, {360, 55}},
-      {"dvdsub.mkv", "--size 360x240", {140, 200, 219, 223}, {144, 203}, {180, 212}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.file) + " " + c.settings);
@@ -351,10 +309,8 @@ TEST(SubtitleTest, BitmapTracksAreLaidOverThePicture) {
                 2)
           << describe(solid);
       EXPECT_GT(ink.count, (c.box[2] - c.box[0]) * (c.box[3] - c.box[1]) / 2) << describe(ink);
-      if (c.ring[0] >= 0) {
-        EXPECT_TRUE(isRed(got.at(c.ring[0], c.ring[1])));
-        EXPECT_TRUE(isWhite(got.at(c.centre[0], c.centre[1])));
-      }
+      EXPECT_TRUE(c.ring[0] < 0 || (isRed(got.at(c.ring[0], c.ring[1])) &&
+                                    isWhite(got.at(c.centre[0], c.centre[1]))));
       if (*c.settings)
         break;
     }

@@ -106,12 +106,14 @@ std::string runShell(const std::string& command, int* status) {
 
 CommandResult runVarnel(const std::vector<std::string>& args,
                         const std::map<std::string, std::string>& env,
-                        int timeoutSeconds) {
+                        int timeoutSeconds,
+                        const std::string& wrapper) {
   static std::atomic<int> counter{0};
   const std::string errPath = scratchDir() + "/stderr-" + std::to_string(++counter);
   std::string command;
   for (const auto& [name, value] : env)
     command += name + "=" + shellQuote(value) + " ";
+  command += wrapper.empty() ? "" : wrapper + " ";
   if (timeoutSeconds > 0)
     command += "timeout -k 5 " + std::to_string(timeoutSeconds) + " ";
   command += shellQuote(VARNEL_CLI_PATH);
@@ -126,16 +128,16 @@ CommandResult runVarnel(const std::vector<std::string>& args,
 }
 
 nlohmann::json ffprobe(const std::string& path) {
-  const std::string out = runShell("ffprobe -v error -show_streams -show_format -of json " +
-                                   shellQuote(path) + " 2>/dev/null");
+  const std::string out =
+      runShell("ffprobe -v error -show_streams -show_format -show_chapters -of json " +
+               shellQuote(path) + " 2>/dev/null");
   return nlohmann::json::parse(out, nullptr, false);
 }
 
 const nlohmann::json* streamOf(const nlohmann::json& probe, const std::string& type) {
-  for (const auto& s : probe["streams"]) {
+  for (const auto& s : probe["streams"])
     if (s["codec_type"] == type)
       return &s;
-  }
   return nullptr;
 }
 
@@ -163,8 +165,7 @@ Raster Raster::part(int x, int y, int w, int h) const {
 
 namespace {
 
-// The pictures ffmpeg decodes with the options, read from its PAM output: a
-// text header with the size, then the pixels, for each.
+// The pictures ffmpeg decodes with the options, read from its PAM output.
 std::vector<Raster> decodePictures(const std::string& options) {
   const std::string bytes = runShell("ffmpeg -hide_banner -loglevel error -nostdin " + options +
                                      " -c:v pam -pix_fmt rgba -f image2pipe -");

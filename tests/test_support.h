@@ -12,9 +12,8 @@
 
 namespace vn::test {
 
-// Whether playback tests check the lengths, levels and gaps of what the sound
-// device recorded: only with VARNEL_REALTIME_TESTS=1 in a plain build, as a
-// device starved by a sanitizer build or a busy machine plays silence.
+// Whether playback tests check what the sound device recorded: only with VARNEL_REALTIME_TESTS=1
+// in a plain build (a device starved by a sanitizer build or a busy machine plays silence).
 bool realTimeChecks();
 inline const bool kRealTime = realTimeChecks();
 
@@ -24,17 +23,11 @@ std::string fixture(const std::string& name);
 // A scratch directory of this test run, created on first use, and a path in it.
 std::string scratchDir();
 std::string scratch(const std::string& name);
-
 // Whether the scratch directory holds no temporary file of a failed or stopped run.
 bool noTemporaryFiles();
-
-// The names in a directory.
+// The names in a directory; the bytes of a file (empty when unreadable); the lines of a text.
 std::vector<std::string> entries(const std::string& dir);
-
-// The bytes of a file; empty when it cannot be read.
 std::string readFile(const std::string& path);
-
-// The lines of a text, without their line ends.
 std::vector<std::string> lines(const std::string& text);
 
 // Runs the varnel binary with the arguments; captures stdout and stderr.
@@ -43,22 +36,22 @@ struct CommandResult {
   std::string out;
   std::string err;
 };
-// A run that takes longer than timeoutSeconds (0: no limit) is killed and
-// its status is that of `timeout` (124).
+// A run longer than timeoutSeconds (0: no limit) is killed: status 124, `timeout`'s. The wrapper
+// is a command that runs it (e.g. as another user).
 CommandResult runVarnel(const std::vector<std::string>& args,
                         const std::map<std::string, std::string>& env = {},
-                        int timeoutSeconds = 0);
+                        int timeoutSeconds = 0,
+                        const std::string& wrapper = "");
 
 // Checks that a run failed with the status and one error line holding `says`.
 void expectError(const CommandResult& r, int status, const std::string& says = "");
 
 // The words of a command line, split at spaces; a 'quoted' word keeps its own.
 std::vector<std::string> words(const std::string& line);
-
 // A word for the shell: s in single quotes.
 std::string shellQuote(const std::string& s);
 
-// ffprobe's -show_streams -show_format of a file as JSON (discarded on failure),
+// ffprobe's -show_streams -show_format -show_chapters of a file as JSON (discarded on failure),
 // its first stream of a type (null when none) and its duration.
 nlohmann::json ffprobe(const std::string& path);
 const nlohmann::json* streamOf(const nlohmann::json& probe, const std::string& type);
@@ -75,24 +68,20 @@ struct Raster {
   Raster part(int x, int y, int w, int h) const;
 };
 
-// The first picture of a file (a still, or a movie frame the -vf filters pick)
-// as ffmpeg decodes it to RGBA; inputOptions go before -i (e.g. "-ss 2.5").
+// The first picture of a file (a still, or a movie frame the -vf filters pick) as ffmpeg decodes it
+// to RGBA; inputOptions go before -i (e.g. "-ss 2.5").
 Raster readPicture(const std::string& path,
                    const std::string& filters = "",
                    const std::string& inputOptions = "");
 
 // Every picture the -vf filters let through, in order, decoded to RGBA.
 std::vector<Raster> readPictures(const std::string& path, const std::string& filters);
-
 // The picture `varnel frame input -o PNG args...` writes.
 Raster frameOf(const std::string& input, const std::vector<std::string>& args);
-
 // PSNR of the colour bytes of two pictures in dB; 99 if equal, 0 if sized apart.
 double psnr(const Raster& a, const Raster& b);
-
 // Number of operator new calls made so far on the calling thread.
 uint64_t allocationCount();
-
 // Runs a shell command line and returns its stdout; status in *status.
 std::string runShell(const std::string& command, int* status = nullptr);
 

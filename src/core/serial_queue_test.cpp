@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -27,13 +28,10 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeInOrder) {
   int value = 0;
   auto op = queue.addOperation([&] { value = 42; });
   queue.waitUntilAllOperationsAreFinished();
-  EXPECT_TRUE(op->isFinished());
-  EXPECT_EQ(value, 42);
-  EXPECT_FALSE(queue.isCurrent());
-  EXPECT_EQ(overlaps.load(), 0);
-  ASSERT_EQ(order.size(), 200u);
-  for (int i = 0; i < 200; ++i)
-    EXPECT_EQ(order[i], i);
+  EXPECT_TRUE(op->isFinished() && value == 42 && !queue.isCurrent() && overlaps.load() == 0);
+  std::vector<int> expected(200);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(order, expected);
   // Waiting on one operation holds the caller until that one has run.
   queue.addOperation([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
   auto last = queue.addOperation([&] { value = 7; });
@@ -48,7 +46,6 @@ TEST(SerialQueueTest, OwnerDestroyedFromItsOwnTask) {
   };
   auto owner = std::make_shared<Owner>();
   std::atomic<bool> destroyed{false};
-  auto done = std::make_shared<vn::SerialQueue>("observer");
   std::shared_ptr<vn::SerialQueue::Operation> op;
   {
     auto* raw = owner.get();

@@ -53,8 +53,7 @@ class UncopyableFilter : public ImageFilter {
 
 }  // namespace
 
-// The catalogue's names and filters agree, lookups are exact and hand out copies, never the
-// stored filters.
+// Names and filters agree; lookups are exact and hand out copies, never the stored filters.
 TEST(EffectManagerTest, CatalogueLooksUpExactlyAndHandsOutCopies) {
   const std::vector<std::string>& names = EffectManager::allFilterNames();
   const std::vector<std::shared_ptr<ImageFilter>> all = EffectManager::allFilters();
@@ -73,10 +72,8 @@ TEST(EffectManagerTest, CatalogueLooksUpExactlyAndHandsOutCopies) {
 
   std::shared_ptr<EffectManager> manager = EffectManager::manager();
   std::optional<EffectManager::Entry> list = manager->entryWithName("effectNames");
-  ASSERT_TRUE(list);
-  const auto* listNames = std::get_if<std::vector<std::string>>(&*list);
-  ASSERT_TRUE(listNames);
-  EXPECT_EQ(*listNames, names);
+  const auto* listNames = list ? std::get_if<std::vector<std::string>>(&*list) : nullptr;
+  EXPECT_TRUE(listNames && *listNames == names);
   EXPECT_FALSE(manager->entryWithName("nothing"));
 
   std::shared_ptr<ImageFilter> blur = EffectManager::filterWithName("Blur");
@@ -106,7 +103,6 @@ TEST(EffectManagerTest, GlowIsGloomThenColorControls) {
                                       {vn::kInputContrastKey, 2.2f}},
                                      gloom);
   const std::vector<uint8_t> got = renderThrough(*glow, in);
-  ASSERT_EQ(got.size(), 40u * 30u * 4u);
   EXPECT_EQ(got, expected.render(in.extent()));
   EXPECT_NE(got, in.render());
 }
@@ -146,8 +142,8 @@ TEST(ArrayFilterTest, AppliesItsFiltersInOrderAndCopiesShareNone) {
   made->setValue(vn::kInputImageKey, in);
   std::optional<FilterImage> same = made->outputImage();
   ASSERT_TRUE(same);
-  EXPECT_EQ(std::pair(same->extent().x, same->extent().y), std::pair(-2.0, 5.0));
-  EXPECT_EQ(same->render(), in.render());
+  EXPECT_EQ(std::tuple(same->extent().x, same->extent().y, same->render()),
+            std::tuple(-2.0, 5.0, in.render()));
 
   // "filters" set by key reaches the list; order matters.
   std::shared_ptr<ImageFilter> invert = ImageFilter::withName("ColorInvert");
@@ -177,7 +173,6 @@ TEST(ArrayFilterTest, AppliesItsFiltersInOrderAndCopiesShareNone) {
   EXPECT_EQ(filters[0]->describe() + ", " + filters[1]->name(),
             "GaussianBlur inputRadius=2, ColorInvert");
   ASSERT_TRUE(copy->inputImage());
-
   copy->setValue(vn::kInputImageKey, gradient(3, 3, 50));
   ASSERT_TRUE(copy->outputImage());
   EXPECT_TRUE(std::holds_alternative<std::monostate>(blur->value(vn::kInputImageKey)));  // alone

@@ -23,7 +23,6 @@ extern "C" {
 #include "effects/picture_settings.h"
 #include "ffmpeg/owners.h"
 #include "media/media_test_support.h"
-#include "movie/movie.h"
 #include "text/text_image.h"
 
 namespace {
@@ -52,8 +51,7 @@ std::shared_ptr<VNFFEffectVideoStream> streamFor(int w, int h) {
   return stream;
 }
 
-// The image over its extent's whole pixels (a subtitle centred across the frame may start half way
-// into one).
+// The image over its extent's whole pixels (a centred subtitle may start half way into one).
 Raster rendered(const FilterImage& image, vn::ImageRenderStats* stats = nullptr) {
   const Rect e = image.extent();
   const double left = std::floor(e.x), bottom = std::floor(e.y);
@@ -83,16 +81,14 @@ Bars barsOf(const Raster& r) {
         return false;
     return true;
   };
-  Bars b{};
-  while (b[0] < r.width && blackLine(true, b[0]))
-    ++b[0];
-  while (b[1] < r.width && blackLine(true, r.width - 1 - b[1]))
-    ++b[1];
-  while (b[2] < r.height && blackLine(false, b[2]))
-    ++b[2];
-  while (b[3] < r.height && blackLine(false, r.height - 1 - b[3]))
-    ++b[3];
-  return b;
+  const auto bar = [&](bool column, bool fromEnd) {
+    const int size = column ? r.width : r.height;
+    int n = 0;
+    while (n < size && blackLine(column, fromEnd ? size - 1 - n : n))
+      ++n;
+    return n;
+  };
+  return {bar(true, false), bar(true, true), bar(false, false), bar(false, true)};
 }
 
 // A stream with an output of w x h and no picture: the subtitle needs only the output size.
@@ -128,9 +124,6 @@ std::optional<FilterImage> subtitleFor(VNFFEffectVideoStream& s, const std::stri
   s.setSubtitleCurrentString(text);
   return s.currentSubtitleImage();
 }
-
-const std::string kLong =
-    "A line far too long for the width of a small frame, so that it has to wrap";
 
 // A preset that calls back when the composition takes its copy, half-way through a picture.
 class Hook final : public vn::ImageFilter {
@@ -211,7 +204,7 @@ TEST(EffectVideoStreamTest, WatermarkShowsOnTheBackgroundAndFlipsEqualAHalfTurn)
     }
     EXPECT_GE(psnr(one, mirrored), 45) << (horizontal ? "hflip" : "vflip");
   }
-  // Neutral settings at the media's size: the converted picture itself.
+  // Neutral settings at the media's size: the converted picture itself (rows may be padded).
   Raster converted{kWidth, kHeight, {}};
   const vn::BitmapImage bitmap = *stream->currentImage();
   for (int y = 0; y < kHeight; ++y)
@@ -237,12 +230,6 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   auto idle = VNFFEffectVideoStream::create();
   idle->writeFrame(greyFrame().get());
   EXPECT_FALSE(idle->currentImage() || idle->currentEffectImage());
-  // A converter asked for before the picture format was known is made for the first picture.
-  auto unknown = VNFFEffectVideoStream::create();
-  unknown->setOutputFormat({AV_PIX_FMT_RGBA, kWidth, kHeight});
-  unknown->updateConverter();
-  unknown->writeFrame(greyFrame().get());
-  EXPECT_EQ(unknown->currentImage() ? unknown->currentImage()->width() : 0, kWidth);
   auto stream = streamFor(640, 360);
   // The picture keeps the media's size; only the composed one is resized.
   EXPECT_EQ(std::pair(stream->outputDataFormat().width, stream->outputDataFormat().height),
@@ -309,56 +296,14 @@ TEST(EffectVideoStreamTest, AComposedFrameRendersInOneResamplingAndOneColourPass
   // The picture's crop, turn, flip and zoom are one resampling; the watermark is laid as it is.
   EXPECT_EQ(std::tuple(r.width, stats.resamplingPasses, stats.colorPasses, stats.materialized),
             std::tuple(1280, 2, 1, 0));
-}
-
-TEST(EffectVideoStreamTest, RectanglesFitAndColourControlsScale) {
-  struct Fit {
-    Rect a, b;
-    Rect stream, panscan, movie;
-  };
-  const Fit fits[] = {
-      {{0, 0, 1920, 1080}, {0, 0, 160, 120}, {0, 15, 160, 90}, {0, 15, 160, 90}, {0, 15, 160, 90}},
-      // The movie enlarges a hundredfold at most.
-      {{5, 5, 4, 3},
-       {0, 0, 1600, 900},
-       {200, 0, 1200, 900},
-       {0, -150, 1600, 1200},
-       {600, 300, 400, 300}},
-  };
-  auto near = [](const Rect& r, const Rect& want) {
-    return std::abs(r.x - want.x) < 0.01 && std::abs(r.y - want.y) < 0.01 &&
-           std::abs(r.width - want.width) < 0.01 && std::abs(r.height - want.height) < 0.01;
-  };
-  for (const Fit& f : fits)
-    EXPECT_TRUE(near(VNFFEffectVideoStream::scaleRect(f.a, f.b), f.stream) &&
-                near(VNFFEffectVideoStream::scaleRectPanscan(f.a, f.b), f.panscan) &&
-                near(VNFFMovie::scaleRect(f.a, f.b), f.movie));
-  // The stream enlarges a thousandfold at most.
-  EXPECT_NEAR(VNFFEffectVideoStream::scaleRect({0, 0, 10, 10}, {0, 0, 1e5, 1e5}).width, 1e4, 1e-2);
-
-  // Hue turns by 6.28 per unit, not 2π; the other controls map to their filters' ranges.
-  auto stream = VNFFEffectVideoStream::create();
-  auto values = [&] {
-    const vn::FilterList filters = stream->colorFilter();
-    return std::vector<double>{std::get<double>(filters[0]->value(vn::kInputSaturationKey)),
-                               std::get<double>(filters[0]->value(vn::kInputBrightnessKey)),
-                               std::get<double>(filters[0]->value(vn::kInputContrastKey)),
-                               std::get<double>(filters[1]->value(vn::kInputAngleKey))};
-  };
-  stream->setSaturation(0), stream->setBrightness(1), stream->setContrast(1), stream->setHue(0);
-  EXPECT_EQ(values(), (std::vector<double>{0, 1, 4, double(-3.14f)}));
-  stream->setHue(1);
-  EXPECT_EQ(values()[3], double(3.14f));
-  // A known preset adds its filter; an unknown one adds nothing.
-  stream->setEffectName("Blur");
+  // The preset's filter follows the two colour controls; an unknown preset adds nothing.
   EXPECT_EQ(stream->effectFilter().size(), 3u);
   stream->setEffectName("no such preset");
   EXPECT_EQ(stream->effectFilter().size(), 2u);
 }
 
-// Settings changed together while pictures are composed, by another thread and by the composition's
-// own preset half-way through it: every picture shows all of the settings it started with, never
-// the crop of one value with the flip or the watermark of the other.
+// Settings swapped while pictures are composed (by a thread, and by the preset half-way through):
+// each picture shows one whole value, never one's crop with the other's flip or watermark.
 TEST(PictureSettingsTest, ACompositionSeesOneWholeValue) {
   constexpr int kOutW = 32, kOutH = 24;
   const vn::ff::Frame frame = vn::test::yuvFrame(kWidth, kHeight, 128, kHeight / 4);
@@ -430,7 +375,8 @@ TEST(SubtitleDrawingTest, TextIsPlacedByPositionWrappedAndClampedToTheFrame) {
       {"trimmed ends", " \n\tHello \r\n", 0, true, 1},
       {"inner line break", "Hello\nWorld", 0, true, 2},
       {"raised to mid-height", "Hello", 0.5f, true, 1},
-      {"long line wraps", kLong, 0, true, 3},
+      {"long line wraps",
+       "A line far too long for the width of a small frame, so that it has to wrap", 0, true, 3},
       {"white space only", " \t\n \xc2\xa0 ", 0, false, 0},
       {"position 1 leaves no room", "Hello", 1, false, 0},
       {"too many lines for the frame", many, 0, true, 0},

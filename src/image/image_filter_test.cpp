@@ -160,23 +160,19 @@ TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
       // Saturation, brightness and contrast work on linear light about the linear mid-grey, in that
       // order.
       {"ColorControls", {{vn::kInputSaturationKey, 0.0}}, {255, 0, 0, 255}, {127, 127, 127, 255}},
-      {"ColorControls", {{vn::kInputSaturationKey, 1.5}}, {200, 100, 50, 255}, {226, 81, 0, 255}},
       {"ColorControls", darker, {255, 255, 255, 255}, {203, 203, 203, 255}},
       {"ColorControls", {{vn::kInputContrastKey, 2.0}}, {128, 128, 128, 255}, {0, 0, 0, 255}},
       {"ColorControls", all, {180, 120, 60, 255}, {197, 124, 30, 255}},
       // Hue turns about the grey axis; positive angles take red to green.
       {"HueAdjust", {{vn::kInputAngleKey, 2 * kPi / 3}}, {255, 0, 0, 255}, {0, 255, 0, 255}},
-      {"HueAdjust", {{vn::kInputAngleKey, kPi / 2}}, {200, 100, 50, 255}, {121, 197, 0, 255}},
       {"HueAdjust", {{vn::kInputAngleKey, 1.0}}, {128, 128, 128, 255}, {128, 128, 128, 255}},
       // Inversion of linear, unpremultiplied colour.
       {"ColorInvert", none, {200, 100, 50, 255}, {174, 240, 251, 255}},
       {"ColorInvert", none, {255, 0, 0, 128}, {0, 255, 255, 128}},
       {"ExposureAdjust", {{vn::kInputEVKey, 1.0}}, {128, 128, 128, 255}, {176, 176, 176, 255}},
-      {"ExposureAdjust", {{vn::kInputEVKey, -2.0}}, {64, 128, 192, 255}, {30, 66, 102, 255}},
       // Monochrome with its default colour (0.6, 0.45, 0.3).
       {"ColorMonochrome", none, {128, 128, 128, 255}, {104, 77, 50, 255}},
       {"ColorMonochrome", half, {128, 128, 128, 255}, {117, 106, 99, 255}},
-      {"ColorMonochrome", none, {255, 255, 255, 255}, {255, 255, 255, 255}},
       {"SepiaTone", none, {255, 255, 255, 255}, {255, 255, 248, 255}},
       {"SepiaTone", none, {200, 100, 50, 255}, {156, 148, 132, 255}},
   };
@@ -190,7 +186,6 @@ TEST(ImageFilterTest, PointFiltersMatchReferenceColours) {
 
 TEST(ImageFilterTest, PositionedPointFiltersMatchReferenceColours) {
   const Px white = {255, 255, 255, 255};
-  const Px grey128 = {128, 128, 128, 255};
   const Px grey188 = {188, 188, 188, 255};
   const Settings screen = {{vn::kInputCenterKey, FilterVector::xy(0, 0)},
                            {vn::kInputAngleKey, 0.0},
@@ -206,7 +201,6 @@ TEST(ImageFilterTest, PositionedPointFiltersMatchReferenceColours) {
       // The spotlight's defaults on a 400 x 400 picture; y is up, so raster row 399 is y = 0.
       {"SpotLight", {}, 400, white, 199, 200, {250, 250, 250, 255}},
       {"SpotLight", {}, 400, white, 0, 0, {193, 193, 193, 255}},
-      {"SpotLight", {}, 400, grey128, 0, 0, {95, 95, 95, 255}},
       {"SpotLight", redLight, 400, white, 199, 200, {250, 0, 0, 255}},
       // Horizontal lines through the origin, six pixels apart.
       {"LineScreen", screen, 12, grey188, 0, 0, {0, 0, 0, 255}},
@@ -274,7 +268,6 @@ TEST(ImageFilterTest, NeighbourhoodFiltersMatchReferenceColours) {
       // Luma detail is added to every channel, chroma kept.
       {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 10, 10, {255, 255, 255, 255}},
       {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 11, 10, {186, 186, 186, 255}},
-      {"SharpenLuminance", {}, dotIn({188, 188, 188, 255}), 0, 0, {188, 188, 188, 255}},
       {"SharpenLuminance", {}, dotIn({200, 100, 50, 255}), 9, 10, {198, 94, 36, 255}},
       // A screen (bloom) or multiply (gloom) blend with a blurred copy.
       {"Bloom", half, grey188, 4, 4, {208, 208, 208, 255}},
@@ -377,8 +370,8 @@ TEST(ImageFilterTest, RegistryMakesIndependentFiltersByExactName) {
   EXPECT_EQ(copy->describe(), controls->describe());
   copy->setValue(vn::kInputContrastKey, 3.0);
   copy->setValue(vn::kInputImageKey, uniform(1, 1, {1, 2, 3, 255}));
-  EXPECT_EQ(std::get<double>(controls->value(vn::kInputContrastKey)), 2.0);
-  EXPECT_FALSE(controls->outputImage());
+  EXPECT_TRUE(std::get<double>(controls->value(vn::kInputContrastKey)) == 2.0 &&
+              !controls->outputImage());
   EXPECT_TRUE(controls->setValue(vn::kInputContrastKey, std::monostate()));
   EXPECT_EQ(std::get<double>(controls->value(vn::kInputContrastKey)), 1.0);
 }
@@ -435,8 +428,7 @@ TEST(FilterImageTest, ImpossibleImagesAndRendersAreRefused) {
   EXPECT_TRUE(white.render().empty() && white.render(Rect{0, 0, 16384, 16384}).empty() &&
               white.render(Rect{0, 0, 0, 5}).empty());
   const std::vector<uint8_t> two = white.render(Rect{0, 0, 2, 2});
-  ASSERT_EQ(two.size(), 16u);
-  EXPECT_EQ(two[3], 255);
+  EXPECT_TRUE(two.size() == 16u && two[3] == 255);
   EXPECT_TRUE(white.cropped(Rect{5, 5, 0, 3}).isEmpty());
   // Nor is it drawn: an endless image has no rectangle to draw from.
   auto context = vn::BitmapContext::create(2, 2);
@@ -473,20 +465,13 @@ TEST(FilterImageTest, NeutralChainsGiveTheSourceBackExactly) {
     const FilterImage back = turned.transformed(AffineTransform{}.rotated(-M_PI / 2));
     EXPECT_LE(maxDifference(back.render(source.extent()), bytes), 1);
 
-    // A crop keeps the pixels whose centres it holds, and nothing else.
-    const std::vector<uint8_t> part = source.cropped(Rect{3, 4, 10, 5}).render(Rect{3, 4, 10, 5});
-    ASSERT_EQ(part.size(), 10u * 5 * 4);
-    for (int j = 0; j < 5; ++j) {
-      const int row = h - 4 - 5 + j;
-      EXPECT_EQ(std::vector<uint8_t>(part.begin() + j * 40, part.begin() + j * 40 + 40),
-                std::vector<uint8_t>(bytes.begin() + (row * w + 3) * 4,
-                                     bytes.begin() + (row * w + 13) * 4));
-    }
+    // A crop keeps the pixels whose centres it holds.
+    const Rect part{3, 4, 10, 5};
+    EXPECT_EQ(source.cropped(part).render(part), source.render(part));
   }
 }
 
-// The composition's chain (crop, turn, flip, scale, colour matrices, a point preset, over black)
-// samples the source once and runs one colour pass.
+// The composition's chain samples the source once and runs one colour pass.
 TEST(FilterImageTest, GeometryAndPointColourFoldIntoOnePassEach) {
   const int w = 160, h = 90;
   const std::vector<uint8_t> bytes = noise(w, h, true);
@@ -556,17 +541,9 @@ TEST(FilterImageTest, StrongShrinkingDoesNotAlias) {
   }
 }
 
-TEST(BitmapContextTest, LayoutAndStartingContents) {
+// Starting opaque (RGBX) or clear (RGBA), half-transparent white copied replaces, laid over blends.
+TEST(BitmapContextTest, StartingContentsAndCompositingModes) {
   EXPECT_FALSE(vn::BitmapContext::create(0, 4) || vn::BitmapContext::create(4, -1));
-  auto rgbx = vn::BitmapContext::create(3, 2);
-  ASSERT_TRUE(rgbx);
-  EXPECT_EQ(rgbx->data()[3], 255);  // opaque black
-  auto rgba = vn::BitmapContext::create(3, 2, vn::BitmapContext::Alpha::kPremultipliedLast);
-  EXPECT_EQ(rgba->data()[3], 0);  // transparent
-}
-
-// Half-transparent white copied replaces, laid over blends; RGBA keeps the cover, RGBX is opaque.
-TEST(BitmapContextTest, CompositingModes) {
   const uint8_t halfWhite[4] = {255, 255, 255, 128};
   const auto image = vn::BitmapImage::copyOf(halfWhite, 1, 1, 4);
   using Alpha = vn::BitmapContext::Alpha;
@@ -579,6 +556,8 @@ TEST(BitmapContextTest, CompositingModes) {
   };
   for (const auto& [alpha, mode, red, fourth] : cases) {
     auto context = vn::BitmapContext::create(2, 2, alpha);
+    ASSERT_TRUE(context);
+    EXPECT_EQ(context->data()[3], alpha == Alpha::kNoneSkipLast ? 255 : 0);
     context->drawImage(image, mode);
     EXPECT_EQ(std::pair(int(context->data()[0]), int(context->data()[3])), std::pair(red, fourth));
     // Twice over: white shows through more; a copy stays the same.

@@ -31,28 +31,22 @@ Rgba pixelOf(const vn::PixelBuffer& b, int x, int y) {
   return p ? Rgba{p[0], p[1], p[2], p[3]} : Rgba{};
 }
 
-// What the renderer hands a kernel: the picture over what out reads, inside its extent.
-vn::PixelBuffer inputFor(const vn::NeighbourhoodOp& op,
-                         const vn::IntRect& extent,
-                         const vn::IntRect& out,
-                         const Picture& picture) {
-  return makeBuffer(out.grown(vn::kernelReach(op)).intersected(extent), picture);
-}
-
+// The kernel given what the renderer hands it: the picture over what out reads, inside its extent.
 vn::PixelBuffer run(const vn::NeighbourhoodOp& op,
                     const vn::IntRect& extent,
                     const vn::IntRect& out,
                     const Picture& picture,
                     int threads = 0) {
-  return vn::applyKernel(op, inputFor(op, extent, out, picture), extent, out, threads);
+  const vn::PixelBuffer in =
+      makeBuffer(out.grown(vn::kernelReach(op)).intersected(extent), picture);
+  return vn::applyKernel(op, in, extent, out, threads);
 }
 
 Picture uniform(Rgba c) {
   return [c](int, int) { return c; };
 }
 
-// Hard edges in every colour, thin lines, a ramp, a half-transparent part and values above 1
-// (premultiplied linear).
+// Edges in every colour, thin lines, a ramp, a half-transparent part, values above 1.
 Rgba pattern(int x, int y) {
   static const Rgba bars[] = {{1, 1, 1, 1}, {1, 1, 0, 1}, {0, 1, 1, 1}, {0, 1, 0, 1},
                               {1, 0, 1, 1}, {1, 0, 0, 1}, {0, 0, 1, 1}, {0, 0, 0, 1}};
@@ -119,8 +113,7 @@ float maxDifference(const vn::PixelBuffer& a, const vn::PixelBuffer& b) {
   return d;
 }
 
-// The blur against a plain double reference: exact up to sigma 16, within a small bound above (a
-// reduced picture), at edges, corners and inside; the extent grows by ceil(3 sigma) unless clamped.
+// Exact up to sigma 16, close above (reduced); the extent grows by ceil(3 sigma) unless clamped.
 TEST(ImageKernelsTest, BlurMatchesTheExactKernel) {
   const vn::IntRect extent{0, 0, 160, 120};
   const std::tuple<double, bool, vn::IntRect, float> cases[] = {
@@ -173,8 +166,7 @@ TEST(ImageKernelsTest, ThreadsAndTilesGiveTheSameBits) {
   }
 }
 
-// A uniform picture stays as it is through sharpening, pixellation and a clamped blur; gloom of a
-// half-covering one multiplies its colour; the extent is kept.
+// Uniform pictures stay through sharpening, pixellation, clamped blur; gloom multiplies the colour.
 TEST(ImageKernelsTest, UniformPictures) {
   const vn::IntRect extent{0, 0, 64, 48};
   const float grey = 0.502886f;  // code 188
@@ -182,7 +174,6 @@ TEST(ImageKernelsTest, UniformPictures) {
       {vn::SharpenLuminanceOp{2, 1.69}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
       {vn::HexagonalPixellateOp{{5, 7}, 8}, {0.1f, 0.2f, 0.3f, 0.5f}, {0.1f, 0.2f, 0.3f, 0.5f}},
       {vn::GaussianBlurOp{10, true}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
-      {vn::GaussianBlurOp{30, true}, {grey, grey, grey, 1}, {grey, grey, grey, 1}},
       {vn::GlowOp{10, 1, true},
        {grey / 2, grey / 2, grey / 2, 0.5f},
        {grey * grey / 2, grey * grey / 2, grey * grey / 2, 0.5f}},
@@ -194,9 +185,8 @@ TEST(ImageKernelsTest, UniformPictures) {
     for (int y = extent.y - 2; y < extent.top() + 2; ++y)
       for (int x = extent.x - 2; x < extent.right() + 2; ++x) {
         const bool inside = x >= 0 && x < extent.right() && y >= 0 && y < extent.top();
-        const Rgba v = pixelOf(b, x, y);
         for (int ch = 0; ch < 4; ++ch)
-          ASSERT_NEAR(v[ch], inside ? expected[ch] : 0, 1e-5) << x << "," << y;
+          ASSERT_NEAR(pixelOf(b, x, y)[ch], inside ? expected[ch] : 0, 1e-5) << x << "," << y;
       }
   }
 }
@@ -220,8 +210,7 @@ TEST(ImageKernelsTest, DegenerateOutputsAndEndlessExtents) {
   for (const vn::NeighbourhoodOp& op : kPresets) {
     SCOPED_TRACE(op.index());
     const vn::PixelBuffer tiny = run(op, one, one, uniform({0.25f, 0.5f, 0.75f, 1}));
-    ASSERT_EQ(tiny.pixels.size(), 4u);
-    EXPECT_GT(tiny.pixels[3], 0);
+    EXPECT_TRUE(tiny.pixels.size() == 4 && tiny.pixels[3] > 0);
     const vn::IntRect empty{3, 4, 0, 5};
     const vn::PixelBuffer none = run(op, one, empty, uniform({1, 1, 1, 1}));
     EXPECT_TRUE(none.rect == empty && none.pixels.empty());

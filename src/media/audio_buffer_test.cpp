@@ -59,8 +59,7 @@ TEST(AudioBufferTest, QueuesFramesOfItsFormatInOrder) {
   write(buffer, kStereoFloat, 256, 1);
   write(buffer, mono, 128, 2);
   vn::ff::Frame frame = buffer.read();
-  ASSERT_TRUE(frame);
-  EXPECT_EQ(frame->pts, 2);
+  EXPECT_EQ(frame ? frame->pts : -1, 2);
   EXPECT_FALSE(buffer.read());
 }
 

@@ -67,8 +67,7 @@ TEST(MediaReadingTest, SeeksBeforeTheStartAndPastTheEnd) {
   if (audio->frame()->nb_samples == 0) {
     ASSERT_TRUE(sound.forwardStream(audio));
   }
-  EXPECT_LE(audio->frame()->pts, firstAtZero);
-  EXPECT_LE(audio->frame()->pts, 0);
+  EXPECT_LE(audio->frame()->pts, std::min<int64_t>(firstAtZero, 0));
   // Past the end: the last frame, and nothing after it.
   VNFFMedia& pictures = *medias[0];
   pictures.seek(20000000);
@@ -80,27 +79,22 @@ TEST(MediaReadingTest, SeeksBeforeTheStartAndPastTheEnd) {
 
 TEST(MediaReadingTest, MediasWithoutVideo) {
   std::shared_ptr<VNFFMedia> sound = openWhole("aac.m4a");
-  EXPECT_EQ(sound->videoFrameAtTime(1000000), nullptr);
   int calls = 0;
   sound->thumbnailAtTime(1000000, [&](AVFrame*) { ++calls; });
-  EXPECT_EQ(calls, 0);
-  EXPECT_FALSE(sound->subtitleAtTime(1000000));
-  EXPECT_FALSE(sound->subtitleStringAtTime(1000000));
+  EXPECT_TRUE(!sound->videoFrameAtTime(1000000) && calls == 0 && !sound->subtitleAtTime(1000000) &&
+              !sound->subtitleStringAtTime(1000000));
 }
 
 TEST(MediaReadingTest, SubtitleTextIsShownStrictlyInsideItsTimes) {
   std::shared_ptr<VNFFMedia> ass = openWhole("subs.ass");
   ASSERT_TRUE(ass->hasSubtitle());
   ass->seek(0);
-  const struct {
-    double at;
-    std::optional<std::string> text;
-  } asked[] = {
+  const std::pair<double, std::optional<std::string>> asked[] = {
       {3.0, "Hello\nWorld"}, {2.0, std::nullopt}, {4.0, std::nullopt}, {4.7, " sir"},
       {5.1, std::nullopt},   {5.5, " bien"},      {100, std::nullopt},
   };
-  for (const auto& a : asked)
-    EXPECT_EQ(ass->subtitleStringAtTime(microseconds(a.at)), a.text) << a.at;
+  for (const auto& [at, text] : asked)
+    EXPECT_EQ(ass->subtitleStringAtTime(microseconds(at)), text) << at;
   // A rewind reads the file again from its start.
   ass->seek(0);
   EXPECT_EQ(ass->subtitleStringAtTime(3000000), "Hello\nWorld");
@@ -134,8 +128,7 @@ TEST(MediaReadingTest, ReadingAheadFollowsThePlaybackClock) {
   int advanced = 0;
   while (advanced < 10000 && sound.forwardStream(audio))
     ++advanced;
-  EXPECT_GE(sound.last_pts(), 2000000);
-  EXPECT_LT(sound.last_pts(), 2100000);
+  EXPECT_TRUE(sound.last_pts() >= 2000000 && sound.last_pts() < 2100000) << sound.last_pts();
   // Forced, or while exporting, it goes on from what was read.
   EXPECT_TRUE(sound.forwardStream(audio, true));
   movie->exporting = true;
@@ -146,8 +139,8 @@ TEST(MediaReadingTest, ReadingAheadFollowsThePlaybackClock) {
   std::shared_ptr<VNFFMedia> media = openWhole("h264_aac.mp4");
   const int64_t position = avio_tell(media->formatContext()->pb);
   EXPECT_FALSE(media->forwardStream(media->audioStream()));
-  EXPECT_EQ(avio_tell(media->formatContext()->pb), position);
-  EXPECT_EQ(media->last_pts(), AV_NOPTS_VALUE);
+  EXPECT_EQ(std::pair(avio_tell(media->formatContext()->pb), media->last_pts()),
+            std::pair(position, int64_t{AV_NOPTS_VALUE}));
   media->setMovie(movie);
   movie->noVideo = true;
   for (int i = 0; i < 50; ++i)
@@ -180,8 +173,7 @@ TEST(MediaReadingTest, ReadingEndsOnBrokenInputs) {
   EXPECT_FALSE(whole->subtitleStringAtTime(3000000));
 }
 
-// At 50 random times a seek gives the frame ffprobe lists as covering the time: B-frames, NTSC,
-// a variable rate, streams timing only some pictures, video after audio, decoders without delay.
+// 50 random seeks give the covering frame: B-frames, NTSC, VFR, sparse times, late video, no delay.
 TEST(MediaReadingTest, SeekLandsOnTheFrameThatCoversTheTime) {
   for (const char* name :
        {"h264_aac.mp4", "h264_23976.mp4", "vfr.mkv", "mpeg2_mp2.mpg", "dvdsub.mpg", "mpeg2_24p.ts",

@@ -60,10 +60,8 @@ void rewind(VNFFMedia& media) {
 
 // The average rate, when known, is an integer quotient.
 TEST(MediaStreamTest, FramerateRules) {
-  const struct {
-    AVRational real, average;
-    float rate;
-  } cases[] = {
+  const std::tuple<AVRational, AVRational, float> cases[] = {
+      // real, average, rate
       {{24000, 1001}, {0, 0}, 23.97f},
       {{2997, 100}, {0, 0}, 29},
       {{25, 1}, {0, 0}, 25},
@@ -73,13 +71,13 @@ TEST(MediaStreamTest, FramerateRules) {
       {{60000, 1001}, {0, 0}, 30},
       {{60000, 1001}, {30000, 1001}, 29},
   };
-  for (const auto& c : cases) {
+  for (const auto& [real, average, rate] : cases) {
     SyntheticStream s(AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_RAWVIDEO);
-    s.stream->r_frame_rate = c.real;
-    s.stream->avg_frame_rate = c.average;
+    s.stream->r_frame_rate = real;
+    s.stream->avg_frame_rate = average;
     auto stream = VNFFMediaStream::create({}, s.stream);
     ASSERT_TRUE(stream);
-    EXPECT_EQ(stream->framerate(), c.rate) << c.real.num << "/" << c.real.den;
+    EXPECT_EQ(stream->framerate(), rate) << real.num << "/" << real.den;
   }
 }
 
@@ -93,8 +91,8 @@ TEST(MediaStreamTest, AccessorsOfAStreamWithoutADecoder) {
   ASSERT_TRUE(stream);
   stream->open();
   EXPECT_FALSE(stream->isOpen());
-  EXPECT_EQ(std::pair(stream->timebase().num, stream->timebase().den), std::pair(1, 1));
-  EXPECT_EQ(stream->framebase().den, 8000);
+  EXPECT_EQ(std::tuple(stream->timebase().num, stream->timebase().den, stream->framebase().den),
+            std::tuple(1, 1, 8000));
   EXPECT_EQ(stream->audioFormat().channel_layout, vn::defaultChannelLayout(6));
   EXPECT_EQ(stream->language(), "English");
   EXPECT_FALSE(stream->forward());
@@ -104,16 +102,10 @@ TEST(MediaStreamTest, AccessorsOfAStreamWithoutADecoder) {
 TEST(MediaStreamTest, PaletteTextKeepsTheUnclampedArithmetic) {
   SyntheticStream s(AVMEDIA_TYPE_SUBTITLE, AV_CODEC_ID_DVD_SUBTITLE);
   auto stream = VNFFMediaStream::create({}, s.stream);
-  uint32_t palette[16] = {
-      0x00108080,  // black: Y 16, no colour
-      0x00eb8080,  // white
-      0x00ff00ff,  // Y 255, V 0, U 255: green and blue spill into their
-                   // neighbours
-      0x00ffff00,  // Y 255, V 255, U 0: red spills past its byte
-  };               // the rest: Y 0, V 0, U 0, all components out of range
+  // Black, white, then colours whose components spill past their bytes (Y 255, U 127, V -128 is
+  // R 74.84, G 302.88, B 480.93; U -128, V 127 is R 433.75, G 208.18, B 27.29); the rest all zero.
+  uint32_t palette[16] = {0x00108080, 0x00eb8080, 0x00ff00ff, 0x00ffff00};
   stream->fillPalette(palette);
-  // Y 255, U 127, V -128 is R 74.84, G 302.88, B 480.93; Y 255, U -128, V 127
-  // is R 433.75, G 208.18, B 27.29.
   std::string expected = "palette:101010,ebebeb,4b2fe0,1b1d01b,";
   for (int i = 4; i < 16; ++i)
     expected += "ffffff1d,";
@@ -152,9 +144,9 @@ TEST(MediaStreamTest, AudioFramesOfOnePacketGetIncreasingTimes) {
   const int64_t expected[] = {p, p + 2351, p + 4702};
   for (int64_t pts : expected) {
     ASSERT_TRUE(audio->forward());
-    EXPECT_EQ(audio->frame()->pts, pts);
-    EXPECT_EQ(audio->frame()->nb_samples, 1152);
-    EXPECT_EQ(audio->frame()->pkt_duration, 2351);
+    EXPECT_EQ(
+        std::tuple(audio->frame()->pts, audio->frame()->nb_samples, audio->frame()->pkt_duration),
+        std::tuple(pts, 1152, int64_t{2351}));
   }
   EXPECT_FALSE(audio->forward());
 }
@@ -172,9 +164,9 @@ TEST(MediaStreamTest, AudioIsQueuedOnlyFromTheSeekTargetOn) {
   EXPECT_FALSE(audio->forward());
   const int64_t target = av_rescale_q(4000000, kMicroseconds, audio->timebase());
   audio->seek(target);
-  EXPECT_EQ(audio->seek_pts(), target);
-  EXPECT_EQ(audio->sync_pts(), av_rescale_q(target, audio->timebase(), audio->framebase()));
-  EXPECT_EQ(audio->last_pts(), AV_NOPTS_VALUE);
+  EXPECT_EQ(std::tuple(audio->seek_pts(), audio->sync_pts(), audio->last_pts()),
+            std::tuple(target, av_rescale_q(target, audio->timebase(), audio->framebase()),
+                       int64_t{AV_NOPTS_VALUE}));
   rewind(*media);
   std::vector<int64_t> queued;
   vn::test::readPackets(*media, [&](VNFFMediaStream& s, AVPacket* p) {

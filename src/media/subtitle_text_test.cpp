@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 TEST(SubtitleTextTest, AssLinesKeepTheTextAfterTheLastFieldOrTag) {
-  const struct {
-    const char* line;
-    const char* shown;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
+      // line, text shown
       {"0,0,Default,,0,0,0,,{\\i1}Hello\\NWorld", "Hello\nWorld"},
       {"0,0,Default,,0,0,0,,Plain text", "Plain text"},
       // A comma in the spoken text cuts what comes before it; kept so.
@@ -17,19 +15,17 @@ TEST(SubtitleTextTest, AssLinesKeepTheTextAfterTheLastFieldOrTag) {
       {"0,0,Default,,0,0,0,,ends with a backslash\\", "ends with a backslash\\"},
       {"", ""},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(vn::subtitleTextFromAss(c.line), c.shown) << c.line;
+  for (const auto& [line, shown] : cases)
+    EXPECT_EQ(vn::subtitleTextFromAss(line), shown) << line;
 }
 
 TEST(SubtitleTextTest, DisplayTimesBecomeStreamTimes) {
   // Shown 1500 ms to 4000 ms after a packet at 10 s, in milliseconds.
   vn::SubtitleTimes t = vn::subtitleTimes(10000000, 1500, 4000, AVRational{1, 1000});
-  EXPECT_EQ(t.pts, 11500);
-  EXPECT_EQ(t.duration, 2500);
+  EXPECT_EQ(std::pair(t.pts, t.duration), std::pair(int64_t{11500}, int64_t{2500}));
   // In 1/90000, rounded to nearest.
   t = vn::subtitleTimes(0, 0, 1001, AVRational{1, 90000});
-  EXPECT_EQ(t.pts, 0);
-  EXPECT_EQ(t.duration, 90090);
+  EXPECT_EQ(std::pair(t.pts, t.duration), std::pair(int64_t{0}, int64_t{90090}));
   // An end before the start is an unsigned difference: a very long display.
   t = vn::subtitleTimes(0, 10, 0, AVRational{1, 1000});
   EXPECT_EQ(t.duration, 4294967286);

@@ -1,6 +1,4 @@
-// Pictures out of a movie: settings, thumbnails, pictures for a provider and
-// decoded ahead of a consumer, what the movie tells of its video, and the
-// clock that playback follows.
+// Pictures out of a movie: settings, thumbnails, providers, the picture queue, the playback clock.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -66,10 +64,9 @@ TEST(MoviePictureTest, SettingsReachTheVideoEffectStream) {
   }
   // Only the subtitle settings and the size draw the subtitle anew, once.
   const int64_t before = stream.subtitleUpdateCount();
-  movie->setSubtitleColor(vn::FilterImage::Color{1, 1, 0, 1});
-  EXPECT_EQ(stream.subtitleUpdateCount(), before + 1);
   movie->setHue(0.2f);
   movie->setZoomType(1);
+  movie->setSubtitleColor(vn::FilterImage::Color{1, 1, 0, 1});
   EXPECT_EQ(stream.subtitleUpdateCount(), before + 1);
   // A movie without video: no media, an empty output and crop, no thumbnail.
   auto audio = movieOf("aac.m4a");
@@ -132,12 +129,11 @@ TEST(MoviePictureTest, AProviderGetsWhatItHandles) {
   };
   auto onlyEffect = run(false, false, false, true);
   EXPECT_EQ(std::pair(onlyEffect->effectCalls, onlyEffect->plainCalls), std::pair(1, 0));
-  ASSERT_TRUE(onlyEffect->effect);
-  EXPECT_EQ(onlyEffect->effect->extent().width, 640);
+  EXPECT_EQ(onlyEffect->effect ? onlyEffect->effect->extent().width : 0, 640);
   auto all = run(true, true, true, true);
-  EXPECT_EQ(std::pair(all->formatCalls, all->format.width), std::pair(1, 320));  // not scaled
   ASSERT_TRUE(all->plain && all->effect);
-  EXPECT_EQ(all->plain->extent().width, 320);
+  EXPECT_EQ(std::tuple(all->formatCalls, all->format.width, all->plain->extent().width),
+            std::tuple(1, 320, 320.0));  // not scaled
   // A refused buffer, or no frame past the end: each callback once, with nothing.
   for (auto got : {run(true, false, true, true), run(false, false, true, true, 60'000'000)}) {
     EXPECT_EQ(std::pair(got->plainCalls, got->effectCalls), std::pair(1, 1));
@@ -212,8 +208,8 @@ TEST(PictureQueueTest, DeliversInOrderAtTheSizeAskedWithinItsDepth) {
     Q queue(movie, 2, c.source, c.delivery);
     queue.setRenderSize(c.renderW, c.renderH);
     Gate gate(*movie);
-    EXPECT_TRUE(queue.request(7, 7 * kFrame + kFrame / 2));
-    EXPECT_TRUE(queue.request(8, 8 * kFrame + kFrame / 2));
+    EXPECT_TRUE(queue.request(7, 7 * kFrame + kFrame / 2) &&
+                queue.request(8, 8 * kFrame + kFrame / 2));
     EXPECT_FALSE(queue.request(9, 9 * kFrame));  // two asked ahead at most
     EXPECT_EQ(queue.pending(), 2u);
     EXPECT_TRUE(queue.takeUntil(8).empty());  // nothing is ready behind the gate
@@ -221,14 +217,13 @@ TEST(PictureQueueTest, DeliversInOrderAtTheSizeAskedWithinItsDepth) {
     for (int64_t key : {7, 8}) {
       std::optional<Q::Picture> p = queue.take();
       ASSERT_TRUE(p);
-      EXPECT_EQ(p->key, key);
+      EXPECT_EQ(std::pair(p->key, p->image.has_value()), std::pair(key, c.delivery == Q::kImage));
       // An image is still drawable here, off the decode queue.
       const std::vector<uint8_t> rgba = p->image ? p->image->render() : p->rgba;
-      const vn::Rect extent = p->image ? p->image->extent() : vn::Rect{0, 0, 0, 0};
-      EXPECT_EQ(p->image ? extent.width : p->width, c.wantW);
-      EXPECT_EQ(p->image ? extent.height : p->height, c.wantH);
-      EXPECT_EQ(rgba.size(), size_t(c.wantW) * c.wantH * 4);
-      EXPECT_EQ(p->image.has_value(), c.delivery == Q::kImage);
+      const vn::Rect extent = p->image ? p->image->extent() : vn::Rect{};
+      EXPECT_EQ(std::tuple(p->image ? int(extent.width) : p->width,
+                           p->image ? int(extent.height) : p->height, rgba.size()),
+                std::tuple(c.wantW, c.wantH, size_t(c.wantW) * c.wantH * 4));
     }
     EXPECT_FALSE(queue.take());  // nothing asked: no wait
     EXPECT_TRUE(queue.idle());
@@ -253,8 +248,7 @@ TEST(PictureQueueTest, CancelDropsWhatIsAskedAndReadyAndTheEndGivesNone) {
   for (auto [key, empty] : {std::pair{100, false}, std::pair{10000, true}}) {
     std::optional<VNFFPictureQueue::Picture> p = queue.take();
     ASSERT_TRUE(p);
-    EXPECT_EQ(p->key, key);
-    EXPECT_EQ(p->empty(), empty);
+    EXPECT_EQ(std::pair(int(p->key), p->empty()), std::pair(key, empty));
   }
   EXPECT_EQ(queue.missing(), 10000);
   EXPECT_FALSE(queue.take());
@@ -323,7 +317,7 @@ TEST(PlaybackClockTest, FollowsTheAudioAndCarriesOnAtTheRateForOneStep) {
   EXPECT_NEAR(audio.now(), 11, 1e-6);  // the audio moved: the clock is it again
   audio.setRunning(false);
   steady += 1;
-  EXPECT_NEAR(audio.now(), 11, 1e-6);
+  EXPECT_NEAR(audio.now(), 11, 1e-6);  // stopped
   VNPlaybackClock wall(movie, false, [&] { return steady; });
   wall.setRate(0.5);
   wall.setRunning(true);

@@ -77,10 +77,10 @@ TEST(MovieSubtitleTest, TextFilesInAnyCharsetReadAsUtf8) {
     SCOPED_TRACE(c.name);
     auto movie = VNFFMovie::create();
     ASSERT_TRUE(movie->openSubtitle(writeScratch(c.name, c.bytes), std::nullopt, c.charset));
-    EXPECT_EQ(textAt(*movie, 0.5), std::nullopt);
-    EXPECT_EQ(textAt(*movie, 2.0), c.first);
-    EXPECT_EQ(textAt(*movie, 4.5), c.second);
-    EXPECT_EQ(textAt(*movie, 6.0), std::nullopt);
+    EXPECT_EQ(
+        (std::vector{textAt(*movie, 0.5), textAt(*movie, 2.0), textAt(*movie, 4.5),
+                     textAt(*movie, 6.0)}),
+        (std::vector<std::optional<std::string>>{std::nullopt, c.first, c.second, std::nullopt}));
   }
 }
 
@@ -109,21 +109,16 @@ TEST(MovieSubtitleTest, CuesCloseTogetherAreEachShown) {
 
 // No subtitles in the file or track, or an unknown charset: nothing, nor the old one.
 TEST(MovieSubtitleTest, WhatCannotBeReadOpensNothing) {
-  const struct {
-    const char* file;
-    std::optional<uint32_t> track;
-    std::optional<std::string> charset;
-  } cases[] = {
+  const std::tuple<const char*, std::optional<uint32_t>, std::optional<std::string>> cases[] = {
       {"multitrack.mkv", 2, std::nullopt}, {"subs.srt", 1, std::nullopt},
       {"h264_aac.mp4", 0, std::nullopt},   {"aac.m4a", std::nullopt, std::nullopt},
       {"missing.srt", 0, std::nullopt},    {"subs.srt", std::nullopt, "NO-SUCH-CHARSET"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.file);
+  for (const auto& [file, track, charset] : cases) {
     auto movie = VNFFMovie::create();
     ASSERT_TRUE(movie->openSubtitle(vn::test::fixture("subs.ass")));
-    EXPECT_FALSE(movie->openSubtitle(vn::test::fixture(c.file), c.track, c.charset));
-    EXPECT_FALSE(movie->subtitle() || movie->hasSubtitle());
+    EXPECT_FALSE(movie->openSubtitle(vn::test::fixture(file), track, charset)) << file;
+    EXPECT_FALSE(movie->subtitle() || movie->hasSubtitle()) << file;
   }
   // A bitmap decoder ignores the charset; a file's only track is track 0.
   auto movie = VNFFMovie::create();

@@ -97,11 +97,10 @@ TEST(TextCharsetTest, FilesAreJudgedByTheirFirstBytes) {
   // The same byte inside what is read.
   EXPECT_EQ(vn::fileCharset(write("early.srt", "caf\xE9 " + cut)), "WINDOWS-1252");
   EXPECT_EQ(vn::fileCharset(vn::test::scratch("no-such-file.srt")), std::nullopt);
-  EXPECT_EQ(vn::fileCharset(vn::test::fixture("multitrack.mkv")), std::nullopt);
   EXPECT_EQ(vn::fileCharset(vn::test::fixture("subs.srt")), std::nullopt);
 }
 
-TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlack) {
+TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlackOrNothing) {
   const vn::FilterImage word = vn::textImage("Glow", "Sans 20", {1, 0, 0, 1});
   const vn::Rect e = word.extent();
   // At the origin; a 20-pixel font: a line about 23 pixels tall, four letters wider than tall.
@@ -116,15 +115,10 @@ TEST(TextImageTest, OneLineOfTextInItsColourOnTransparentBlack) {
     clear += p[3] == 0, solid += p[3] == 255;
     wrong += p[3] == 0 ? p[0] + p[1] + p[2] > 0 : p[0] < 250 || std::max(p[1], p[2]) > 3;
   }
-  EXPECT_EQ(wrong, 0);
-  EXPECT_GT(solid, 20);
-  EXPECT_GT(clear, solid);
+  EXPECT_TRUE(wrong == 0 && solid > 20 && clear > solid) << wrong << " " << solid << " " << clear;
 
-  // A line break does not start a second line.
+  // A line break does not start a second line; no text draws nothing.
   EXPECT_EQ(vn::textImage("Gl\now", "Sans 20", {1, 1, 1, 1}).extent().height, e.height);
-}
-
-TEST(TextImageTest, NothingToDrawGivesAnEmptyImage) {
   EXPECT_TRUE(vn::textImage("", "Sans 14", {1, 1, 1, 1}).isEmpty());
   // Bytes that are not UTF-8 still draw (as replacement characters).
   EXPECT_FALSE(vn::textImage("\xff\xfe", "Sans 14", {1, 1, 1, 1}).isEmpty());
