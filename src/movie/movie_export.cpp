@@ -237,7 +237,7 @@ bool VNFFMovieExport::openVideoStream(std::string* reason) {
   }
   if (keepsColors_ && input) {
     const AVCodecParameters* p = input->codecpar;
-    if (p->color_space != AVCOL_SPC_UNSPECIFIED)
+    if (p->color_space != AVCOL_SPC_UNSPECIFIED && p->color_space != AVCOL_SPC_RGB)
       writer_->setColorProperties(
           {p->color_primaries, p->color_trc, p->color_space, p->color_range});
   }

@@ -102,7 +102,7 @@ void VNFFImageColorspaceConverter::scale(const uint8_t* const planes[],
     vn::logFailure("sws_getCachedContext", "no scaler for this conversion");
     return;
   }
-  if (matrix_ != 0) {
+  if (matrix_ >= 0) {
     // Both sides in the one matrix, keeping the ranges swscale chose.
     int* inverse = nullptr;
     int* table = nullptr;

@@ -52,7 +52,7 @@ class VNFFImageColorspaceConverter
   void setOutputFormat(VNFFVideoFormat format);
 
   // The YUV matrix (an AVColorSpace) pictures are read and written with;
-  // 0, the default, leaves swscale's own (BT.601).
+  // -1, the default, leaves swscale's own (BT.601).
   void setColorspace(int matrix) { matrix_ = matrix; }
 
   // The output picture (data, linesize, width, height, format); its first
@@ -127,5 +127,5 @@ class VNFFImageColorspaceConverter
   vn::ff::AvBuffer<uint8_t> buffer_;              // the output pixels, one allocation
   std::shared_ptr<vn::BitmapContext> cgcontext_;  // own drawing context, made lazily
   vn::ff::Sws swscontext_;                        // cached scaler
-  int matrix_ = 0;                                // YUV matrix; 0: swscale's default
+  int matrix_ = -1;                               // YUV matrix; -1: swscale's default
 };

@@ -313,7 +313,8 @@ bool VNFFMovieFileOutputInternal::startOutput() {
   }
   if (videoStream_) {
     videoConverter_->setOutputFormat(outputVideoFormat());
-    videoConverter_->setColorspace(colors_.matrix);
+    if (colors_.matrix != AVCOL_SPC_UNSPECIFIED)
+      videoConverter_->setColorspace(colors_.matrix);
   }
   AVFormatContext* context = formatContext_.get();
   if (context->oformat->flags & AVFMT_NOFILE) {

@@ -19,14 +19,15 @@ struct VNFFMovieFileOutputFormat {
 };
 
 // The colour description a YUV video is written with: AVColorPrimaries,
-// AVColorTransferCharacteristic, AVColorSpace and AVColorRange values, each
-// 0 (unspecified) by default. A matrix given is also the one the pictures
-// are converted with; with none, the writer tags and converts as BT.601.
+// AVColorTransferCharacteristic, AVColorSpace and AVColorRange values,
+// FFmpeg's "unspecified" by default. A matrix given is also the one the
+// pictures are converted with; with none, the writer tags and converts as
+// BT.601.
 struct VNFFColorProperties {
-  int32_t primaries = 0;
-  int32_t transfer = 0;
-  int32_t matrix = 0;
-  int32_t range = 0;
+  int32_t primaries = 2;  // AVCOL_PRI_UNSPECIFIED
+  int32_t transfer = 2;   // AVCOL_TRC_UNSPECIFIED
+  int32_t matrix = 2;     // AVCOL_SPC_UNSPECIFIED
+  int32_t range = 0;      // AVCOL_RANGE_UNSPECIFIED
   bool operator==(const VNFFColorProperties&) const = default;
 };
 
