@@ -29,13 +29,14 @@ in="$fixtures/long_1080p.mp4"
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 
-# compare NAME VARNEL_ARGS FFMPEG_ARGS: one hyperfine run of the pair into $out/NAME.json.
+# compare NAME VARNEL_ARGS FFMPEG_ARGS EXT: hyperfine's runs of the pair, into $out/NAME.json;
+# its notes on outliers are kept out of the report, its errors are not.
 compare() {
   hyperfine --style none --warmup 1 --runs "$runs" --export-json "$out/$1.json" \
     --prepare "rm -f '$out/$1.varnel.$4' '$out/$1.ffmpeg.$4'" \
     -n varnel "'$varnel' convert '$in' '$out/$1.varnel.$4' $2" \
     -n ffmpeg "ffmpeg -hide_banner -loglevel error -nostdin -y -i '$in' $3 '$out/$1.ffmpeg.$4'" \
-    >/dev/null
+    >/dev/null 2>"$out/$1.log" || { cat "$out/$1.log" >&2; exit 1; }
 }
 
 compare remux "--vcodec copy --acodec copy" "-c copy" mkv
