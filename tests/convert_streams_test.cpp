@@ -112,6 +112,7 @@ std::string cues(const std::string& path, const char* stream) {
 // `varnel convert INPUT scratch(name) ARGS`, run once for every test that reads the output: one
 // name, one command line.
 struct Converted {
+  std::string args;
   std::string path;
   vn::test::CommandResult run;
 };
@@ -121,10 +122,12 @@ const Converted& converted(const std::string& input,
   static std::map<std::string, Converted> made;
   const auto [at, fresh] = made.try_emplace(name);
   if (fresh) {
+    at->second.args = args;
     at->second.path = scratch(name);
     at->second.run = vn::test::runVarnel(
         vn::test::words("convert " + fixture(input) + " " + at->second.path + " " + args));
   }
+  EXPECT_EQ(at->second.args, args) << name;
   EXPECT_EQ(at->second.run.status, 0) << args << "\n" << at->second.run.err;
   return at->second;
 }
