@@ -263,11 +263,30 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   // Pull the stream's next frame only once the running position has passed
   // the end of its current one; until then the source gives silence.
   const AVFrame* current = stream->frame();
+  const bool exact = exactStarts_.load();
   bool pull = current->pts == AV_NOPTS_VALUE;
+  bool rest = false;              // exact starts: the rest of the frame a seek took
+  int offset = 0;                 // its samples already behind the position
+  int silence = kSilenceSamples;  // the length of a silent block
   if (!pull) {
-    const int64_t end =
-        av_rescale_q(current->pts, stream->timebase(), stream->framebase()) + current->nb_samples;
-    pull = stream->sync_pts() > end;
+    const int64_t begin = av_rescale_q(current->pts, stream->timebase(), stream->framebase());
+    const int64_t end = begin + current->nb_samples;
+    const int64_t at = stream->sync_pts();
+    if (!exact) {
+      pull = at > end;
+    } else if ((source.delivered && source.deliveredSeek == stream->seek_pts() &&
+                source.deliveredPts == current->pts) ||
+               at >= end) {
+      // Handed on already (or passed): the next one follows without a gap,
+      // whatever its rounded timestamp says.
+      pull = true;
+    } else if (at >= begin) {
+      rest = true;
+      offset = static_cast<int>(at - begin);
+    } else {
+      // Sound that starts later: silence up to its first sample.
+      silence = static_cast<int>(std::min<int64_t>(kSilenceSamples, begin - at));
+    }
   }
   int nbSamples = 0;
   int64_t pts = AV_NOPTS_VALUE;
@@ -278,6 +297,15 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
     next = stream->frame();
     nbSamples = next->nb_samples;
     pts = next->pts;
+  } else if (rest) {
+    next = current;
+    nbSamples = current->nb_samples - offset;
+    pts = current->pts;
+  }
+  if (exact && next) {
+    source.delivered = true;
+    source.deliveredSeek = stream->seek_pts();
+    source.deliveredPts = next->pts;
   }
 
   const int channels = std::max(1, channelsOf(format.channel_layout));
@@ -285,12 +313,12 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   const int size = nbSamples > 0 && next && next->extended_data && next->extended_data[0]
                        ? av_samples_get_buffer_size(nullptr, channels, nbSamples, sampleFmt, 1)
                        : 0;
-  stream->setSync_pts(stream->sync_pts() + (nbSamples > 0 ? nbSamples : kSilenceSamples));
+  stream->setSync_pts(stream->sync_pts() + (nbSamples > 0 ? nbSamples : silence));
 
   local->format = format.sample_fmt;
   local->sample_rate = format.sample_rate;
   setLayout(local, format.channel_layout);
-  local->nb_samples = nbSamples > 0 ? nbSamples : kSilenceSamples;
+  local->nb_samples = nbSamples > 0 ? nbSamples : silence;
   if (av_frame_get_buffer(local, 0) < 0)
     return;
   // A frame whose format or channel count is not the stream's (a broken
@@ -298,8 +326,8 @@ void VNFFEffectAudioStream::requestFrame(Source& source) {
   // it is heard as silence.
   if (size >= 1 && next->format == format.sample_fmt && next->ch_layout.nb_channels == channels) {
     // Decoded planes are separate buffers: copy each of them.
-    av_samples_copy(local->extended_data, next->extended_data, 0, 0, nbSamples, channels,
-                    sampleFmt);
+    av_samples_copy(local->extended_data, next->extended_data, 0, rest ? offset : 0, nbSamples,
+                    channels, sampleFmt);
   } else {
     av_samples_set_silence(local->extended_data, 0, local->nb_samples, channels, sampleFmt);
   }

@@ -51,6 +51,16 @@ class VNFFEffectAudioStream {
   // full scale) or averaged (each at 1/n, never past full scale). Takes
   // effect when the graph is next built.
   void setAveragesTracks(bool value) { averagesTracks_.store(value); }
+  bool averagesTracks() const { return averagesTracks_.load(); }
+
+  // How a source starts after a seek. By default the frame the seek took
+  // is not heard: silence is given in 1024-sample blocks until the position
+  // passes its end, and a position at a frame's very end waits one block
+  // more. With exact starts, the part of that frame from the position on is
+  // handed on at once and the next frame follows without a gap, so the
+  // sound starts where it was asked to. Takes effect at the next read.
+  void setExactStarts(bool value) { exactStarts_.store(value); }
+  bool exactStarts() const { return exactStarts_.load(); }
 
   // The user volume factor (1.0 is unchanged).
   void setVolume(double volume);
@@ -80,6 +90,10 @@ class VNFFEffectAudioStream {
   struct Source {
     AVFilterContext* filter = nullptr;  // owned by graph_
     std::shared_ptr<VNFFMediaStream> stream;
+    // With exact starts: the seek and frame last handed on whole or in part.
+    int64_t deliveredSeek = 0;
+    int64_t deliveredPts = 0;
+    bool delivered = false;
   };
 
   // Creates one source for a stream; null on failure.
@@ -108,4 +122,5 @@ class VNFFEffectAudioStream {
   std::atomic<double> volume_{1.0};
   std::atomic<bool> volumeChanged_{false};
   std::atomic<bool> averagesTracks_{false};
+  std::atomic<bool> exactStarts_{false};
 };

@@ -179,14 +179,16 @@ bool VNFFMovieExport::openWriter(const std::string& temp, std::string* reason) {
   }
   writer_->setPath(temp);
   writer_->setMovieFormat(format_);
+  writer_->setTrimsEncoderDelay(trimsEncoderDelay_);
   // The mix delivers packed float at the output's rate and layout; the
   // writer's converter only changes the sample format for the encoder.
   writer_->setAudioInputFormat(
       VNFFAudioFormat{AV_SAMPLE_FMT_FLT, format_.channel_layout, format_.sample_rate});
   // What is kept as packets, and the tags, are read on a demuxer of their own.
   const bool copies = (copiesVideo_ && video_) || (copiesAudio_ && writesAudio_);
-  const bool readsInput = copies || keepsMetadata_ || audioLayout_ == kSeparateAudio ||
-                          !subtitleTracks_ || !subtitleTracks_->empty();
+  const bool readsInput = copies || keepsMetadata_ || keepsDescriptions_ ||
+                          audioLayout_ == kSeparateAudio || !subtitleTracks_ ||
+                          !subtitleTracks_->empty();
   const std::shared_ptr<VNMediaSource> source = movie_->medias().front()->source();
   if (readsInput && source && source->isDVD()) {
     if (copies) {
@@ -230,12 +232,12 @@ bool VNFFMovieExport::openVideoStream(std::string* reason) {
       return false;
     }
     packets_->copy(input->index, output);
-    if (keepsMetadata_)
+    if (keepsDescriptions_)
       writer_->setStreamTags(output, keptTags(input->metadata).get(), input->disposition);
     video_.reset();
     return true;
   }
-  if (keepsColors_ && input) {
+  if (keepsDescriptions_ && input) {
     const AVCodecParameters* p = input->codecpar;
     if (p->color_space != AVCOL_SPC_UNSPECIFIED && p->color_space != AVCOL_SPC_RGB)
       writer_->setColorProperties(
@@ -247,7 +249,7 @@ bool VNFFMovieExport::openVideoStream(std::string* reason) {
     return false;
   }
   // The video is the file's first stream.
-  if (keepsMetadata_ && input)
+  if (keepsDescriptions_ && input)
     writer_->setStreamTags(0, keptTags(input->metadata).get(), input->disposition);
   return true;
 }
@@ -287,7 +289,7 @@ bool VNFFMovieExport::openAudioStreams(std::string* reason) {
         return false;
       }
       packets_->copy(*input, output);
-      if (keepsMetadata_)
+      if (keepsDescriptions_)
         writer_->setStreamTags(output, keptTags(stream->metadata).get(), stream->disposition);
     }
     return true;
@@ -325,6 +327,7 @@ std::shared_ptr<VNFFMovie> VNFFMovieExport::trackMovie(uint32_t track) const {
     copies.push_back(std::move(copy));
   }
   std::shared_ptr<VNFFMovie> movie = VNFFMovie::create();
+  movie->audioEffectStream().setExactStarts(movie_->audioEffectStream().exactStarts());
   movie->openMedias(copies);
   movie->setSelectAudioStreams(VNIndexSet{track});
   return movie;

@@ -121,14 +121,18 @@ class VNFFMovieExport {
   void setCopiesVideo(bool value) { copiesVideo_ = value; }
   void setCopiesAudio(bool value) { copiesAudio_ = value; }
   // The input's tags and chapters (shifted to the span, those outside it
-  // left out), and the video's and copied streams' tags and dispositions.
-  // (Separate audio tracks and subtitle streams always keep theirs.) Off by
-  // default.
+  // left out). Off by default.
   void setKeepsMetadata(bool value) { keepsMetadata_ = value; }
-  // The video's colour description (primaries, transfer, matrix, range)
-  // written as the input's, its matrix then the one the pictures are
-  // converted with. Off by default: BT.601.
-  void setKeepsColors(bool value) { keepsColors_ = value; }
+  // Each stream's description as the input's: languages, titles and
+  // dispositions of the video and of copied streams, and the video's colour
+  // description (primaries, transfer, matrix, range; the matrix is then the
+  // one the pictures are converted with). Separate audio tracks and
+  // subtitle streams always keep theirs. Off by default: BT.601 colours.
+  void setKeepsStreamDescriptions(bool value) { keepsDescriptions_ = value; }
+  // Encoded audio starts with its first sample: the encoder's priming is
+  // marked to be skipped where the container can say so (as the writer's
+  // setTrimsEncoderDelay). Off by default: the priming is heard as silence.
+  void setTrimsEncoderDelay(bool value) { trimsEncoderDelay_ = value; }
 
   // Called after at most every intervalMs milliseconds of work (0: after
   // every frame; without video, after every second of audio), with the
@@ -193,7 +197,8 @@ class VNFFMovieExport {
   bool copiesVideo_ = false;
   bool copiesAudio_ = false;
   bool keepsMetadata_ = false;
-  bool keepsColors_ = false;
+  bool keepsDescriptions_ = false;
+  bool trimsEncoderDelay_ = false;
   ProgressCallback progress_;
   std::chrono::milliseconds interval_{0};
   std::atomic<bool> cancelled_{false};

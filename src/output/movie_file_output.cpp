@@ -140,3 +140,7 @@ void VNFFMovieFileOutput::setStreamTags(int stream, const AVDictionary* tags, in
 void VNFFMovieFileOutput::setColorProperties(VNFFColorProperties colors) {
   internal_->setColorProperties(colors);
 }
+
+void VNFFMovieFileOutput::setTrimsEncoderDelay(bool value) {
+  internal_->setTrimsEncoderDelay(value);
+}

@@ -128,6 +128,10 @@ class VNFFMovieFileOutput {
   void setMetadata(const AVDictionary* tags);
   void addChapter(int64_t start, int64_t end, const AVDictionary* tags);
   void setStreamTags(int stream, const AVDictionary* tags, int disposition);
+  // Audio timestamps left as the encoder gives them, so that players skip
+  // its priming samples where the container says so; by default they are
+  // raised by the encoder's delay, the priming heard as silence.
+  void setTrimsEncoderDelay(bool value);
   // The video's colour tags, its matrix also the one pictures are converted
   // with; before openVideo. Default: BT.601 tags and conversion.
   void setColorProperties(VNFFColorProperties colors);

@@ -543,7 +543,7 @@ bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
   AVFrame* input = frame && frame->data[0] ? frame : nullptr;
   // Raising every audio timestamp by the encoder's delay is deliberate: the
   // encoder moves its packets back by that much, so the first starts at 0.
-  if (input && c->codec_type == AVMEDIA_TYPE_AUDIO)
+  if (input && c->codec_type == AVMEDIA_TYPE_AUDIO && !trimsEncoderDelay_)
     input->pts += c->initial_padding;
   // A refused frame is skipped; its timestamp is spent all the same.
   if (const int sent = avcodec_send_frame(c, input); sent < 0 && sent != AVERROR_EOF)

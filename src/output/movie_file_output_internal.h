@@ -164,6 +164,10 @@ class VNFFMovieFileOutputInternal {
   void setMetadata(const AVDictionary* tags);
   void addChapter(int64_t start, int64_t end, const AVDictionary* tags);
   void setStreamTags(int stream, const AVDictionary* tags, int disposition);
+  // Audio timestamps as they are, so that a container that can (MP4's edit
+  // list) has players skip the encoder's priming samples; by default they
+  // are raised by the encoder's delay and the priming is heard as silence.
+  void setTrimsEncoderDelay(bool value) { trimsEncoderDelay_ = value; }
   // How the video is tagged and converted; set before openVideo.
   void setColorProperties(VNFFColorProperties colors) { colors_ = colors; }
 
@@ -276,5 +280,6 @@ class VNFFMovieFileOutputInternal {
                                                // encoder, by timestamp
   std::vector<AudioTrack> audioTracks_;        // streams of openAudioStream
   VNFFColorProperties colors_;                 // how the video is tagged
+  bool trimsEncoderDelay_ = false;             // audio timestamps not raised
   std::vector<uint8_t> subtitleBuffer_;        // one encoded subtitle
 };

@@ -58,7 +58,7 @@ struct ConvertOptions {
   bool mix = false;
   bool noVideo = false;
   bool noAudio = false;
-  std::string subtitleTracks = "all";
+  std::string subtitleTracks;  // "": all, but none in a sound-only file
   bool noMetadata = false;
   double start = 0;
   std::optional<double> duration;
@@ -308,7 +308,7 @@ int chooseTracks(const ConvertOptions& o, Input& input, Plan* plan) {
   plan->writesAudio = plan->writesAudio && audio != "none" && input.movie->hasAudio();
   if (std::string reason; audio != "none" && !input.selectAudioTracks(audio, &reason))
     return usage("bad --audio-tracks", o.audioTracks, reason);
-  if (o.subtitleTracks == "none") {
+  if (o.subtitleTracks == "none" || (o.subtitleTracks.empty() && !plan->writesVideo)) {
     plan->subtitleTracks = VNIndexSet{};
     return kExitOk;
   }
@@ -353,7 +353,8 @@ int writeOutput(const ConvertOptions& o,
   job.setCopiesVideo(o.vcodec == "copy");
   job.setCopiesAudio(o.acodec == "copy");
   job.setKeepsMetadata(!o.noMetadata);
-  job.setKeepsColors(true);
+  job.setKeepsStreamDescriptions(true);
+  job.setTrimsEncoderDelay(true);
   const ProgressPrinter printer(o.progress == "json");
   job.setProgress([&](const VNFFMovieExport::Progress& p) { printer.print(p); },
                   printer.interval());
@@ -446,7 +447,8 @@ Registration convertCommand() {
     sub->add_flag("--no-video", o->noVideo, "Write no video");
     sub->add_flag("--no-audio", o->noAudio, "Write no audio");
     sub->add_option("--subtitle-tracks", o->subtitleTracks,
-                    "Subtitle tracks kept as subtitle streams: 0,2, all or none (default: all)");
+                    "Subtitle tracks kept as subtitle streams: 0,2, all or none (default: all "
+                    "with video, none without)");
     sub->add_flag("--no-metadata", o->noMetadata, "Drop the input's tags and chapters");
     sub->add_option("--start", o->start, "Start time in seconds");
     sub->add_option("--duration", o->duration, "Duration in seconds (default: to the end)");

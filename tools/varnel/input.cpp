@@ -39,10 +39,12 @@ std::string unreadableFile(const std::string& path) {
 namespace {
 
 // A movie whose times mean what a player shows: at the boundary of two
-// frames, the one that starts there.
+// frames, the one that starts there; and whose sound starts where it is
+// asked to, not a frame later.
 std::shared_ptr<VNFFMovie> newMovie() {
   std::shared_ptr<VNFFMovie> movie = VNFFMovie::create();
   movie->setStartingPictureAtBoundary(true);
+  movie->audioEffectStream().setExactStarts(true);
   return movie;
 }
 
