@@ -397,7 +397,10 @@ void VNFFMovieExport::prepareMovie() {
     output.movie->seek(start_);
     output.movie->flushOperation();
   }
-  if (audioOutputs_.empty() || audioOutputs_.front().movie != movie_) {
+  // The movie's own pictures are read from the start too; a file of copied
+  // packets alone reads neither.
+  const bool mixed = !audioOutputs_.empty() && audioOutputs_.front().movie == movie_;
+  if (video_ && !mixed) {
     movie_->setExportMovie(true);
     movie_->seek(start_);
     movie_->flushOperation();

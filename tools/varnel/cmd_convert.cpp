@@ -208,8 +208,9 @@ int setUpPictures(const ConvertOptions& o,
   const std::shared_ptr<VNFFMedia> video = movie.videoMedia();
   // FFmpeg learns a picture's size from the first one it decodes: without
   // it, no picture of the video can be read. A track may also hold none.
+  // (A copied video is not decoded at all.)
   if (video && (video->videoFormat().width <= 0 || video->videoFormat().height <= 0 ||
-                !input.videoDecodes()))
+                (o.vcodec != "copy" && !input.videoDecodes())))
     return fail("cannot convert", o.input, "no picture of its video can be decoded");
   if (video) {
     if (const int status = o.picture.apply(input); status != kExitOk)
@@ -306,7 +307,8 @@ int chooseTracks(const ConvertOptions& o, Input& input, Plan* plan) {
                                 ? input.movie->hasAudio() ? defaultAudioTrack(input) : "all"
                                 : o.audioTracks;
   plan->writesAudio = plan->writesAudio && audio != "none" && input.movie->hasAudio();
-  if (std::string reason; audio != "none" && !input.selectAudioTracks(audio, &reason))
+  // The export builds the mix in its own format, when it decodes sound.
+  if (std::string reason; audio != "none" && !input.selectAudioTracks(audio, &reason, false))
     return usage("bad --audio-tracks", o.audioTracks, reason);
   if (o.subtitleTracks == "none" || (o.subtitleTracks.empty() && !plan->writesVideo)) {
     plan->subtitleTracks = VNIndexSet{};
@@ -392,7 +394,7 @@ int run(const ConvertOptions& o) {
   Input input;
   input.title = o.title;
   input.videoTrack = o.videoTrack;
-  if (const int status = input.openWithTracks(o.input, "all"); status != kExitOk)
+  if (const int status = input.openWithTracks(o.input, "all", false); status != kExitOk)
     return status;
   Plan plan;
   plan.writesVideo = !o.noVideo && !audioOnlyOutput(o.output) && input.movie->hasVideo();

@@ -155,7 +155,7 @@ bool Input::chooseStreams(std::optional<VNIndexSet>* streams, std::string* reaso
   return true;
 }
 
-bool Input::selectAudioTracks(const std::string& list, std::string* reason) {
+bool Input::selectAudioTracks(const std::string& list, std::string* reason, bool rebuild) {
   std::optional<VNIndexSet> tracks;
   if (!parseIndexList(list, &tracks, reason))
     return false;
@@ -169,7 +169,8 @@ bool Input::selectAudioTracks(const std::string& list, std::string* reason) {
   movie->setSelectAudioStreams(tracks);
   // A selection does not rebuild the mix by itself: rebuild it over the
   // streams now enabled.
-  movie->configOutputFormat(movie->audioEffectStream().outputParam());
+  if (rebuild)
+    movie->configOutputFormat(movie->audioEffectStream().outputParam());
   return true;
 }
 
@@ -177,13 +178,13 @@ bool Input::videoDecodes() {
   return disc || !videoStream_ || decodesPicture(*source, *videoStream_);
 }
 
-int Input::openWithTracks(const std::string& path, const std::string& tracks) {
+int Input::openWithTracks(const std::string& path, const std::string& tracks, bool rebuild) {
   if (std::string reason; !open(path, &reason)) {
     if (badVideoTrack)
       return usage("bad --video-track", std::to_string(videoTrack.value_or(0)), reason);
     return fail("cannot open", path, reason);
   }
-  if (std::string reason; !selectAudioTracks(tracks, &reason))
+  if (std::string reason; !selectAudioTracks(tracks, &reason, rebuild))
     return usage("bad --audio-tracks", tracks, reason);
   return kExitOk;
 }

@@ -38,11 +38,13 @@ struct Input {
   // Mixes only the listed audio tracks ("0,2", counted among the input's
   // audio tracks; "" or "all" for every track). False with a reason when the
   // list cannot be read or names a track the input does not have.
-  bool selectAudioTracks(const std::string& list, std::string* reason);
+  // With rebuild false the mix is left for its user to rebuild (an export
+  // does, in its own format).
+  bool selectAudioTracks(const std::string& list, std::string* reason, bool rebuild = true);
   // open, then selectAudioTracks, as every command starts: kExitOk, or the
   // command's exit status once the one-line error is printed. Does not warn
   // of a truncation: the command says it when it knows what it will do.
-  int openWithTracks(const std::string& path, const std::string& tracks);
+  int openWithTracks(const std::string& path, const std::string& tracks, bool rebuild = true);
   // How long the input plays, in seconds of the movie's clock.
   struct Extent {
     double duration = 0;    // the container's duration; 0 when it gives none
