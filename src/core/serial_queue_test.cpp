@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <numeric>
 #include <thread>
@@ -66,4 +67,28 @@ TEST(SerialQueueTest, DestructionRunsPendingWork) {
       queue.addOperation([&] { ++ran; });
   }
   EXPECT_EQ(ran.load(), 10);
+}
+
+// What a one-off task captured is released before the task counts as finished.
+TEST(SerialQueueTest, ATaskReleasesItsCaptureBeforeItFinishes) {
+  using Slot = std::shared_ptr<std::shared_ptr<vn::SerialQueue::Operation>>;
+  struct Probe {  // records, when the last copy goes, whether its operation had finished
+    Slot slot;
+    std::atomic<int>* seen;
+    ~Probe() {
+      if (slot && *slot)
+        *seen = (*slot)->isFinished() ? 2 : 1;
+    }
+  };
+  vn::SerialQueue queue("capture");
+  std::promise<void> gate;
+  queue.addOperation([opened = gate.get_future().share()] { opened.wait(); });
+  const Slot slot = std::make_shared<Slot::element_type>();
+  std::atomic<int> seen{0};
+  *slot = queue.addOperation([probe = Probe{slot, &seen}] {});
+  gate.set_value();
+  queue.waitUntilAllOperationsAreFinished();
+  for (int i = 0; i < 200 && seen == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(seen.load(), 1);
 }
