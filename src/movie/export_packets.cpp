@@ -57,8 +57,8 @@ bool VNFFExportPackets::open(VNMediaSource& source, std::string* reason) {
   return true;
 }
 
-AVFormatContext* VNFFExportPackets::inputContext() const {
-  return source_->formatContext();
+AVFormatContext* VNFFExportPackets::input() const {
+  return source_ ? source_->formatContext() : nullptr;
 }
 
 VNFFExportPackets::Route* VNFFExportPackets::routeOf(int input) {

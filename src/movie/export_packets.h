@@ -36,7 +36,7 @@ class VNFFExportPackets {
   // Opens a copy of source; false with a reason.
   bool open(VNMediaSource& source, std::string* reason);
   // The demuxer; null until open.
-  AVFormatContext* input() const { return source_ ? inputContext() : nullptr; }
+  AVFormatContext* input() const;
 
   // Container stream `input` copied to the writer's stream `output`.
   void copy(int input, int output);
@@ -62,7 +62,6 @@ class VNFFExportPackets {
  private:
   struct Route;
 
-  AVFormatContext* inputContext() const;
   Route* routeOf(int input);
   // Hands one packet on, or drops it when it lies outside the span.
   void write(Route& route, VNFFMovieFileOutput& writer);

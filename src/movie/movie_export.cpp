@@ -128,6 +128,8 @@ VNFFMovieExport::Result VNFFMovieExport::run() {
   if (duration <= 0)
     return {Result::kFailed, "nothing to write after the start", {}};
   span_ = duration / 1e6;
+  // Read once: packets are written against it after every frame.
+  mediaStart_ = movie_->medias().front()->start_time();
 
   const std::string temp = temporaryPath(path_);
   std::string reason;
@@ -167,8 +169,7 @@ void VNFFMovieExport::fillFormatFromMovie() {
 }
 
 int64_t VNFFMovieExport::fileStart() const {
-  const VNFFMovie::Medias medias = movie_->medias();
-  return start_ + (medias.empty() ? 0 : medias.front()->start_time());
+  return start_ + mediaStart_;
 }
 
 bool VNFFMovieExport::openWriter(const std::string& temp, std::string* reason) {

@@ -210,6 +210,7 @@ class VNFFMovieExport {
   std::vector<AudioOutput> audioOutputs_;       // decoded audio, a movie per stream
   std::unique_ptr<VNFFExportPackets> packets_;  // copied and subtitle packets
   bool packetsEnded_ = false;
+  int64_t mediaStart_ = 0;  // the file's clock at the movie's 0
   std::vector<std::string> notes_;
   double span_ = 0;           // seconds to write
   double frameSeconds_ = 0;   // length of one output frame
