@@ -146,6 +146,31 @@ TEST(ConvertTest, SizeRateStartAndDuration) {
   EXPECT_DOUBLE_EQ(line["percent"].get<double>(), 100.0);
 }
 
+// A size of the picture's shape scales it whole; one of another shape fits it
+// between black bars, as a player shows it.
+TEST(ConvertTest, AResizeKeepsThePictureShape) {
+  const std::string in = fixture("h264_aac.mp4");  // 320x240
+  const std::string same = vn::test::scratch("same.mp4"), wide = vn::test::scratch("wide.mp4");
+  ASSERT_EQ(vn::test::runVarnel({"convert", in, same, "--size", "160x120"}).status, 0);
+  EXPECT_GT(psnr(same, in, 160, 120), 30);
+  ASSERT_EQ(vn::test::runVarnel({"convert", in, wide, "--size", "320x180"}).status, 0);
+  // The first picture's luma, a byte a pixel: 40-pixel bars left and right of
+  // a 240x180 picture.
+  const std::string luma = vn::test::runShell("ffmpeg -v error -i '" + wide +
+                                              "' -frames:v 1 -vf format=gray -f rawvideo -");
+  ASSERT_EQ(luma.size(), 320u * 180);
+  auto meanOfColumns = [&](int from, int to) {
+    double sum = 0;
+    for (int y = 0; y < 180; ++y) {
+      for (int x = from; x < to; ++x)
+        sum += static_cast<uint8_t>(luma[y * 320 + x]);
+    }
+    return sum / (180.0 * (to - from));
+  };
+  EXPECT_LT(std::max(meanOfColumns(0, 38), meanOfColumns(282, 320)), 20);
+  EXPECT_GT(meanOfColumns(60, 260), 40);
+}
+
 // Ctrl-C stops the conversion and removes what was written.
 TEST(ConvertTest, InterruptRemovesThePartialFile) {
   const std::string o = vn::test::scratch("interrupted.mkv");

@@ -10,6 +10,7 @@
 
 extern "C" {
 #include <libavutil/error.h>
+#include <libavutil/frame.h>
 }
 
 #include "effects/effect_video_stream.h"
@@ -37,7 +38,12 @@ TEST(LogTest, FailuresAreLoggedAtDebugLevelOnly) {
        [] {
          auto stream = VNFFEffectVideoStream::create();
          stream->updateConverter();
-         stream->writeFrame(nullptr);
+         uint8_t pixel[4] = {};
+         vn::ff::Frame frame = vn::ff::makeFrame();
+         frame->format = AV_PIX_FMT_RGBA;
+         frame->data[0] = pixel;
+         stream->writeFrame(frame.get());
+         frame->data[0] = nullptr;
          EXPECT_FALSE(stream->currentImage());
        },
        "avfilter_graph_create_filter (buffer) failed", "Invalid argument"},

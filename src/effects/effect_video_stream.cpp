@@ -51,12 +51,18 @@ VNFFEffectVideoStream::~VNFFEffectVideoStream() {
 void VNFFEffectVideoStream::updateConverter() {
   const std::shared_ptr<VNFFMedia> source = media();
   converting_ = true;
-  buildGraph(source ? source->videoFormat() : VNFFVideoFormat{});
+  // Built with the first picture written: a movie that never converts a
+  // picture loads no filter library.
+  releaseGraph();
+  graphInput_ = source ? source->videoFormat() : VNFFVideoFormat{};
+  graphOutput_ = outputFormat().pix_fmt;
+  graphPending_ = true;
 }
 
-void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
+void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in, int outputPixelFormat) {
   releaseGraph();
   graphInput_ = in;
+  graphOutput_ = outputPixelFormat;
   const vn::ff::FilterLibrary* f = vn::ff::FilterLibrary::get();
   if (!f) {
     vn::logFailure("loading libavfilter", "not found");
@@ -82,7 +88,7 @@ void VNFFEffectVideoStream::buildGraph(const VNFFVideoFormat& in) {
   } else {
     vn::logFailure("avfilter_graph_create_filter (buffer)", status);
   }
-  const int pixelFormats[] = {outputFormat().pix_fmt, AV_PIX_FMT_NONE};
+  const int pixelFormats[] = {outputPixelFormat, AV_PIX_FMT_NONE};
   AVFilterContext* sink =
       f->graph_alloc_filter(graph_.get(), f->get_by_name("buffersink"), "buffersink");
   if (sink &&
@@ -111,6 +117,7 @@ void VNFFEffectVideoStream::free_graph() {
 }
 
 void VNFFEffectVideoStream::releaseGraph() {
+  graphPending_ = false;
   buffersrc_ = nullptr;
   buffersink_ = nullptr;
   graph_.reset();
@@ -128,10 +135,12 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider&
   // Pictures of another size or format than the media said (a broadcast
   // switching programmes, a stream whose format was not known when it was
   // opened) get a graph for what they are.
-  if (frame && frame->data[0] && converting_ &&
-      (frame->format != graphInput_.pix_fmt || frame->width != graphInput_.width ||
-       frame->height != graphInput_.height)) {
-    buildGraph(VNFFVideoFormat{frame->format, frame->width, frame->height});
+  const bool sameFormat = frame && frame->format == graphInput_.pix_fmt &&
+                          frame->width == graphInput_.width && frame->height == graphInput_.height;
+  if (frame && frame->data[0] && converting_ && graphPending_ && sameFormat) {
+    buildGraph(graphInput_, graphOutput_);
+  } else if (frame && frame->data[0] && converting_ && !sameFormat) {
+    buildGraph(VNFFVideoFormat{frame->format, frame->width, frame->height}, outputFormat().pix_fmt);
   }
   if (frame && frame->data[0] && buffersrc_) {
     // The graph takes its own reference; the caller's frame stays as it is.

@@ -13,9 +13,9 @@
 // and the image layer folds the geometry into one resampling and the colour
 // steps into one point pass.
 //
-//   no graph ──updateConverter──► graph standing ──writeFrame──► picture held
-//       ▲                              │
-//       └──── free_graph / failed build┘
+//   no graph ──updateConverter──► graph to build ──writeFrame──► graph
+//       ▲                                                   standing,
+//       └──────────── free_graph / failed build ─────────── picture held
 //
 // Coordinates of the settings are those of the filter image: origin at the
 // bottom left, y up, pixels (the crop in source pixels, the rest in output
@@ -79,7 +79,8 @@ class VNFFEffectVideoStream {
 
   // ---- conversion --------------------------------------------------------
   // (Re)builds the graph for the media's picture format and the output
-  // pixel format; a failed build leaves no graph.
+  // pixel format of now; a failed build leaves no graph. The graph is made
+  // when the first picture is written.
   void updateConverter();
   void free_graph();
   // Drops the picture held.
@@ -220,7 +221,7 @@ class VNFFEffectVideoStream {
 
  private:
   // Builds the graph for pictures of the given format; none on failure.
-  void buildGraph(const VNFFVideoFormat& in);
+  void buildGraph(const VNFFVideoFormat& in, int outputPixelFormat);
   void releaseGraph();
   // Empties the subtitle cache; under lock_.
   void updateSubtitleLocked();
@@ -231,7 +232,9 @@ class VNFFEffectVideoStream {
   // The last picture taken from the sink; shared with the images made from
   // it, so they outlive the next write.
   std::shared_ptr<AVFrame> buffer_;
-  VNFFVideoFormat graphInput_;  // the pictures the graph was built for
+  VNFFVideoFormat graphInput_;  // the pictures the graph is built for
+  int graphOutput_ = 0;         // the pixel format it converts them to
+  bool graphPending_ = false;   // to be built at the next picture written
   bool converting_ = false;     // updateConverter was called, free_graph was not
 
   mutable std::mutex lock_;

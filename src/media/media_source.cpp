@@ -241,22 +241,27 @@ void VNMediaSource::copyFieldsTo(VNMediaSource& copy) const {
   copy.fullpath_ = fullpath_;
 }
 
-void VNMediaSource::open() {
-  if (isOpen())
-    return;
+vn::ff::InputFormatContext VNMediaSource::openDemuxer() {
   AVFormatContext* context = avformat_alloc_context();
   if (!context) {
     lastError_ = "out of memory";
-    return;
+    return nullptr;
   }
   context->pb = avio_context();
   // On failure FFmpeg frees the context and nulls the pointer.
   int status = avformat_open_input(&context, path().c_str(), nullptr, nullptr);
-  if (!context) {
+  if (!context)
     lastError_ = vn::ff::errorText(status);
+  return vn::ff::InputFormatContext(context);
+}
+
+void VNMediaSource::open() {
+  if (isOpen())
     return;
-  }
-  vn::ff::InputFormatContext opened(context);
+  vn::ff::InputFormatContext opened = openDemuxer();
+  if (!opened)
+    return;
+  AVFormatContext* context = opened.get();
   // Streams left out of the probe are skipped by the demuxer while it runs.
   const bool limited = probeStreams_ && !(context->ctx_flags & AVFMTCTX_NOHEADER);
   for (unsigned i = 0; limited && i < context->nb_streams; ++i) {
@@ -270,6 +275,52 @@ void VNMediaSource::open() {
     vn::logFailure("avformat_find_stream_info", probed);
   for (unsigned i = 0; limited && i < context->nb_streams; ++i)
     context->streams[i]->discard = AVDISCARD_DEFAULT;
+  format_context_ = std::move(opened);
+  lastError_.clear();
+}
+
+void VNMediaSource::openAsProbed(VNMediaSource& probed) {
+  if (isOpen())
+    return;
+  const AVFormatContext* known = probed.formatContext();
+  if (!known || probeStreams_) {
+    open();
+    return;
+  }
+  vn::ff::InputFormatContext opened = openDemuxer();
+  if (!opened)
+    return;
+  AVFormatContext* context = opened.get();
+  // Only a header that lists every stream opens the same streams each time;
+  // anything else is probed as usual.
+  bool same = !(context->ctx_flags & AVFMTCTX_NOHEADER) &&
+              !(known->ctx_flags & AVFMTCTX_NOHEADER) && context->iformat == known->iformat &&
+              context->nb_streams == known->nb_streams;
+  for (unsigned i = 0; same && i < context->nb_streams; ++i) {
+    same = context->streams[i]->codecpar->codec_type == known->streams[i]->codecpar->codec_type &&
+           context->streams[i]->codecpar->codec_id == known->streams[i]->codecpar->codec_id;
+  }
+  if (!same) {
+    opened.reset();
+    open();
+    return;
+  }
+  for (unsigned i = 0; i < context->nb_streams; ++i) {
+    AVStream* stream = context->streams[i];
+    const AVStream* found = known->streams[i];
+    if (avcodec_parameters_copy(stream->codecpar, found->codecpar) < 0) {
+      opened.reset();
+      open();
+      return;
+    }
+    stream->avg_frame_rate = found->avg_frame_rate;
+    stream->r_frame_rate = found->r_frame_rate;
+    stream->start_time = found->start_time;
+    stream->duration = found->duration;
+  }
+  context->start_time = known->start_time;
+  context->duration = known->duration;
+  context->bit_rate = known->bit_rate;
   format_context_ = std::move(opened);
   lastError_.clear();
 }
@@ -353,7 +404,7 @@ int64_t VNMediaSource::readableDuration() {
   };
 
   std::shared_ptr<VNMediaSource> probe = copy();
-  probe->open();
+  probe->openAsProbed(*this);
   AVFormatContext* context = probe->formatContext();
   if (!context)
     return 0;

@@ -89,6 +89,12 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   // Does nothing when open. No result: test isOpen(); lastError() says why
   // it failed.
   void open();
+  // Opens the demuxer as open() does, but takes what the streams are from
+  // `probed`, an open source of the same file, instead of probing them again
+  // (no picture is decoded to learn them): for containers whose header lists
+  // every stream, when the header gives the same streams. Anything else is
+  // probed as open() does. For a second reader of a file already open.
+  void openAsProbed(VNMediaSource& probed);
   // Limits the probe of open() to these container streams when the
   // container's header lists every stream (MP4, Matroska, ...): the others
   // keep what the header says and are not decoded to learn more. The
@@ -142,6 +148,9 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   void closeDemuxer() { format_context_.reset(); }
 
  private:
+  // The demuxer over the file, its header read, not probed; null with
+  // lastError() set on failure.
+  vn::ff::InputFormatContext openDemuxer();
   std::string fullpath_;                       // the path given at creation
   vn::ff::InputFormatContext format_context_;  // the demuxer; null until opened
   std::string lastError_;                      // reason of the last failure

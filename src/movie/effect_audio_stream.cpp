@@ -100,6 +100,8 @@ std::string VNFFEffectAudioStream::channelLayoutName(uint64_t layout) {
 }
 
 void VNFFEffectAudioStream::free_graph() {
+  graphPending_ = false;
+  pendingStreams_.clear();
   buffersink_ = nullptr;
   volumeAdjust_ = nullptr;
   sources_.clear();
@@ -133,15 +135,30 @@ AVFilterContext* VNFFEffectAudioStream::createInputMediaStreamFilter(const VNFFM
 }
 
 void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VNFFMedia>>& medias) {
-  // Every enabled audio stream, media by media, at most 32.
-  std::vector<std::shared_ptr<VNFFMediaStream>> streams;
+  free_graph();
+  // Every enabled audio stream, media by media, at most 32, taken now; the
+  // graph is built over them, in the output format of now, when it is first
+  // read or looked at. Nothing is loaded for a movie whose sound is never
+  // read.
   for (const auto& media : medias) {
     for (const auto& stream : media->audios())
-      streams.push_back(stream);
+      pendingStreams_.push_back(stream);
   }
+  pendingFormat_ = outputParam();
+  pendingAverages_ = averagesTracks_.load();
+  graphPending_ = true;
+  std::lock_guard<std::mutex> guard(lock_);
+  inputs_ = medias;
+}
+
+void VNFFEffectAudioStream::buildGraph() {
+  if (!graphPending_)
+    return;
+  graphPending_ = false;
+  const std::vector<std::shared_ptr<VNFFMediaStream>> streams = std::move(pendingStreams_);
+  pendingStreams_.clear();
   const int n = std::min<int>(static_cast<int>(streams.size()), kMaxMixedStreams);
 
-  free_graph();
   const vn::ff::FilterLibrary* f = vn::ff::FilterLibrary::get();
   if (!f) {
     vn::logFailure("loading libavfilter", "not found");
@@ -153,14 +170,14 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
     return;
   }
   AVFilterGraph* graph = graph_.get();
-  const VNFFAudioFormat out = outputParam();
+  const VNFFAudioFormat out = pendingFormat_;
 
   f->graph_create_filter(&buffersink_, f->get_by_name("abuffersink"), "buffersink", nullptr,
                          nullptr, graph);
 
   char text[256];
   // "amix" gives each of n inputs 1/n: undone unless the tracks are averaged.
-  std::snprintf(text, sizeof text, "%d", averagesTracks_.load() ? 1 : n);
+  std::snprintf(text, sizeof text, "%d", pendingAverages_ ? 1 : n);
   AVFilterContext* volumeFix = nullptr;
   f->graph_create_filter(&volumeFix, f->get_by_name("volume"), "volumeFix", text, nullptr, graph);
   if (volumeFix && buffersink_)
@@ -202,10 +219,6 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
       f->link(source, 0, mixer, static_cast<unsigned>(i));
     sources_.push_back({source, streams[i]});
   }
-  {
-    std::lock_guard<std::mutex> guard(lock_);
-    inputs_ = medias;
-  }
   if (!buffersink_) {
     vn::logFailure("building the audio mix", "no buffer sink");
     free_graph();
@@ -215,7 +228,13 @@ void VNFFEffectAudioStream::setInputStreams(const std::vector<std::shared_ptr<VN
   }
 }
 
+int VNFFEffectAudioStream::sourceCount() {
+  buildGraph();
+  return static_cast<int>(sources_.size());
+}
+
 std::string VNFFEffectAudioStream::stageArguments(const std::string& instanceName) {
+  buildGraph();
   if (!graph_)
     return {};
   AVFilterContext* filter =
@@ -371,6 +390,7 @@ bool VNFFEffectAudioStream::readFrame(AVFrame* frame) {
   AVFrame* pulled = pulled_.get();
   av_frame_unref(pulled);
 
+  buildGraph();
   bool got = false;
   if (buffersink_ && nb > 0) {
     applyPendingVolume();

@@ -42,8 +42,11 @@ class VNFFEffectAudioStream {
   void setOutputParam(VNFFAudioFormat format);
 
   // Rebuilds the graph over the enabled audio streams of the medias (media
-  // order, then stream order; at most 32). A graph that fails to configure
-  // is freed and reads give silence.
+  // order, then stream order; at most 32), in the output format and track
+  // summing of the moment. A graph that fails to configure is freed and
+  // reads give silence. The streams are taken at once; the graph itself is
+  // built when it is first read or looked at, so that a movie whose sound is
+  // never read loads no filter library.
   void setInputStreams(const std::vector<std::shared_ptr<VNFFMedia>>& medias);
   std::vector<std::shared_ptr<VNFFMedia>> inputs();
 
@@ -80,7 +83,7 @@ class VNFFEffectAudioStream {
   // For diagnostics and tests.
   std::string stageArguments(const std::string& instanceName);
   // Number of sources linked in the current graph.
-  int sourceCount() const { return static_cast<int>(sources_.size()); }
+  int sourceCount();
 
   // FFmpeg's name of a channel mask from the fixed table of 26 layouts
   // ("stereo", "5.1", "downmix", ...); "" when the mask is not in it.
@@ -104,11 +107,18 @@ class VNFFEffectAudioStream {
   // Feeds every source the graph asked for; false when none asked.
   bool feedStarvedSources();
   void applyPendingVolume();
+  // Builds the graph setInputStreams asked for, if it is not built yet.
+  void buildGraph();
 
   vn::ff::FilterGraph graph_;
   AVFilterContext* buffersink_ = nullptr;    // owned by graph_
   AVFilterContext* volumeAdjust_ = nullptr;  // owned by graph_
   std::vector<Source> sources_;
+  // What the next build is over; graphPending_ while it is to be made.
+  std::vector<std::shared_ptr<VNFFMediaStream>> pendingStreams_;
+  VNFFAudioFormat pendingFormat_{};
+  bool pendingAverages_ = false;
+  bool graphPending_ = false;
   std::string volumeText_;  // what the "volume" stage was last given
   vn::ff::Frame pulled_;    // scratch: what the sink gives
   vn::ff::Frame feed_;      // scratch: what a source gets

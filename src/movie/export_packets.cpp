@@ -47,7 +47,7 @@ VNFFExportPackets::~VNFFExportPackets() {
 bool VNFFExportPackets::open(VNMediaSource& source, std::string* reason) {
   source_ = source.copy();
   if (source_)
-    source_->open();
+    source_->openAsProbed(source);
   if (!source_ || !source_->isOpen() || !packet_) {
     *reason = source_ && !source_->lastError().empty() ? source_->lastError()
                                                        : "the input cannot be read again";

@@ -3,10 +3,11 @@
 //
 // The movie reads the input (a file with video and audio is two medias, each
 // with its own demuxer) with the picture and subtitle settings of the
-// options; the export job writes it. Pictures are decoded frames as they are
-// when nothing changes them, else the movie's composed pictures (picture
-// settings, another size, a video's own rotation). An interrupted or failed
-// run leaves nothing.
+// options; the export job writes it. Pictures are decoded frames, scaled
+// straight to the output size, when nothing else changes them, else the
+// movie's composed pictures (picture settings, a size of another shape, a
+// video's own rotation, burnt-in subtitles). An interrupted or failed run
+// leaves nothing.
 #include <signal.h>
 #include <unistd.h>
 
@@ -195,6 +196,15 @@ void applyAudioOptions(const ConvertOptions& o, VNFFMovieFileOutputFormat* forma
   }
 }
 
+// Whether a picture of size `from` fitted into width x height fills it, to
+// within a pixel: then scaling it to that size is what fitting shows.
+bool fillsWhenFitted(vn::Size from, int width, int height) {
+  if (from.width <= 0 || from.height <= 0)
+    return false;
+  return std::abs(from.width * height / from.height - width) < 1 ||
+         std::abs(from.height * width / from.width - height) < 1;
+}
+
 // Sets the movie's picture and subtitle settings and the picture part of
 // format (the input's shown size and exact rate unless the options say
 // otherwise); tells whether pictures must be composed. kExitOk or the
@@ -229,14 +239,14 @@ int setUpPictures(const ConvertOptions& o,
   }
   if (!o.size.empty() && !parseSize(o.size, &format->width, &format->height))
     return usage("bad --size", o.size, "expected WxH with even, positive numbers");
-  // Decoded frames go to the encoder as they are unless something changes
-  // the picture.
+  // Decoded frames go to the encoder, scaled once from the decoder's YUV to
+  // the encoder's, unless something changes the picture: a size of another
+  // shape is fitted into the frame between black bars by the composed path.
   *composed = false;
   if (video) {
     const vn::Size unturned = movie.shownVideoSize(0, false, true);
     *composed = o.picture.changesPicture(input) || o.subtitles.shows() ||
-                format->width != static_cast<int>(unturned.width) ||
-                format->height != static_cast<int>(unturned.height);
+                !fillsWhenFitted(unturned, format->width, format->height);
   }
   if (fps.num > 0) {
     format->framerate = fps.num;
