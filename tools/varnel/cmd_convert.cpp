@@ -237,9 +237,11 @@ std::optional<int64_t> parseBitRate(const std::string& text) {
 }
 
 // A codec of a kind into *codec by its name, checked against the encoders
-// here and what the container holds; kExitOk or the usage error.
+// here and what the container holds; kExitOk, the usage error of an
+// unknown name or the failure of a codec the container cannot hold.
 int chooseCodec(const std::string& name,
                 AVMediaType kind,
+                const std::string& output,
                 const AVOutputFormat* container,
                 int32_t* codec) {
   const bool video = kind == AVMEDIA_TYPE_VIDEO;
@@ -265,9 +267,9 @@ int chooseCodec(const std::string& name,
           avformat_query_codec(container, AVCodecID(id), FF_COMPLIANCE_NORMAL) != 0)
         takes += std::string(takes.empty() ? "" : " ") + n;
     }
-    return usage("bad " + option, name,
-                 std::string("the ") + container->name + " container cannot hold it; it takes " +
-                     (takes.empty() ? "none of " + known : takes));
+    return fail("cannot write", output,
+                std::string("the ") + container->name + " container cannot hold " + name +
+                    "; it takes " + (takes.empty() ? "none of " + known : takes));
   }
   return kExitOk;
 }
@@ -280,12 +282,14 @@ int checkCodecs(const ConvertOptions& o, VNFFMovieFileOutputFormat* format) {
   const std::string video = o.vcodec.empty() && defaults.video ? defaults.video : o.vcodec;
   const std::string audio = o.acodec.empty() && defaults.audio ? defaults.audio : o.acodec;
   if (video != "copy" && !video.empty() && !defaults.soundOnly) {
-    if (const int status = chooseCodec(video, AVMEDIA_TYPE_VIDEO, container, &format->video_codec);
+    if (const int status =
+            chooseCodec(video, AVMEDIA_TYPE_VIDEO, o.output, container, &format->video_codec);
         status != kExitOk)
       return status;
   }
   if (audio != "copy" && !audio.empty() && !defaults.picturesOnly) {
-    if (const int status = chooseCodec(audio, AVMEDIA_TYPE_AUDIO, container, &format->audio_codec);
+    if (const int status =
+            chooseCodec(audio, AVMEDIA_TYPE_AUDIO, o.output, container, &format->audio_codec);
         status != kExitOk)
       return status;
   }
