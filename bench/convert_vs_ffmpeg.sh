@@ -34,7 +34,7 @@ median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 if [ "$part" != size ]; then
 for i in $(seq "$runs"); do
   measure varnel "$build/varnel" convert "$in" "$out/varnel.mp4" --size $size \
-    --vcodec h264 --acodec aac --vbitrate $vb --abitrate 192000 --sample-rate 48000 --duration "$seconds" >>"$out/varnel.all"
+    --vcodec h264 --acodec aac --keyint 12 --vbitrate $vb --abitrate 192000 --sample-rate 48000 --duration "$seconds" >>"$out/varnel.all"
   measure ffmpeg ffmpeg -hide_banner -loglevel error -y -i "$in" -t "$seconds" -vf scale=${size/x/:} \
     -c:v libx264 -preset fast -profile:v main -g 12 -b:v $vb \
     -c:a aac -b:a 192k "$out/ffmpeg.mp4" >>"$out/ffmpeg.all"

@@ -281,7 +281,9 @@ void VNFFMovieFileOutputInternal::configureVideo(AVCodecContext* c, const AVCode
   if (c->codec_id == AV_CODEC_ID_GIF)
     c->pix_fmt = AV_PIX_FMT_PAL8;
   c->time_base = movieFormatTimebase();
-  c->gop_size = 12;
+  // 0 leaves the encoder's own interval, as its defaults set it.
+  if (format.keyframe_interval > 0)
+    c->gop_size = format.keyframe_interval;
   tagColours(c);
   switch (c->codec_id) {
     case AV_CODEC_ID_MPEG1VIDEO:

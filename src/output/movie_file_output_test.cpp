@@ -396,12 +396,13 @@ TEST_F(MovieFileOutputTest, VideoTimestamps) {
 // into the stream, and a higher CRF or quantiser gives a smaller file.
 TEST_F(MovieFileOutputTest, QualityAndSpeedPresetReachTheEncoder) {
   auto encode = [&](const std::string& name, AVCodecID codec, double quality,
-                    const std::string& preset) {
+                    const std::string& preset, int keyframes = 12) {
     const std::string path = scratch(name);
     start(path, codec);
     VNFFMovieFileOutputFormat format = writer->movieFormat();
     format.video_quality = quality;
     format.speed_preset = preset;
+    format.keyframe_interval = keyframes;
     writer->setMovieFormat(format);
     writer->openVideo();
     EXPECT_TRUE(writer->startOutput()) << writer->failureReason();
@@ -419,8 +420,12 @@ TEST_F(MovieFileOutputTest, QualityAndSpeedPresetReachTheEncoder) {
   EXPECT_NE(settings.find("rc=crf"), std::string::npos);
   EXPECT_NE(settings.find("crf=18.0"), std::string::npos);
   EXPECT_NE(settings.find("subme=0"), std::string::npos);  // ultrafast's
-  // Without a preset H.264 stays at the library's "fast" (subme 6).
+  // Without a preset H.264 stays at the library's "fast" (subme 6), a keyframe every 12
+  // pictures unless the encoder is left its own interval.
   EXPECT_NE(vn::test::readFile(coarse).find("subme=6"), std::string::npos);
+  EXPECT_NE(vn::test::readFile(coarse).find("keyint=12 "), std::string::npos);
+  EXPECT_NE(vn::test::readFile(encode("own.mkv", AV_CODEC_ID_H264, 30, "", 0)).find("keyint=250 "),
+            std::string::npos);
   EXPECT_GT(std::filesystem::file_size(fine), std::filesystem::file_size(coarse));
   // Bit-rate mode is the library's default.
   EXPECT_NE(vn::test::readFile(encode("abr.mkv", AV_CODEC_ID_H264, -1, "")).find("rc=abr"),

@@ -22,6 +22,11 @@ void movieFileOutputFormatToDefaults(VNFFMovieFileOutputFormat* format) {
   format->sample_rate = 44100;
   format->audio_codec = AV_CODEC_ID_NONE;
   format->audio_bitrate = 192000;
+  format->video_quality = -1;
+  format->speed_preset.clear();
+  format->pass = 0;
+  format->pass_log.clear();
+  format->keyframe_interval = 12;
 }
 
 int32_t vn_get_codec_id_by_name(const std::string& name) {

@@ -38,6 +38,9 @@ struct VNFFMovieFileOutputFormat {
   // encodes in one pass.
   int32_t pass = 0;
   std::string pass_log;
+  // Pictures from one keyframe to the next; 0 keeps the encoder's own
+  // (x264 and x265: up to 250).
+  int32_t keyframe_interval = 12;
 };
 
 // The colour description a YUV video is written with: AVColorPrimaries,
@@ -54,7 +57,8 @@ struct VNFFColorProperties {
 };
 
 // Overwrites every field with the library's defaults: stereo 44100 Hz at
-// 192 kb/s, 20 Mb/s video, frameTime 1, everything else 0 (the caller sets
+// 192 kb/s, 20 Mb/s video, frameTime 1, a keyframe every 12 pictures, no
+// constant quality, preset or passes, everything else 0 (the caller sets
 // the size and frame rate before opening video).
 void movieFileOutputFormatToDefaults(VNFFMovieFileOutputFormat* format);
 

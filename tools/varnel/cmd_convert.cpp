@@ -60,6 +60,7 @@ struct ConvertOptions {
   std::string vbitrate;
   std::string abitrate;
   std::optional<double> crf;
+  std::optional<int> keyint;
   std::string preset;
   bool twoPass = false;
   bool overwrite = false;
@@ -303,6 +304,11 @@ int checkEncoding(const ConvertOptions& o, VNFFMovieFileOutputFormat* format) {
     return usage("bad --preset", o.preset,
                  "use one of ultrafast superfast veryfast faster fast medium slow slower veryslow");
   format->speed_preset = o.preset;
+  if (o.keyint && *o.keyint <= 0)
+    return usage("bad --keyint", std::to_string(*o.keyint), "expected pictures, above 0");
+  // The encoder's own interval (x264: up to 250) unless told: a keyframe
+  // every 12 pictures costs H.264 a third more bits, VP9 nearly twice.
+  format->keyframe_interval = o.keyint.value_or(0);
   if (!o.vbitrate.empty()) {
     const std::optional<int64_t> rate = parseBitRate(o.vbitrate);
     if (!rate)
@@ -771,6 +777,9 @@ Registration convertCommand() {
                     "Video bit rate instead of constant quality, bits/s: 2M, 800k, 1500000");
     sub->add_option("--abitrate", o->abitrate,
                     "Audio bit rate, bits/s: 128k, 192000 (default 192k)");
+    sub->add_option("--keyint", o->keyint,
+                    "Pictures from one keyframe to the next (default: the encoder's own; x264 "
+                    "250)");
     sub->add_flag("--two-pass", o->twoPass,
                   "Encode the video twice to spend --vbitrate where it is needed");
     sub->add_option("--sample-rate", o->sampleRate,
