@@ -434,35 +434,6 @@ TEST_F(MovieFileOutputTest, QualityAndSpeedPresetReachTheEncoder) {
             std::filesystem::file_size(encode("q20.mkv", AV_CODEC_ID_MPEG4, 20, "")));
 }
 
-// A GIF gets one palette made from all its pictures: the smooth pattern survives its 256
-// colours with the dithering, and every picture is written with its own length.
-TEST_F(MovieFileOutputTest, PalettedPicturesForGif) {
-  const std::string path = scratch("pattern.gif"), reference = path + ".rgba";
-  start(path, 0, 0, 10);
-  writer->openVideo();
-  ASSERT_TRUE(writer->isVideoOpen()) << writer->failureReason();
-  EXPECT_EQ(writer->outputVideoFormat().pix_fmt, AV_PIX_FMT_RGB32);
-  ASSERT_TRUE(writer->startOutput()) << writer->failureReason();
-  auto context = writer->createCGContext();
-  ASSERT_TRUE(context);
-  std::ofstream ref(reference, std::ios::binary);
-  for (int i = 0; i < 10; ++i) {
-    drawPattern(context->data(), context->bytesPerRow(), i);
-    ref.write(reinterpret_cast<const char*>(context->data()),
-              static_cast<std::streamsize>(context->byteCount()));
-    writer->writeCGContext(*context);
-  }
-  ref.close();
-  writer->stopOutput();
-  const auto probed = probe(path);
-  const auto* video = vn::test::streamOf(probed, "video");
-  ASSERT_TRUE(video) << probed.dump();
-  EXPECT_EQ(video->value("codec_name", ""), "gif");
-  EXPECT_EQ(asInt(*video, "nb_read_frames"), 10);
-  EXPECT_NEAR(std::atof(probed["format"].value("duration", "0").c_str()), 1.0, 0.05);
-  EXPECT_GT(psnr(path, reference), 28);
-}
-
 // The front end prints failureReason after a false startOutput or a stream that did not open.
 TEST_F(MovieFileOutputTest, FailuresKeepAReason) {
   // Path (under the scratch directory unless absolute), codecs, whether the streams open, reason.
