@@ -180,6 +180,8 @@ TEST(EncodeTest, BitRatesTakeSuffixesAndAreKept) {
   // A codec the container cannot hold fails, naming what it takes.
   r = runVarnel({"convert", fixture("h264_aac.mp4"), scratch("wrong.webm"), "--vcodec", "h264"});
   vn::test::expectError(r, 1, "cannot hold h264; it takes vp8 vp9 av1");
+  r = runVarnel({"convert", fixture("h264_aac.mp4"), scratch("wrong.gif"), "--vcodec", "h264"});
+  vn::test::expectError(r, 1, "holds gif only");
   r = runVarnel({"convert", fixture("h264_aac.mp4"), refused, "--acodec", "wma"});
   vn::test::expectError(r, 1, "the mov container cannot hold wma; it takes aac");
   EXPECT_FALSE(fs::exists(scratch("wrong.webm")));

@@ -282,6 +282,13 @@ int checkCodecs(const ConvertOptions& o, VNFFMovieFileOutputFormat* format) {
   const AVOutputFormat* container = outputContainer(o.output);
   const std::string video = o.vcodec.empty() && defaults.video ? defaults.video : o.vcodec;
   const std::string audio = o.acodec.empty() && defaults.audio ? defaults.audio : o.acodec;
+  // A file of pictures only (GIF) keeps no list of codecs but holds its
+  // own alone.
+  if (defaults.picturesOnly &&
+      vn_get_codec_id_by_name(video) != vn_get_codec_id_by_name(defaults.video))
+    return fail("cannot write", o.output,
+                std::string("the ") + (container ? container->name : "") + " container holds " +
+                    defaults.video + " only");
   if (video != "copy" && !video.empty() && !defaults.soundOnly) {
     if (const int status =
             chooseCodec(video, AVMEDIA_TYPE_VIDEO, o.output, container, &format->video_codec);
