@@ -81,6 +81,8 @@ TEST(EncodeTest, CodecNamesAndExtensionDefaultsGiveFilesOfThoseCodecs) {
     const std::string out = scratch(e.output);
     const vn::test::CommandResult r = convertShort(out, e.options);
     ASSERT_EQ(r.status, 0) << r.err;
+    // No encoder's chatter: stderr carries progress and errors only.
+    EXPECT_EQ(r.err, "");
     const json probe = vn::test::ffprobe(out);
     EXPECT_EQ(codecOf(probe, "video"), e.video);
     EXPECT_EQ(codecOf(probe, "audio"), e.audio);

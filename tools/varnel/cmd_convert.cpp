@@ -716,6 +716,9 @@ int writeOutput(const ConvertOptions& o,
 }
 
 int run(const ConvertOptions& o) {
+  // SVT-AV1 prints a banner and its settings on stderr unless told not to;
+  // ours carries progress and errors only. A user's own choice stays.
+  setenv("SVT_LOG", "1", 0);
   VNFFMovieFileOutputFormat format;
   movieFileOutputFormatToDefaults(&format);
   AVRational fps{0, 1};
