@@ -25,6 +25,7 @@
 #include <filesystem>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 
 #include "cli.h"
@@ -246,9 +247,8 @@ int chooseCodec(const std::string& name,
                 const AVOutputFormat* container,
                 int32_t* codec) {
   const bool video = kind == AVMEDIA_TYPE_VIDEO;
-  const auto& names =
-      video ? std::vector<const char*>(std::begin(kVideoCodecNames), std::end(kVideoCodecNames))
-            : std::vector<const char*>(std::begin(kAudioCodecNames), std::end(kAudioCodecNames));
+  const std::span<const char* const> names =
+      video ? std::span<const char* const>(kVideoCodecNames) : kAudioCodecNames;
   const std::string option = video ? "--vcodec" : "--acodec";
   std::string known;
   for (const char* n : names)
