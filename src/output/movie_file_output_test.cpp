@@ -519,9 +519,8 @@ TEST(OutputFormatTest, CodecNames) {
     EXPECT_EQ(vn_get_codec_id_by_name(name), id) << '"' << name << '"';
 }
 
-// The encoder that serves a codec best, where FFmpeg would list another
-// first; speed presets by name only.
-TEST(OutputFormatTest, EncodersAndSpeedPresets) {
+// The encoder that serves a codec best, where FFmpeg would list another first.
+TEST(OutputFormatTest, PreferredEncoders) {
   const std::tuple<AVCodecID, const char*> encoders[] = {
       {AV_CODEC_ID_AV1, "libsvtav1"}, {AV_CODEC_ID_VORBIS, "libvorbis"},
       {AV_CODEC_ID_OPUS, "libopus"},  {AV_CODEC_ID_PRORES, "prores_ks"},
@@ -534,10 +533,6 @@ TEST(OutputFormatTest, EncodersAndSpeedPresets) {
     EXPECT_STREQ(encoder->name, name);
   }
   EXPECT_EQ(vn_find_encoder(AV_CODEC_ID_NONE), nullptr);
-  EXPECT_EQ(std::tuple(vn_speed_preset_index("ultrafast"), vn_speed_preset_index("medium"),
-                       vn_speed_preset_index("veryslow"), vn_speed_preset_index("Medium"),
-                       vn_speed_preset_index("placebo"), vn_speed_preset_index("")),
-            std::tuple(0, 5, 8, -1, -1, -1));
 }
 
 // ---- the audio and picture converters ----------------------------------------
