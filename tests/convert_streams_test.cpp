@@ -168,7 +168,7 @@ TEST(ConvertStreamsTest, KeepsTracksLanguagesTitlesDispositionsChaptersTagsAndCo
     bool tags;             // title, artist, date and comment: all kept, or none left
     size_t warnings;       // one for each subtitle track the container cannot hold
   } cases[] = {
-      {"default.mkv", "", "v:h264:und* a:vorbis:fre* s:subrip:eng* s:dvd_subtitle:fre",
+      {"default.mkv", "", "v:h264:und* a:aac:fre* s:subrip:eng* s:dvd_subtitle:fre",
        "|French stereo|English|French pictures", kChapters, true, 0},
       // MP4 holds DVD subpictures too, as FFmpeg writes them.
       {"default.mp4", "", "v:h264:und* a:aac:fre* s:mov_text:eng* s:dvd_subtitle:fre", nullptr,
@@ -179,16 +179,16 @@ TEST(ConvertStreamsTest, KeepsTracksLanguagesTitlesDispositionsChaptersTagsAndCo
       {"all.mp4", "--audio-tracks all --subtitle-tracks 0",
        "v:h264:und* a:aac:eng a:aac:fre* a:aac:ger s:mov_text:eng*", nullptr, kChapters, true, 0},
       {"mix.mkv", "--audio-tracks 0,2 --mix --subtitle-tracks 1",
-       "v:h264:und* a:vorbis:? s:dvd_subtitle:fre", nullptr, kChapters, true, 0},
-      {"bare.mkv", "--no-metadata --subtitle-tracks none", "v:h264:und* a:vorbis:fre*",
+       "v:h264:und* a:aac:? s:dvd_subtitle:fre", nullptr, kChapters, true, 0},
+      {"bare.mkv", "--no-metadata --subtitle-tracks none", "v:h264:und* a:aac:fre*",
        "|French stereo", "", false, 0},
       {"cut.mkv", "--start 1 --duration 2.6",
-       "v:h264:und* a:vorbis:fre* s:subrip:eng* s:dvd_subtitle:fre",
+       "v:h264:und* a:aac:fre* s:subrip:eng* s:dvd_subtitle:fre",
        "|French stereo|English|French pictures", "0.0-0.2 0.2-1.5 1.5-2.4 2.4-2.6", true, 0},
       // Listed out of order, written in the input's.
       {"audio.mka", "--no-video --audio-tracks 2,1 --subtitle-tracks none", "a:?:fre* a:?:ger",
        "French stereo|German stereo", kChapters, true, 0},
-      {"film.mpg", "", "v:mpeg1video:und a:mp2:und s:dvd_subtitle:und", nullptr, "", false, 1},
+      {"film.mpg", "", "v:mpeg2video:und a:mp2:und s:dvd_subtitle:und", nullptr, "", false, 1},
   };
   const json input = probe(fixture("film.mkv"))["format"];
   for (const Case& c : cases) {

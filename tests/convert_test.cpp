@@ -61,7 +61,7 @@ struct RoundTrip {
 // colour conversion; a wrong size, a shifted or dropped frame gives under 15 dB.
 const RoundTrip kRoundTrips[] = {
     {"h264_aac.mp4", "h264.mp4", "--vcodec h264 --acodec aac", "h264", "aac", 32},
-    {"multitrack.mkv", "default.mkv", "", "h264", "vorbis", 32},
+    {"multitrack.mkv", "default.mkv", "", "h264", "aac", 32},
     {"h264_aac.mp4", "animation.mov", "--vcodec animation --acodec alac", "qtrle", "alac", 35},
     {"h264_aac.mp4", "mpeg4.avi", "--vcodec mpeg4 --acodec mp3", "mpeg4", "mp3", 30},
     {"mpeg2_mp2.mpg", "mpeg2.mpg", "--vcodec mpeg2 --acodec mp2", "mpeg2video", "mp2", 30},
@@ -106,8 +106,10 @@ TEST(ConvertTest, RoundTripsKeepCodecsSizeRateDurationPictureAndSound) {
     }
     ASSERT_TRUE(a);
     EXPECT_EQ((*a)["codec_name"], t.expectAudio);
-    EXPECT_EQ(number((*a)["sample_rate"]), 44100);
-    EXPECT_EQ((*a)["channels"], 2);
+    // The input's sound, where the codec takes it.
+    const json* sa = streamOf(src, "audio");
+    EXPECT_EQ(number((*a)["sample_rate"]), number((*sa)["sample_rate"]));
+    EXPECT_EQ((*a)["channels"], (*sa)["channels"]);
 
     if (std::string(t.input) == "multitrack.mkv")
       continue;  // three tones, mixed

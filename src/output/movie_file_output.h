@@ -51,7 +51,8 @@ class VNFFMovieFileOutput {
   std::string path() const;
   void setPath(const std::string& path);
 
-  // The requested output: size, codecs, bit rates, frame rate (time base
+  // The requested output: size, codecs, bit rates or constant quality,
+  // speed preset, passes, keyframe interval, frame rate (time base
   // frameTime/framerate), channel layout and sample rate. Set before
   // opening the streams. Any thread.
   VNFFMovieFileOutputFormat movieFormat() const;
@@ -62,7 +63,8 @@ class VNFFMovieFileOutput {
   VNFFAudioFormat audioInputFormat() const;
   void setAudioInputFormat(VNFFAudioFormat format);
 
-  // The opened encoders' formats (all zero while a stream is not open).
+  // The opened encoders' formats (all zero while a stream is not open);
+  // for a paletted encoder (GIF) the packed RGB its palette is made from.
   VNFFAudioFormat outputAudioFormat() const;
   VNFFVideoFormat outputVideoFormat() const;
 

@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <new>
+#include <sstream>
 #include <string_view>
 
 extern "C" {
@@ -18,6 +22,7 @@ extern "C" {
 #include "core/codec_lock.h"
 #include "core/log.h"
 #include "ffmpeg/error.h"
+#include "ffmpeg/filter_library.h"
 #include "image/bitmap_context.h"
 #include "output/audio_converter.h"
 #include "output/image_colorspace_converter.h"
@@ -46,6 +51,26 @@ std::string lowercase(std::string s) {
   std::transform(s.begin(), s.end(), s.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return s;
+}
+
+// The packed RGB a paletted encoder's pictures are made from.
+constexpr AVPixelFormat kPalettePictureFormat = AV_PIX_FMT_RGB32;
+
+// A speed preset (0 "ultrafast" to 8 "veryslow") in each encoder's own
+// setting.
+constexpr int kVp9CpuUsed[] = {8, 7, 5, 4, 3, 2, 1, 0, 0};
+constexpr int kVp8CpuUsed[] = {16, 12, 8, 5, 3, 2, 1, 0, 0};
+constexpr int kSvtAv1Preset[] = {12, 11, 10, 9, 8, 6, 5, 4, 2};
+constexpr int kAomCpuUsed[] = {8, 7, 6, 5, 4, 3, 2, 1, 0};
+
+bool isOneOf(std::string_view name, std::initializer_list<std::string_view> names) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+// Encoders that give their statistics of a first pass with every frame;
+// the others give them all at the end.
+bool givesStatsPerFrame(std::string_view encoder) {
+  return isOneOf(encoder, {"mpeg1video", "mpeg2video", "mpeg4", "msmpeg4", "msmpeg4v2"});
 }
 
 // "mp4" for "/a/b.MP4"; "" without an extension.
@@ -80,6 +105,8 @@ VNFFMovieFileOutputInternal::VNFFMovieFileOutputInternal()
 
 VNFFMovieFileOutputInternal::~VNFFMovieFileOutputInternal() {
   freeEncoders();
+  if (passLog_)
+    std::fclose(passLog_);
   // The container's owner closes a file left open.
 }
 
@@ -124,7 +151,7 @@ VNFFVideoFormat VNFFMovieFileOutputInternal::outputVideoFormat() const {
   const AVCodecContext* c = codecOf(videoStream_);
   if (!c)
     return {};
-  return {c->pix_fmt, c->width, c->height};
+  return {c->pix_fmt == AV_PIX_FMT_PAL8 ? kPalettePictureFormat : c->pix_fmt, c->width, c->height};
 }
 
 void VNFFMovieFileOutputInternal::createMovieOutput() {
@@ -185,7 +212,7 @@ AVStream* VNFFMovieFileOutputInternal::openOutputStream(int32_t codecId,
     fail(std::string("the ") + container->name + " container has no codec for this stream");
     return nullptr;
   }
-  const AVCodec* encoder = avcodec_find_encoder(id);
+  const AVCodec* encoder = vn_find_encoder(id);
   if (!encoder) {
     fail(std::string("no encoder for codec ") + avcodec_get_name(id));
     return nullptr;
@@ -250,8 +277,13 @@ void VNFFMovieFileOutputInternal::configureVideo(AVCodecContext* c, const AVCode
   c->width = format.width;
   c->height = format.height;
   c->pix_fmt = encoder->pix_fmts ? encoder->pix_fmts[0] : AV_PIX_FMT_YUV420P;
+  // GIF: pictures mapped onto one palette made from the whole clip.
+  if (c->codec_id == AV_CODEC_ID_GIF)
+    c->pix_fmt = AV_PIX_FMT_PAL8;
   c->time_base = movieFormatTimebase();
-  c->gop_size = 12;
+  // 0 leaves the encoder's own interval, as its defaults set it.
+  if (format.keyframe_interval > 0)
+    c->gop_size = format.keyframe_interval;
   tagColours(c);
   switch (c->codec_id) {
     case AV_CODEC_ID_MPEG1VIDEO:
@@ -265,6 +297,165 @@ void VNFFMovieFileOutputInternal::configureVideo(AVCodecContext* c, const AVCode
       break;
     default:
       break;
+  }
+  configureEncoderSettings(c, encoder);
+}
+
+void VNFFMovieFileOutputInternal::configureEncoderSettings(AVCodecContext* c,
+                                                           const AVCodec* encoder) {
+  const VNFFMovieFileOutputFormat format = movieFormat();
+  const std::string_view name = encoder->name;
+  void* options = c->priv_data;
+  const bool x26x = isOneOf(name, {"libx264", "libx265"});
+  const bool vpx = isOneOf(name, {"libvpx", "libvpx-vp9"});
+  std::string x265Params = "log-level=error";
+
+  const double quality = format.video_quality;
+  if (quality >= 0) {
+    const long rounded = std::lround(quality);
+    if (x26x) {
+      av_opt_set_double(options, "crf", quality, 0);
+      c->bit_rate = 0;
+    } else if (name == "libvpx") {
+      // VP8's constant quality keeps the bit rate as its ceiling.
+      av_opt_set_int(options, "crf", rounded, 0);
+    } else if (isOneOf(name, {"libvpx-vp9", "libsvtav1", "libaom-av1"})) {
+      av_opt_set_int(options, "crf", rounded, 0);
+      c->bit_rate = 0;
+    } else if (isOneOf(name, {"mpeg1video", "mpeg2video", "mpeg4", "msmpeg4", "msmpeg4v2",
+                              "libtheora"})) {
+      c->flags |= AV_CODEC_FLAG_QSCALE;
+      c->global_quality = static_cast<int>(std::lround(quality * FF_QP2LAMBDA));
+    }
+  }
+
+  if (const int speed = vn_speed_preset_index(format.speed_preset); speed >= 0) {
+    if (x26x) {
+      av_opt_set(options, "preset", format.speed_preset.c_str(), 0);
+    } else if (vpx) {
+      // The two fastest trade quality for real-time speed.
+      av_opt_set(options, "deadline", speed <= 1 ? "realtime" : "good", 0);
+      av_opt_set_int(options, "cpu-used",
+                     name == "libvpx" ? kVp8CpuUsed[speed] : kVp9CpuUsed[speed], 0);
+    } else if (name == "libsvtav1") {
+      av_opt_set_int(options, "preset", kSvtAv1Preset[speed], 0);
+    } else if (name == "libaom-av1") {
+      av_opt_set_int(options, "cpu-used", kAomCpuUsed[speed], 0);
+    }
+  }
+
+  if ((format.pass == 1 || format.pass == 2) && !format.pass_log.empty()) {
+    const bool first = format.pass == 1;
+    if (name == "libx264") {
+      // x264 keeps its statistics in its own file.
+      av_opt_set(options, "stats", format.pass_log.c_str(), 0);
+      c->flags |= first ? AV_CODEC_FLAG_PASS1 : AV_CODEC_FLAG_PASS2;
+    } else if (name == "libx265") {
+      x265Params += std::string(":pass=") + (first ? "1" : "2") + ":stats=" + format.pass_log;
+    } else if (vpx || name == "libaom-av1" || givesStatsPerFrame(name)) {
+      if (first) {
+        passLog_ = std::fopen(format.pass_log.c_str(), "wb");
+        if (passLog_)
+          c->flags |= AV_CODEC_FLAG_PASS1;
+      } else if (std::ifstream in(format.pass_log, std::ios::binary); in) {
+        std::ostringstream text;
+        text << in.rdbuf();
+        passStats_ = text.str();
+        // The encoder reads the text; the writer keeps it as long as the
+        // encoder lives.
+        c->stats_in = passStats_.data();
+        c->flags |= AV_CODEC_FLAG_PASS2;
+      }
+    }
+  }
+  if (name == "libx265")
+    av_opt_set(options, "x265-params", x265Params.c_str(), 0);
+}
+
+void VNFFMovieFileOutputInternal::keepPassStats(const AVCodecContext* c) {
+  if (passLog_ && c->stats_out)
+    std::fputs(c->stats_out, passLog_);
+}
+
+bool VNFFMovieFileOutputInternal::openPalette(const AVCodecContext* c) {
+  std::string reason;
+  const vn::ff::FilterLibrary* filters = vn::ff::FilterLibrary::get(&reason);
+  if (!filters) {
+    fail(reason);
+    return false;
+  }
+  paletteGraph_.reset(filters->graph_alloc());
+  paletteFrame_ = vn::ff::makeFrame();
+  if (!paletteGraph_ || !paletteFrame_) {
+    fail(vn::ff::callError("avfilter_graph_alloc", AVERROR(ENOMEM)));
+    return false;
+  }
+  AVFilterGraph* graph = paletteGraph_.get();
+  // One thread: the graph holds every picture until the palette is made.
+  graph->nb_threads = 1;
+  char source[160];
+  std::snprintf(source, sizeof source,
+                "video_size=%dx%d:pix_fmt=%d:time_base=%d/%d:pixel_aspect=1/1", c->width, c->height,
+                kPalettePictureFormat, c->time_base.num, c->time_base.den);
+  // Every picture is seen before the palette is made: split keeps them
+  // while palettegen counts their colours; paletteuse then maps each onto
+  // the palette with error diffusion.
+  struct Step {
+    const char* filter;
+    const char* arguments;
+    AVFilterContext* context = nullptr;
+  };
+  Step steps[] = {{"buffer", source},
+                  {"split", "2"},
+                  {"palettegen", "max_colors=256:stats_mode=full"},
+                  {"paletteuse", "dither=sierra2_4a"},
+                  {"buffersink", nullptr}};
+  for (Step& step : steps) {
+    const int status =
+        filters->graph_create_filter(&step.context, filters->get_by_name(step.filter), step.filter,
+                                     step.arguments, nullptr, graph);
+    if (status < 0) {
+      fail(vn::ff::callError("avfilter_graph_create_filter", status));
+      return false;
+    }
+  }
+  AVFilterContext* const in = steps[0].context;
+  AVFilterContext* const split = steps[1].context;
+  AVFilterContext* const generate = steps[2].context;
+  AVFilterContext* const use = steps[3].context;
+  AVFilterContext* const out = steps[4].context;
+  int status = filters->link(in, 0, split, 0);
+  if (status >= 0)
+    status = filters->link(split, 0, use, 0);
+  if (status >= 0)
+    status = filters->link(split, 1, generate, 0);
+  if (status >= 0)
+    status = filters->link(generate, 0, use, 1);
+  if (status >= 0)
+    status = filters->link(use, 0, out, 0);
+  if (status >= 0)
+    status = filters->graph_config(graph, nullptr);
+  if (status < 0) {
+    fail(vn::ff::callError("avfilter_graph_config", status));
+    return false;
+  }
+  paletteIn_ = in;
+  paletteOut_ = out;
+  return true;
+}
+
+void VNFFMovieFileOutputInternal::drainPalette(bool ending) {
+  if (!paletteGraph_)
+    return;
+  const vn::ff::FilterLibrary& filters = vn::ff::loadedFilters();
+  if (ending) {
+    if (const int status = filters.buffersrc_add_frame_flags(paletteIn_, nullptr, 0); status < 0)
+      vn::logFailure("av_buffersrc_add_frame_flags", status);
+  }
+  AVFrame* frame = paletteFrame_.get();
+  while (filters.buffersink_get_frame(paletteOut_, frame) >= 0) {
+    writeFrame(frame, videoStream_);
+    av_frame_unref(frame);
   }
 }
 
@@ -315,6 +506,9 @@ bool VNFFMovieFileOutputInternal::startOutput() {
     videoConverter_->setOutputFormat(outputVideoFormat());
     if (colors_.matrix != AVCOL_SPC_UNSPECIFIED)
       videoConverter_->setColorspace(colors_.matrix);
+    const AVCodecContext* c = codecOf(videoStream_);
+    if (c->pix_fmt == AV_PIX_FMT_PAL8 && !paletteGraph_ && !openPalette(c))
+      return false;
   }
   AVFormatContext* context = formatContext_.get();
   if (context->oformat->flags & AVFMT_NOFILE) {
@@ -362,12 +556,21 @@ void VNFFMovieFileOutputInternal::stopOutput() {
       for (int i = 0; i < kMaxPacketsPerCall && writeFrame(nullptr, track.stream); ++i) {
       }
     }
+    drainPalette(true);
     for (int i = 0; i < kMaxPacketsPerCall && writeFrame(nullptr, videoStream_); ++i) {
     }
+    // The rest of a first pass's statistics, or all of them.
+    if (const AVCodecContext* c = codecOf(videoStream_); c && !givesStatsPerFrame(c->codec->name))
+      keepPassStats(c);
     av_interleaved_write_frame(formatContext_.get(), nullptr);
     av_write_trailer(formatContext_.get());
   }
   freeEncoders();
+  paletteGraph_.reset();
+  if (passLog_) {
+    std::fclose(passLog_);
+    passLog_ = nullptr;
+  }
   videoStream_ = nullptr;
   audioStream_ = nullptr;
   audioTracks_.clear();
@@ -505,7 +708,9 @@ void VNFFMovieFileOutputInternal::writeVideoFrameDuration(AVRational duration) {
   const AVFrame* picture = videoConverter_->outputFrame();
   // The converter was sized from this encoder at startOutput; anything else
   // would be read past its planes.
-  if (picture->width != c->width || picture->height != c->height || picture->format != c->pix_fmt)
+  const VNFFVideoFormat taken = outputVideoFormat();
+  if (picture->width != taken.width || picture->height != taken.height ||
+      picture->format != taken.pix_fmt)
     return;
   const int64_t length = av_rescale_q(1, duration, c->time_base);
   // A negative duration gives no usable length (FFmpeg answers INT64_MIN).
@@ -528,6 +733,16 @@ void VNFFMovieFileOutputInternal::writeVideoFrameDuration(AVRational duration) {
     videoDurations_.erase(videoDurations_.begin());
   videoDurations_[video_pts_] = length;
   video_pts_ += length;
+  if (paletteGraph_) {
+    // The graph copies the picture: the view's planes are the converter's.
+    if (const int status = vn::ff::loadedFilters().buffersrc_add_frame_flags(
+            paletteIn_, frame, AV_BUFFERSRC_FLAG_KEEP_REF);
+        status < 0)
+      vn::logFailure("av_buffersrc_add_frame_flags", status);
+    av_frame_unref(frame);
+    drainPalette(false);
+    return;
+  }
   writeFrame(frame, videoStream_);
   av_frame_unref(frame);
 }
@@ -545,6 +760,9 @@ bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
   // encoder moves its packets back by that much, so the first starts at 0.
   if (input && c->codec_type == AVMEDIA_TYPE_AUDIO && !trimsEncoderDelay_)
     input->pts += c->initial_padding;
+  // A fixed quantiser is read from each picture.
+  if (input && c->codec_type == AVMEDIA_TYPE_VIDEO && (c->flags & AV_CODEC_FLAG_QSCALE))
+    input->quality = c->global_quality;
   // A refused frame is skipped; its timestamp is spent all the same.
   if (const int sent = avcodec_send_frame(c, input); sent < 0 && sent != AVERROR_EOF)
     vn::logFailure("avcodec_send_frame", sent);
@@ -552,6 +770,8 @@ bool VNFFMovieFileOutputInternal::writeFrame(AVFrame* frame, AVStream* stream) {
   AVPacket* packet = packet_.get();
   for (int i = 0; i < kMaxPacketsPerCall && avcodec_receive_packet(c, packet) == 0; ++i) {
     wrote = true;
+    if (c->codec_type == AVMEDIA_TYPE_VIDEO && givesStatsPerFrame(c->codec->name))
+      keepPassStats(c);
     if (c->codec_type == AVMEDIA_TYPE_VIDEO) {
       const auto length = videoDurations_.find(packet->pts);
       if (length != videoDurations_.end()) {

@@ -22,6 +22,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -35,6 +36,7 @@
 
 struct AVCodec;
 struct AVCodecParameters;
+struct AVFilterContext;
 struct AVDictionary;
 struct AVRational;
 struct AVStream;
@@ -81,7 +83,8 @@ class VNFFMovieFileOutputInternal {
 
   // The opened audio encoder's format; all zero while audio is not open.
   VNFFAudioFormat outputAudioFormat() const;
-  // The opened video encoder's pixel format and size; all zero while video
+  // The pictures the opened video encoder takes: its pixel format and size
+  // (packed RGB for an encoder fed through a palette); all zero while video
   // is not open.
   VNFFVideoFormat outputVideoFormat() const;
 
@@ -246,6 +249,18 @@ class VNFFMovieFileOutputInternal {
                    uint64_t length);
   void configureAudio(AVCodecContext* codec, const AVCodec* encoder);
   void configureVideo(AVCodecContext* codec, const AVCodec* encoder);
+  // Constant quality, speed and passes of movieFormat, in the encoder's own
+  // options.
+  void configureEncoderSettings(AVCodecContext* codec, const AVCodec* encoder);
+  // The filter graph that makes one palette from every picture and maps
+  // the pictures onto it, for an encoder of paletted pictures; false (and
+  // failureReason) when it cannot be made.
+  bool openPalette(const AVCodecContext* codec);
+  // Encodes the pictures the palette graph gives out (all it holds, after
+  // the last picture went in, when ending).
+  void drainPalette(bool ending);
+  // Keeps what a first-pass encoder said about the pictures so far.
+  void keepPassStats(const AVCodecContext* codec);
   // Tags a YUV encoder with the colours the converter writes.
   void tagColours(AVCodecContext* codec) const;
   // Encoders freed under the codec lock, one lock per stream.
@@ -282,4 +297,10 @@ class VNFFMovieFileOutputInternal {
   VNFFColorProperties colors_;                 // how the video is tagged
   bool trimsEncoderDelay_ = false;             // audio timestamps not raised
   std::vector<uint8_t> subtitleBuffer_;        // one encoded subtitle
+  vn::ff::FilterGraph paletteGraph_;           // pictures to a palette, for GIF
+  AVFilterContext* paletteIn_ = nullptr;       // its source, in paletteGraph_
+  AVFilterContext* paletteOut_ = nullptr;      // its sink, in paletteGraph_
+  vn::ff::Frame paletteFrame_;                 // a paletted picture to encode
+  std::string passStats_;                      // a first pass's statistics, read back
+  std::FILE* passLog_ = nullptr;               // where a first pass writes its statistics
 };

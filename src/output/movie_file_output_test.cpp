@@ -392,6 +392,48 @@ TEST_F(MovieFileOutputTest, VideoTimestamps) {
   }
 }
 
+// Constant quality and the speed preset reach the encoder: x264 writes the settings it ran with
+// into the stream, and a higher CRF or quantiser gives a smaller file.
+TEST_F(MovieFileOutputTest, QualityAndSpeedPresetReachTheEncoder) {
+  auto encode = [&](const std::string& name, AVCodecID codec, double quality,
+                    const std::string& preset, int keyframes = 12) {
+    const std::string path = scratch(name);
+    start(path, codec);
+    VNFFMovieFileOutputFormat format = writer->movieFormat();
+    format.video_quality = quality;
+    format.speed_preset = preset;
+    format.keyframe_interval = keyframes;
+    writer->setMovieFormat(format);
+    writer->openVideo();
+    EXPECT_TRUE(writer->startOutput()) << writer->failureReason();
+    auto context = writer->createCGContext();
+    for (int i = 0; context && i < 10; ++i) {
+      drawPattern(context->data(), context->bytesPerRow(), i);
+      writer->writeCGContext(*context);
+    }
+    writer->stopOutput();
+    return path;
+  };
+  const std::string fine = encode("crf18.mkv", AV_CODEC_ID_H264, 18, "ultrafast");
+  const std::string coarse = encode("crf40.mkv", AV_CODEC_ID_H264, 40, "");
+  const std::string settings = vn::test::readFile(fine);
+  EXPECT_NE(settings.find("rc=crf"), std::string::npos);
+  EXPECT_NE(settings.find("crf=18.0"), std::string::npos);
+  EXPECT_NE(settings.find("subme=0"), std::string::npos);  // ultrafast's
+  // Without a preset H.264 stays at the library's "fast" (subme 6), a keyframe every 12
+  // pictures unless the encoder is left its own interval.
+  EXPECT_NE(vn::test::readFile(coarse).find("subme=6"), std::string::npos);
+  EXPECT_NE(vn::test::readFile(coarse).find("keyint=12 "), std::string::npos);
+  EXPECT_NE(vn::test::readFile(encode("own.mkv", AV_CODEC_ID_H264, 30, "", 0)).find("keyint=250 "),
+            std::string::npos);
+  EXPECT_GT(std::filesystem::file_size(fine), std::filesystem::file_size(coarse));
+  // Bit-rate mode is the library's default.
+  EXPECT_NE(vn::test::readFile(encode("abr.mkv", AV_CODEC_ID_H264, -1, "")).find("rc=abr"),
+            std::string::npos);
+  EXPECT_GT(std::filesystem::file_size(encode("q2.mkv", AV_CODEC_ID_MPEG4, 2, "")),
+            std::filesystem::file_size(encode("q20.mkv", AV_CODEC_ID_MPEG4, 20, "")));
+}
+
 // The front end prints failureReason after a false startOutput or a stream that did not open.
 TEST_F(MovieFileOutputTest, FailuresKeepAReason) {
   // Path (under the scratch directory unless absolute), codecs, whether the streams open, reason.
@@ -451,14 +493,46 @@ TEST_F(MovieFileOutputTest, SpentWriter) {
 // Names in any case and their aliases; unknown names give none, so the container's default is used.
 TEST(OutputFormatTest, CodecNames) {
   const std::tuple<const char*, AVCodecID> cases[] = {
-      {"H264", AV_CODEC_ID_H264},        {"Mpeg4", AV_CODEC_ID_MPEG4},
-      {"mpeg1", AV_CODEC_ID_MPEG1VIDEO}, {"mpeg1video", AV_CODEC_ID_MPEG1VIDEO},
-      {"mpeg2", AV_CODEC_ID_MPEG2VIDEO}, {"MPEG2VIDEO", AV_CODEC_ID_MPEG2VIDEO},
-      {"AC-3", AV_CODEC_ID_AC3},         {"wma1", AV_CODEC_ID_WMAV1},
-      {" h264", AV_CODEC_ID_NONE},       {"flac", AV_CODEC_ID_NONE},
+      {"H264", AV_CODEC_ID_H264},
+      {"Mpeg4", AV_CODEC_ID_MPEG4},
+      {"mpeg1", AV_CODEC_ID_MPEG1VIDEO},
+      {"mpeg1video", AV_CODEC_ID_MPEG1VIDEO},
+      {"mpeg2", AV_CODEC_ID_MPEG2VIDEO},
+      {"MPEG2VIDEO", AV_CODEC_ID_MPEG2VIDEO},
+      {"AC-3", AV_CODEC_ID_AC3},
+      {"wma1", AV_CODEC_ID_WMAV1},
+      {" h264", AV_CODEC_ID_NONE},
+      {"h.264", AV_CODEC_ID_NONE},
+      {"HEVC", AV_CODEC_ID_HEVC},
+      {"h265", AV_CODEC_ID_HEVC},
+      {"vp8", AV_CODEC_ID_VP8},
+      {"VP9", AV_CODEC_ID_VP9},
+      {"av1", AV_CODEC_ID_AV1},
+      {"prores", AV_CODEC_ID_PRORES},
+      {"opus", AV_CODEC_ID_OPUS},
+      {"flac", AV_CODEC_ID_FLAC},
+      {"pcm", AV_CODEC_ID_PCM_S16LE},
+      {"wma", AV_CODEC_ID_WMAV2},
+      {"", AV_CODEC_ID_NONE},
   };
   for (const auto& [name, id] : cases)
     EXPECT_EQ(vn_get_codec_id_by_name(name), id) << '"' << name << '"';
+}
+
+// The encoder that serves a codec best, where FFmpeg would list another first.
+TEST(OutputFormatTest, PreferredEncoders) {
+  const std::tuple<AVCodecID, const char*> encoders[] = {
+      {AV_CODEC_ID_AV1, "libsvtav1"}, {AV_CODEC_ID_VORBIS, "libvorbis"},
+      {AV_CODEC_ID_OPUS, "libopus"},  {AV_CODEC_ID_PRORES, "prores_ks"},
+      {AV_CODEC_ID_H264, "libx264"},  {AV_CODEC_ID_MP3, "libmp3lame"},
+      {AV_CODEC_ID_FLAC, "flac"},
+  };
+  for (const auto& [id, name] : encoders) {
+    const AVCodec* encoder = vn_find_encoder(id);
+    ASSERT_TRUE(encoder) << name;
+    EXPECT_STREQ(encoder->name, name);
+  }
+  EXPECT_EQ(vn_find_encoder(AV_CODEC_ID_NONE), nullptr);
 }
 
 // ---- the audio and picture converters ----------------------------------------

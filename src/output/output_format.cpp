@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
 #include <utility>
 
 extern "C" {
-#include <libavcodec/codec_id.h>
+#include <libavcodec/avcodec.h>
 }
 
 #include "core/formats.h"
@@ -21,6 +22,11 @@ void movieFileOutputFormatToDefaults(VNFFMovieFileOutputFormat* format) {
   format->sample_rate = 44100;
   format->audio_codec = AV_CODEC_ID_NONE;
   format->audio_bitrate = 192000;
+  format->video_quality = -1;
+  format->speed_preset.clear();
+  format->pass = 0;
+  format->pass_log.clear();
+  format->keyframe_interval = 12;
 }
 
 int32_t vn_get_codec_id_by_name(const std::string& name) {
@@ -42,6 +48,18 @@ int32_t vn_get_codec_id_by_name(const std::string& name) {
       {"vorbis", AV_CODEC_ID_VORBIS},
       {"wma1", AV_CODEC_ID_WMAV1},
       {"wma2", AV_CODEC_ID_WMAV2},
+      {"hevc", AV_CODEC_ID_HEVC},
+      {"h265", AV_CODEC_ID_HEVC},
+      {"vp8", AV_CODEC_ID_VP8},
+      {"vp9", AV_CODEC_ID_VP9},
+      {"av1", AV_CODEC_ID_AV1},
+      {"prores", AV_CODEC_ID_PRORES},
+      {"theora", AV_CODEC_ID_THEORA},
+      {"gif", AV_CODEC_ID_GIF},
+      {"opus", AV_CODEC_ID_OPUS},
+      {"flac", AV_CODEC_ID_FLAC},
+      {"pcm", AV_CODEC_ID_PCM_S16LE},
+      {"wma", AV_CODEC_ID_WMAV2},
   };
   std::string lower = name;
   std::transform(lower.begin(), lower.end(), lower.begin(),
@@ -51,4 +69,31 @@ int32_t vn_get_codec_id_by_name(const std::string& name) {
       return id;
   }
   return AV_CODEC_ID_NONE;
+}
+
+const AVCodec* vn_find_encoder(int32_t codecId) {
+  // FFmpeg lists its own encoders first; for these codecs a library's is
+  // the better (or the only non-experimental) one.
+  static const std::pair<AVCodecID, const char*> kPreferred[] = {
+      {AV_CODEC_ID_AV1, "libsvtav1"},    {AV_CODEC_ID_AV1, "libaom-av1"},
+      {AV_CODEC_ID_VORBIS, "libvorbis"}, {AV_CODEC_ID_OPUS, "libopus"},
+      {AV_CODEC_ID_PRORES, "prores_ks"}, {AV_CODEC_ID_MP3, "libmp3lame"},
+  };
+  for (const auto& [id, name] : kPreferred) {
+    if (id == codecId) {
+      if (const AVCodec* encoder = avcodec_find_encoder_by_name(name))
+        return encoder;
+    }
+  }
+  return avcodec_find_encoder(static_cast<AVCodecID>(codecId));
+}
+
+int vn_speed_preset_index(const std::string& name) {
+  static const char* const kPresets[] = {"ultrafast", "superfast", "veryfast", "faster",  "fast",
+                                         "medium",    "slow",      "slower",   "veryslow"};
+  for (int i = 0; i < static_cast<int>(std::size(kPresets)); ++i) {
+    if (name == kPresets[i])
+      return i;
+  }
+  return -1;
 }
