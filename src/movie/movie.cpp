@@ -5,6 +5,7 @@
 #include <iterator>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/frame.h>
 #include <libavutil/mathematics.h>
@@ -559,10 +560,26 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
 
 void VNFFMovie::showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& media, bool rewind) {
   VNFFEffectVideoStream& stream = *videoEffectStream_;
+  // A delayed subtitle shows at t what its own times put earlier.
+  t -= subtitleDelay_.load();
   stream.setMediaSubtitleImage(media ? media->subtitleAtTime(t - media->movie_position())
                                      : std::nullopt);
+  const std::shared_ptr<VNFFMedia> subtitle = this->subtitle();
+  if (styledSubtitles_.load() && subtitle) {
+    if (const std::shared_ptr<vn::StyledSubtitleRenderer> renderer = styledRendererFor(subtitle)) {
+      const int64_t local = t - subtitle->movie_position();
+      // Every event that may show at t reaches the renderer; it keeps them
+      // all, so a time before the last one read needs no reading again.
+      renderer->addEvents(subtitle->subtitleEventsUntil(local));
+      stream.setSubtitleCurrentString(std::nullopt);
+      // Milliseconds, rounded down as a picture's time would be.
+      stream.setStyledSubtitle(renderer, local >= 0 ? local / 1000 : (local - 999) / 1000);
+      return;
+    }
+  }
+  stream.setStyledSubtitle(nullptr, std::nullopt);
   std::optional<std::string> text;
-  if (const std::shared_ptr<VNFFMedia> subtitle = this->subtitle()) {
+  if (subtitle) {
     const int64_t local = t - subtitle->movie_position();
     // The subtitle media only reads forward: a time before its current
     // subtitle is found by reading it again from its start.
@@ -578,6 +595,57 @@ void VNFFMovie::showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& med
     text = subtitle->subtitleStringAtTime(local);
   }
   stream.setSubtitleCurrentString(std::move(text));
+}
+
+std::shared_ptr<vn::StyledSubtitleRenderer> VNFFMovie::styledRendererFor(
+    const std::shared_ptr<VNFFMedia>& subtitle) {
+  std::optional<vn::SubtitleStyle> style;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (styledRenderer_ && styledFor_.lock() == subtitle)
+      return styledRenderer_;
+    style = subtitleStyle_;
+  }
+  const std::shared_ptr<VNFFMediaStream> lines = subtitle->subtitleStream();
+  if (!lines)
+    return nullptr;
+  const AVCodecContext* codec = lines->codecContext();
+  std::string_view header;
+  if (codec->subtitle_header && codec->subtitle_header_size > 0)
+    header = {reinterpret_cast<const char*>(codec->subtitle_header),
+              static_cast<size_t>(codec->subtitle_header_size)};
+  // A script's own styles are the author's; only a plain text's default
+  // style takes the application's.
+  if (codec->codec_id == AV_CODEC_ID_ASS || codec->codec_id == AV_CODEC_ID_SSA)
+    style.reset();
+  std::vector<vn::SubtitleFont> fonts;
+  if (const AVFormatContext* context = subtitle->formatContext()) {
+    for (unsigned i = 0; i < context->nb_streams; ++i) {
+      const AVStream* stream = context->streams[i];
+      if (stream->codecpar->codec_type != AVMEDIA_TYPE_ATTACHMENT ||
+          stream->codecpar->extradata_size <= 0)
+        continue;
+      const AVDictionaryEntry* type = av_dict_get(stream->metadata, "mimetype", nullptr, 0);
+      const AVDictionaryEntry* name = av_dict_get(stream->metadata, "filename", nullptr, 0);
+      const std::string mime = type && type->value ? type->value : "";
+      const std::string file = name && name->value ? name->value : "";
+      if (!vn::isFontAttachment(mime, file))
+        continue;
+      const uint8_t* data = stream->codecpar->extradata;
+      fonts.push_back({file, std::vector<uint8_t>(data, data + stream->codecpar->extradata_size)});
+    }
+  }
+  std::shared_ptr<vn::StyledSubtitleRenderer> renderer =
+      vn::StyledSubtitleRenderer::create(header, fonts, style);
+  if (!renderer)
+    return nullptr;
+  // Events read before were not kept: read the track again from its start.
+  lines->setKeepsSubtitleEvents(true);
+  subtitle->seek(0);
+  std::lock_guard<std::mutex> guard(lock_);
+  styledRenderer_ = renderer;
+  styledFor_ = subtitle;
+  return renderer;
 }
 
 void VNFFMovie::decodeImageAtTime(int64_t t,
@@ -668,6 +736,34 @@ VN_SUBTITLE_SETTING(float, setSubtitleOutlineWidth, subtitleOutlineWidth)
 VN_SUBTITLE_SETTING(float, setSubtitleShadowOffset, subtitleShadowOffset)
 
 #undef VN_SUBTITLE_SETTING
+
+bool VNFFMovie::styledSubtitles() {
+  return styledSubtitles_.load();
+}
+
+void VNFFMovie::setStyledSubtitles(bool styled) {
+  styledSubtitles_.store(styled);
+}
+
+std::optional<vn::SubtitleStyle> VNFFMovie::subtitleStyle() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return subtitleStyle_;
+}
+
+void VNFFMovie::setSubtitleStyle(std::optional<vn::SubtitleStyle> style) {
+  std::lock_guard<std::mutex> guard(lock_);
+  subtitleStyle_ = std::move(style);
+  // Made anew, with the new style, for the next picture.
+  styledRenderer_.reset();
+}
+
+int64_t VNFFMovie::subtitleDelay() {
+  return subtitleDelay_.load();
+}
+
+void VNFFMovie::setSubtitleDelay(int64_t microseconds) {
+  subtitleDelay_.store(microseconds);
+}
 
 vn::FilterImage::Color VNFFMovie::subtitleColor() {
   return videoEffectStream_->subtitleColor();
