@@ -1,7 +1,12 @@
 #include "movie/movie.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <iterator>
 
 extern "C" {
@@ -88,6 +93,44 @@ void VNFFMovie::openMedias(Medias medias) {
   configVideoEffectStream();
 }
 
+namespace {
+
+// A temporary UTF-8 copy of a UTF-32 text file (keeping its extension, which
+// names the format); empty when the file is not UTF-32 or cannot be copied.
+std::string utf8CopyOfUtf32(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  char mark[4] = {};
+  if (!file.read(mark, 4))
+    return {};
+  const std::string_view head(mark, 4);
+  if (head != std::string_view("\xFF\xFE\0\0", 4) && head != std::string_view("\0\0\xFE\xFF", 4))
+    return {};
+  std::string bytes(head);
+  bytes.append(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  const std::optional<std::string> text = vn::utf32ToUtf8(bytes);
+  if (!text)
+    return {};
+  const size_t dot = path.find_last_of("./");
+  const std::string extension =
+      dot != std::string::npos && path[dot] == '.' ? path.substr(dot) : std::string();
+  const char* directory = std::getenv("TMPDIR");
+  std::string name = std::string(directory && *directory ? directory : "/tmp") +
+                     "/varnel-subtitle-XXXXXX" + extension;
+  const int fd = mkstemps(name.data(), static_cast<int>(extension.size()));
+  if (fd < 0)
+    return {};
+  const bool written =
+      ::write(fd, text->data(), text->size()) == static_cast<ssize_t>(text->size());
+  ::close(fd);
+  if (!written) {
+    std::remove(name.c_str());
+    return {};
+  }
+  return name;
+}
+
+}  // namespace
+
 bool VNFFMovie::openSubtitle(const std::string& path) {
   return openSubtitle(path, std::nullopt, std::nullopt);
 }
@@ -100,9 +143,20 @@ bool VNFFMovie::openSubtitle(const std::string& path,
     subtitle_.reset();
   }
   auto media = VNFFMedia::create();
-  media->setSource(VNSubtitleSource::mediaWithPath(path));
+  // A UTF-32 text is read from a UTF-8 copy, which lives as long as the
+  // demuxer holds it open: its name is gone once the file is opened.
+  const std::string converted = track ? std::string() : utf8CopyOfUtf32(path);
+  struct Remove {
+    const std::string& name;
+    ~Remove() {
+      if (!name.empty())
+        std::remove(name.c_str());
+    }
+  } remove{converted};
+  const std::string& read = converted.empty() ? path : converted;
+  media->setSource(VNSubtitleSource::mediaWithPath(read));
   // Detected unless given; a media container, binary, gets none.
-  media->setSubtitleCharset(charset ? std::move(charset) : vn::fileCharset(path));
+  media->setSubtitleCharset(charset ? std::move(charset) : vn::fileCharset(read));
   if (track) {
     // Only the track's own decoder is opened: the subtitle is read ahead
     // only in a media without pictures, and nothing else is decoded.

@@ -65,6 +65,9 @@ TEST(MovieSubtitleTest, TextFilesInAnyCharsetReadAsUtf8) {
       // The demuxer converts these itself: naming UTF-16 would convert twice.
       {"utf16le.srt", "\xFF\xFE" + encode(utf8, "UTF-16LE")},
       {"utf16be.srt", "\xFE\xFF" + encode(utf8, "UTF-16BE")},
+      // The demuxers read no UTF-32: read from a converted copy.
+      {"utf32le.srt", std::string("\xFF\xFE\0\0", 4) + encode(utf8, "UTF-32LE")},
+      {"utf32be.srt", std::string("\0\0\xFE\xFF", 4) + encode(utf8, "UTF-32BE")},
       // A given charset wins over the detected one: 0xC7 is Cyrillic Ze in it.
       {"forced.srt", cp1252, "WINDOWS-1251",
        "\xD0\x97"
