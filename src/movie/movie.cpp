@@ -633,6 +633,8 @@ void VNFFMovie::showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& med
   }
   stream.setStyledSubtitle(nullptr, std::nullopt);
   std::optional<std::string> text;
+  if (subtitle && rereadSubtitle_.exchange(false))
+    subtitle->seek(0);
   if (subtitle) {
     const int64_t local = t - subtitle->movie_position();
     // The subtitle media only reads forward: a time before its current
@@ -796,7 +798,10 @@ bool VNFFMovie::styledSubtitles() {
 }
 
 void VNFFMovie::setStyledSubtitles(bool styled) {
-  styledSubtitles_.store(styled);
+  // The styled renderer reads the subtitle media ahead of the picture: the
+  // plain one taking over reads it again from its start.
+  if (styledSubtitles_.exchange(styled) && !styled)
+    rereadSubtitle_.store(true);
 }
 
 std::optional<vn::SubtitleStyle> VNFFMovie::subtitleStyle() {

@@ -357,5 +357,6 @@ class VNFFMovie : public VNMovieLink,
   std::weak_ptr<VNFFMedia> styledFor_;
 
   std::atomic<bool> styledSubtitles_{false};
+  std::atomic<bool> rereadSubtitle_{false};  // the plain renderer took over from the styled one
   std::atomic<int64_t> subtitleDelay_{0};
 };
