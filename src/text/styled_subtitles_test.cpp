@@ -61,21 +61,6 @@ TEST(StyledSubtitleRendererTest, EventsShowInTheirTimesOnceEachAndImagesAreCache
   EXPECT_FALSE(renderer->imageAtTime(1000, 0, 360));
 }
 
-TEST(StyledSubtitleRendererTest, ALineTooLongForTheFrameWrapsInsideIt) {
-  auto renderer = vn::StyledSubtitleRenderer::create(kHeader, {}, std::nullopt);
-  ASSERT_TRUE(renderer);
-  renderer->addEvents(
-      {event(0, 0, 1000, "Short"), event(1, 2000, 1000,
-                                         "Il fut un temps, avant l'existence du c\xC3\xA2"
-                                         "ble, o\xC3\xB9 l'on \xC3\xA9"
-                                         "coutait la radio le soir.")});
-  const vn::Rect one = renderer->imageAtTime(500, 320, 180)->extent();
-  const vn::Rect wrapped = renderer->imageAtTime(2500, 320, 180)->extent();
-  EXPECT_GE(wrapped.x, 0);
-  EXPECT_LE(wrapped.x + wrapped.width, 320);
-  EXPECT_GT(wrapped.height, 1.5 * one.height);
-}
-
 TEST(StyledSubtitleRendererTest, StyleOverridesScaleWithTheScriptAndApplyToEveryStyle) {
   vn::SubtitleStyle style;
   style.font = "DejaVu Serif";
