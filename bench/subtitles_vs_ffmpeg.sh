@@ -2,13 +2,16 @@
 # What burned-in subtitles cost: the long 1080p fixture converted to 1280x720
 # H.264/AAC four ways, on the same input in one run:
 #   varnel          `varnel convert IN OUT --size 1280x720 ...`
-#   varnel + subs   the same with `--subtitles CUES.srt --subtitle-font "Sans 48"`
-#                   (outline 2, no shadow: the command line's defaults)
+#   varnel + subs   the same with `--subtitles CUES.srt --subtitle-font
+#                   "DejaVu Sans 72" --subtitle-outline 3 --subtitle-shadow 0`
+#                   (sizes in pixels of a 1080-line picture: 48 px and 2 px at
+#                   720 lines)
 #   ffmpeg          `ffmpeg -i IN -vf scale=1280:720 ...`
 #   ffmpeg + subs   `ffmpeg -i IN -vf scale=1280:720,subtitles=CUES.srt ...`, the
-#                   style forced to about the same size: 48 px is FontSize 19.2
-#                   in the 288-line script space of a SubRip file, and an
-#                   outline of 2 px is 0.8 there
+#                   style forced to the same: 48 px at 720 lines is FontSize
+#                   19.2 in the 288-line script space of a SubRip file, and an
+#                   outline of 2 px is 0.8 there (both draw with libass, so
+#                   the same style gives the same text)
 # CUES.srt is made here: a cue every 4 s, on for 2 s (from 4k + 0.5 to
 # 4k + 2.5 s), one or two lines, so half of the pictures carry text. Every
 # tool encodes with the same settings (libx264 preset fast, profile main,
@@ -34,7 +37,7 @@ if [[ ! -x $varnel ]]; then
   echo "subtitles_vs_ffmpeg: no $varnel (build varnel-cli first)" >&2
   exit 2
 fi
-if ! "$varnel" convert --help 2>&1 | grep -q -- --subtitles; then
+if ! "$varnel" convert --help 2>&1 | grep -- --subtitles >/dev/null; then
   echo "subtitles_vs_ffmpeg: this build's convert takes no --subtitles" >&2
   exit 2
 fi
@@ -77,7 +80,8 @@ style="FontName=DejaVu Sans,FontSize=19.2,Outline=0.8,Shadow=0"
 for ((r = 0; r < runs; r++)); do
   measure varnel "$varnel" convert "$in" "$tmp/varnel.mp4" "${varnel_args[@]}"
   measure varnel_subs "$varnel" convert "$in" "$tmp/varnel_subs.mp4" "${varnel_args[@]}" \
-    --subtitles "$tmp/cues.srt" --subtitle-font "Sans 48"
+    --subtitles "$tmp/cues.srt" --subtitle-font "DejaVu Sans 72" --subtitle-outline 3 \
+    --subtitle-shadow 0
   measure ffmpeg ffmpeg -hide_banner -loglevel error -nostdin -y -t "$seconds" -i "$in" \
     -vf "scale=${size/x/:}" "${ffmpeg_args[@]}" "$tmp/ffmpeg.mp4"
   measure ffmpeg_subs ffmpeg -hide_banner -loglevel error -nostdin -y -t "$seconds" -i "$in" \

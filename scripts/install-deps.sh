@@ -9,7 +9,7 @@ packages=(
   libswresample-dev libswscale-dev ffmpeg
   libdvdread-dev dvdauthor genisoimage lsdvd
   libvips-dev
-  libpango1.0-dev libcairo2-dev fonts-dejavu-core
+  libpango1.0-dev libcairo2-dev fonts-dejavu-core libass-dev
   libsdl2-dev libsoundtouch-dev xvfb
   libicu-dev
   libgtest-dev libgmock-dev libbenchmark-dev

@@ -34,4 +34,5 @@
 #include "output/image_colorspace_converter.h"
 #include "output/movie_file_output.h"
 #include "output/output_format.h"
+#include "text/styled_subtitles.h"
 #include "text/text_image.h"

@@ -246,6 +246,8 @@ std::optional<vn::FilterImage> VNFFEffectVideoStream::currentEffectImage() {
     image = sourceOverImage(*settings.watermark, image);
   if (const std::optional<vn::FilterImage> subtitle = currentSubtitleImage(settings))
     image = sourceOverImage(*subtitle, image);
+  if (const std::optional<vn::FilterImage> styled = styledSubtitleImage(settings))
+    image = sourceOverImage(*styled, image);
   return image.cropped(rect);
 }
 
@@ -455,6 +457,27 @@ std::optional<vn::FilterImage> VNFFEffectVideoStream::currentSubtitleImage(
     subtitleImage_ = placed;
   }
   return placed;
+}
+
+void VNFFEffectVideoStream::setStyledSubtitle(std::shared_ptr<vn::StyledSubtitleRenderer> renderer,
+                                              std::optional<int64_t> ms) {
+  std::lock_guard<std::mutex> guard(lock_);
+  styledRenderer_ = std::move(renderer);
+  styledTime_ = ms;
+}
+
+std::optional<vn::FilterImage> VNFFEffectVideoStream::styledSubtitleImage(
+    const PictureSettings& settings) {
+  std::shared_ptr<vn::StyledSubtitleRenderer> renderer;
+  std::optional<int64_t> ms;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    renderer = styledRenderer_;
+    ms = styledTime_;
+  }
+  if (!renderer || !ms)
+    return std::nullopt;
+  return renderer->imageAtTime(*ms, settings.outputFormat.width, settings.outputFormat.height);
 }
 
 void VNFFEffectVideoStream::updateSubtitle() {

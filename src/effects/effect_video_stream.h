@@ -42,6 +42,7 @@
 #include "image/filter_image.h"
 #include "image/image_filter.h"
 #include "image/rect.h"
+#include "text/styled_subtitles.h"
 #include "text/text_image.h"
 
 struct AVFilterContext;
@@ -152,6 +153,16 @@ class VNFFEffectVideoStream {
   std::optional<vn::FilterImage> currentSubtitleImage(const PictureSettings& settings);
   // Empties the subtitle cache, so the next frame draws the text anew.
   void updateSubtitle();
+  // The styled text subtitle: a renderer holding the track's events and the
+  // time to draw on its clock (milliseconds). While a renderer is set it
+  // draws the text subtitle in the output frame, over everything else; the
+  // plain text subtitle is drawn too when one is set (the movie sets one or
+  // the other). None: no styled subtitle.
+  void setStyledSubtitle(std::shared_ptr<vn::StyledSubtitleRenderer> renderer,
+                         std::optional<int64_t> ms);
+  // The styled subtitle's image for the output frame of `settings`; none
+  // when nothing is shown.
+  std::optional<vn::FilterImage> styledSubtitleImage(const PictureSettings& settings);
   // How many times the subtitle cache was emptied, and how many times a
   // text was drawn (for tests).
   int64_t subtitleUpdateCount() const;
@@ -248,4 +259,6 @@ class VNFFEffectVideoStream {
   std::optional<vn::FilterImage> mediaSubtitleImage_;
   int64_t subtitleUpdates_ = 0;
   int64_t subtitleRenders_ = 0;
+  std::shared_ptr<vn::StyledSubtitleRenderer> styledRenderer_;
+  std::optional<int64_t> styledTime_;
 };

@@ -32,6 +32,7 @@
 #include "ffmpeg/owners.h"
 #include "image/filter_image.h"
 #include "media/index_set.h"
+#include "text/styled_subtitles.h"
 
 struct AVFormatContext;
 class VNFFMediaStream;
@@ -146,6 +147,12 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // The text subtitle shown at t, reading ahead as far as needed (for a
   // subtitle-only media, such as an external subtitle file); null when none.
   std::optional<std::string> subtitleStringAtTime(int64_t t);
+  // The whole events of the text subtitle stream decoded since the last
+  // call, reading ahead until an event starts after t (or the input ends),
+  // so that every event shown at t is among those returned so far. The
+  // stream keeps its events from the first call on. Times in milliseconds
+  // on the media's clock (its start time at 0).
+  std::vector<vn::SubtitleEvent> subtitleEventsUntil(int64_t t);
   // Seeks to t and calls block once, synchronously, with the picture that
   // covers t (videoFrameAtTime; decoding one picture if there is none).
   // Never calls back without a video stream.

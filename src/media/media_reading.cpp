@@ -376,6 +376,31 @@ std::optional<std::string> VNFFMedia::subtitleStringAtTime(int64_t t) {
   return subtitle->subtitleString();
 }
 
+std::vector<vn::SubtitleEvent> VNFFMedia::subtitleEventsUntil(int64_t t) {
+  std::shared_ptr<VNFFMediaStream> subtitle = subtitleStream();
+  if (!subtitle)
+    return {};
+  subtitle->setKeepsSubtitleEvents(true);
+  const int64_t want = av_rescale_q(start_time() + t, kMicroseconds, subtitle->timebase());
+  // Events overlap: reading stops only past one that starts after t. As
+  // for the text, a step that moved nothing ends the reading.
+  for (int i = 0; i < kReadBound; ++i) {
+    const AVFrame* shown = subtitle->frame();
+    if (shown->pts != AV_NOPTS_VALUE && shown->pts > want)
+      break;
+    const int64_t pts = shown->pts, read = last_pts_;
+    if (!forwardStream(subtitle))
+      break;
+    if (subtitle->frame()->pts == pts && last_pts_ == read)
+      break;
+  }
+  std::vector<vn::SubtitleEvent> events = subtitle->takeSubtitleEvents();
+  const int64_t startMs = start_time() / 1000;
+  for (vn::SubtitleEvent& event : events)
+    event.start -= startMs;
+  return events;
+}
+
 std::optional<vn::FilterImage> VNFFMedia::subtitleAtTime(int64_t t) {
   std::shared_ptr<VNFFMediaStream> subtitle = subtitleStream();
   if (!subtitle)

@@ -16,6 +16,7 @@ extern "C" {
 #include "core/codec_lock.h"
 #include "core/log.h"
 #include "core/varnel.h"
+#include "image/affine_transform.h"
 #include "media/audio_buffer.h"
 #include "media/media.h"
 #include "media/subtitle_text.h"
@@ -422,22 +423,43 @@ bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
   if (!got)
     return false;
 
-  const vn::SubtitleTimes times = vn::subtitleTimes(subtitle->pts, subtitle->start_display_time,
-                                                    subtitle->end_display_time, timebase());
+  vn::SubtitleTimes times = vn::subtitleTimes(subtitle->pts, subtitle->start_display_time,
+                                              subtitle->end_display_time, timebase());
+  // Blu-ray and broadcast pictures may come without an end: they stay up
+  // until the next display set of the track, and one without a picture
+  // takes them down. DVD subpictures always say when they end.
+  const bool staysUp = isStayingBitmap();
+  if (staysUp && (subtitle->end_display_time == 0 || subtitle->end_display_time == UINT32_MAX))
+    times.duration = av_rescale_q(INT32_MAX, AVRational{1, 1000}, timebase());
+  if (staysUp && subtitle->num_rects == 0)
+    subtitle_.reset();
   frame->pts = times.pts;
   frame->pkt_duration = times.duration;
   frame->pkt_dts = times.pts;
+  const int64_t startMs =
+      (subtitle->pts == AV_NOPTS_VALUE ? 0 : av_rescale(subtitle->pts, 1, 1000)) +
+      subtitle->start_display_time;
+  const int64_t lengthMs =
+      static_cast<uint32_t>(subtitle->end_display_time - subtitle->start_display_time);
   for (unsigned i = 0; i < subtitle->num_rects; ++i) {
     const AVSubtitleRect* rect = subtitle->rects[i];
     if (!rect)
       continue;
     if (rect->type == SUBTITLE_ASS && rect->ass) {
       subtitleString_ = vn::subtitleTextFromAss(rect->ass);
+      if (keepsEvents_)
+        events_.push_back(vn::SubtitleEvent{startMs, lengthMs, rect->ass});
     } else if (rect->type == SUBTITLE_BITMAP) {
       takeBitmap(*rect);
     }
   }
   return true;
+}
+
+bool VNFFMediaStream::isStayingBitmap() const {
+  const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec_->codec_id);
+  return descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB) &&
+         codec_->codec_id != AV_CODEC_ID_DVD_SUBTITLE;
 }
 
 void VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) {
@@ -459,8 +481,19 @@ void VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) {
   if (!image)
     return;
   std::shared_ptr<VNFFMedia> owner = media_.lock();
-  const int height = owner ? owner->videoFormat().height : 0;
-  subtitle_ = image->translated(rect.x, height - rect.y - h);
+  const VNFFVideoFormat video = owner ? owner->videoFormat() : VNFFVideoFormat{-1, 0, 0};
+  // A picture made for another frame size than the video's (a 1080-line
+  // Blu-ray subtitle over a 720-line encode) is scaled with its positions.
+  const int canvasWidth = codec_->width, canvasHeight = codec_->height;
+  if (canvasWidth > 0 && canvasHeight > 0 && video.width > 0 && video.height > 0 &&
+      (canvasWidth != video.width || canvasHeight != video.height)) {
+    subtitle_ = image->translated(rect.x, canvasHeight - rect.y - h)
+                    .transformed(vn::AffineTransform::identity().scaled(
+                        static_cast<double>(video.width) / canvasWidth,
+                        static_cast<double>(video.height) / canvasHeight));
+    return;
+  }
+  subtitle_ = image->translated(rect.x, video.height - rect.y - h);
 }
 
 void VNFFMediaStream::queueAudio(AVFrame* frame, int64_t sampleOffset) {

@@ -25,6 +25,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern "C" {
@@ -34,6 +35,7 @@ extern "C" {
 #include "core/formats.h"
 #include "ffmpeg/owners.h"
 #include "image/filter_image.h"
+#include "text/styled_subtitles.h"
 
 struct AVStream;
 struct AVSubtitleRect;
@@ -157,6 +159,14 @@ class VNFFMediaStream {
   int64_t seek_pts() const { return seek_pts_; }
   void setSeek_pts(int64_t value) { seek_pts_ = value; }
 
+  // Text subtitles for a styled renderer: while set, every decoded event is
+  // also kept whole (the ASS line as the decoder made it, nothing cut),
+  // with its start and duration in milliseconds on the stream's clock.
+  bool keepsSubtitleEvents() const { return keepsEvents_; }
+  void setKeepsSubtitleEvents(bool value) { keepsEvents_ = value; }
+  // The events kept since the last call, in decoding order.
+  std::vector<vn::SubtitleEvent> takeSubtitleEvents() { return std::exchange(events_, {}); }
+
  private:
   VNFFMediaStream(std::weak_ptr<VNFFMedia> media,
                   AVStream* stream,
@@ -179,6 +189,9 @@ class VNFFMediaStream {
   void takeFrame(AVFrame* frame, int64_t& sampleOffset, int64_t& packetPts);
   // Decodes a subtitle packet into frame's times and the text or image.
   bool decodeSubtitle(AVPacket* packet, AVFrame* frame);
+  // A bitmap subtitle codec whose pictures may come without an end time
+  // (every bitmap codec but the DVD's).
+  bool isStayingBitmap() const;
   // One bitmap rectangle as an image placed in the media's picture space.
   void takeBitmap(const AVSubtitleRect& rect);
   // Audio bookkeeping of one decoded frame of a packet; sampleOffset counts
@@ -207,5 +220,7 @@ class VNFFMediaStream {
   vn::ff::CodecContext codec_;                // the decoder; never null
   std::vector<uint8_t> palette_;              // "palette:" text for the DVD subpicture decoder
   bool draining_ = false;                     // the decoder was told the input ended
+  bool keepsEvents_ = false;                  // text events are kept whole in events_
+  std::vector<vn::SubtitleEvent> events_;     // kept since the last takeSubtitleEvents
   int64_t next_pts_;                          // where the last picture ends; unset after a seek
 };

@@ -1,10 +1,16 @@
 #include "movie/movie.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <iterator>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/frame.h>
 #include <libavutil/mathematics.h>
@@ -87,6 +93,44 @@ void VNFFMovie::openMedias(Medias medias) {
   configVideoEffectStream();
 }
 
+namespace {
+
+// A temporary UTF-8 copy of a UTF-32 text file (keeping its extension, which
+// names the format); empty when the file is not UTF-32 or cannot be copied.
+std::string utf8CopyOfUtf32(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  char mark[4] = {};
+  if (!file.read(mark, 4))
+    return {};
+  const std::string_view head(mark, 4);
+  if (head != std::string_view("\xFF\xFE\0\0", 4) && head != std::string_view("\0\0\xFE\xFF", 4))
+    return {};
+  std::string bytes(head);
+  bytes.append(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  const std::optional<std::string> text = vn::utf32ToUtf8(bytes);
+  if (!text)
+    return {};
+  const size_t dot = path.find_last_of("./");
+  const std::string extension =
+      dot != std::string::npos && path[dot] == '.' ? path.substr(dot) : std::string();
+  const char* directory = std::getenv("TMPDIR");
+  std::string name = std::string(directory && *directory ? directory : "/tmp") +
+                     "/varnel-subtitle-XXXXXX" + extension;
+  const int fd = mkstemps(name.data(), static_cast<int>(extension.size()));
+  if (fd < 0)
+    return {};
+  const bool written =
+      ::write(fd, text->data(), text->size()) == static_cast<ssize_t>(text->size());
+  ::close(fd);
+  if (!written) {
+    std::remove(name.c_str());
+    return {};
+  }
+  return name;
+}
+
+}  // namespace
+
 bool VNFFMovie::openSubtitle(const std::string& path) {
   return openSubtitle(path, std::nullopt, std::nullopt);
 }
@@ -99,9 +143,20 @@ bool VNFFMovie::openSubtitle(const std::string& path,
     subtitle_.reset();
   }
   auto media = VNFFMedia::create();
-  media->setSource(VNSubtitleSource::mediaWithPath(path));
+  // A UTF-32 text is read from a UTF-8 copy, which lives as long as the
+  // demuxer holds it open: its name is gone once the file is opened.
+  const std::string converted = track ? std::string() : utf8CopyOfUtf32(path);
+  struct Remove {
+    const std::string& name;
+    ~Remove() {
+      if (!name.empty())
+        std::remove(name.c_str());
+    }
+  } remove{converted};
+  const std::string& read = converted.empty() ? path : converted;
+  media->setSource(VNSubtitleSource::mediaWithPath(read));
   // Detected unless given; a media container, binary, gets none.
-  media->setSubtitleCharset(charset ? std::move(charset) : vn::fileCharset(path));
+  media->setSubtitleCharset(charset ? std::move(charset) : vn::fileCharset(read));
   if (track) {
     // Only the track's own decoder is opened: the subtitle is read ahead
     // only in a media without pictures, and nothing else is decoded.
@@ -559,10 +614,28 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
 
 void VNFFMovie::showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& media, bool rewind) {
   VNFFEffectVideoStream& stream = *videoEffectStream_;
+  // A delayed subtitle shows at t what its own times put earlier.
+  t -= subtitleDelay_.load();
   stream.setMediaSubtitleImage(media ? media->subtitleAtTime(t - media->movie_position())
                                      : std::nullopt);
+  const std::shared_ptr<VNFFMedia> subtitle = this->subtitle();
+  if (styledSubtitles_.load() && subtitle) {
+    if (const std::shared_ptr<vn::StyledSubtitleRenderer> renderer = styledRendererFor(subtitle)) {
+      const int64_t local = t - subtitle->movie_position();
+      // Every event that may show at t reaches the renderer; it keeps them
+      // all, so a time before the last one read needs no reading again.
+      renderer->addEvents(subtitle->subtitleEventsUntil(local));
+      stream.setSubtitleCurrentString(std::nullopt);
+      // Milliseconds, rounded down as a picture's time would be.
+      stream.setStyledSubtitle(renderer, local >= 0 ? local / 1000 : (local - 999) / 1000);
+      return;
+    }
+  }
+  stream.setStyledSubtitle(nullptr, std::nullopt);
   std::optional<std::string> text;
-  if (const std::shared_ptr<VNFFMedia> subtitle = this->subtitle()) {
+  if (subtitle && rereadSubtitle_.exchange(false))
+    subtitle->seek(0);
+  if (subtitle) {
     const int64_t local = t - subtitle->movie_position();
     // The subtitle media only reads forward: a time before its current
     // subtitle is found by reading it again from its start.
@@ -578,6 +651,57 @@ void VNFFMovie::showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& med
     text = subtitle->subtitleStringAtTime(local);
   }
   stream.setSubtitleCurrentString(std::move(text));
+}
+
+std::shared_ptr<vn::StyledSubtitleRenderer> VNFFMovie::styledRendererFor(
+    const std::shared_ptr<VNFFMedia>& subtitle) {
+  std::optional<vn::SubtitleStyle> style;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (styledRenderer_ && styledFor_.lock() == subtitle)
+      return styledRenderer_;
+    style = subtitleStyle_;
+  }
+  const std::shared_ptr<VNFFMediaStream> lines = subtitle->subtitleStream();
+  if (!lines)
+    return nullptr;
+  const AVCodecContext* codec = lines->codecContext();
+  std::string_view header;
+  if (codec->subtitle_header && codec->subtitle_header_size > 0)
+    header = {reinterpret_cast<const char*>(codec->subtitle_header),
+              static_cast<size_t>(codec->subtitle_header_size)};
+  // A script's own styles are the author's; only a plain text's default
+  // style takes the application's.
+  if (codec->codec_id == AV_CODEC_ID_ASS || codec->codec_id == AV_CODEC_ID_SSA)
+    style.reset();
+  std::vector<vn::SubtitleFont> fonts;
+  if (const AVFormatContext* context = subtitle->formatContext()) {
+    for (unsigned i = 0; i < context->nb_streams; ++i) {
+      const AVStream* stream = context->streams[i];
+      if (stream->codecpar->codec_type != AVMEDIA_TYPE_ATTACHMENT ||
+          stream->codecpar->extradata_size <= 0)
+        continue;
+      const AVDictionaryEntry* type = av_dict_get(stream->metadata, "mimetype", nullptr, 0);
+      const AVDictionaryEntry* name = av_dict_get(stream->metadata, "filename", nullptr, 0);
+      const std::string mime = type && type->value ? type->value : "";
+      const std::string file = name && name->value ? name->value : "";
+      if (!vn::isFontAttachment(mime, file))
+        continue;
+      const uint8_t* data = stream->codecpar->extradata;
+      fonts.push_back({file, std::vector<uint8_t>(data, data + stream->codecpar->extradata_size)});
+    }
+  }
+  std::shared_ptr<vn::StyledSubtitleRenderer> renderer =
+      vn::StyledSubtitleRenderer::create(header, fonts, style);
+  if (!renderer)
+    return nullptr;
+  // Events read before were not kept: read the track again from its start.
+  lines->setKeepsSubtitleEvents(true);
+  subtitle->seek(0);
+  std::lock_guard<std::mutex> guard(lock_);
+  styledRenderer_ = renderer;
+  styledFor_ = subtitle;
+  return renderer;
 }
 
 void VNFFMovie::decodeImageAtTime(int64_t t,
@@ -668,6 +792,37 @@ VN_SUBTITLE_SETTING(float, setSubtitleOutlineWidth, subtitleOutlineWidth)
 VN_SUBTITLE_SETTING(float, setSubtitleShadowOffset, subtitleShadowOffset)
 
 #undef VN_SUBTITLE_SETTING
+
+bool VNFFMovie::styledSubtitles() {
+  return styledSubtitles_.load();
+}
+
+void VNFFMovie::setStyledSubtitles(bool styled) {
+  // The styled renderer reads the subtitle media ahead of the picture: the
+  // plain one taking over reads it again from its start.
+  if (styledSubtitles_.exchange(styled) && !styled)
+    rereadSubtitle_.store(true);
+}
+
+std::optional<vn::SubtitleStyle> VNFFMovie::subtitleStyle() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return subtitleStyle_;
+}
+
+void VNFFMovie::setSubtitleStyle(std::optional<vn::SubtitleStyle> style) {
+  std::lock_guard<std::mutex> guard(lock_);
+  subtitleStyle_ = std::move(style);
+  // Made anew, with the new style, for the next picture.
+  styledRenderer_.reset();
+}
+
+int64_t VNFFMovie::subtitleDelay() {
+  return subtitleDelay_.load();
+}
+
+void VNFFMovie::setSubtitleDelay(int64_t microseconds) {
+  subtitleDelay_.store(microseconds);
+}
 
 vn::FilterImage::Color VNFFMovie::subtitleColor() {
   return videoEffectStream_->subtitleColor();

@@ -261,6 +261,25 @@ class VNFFMovie : public VNMovieLink,
   void setSubtitleOutlineWidth(float pixels);
   float subtitleShadowOffset();
   void setSubtitleShadowOffset(float pixels);
+  // Which renderer draws text subtitles. The plain one (the default) draws
+  // the subtitle's text in the subtitle font, colour and position above. The
+  // styled one draws every event of the track whole, as its script styles
+  // it (ASS/SSA styles, positions, colours, karaoke; the italics and colours
+  // of SRT and WebVTT), sized to the output frame, wrapped inside it, with
+  // the fonts the media carries; the settings above do not apply to it
+  // (subtitleStyle does). Any thread; shows from the next picture.
+  bool styledSubtitles();
+  void setStyledSubtitles(bool styled);
+  // What the styled renderer changes in the style of a plain-text subtitle
+  // (SRT, WebVTT, mov_text); a script's own styles (ASS/SSA) are left as
+  // they are. None: the decoder's default style.
+  std::optional<vn::SubtitleStyle> subtitleStyle();
+  void setSubtitleStyle(std::optional<vn::SubtitleStyle> style);
+  // How much later than its own times a subtitle is shown, microseconds
+  // (negative: earlier); the subtitle file's or track's, and a bitmap
+  // track's. 0 by default.
+  int64_t subtitleDelay();
+  void setSubtitleDelay(int64_t microseconds);
   // The output frame's size; a new size is kept as whole pixels (w + 0.1
   // and h + 0.1 truncated).
   vn::Size outputVideoSize();
@@ -288,6 +307,13 @@ class VNFFMovie : public VNMovieLink,
   // subtitle media. With rewind, a t before the subtitle media's current
   // subtitle is found too (pictures taken out of order). On the decode queue.
   void showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& media, bool rewind = false);
+  // The styled renderer of the subtitle media, made on first use with its
+  // decoder's script header, its fonts and the subtitle style (the media is
+  // then read again from its start, so that every event reaches it). Null
+  // when there is no subtitle media or libass cannot be set up. On the
+  // decode queue.
+  std::shared_ptr<vn::StyledSubtitleRenderer> styledRendererFor(
+      const std::shared_ptr<VNFFMedia>& subtitle);
   // Runs work on the decode queue and waits for it; inline when already
   // there.
   void runOnDecodeQueue(const std::function<void()>& work);
@@ -324,4 +350,13 @@ class VNFFMovie : public VNMovieLink,
   std::shared_ptr<VNFFMedia> subtitle_;
   Medias medias_;
   std::shared_ptr<VNOutputAudioGraph> audioOutputGraph_;
+  std::optional<vn::SubtitleStyle> subtitleStyle_;
+  // Set apart from the media it was made for and that media's style: a new
+  // subtitle media or style makes a new renderer.
+  std::shared_ptr<vn::StyledSubtitleRenderer> styledRenderer_;
+  std::weak_ptr<VNFFMedia> styledFor_;
+
+  std::atomic<bool> styledSubtitles_{false};
+  std::atomic<bool> rereadSubtitle_{false};  // the plain renderer took over from the styled one
+  std::atomic<int64_t> subtitleDelay_{0};
 };

@@ -9,6 +9,8 @@
 
 #include <unicode/unistr.h>
 
+#include "effects/effect_video_stream.h"
+#include "media/media_test_support.h"
 #include "movie/movie.h"
 #include "test_support.h"
 
@@ -65,6 +67,9 @@ TEST(MovieSubtitleTest, TextFilesInAnyCharsetReadAsUtf8) {
       // The demuxer converts these itself: naming UTF-16 would convert twice.
       {"utf16le.srt", "\xFF\xFE" + encode(utf8, "UTF-16LE")},
       {"utf16be.srt", "\xFE\xFF" + encode(utf8, "UTF-16BE")},
+      // The demuxers read no UTF-32: read from a converted copy.
+      {"utf32le.srt", std::string("\xFF\xFE\0\0", 4) + encode(utf8, "UTF-32LE")},
+      {"utf32be.srt", std::string("\0\0\xFE\xFF", 4) + encode(utf8, "UTF-32BE")},
       // A given charset wins over the detected one: 0xC7 is Cyrillic Ze in it.
       {"forced.srt", cp1252, "WINDOWS-1251",
        "\xD0\x97"
@@ -127,3 +132,59 @@ TEST(MovieSubtitleTest, WhatCannotBeReadOpensNothing) {
 }
 
 }  // namespace
+
+namespace {
+
+// What the video effect stream was given for the picture at t.
+struct Shown {
+  std::optional<std::string> text;
+  std::optional<vn::FilterImage> styled;
+};
+
+Shown shownAt(VNFFMovie& movie, int64_t t) {
+  movie.decodeImageAtTime(t, nullptr);
+  VNFFEffectVideoStream& stream = movie.videoEffectStream();
+  return {stream.subtitleCurrentString(), stream.styledSubtitleImage(movie.pictureSettings())};
+}
+
+}  // namespace
+
+// The plain renderer is the default, its last-comma rule included; one call selects the styled
+// one, which draws the whole line, follows a delay, and takes a style for plain text.
+TEST(MovieSubtitleTest, ThePlainRendererIsTheDefaultAndOneCallSelectsTheStyledOne) {
+  auto movie = VNFFMovie::create();
+  movie->openMedias(vn::test::mediasOf("styled_clip.mp4"));
+  movie->setExportMovie(true);
+  ASSERT_TRUE(movie->openSubtitle(vn::test::fixture("styled.srt")));
+  EXPECT_FALSE(movie->styledSubtitles());
+  Shown plain = shownAt(*movie, 1'500'000);
+  EXPECT_EQ(plain.text, " I think so.");
+  EXPECT_FALSE(plain.styled);
+
+  movie->setStyledSubtitles(true);
+  const Shown styled = shownAt(*movie, 1'500'000);
+  EXPECT_FALSE(styled.text);
+  ASSERT_TRUE(styled.styled);
+  EXPECT_FALSE(shownAt(*movie, 2'200'000).styled);
+  // Back before the cues read so far: the renderer has them all.
+  EXPECT_TRUE(shownAt(*movie, 1'100'000).styled);
+  // Later cues, read as they come.
+  EXPECT_TRUE(shownAt(*movie, 9'000'000).styled);
+
+  movie->setSubtitleDelay(2'000'000);
+  EXPECT_FALSE(shownAt(*movie, 1'500'000).styled);
+  EXPECT_TRUE(shownAt(*movie, 3'500'000).styled);
+  movie->setSubtitleDelay(0);
+
+  vn::SubtitleStyle big;
+  big.size = 0.2;
+  movie->setSubtitleStyle(big);
+  const std::optional<vn::FilterImage> larger = shownAt(*movie, 1'500'000).styled;
+  ASSERT_TRUE(larger);
+  EXPECT_GT(larger->extent().height, 1.5 * styled.styled->extent().height);
+
+  movie->setStyledSubtitles(false);
+  plain = shownAt(*movie, 1'500'000);
+  EXPECT_EQ(plain.text, " I think so.");
+  EXPECT_FALSE(plain.styled);
+}

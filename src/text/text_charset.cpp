@@ -137,6 +137,41 @@ std::optional<std::string> textCharset(std::string_view bytes) {
   return fallback;
 }
 
+std::optional<std::string> utf32ToUtf8(std::string_view bytes) {
+  using namespace std::string_view_literals;
+  const bool little = startsWith(bytes, "\xFF\xFE\x00\x00"sv);
+  if (!little && !startsWith(bytes, "\x00\x00\xFE\xFF"sv))
+    return std::nullopt;
+  std::string text;
+  text.reserve(bytes.size() / 4);
+  // A unit cut by the end of the file is dropped.
+  for (size_t i = 4; i + 4 <= bytes.size(); i += 4) {
+    uint32_t c = 0;
+    for (int k = 0; k < 4; ++k) {
+      const auto byte = static_cast<uint8_t>(bytes[i + static_cast<size_t>(little ? 3 - k : k)]);
+      c = c << 8 | byte;
+    }
+    if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
+      return std::nullopt;
+    if (c < 0x80) {
+      text += static_cast<char>(c);
+    } else if (c < 0x800) {
+      text += static_cast<char>(0xC0 | c >> 6);
+      text += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      text += static_cast<char>(0xE0 | c >> 12);
+      text += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+      text += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      text += static_cast<char>(0xF0 | c >> 18);
+      text += static_cast<char>(0x80 | (c >> 12 & 0x3F));
+      text += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+      text += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return text;
+}
+
 std::optional<std::string> fileCharset(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file)

@@ -38,6 +38,12 @@ std::optional<std::string> textCharset(std::string_view bytes);
 // when it cannot be read.
 std::optional<std::string> fileCharset(const std::string& path);
 
+// The text of a UTF-32 file with a byte-order mark (either byte order) in
+// UTF-8, without the mark: FFmpeg's text demuxers read UTF-8 and UTF-16
+// only. None when `bytes` has no UTF-32 mark or holds a code point that
+// is not a character's (a surrogate, past U+10FFFF).
+std::optional<std::string> utf32ToUtf8(std::string_view bytes);
+
 // Whether `bytes` is UTF-8 throughout: no overlong forms, surrogates or code
 // points past U+10FFFF. A sequence cut by the end of `bytes` is valid.
 bool isValidUtf8(std::string_view bytes);

@@ -84,6 +84,21 @@ TEST(TextCharsetTest, Utf8IsCheckedStrictly) {
     EXPECT_EQ(vn::isValidUtf8(bytes), valid) << what;
 }
 
+TEST(TextCharsetTest, Utf32WithAMarkBecomesUtf8) {
+  using namespace std::string_literals;
+  // "é€😀" in both byte orders; a unit cut by the end is dropped.
+  EXPECT_EQ(vn::utf32ToUtf8("\xFF\xFE\0\0\xE9\0\0\0\xAC\x20\0\0\x00\xF6\x01\0\x41\0"s),
+            "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
+  EXPECT_EQ(vn::utf32ToUtf8("\0\0\xFE\xFF\0\0\0\x41\0\0\0\x0A"s), "A\n");
+  EXPECT_EQ(vn::utf32ToUtf8("\xFF\xFE\0\0"s), "");
+  // Not UTF-32, or not characters.
+  EXPECT_EQ(vn::utf32ToUtf8("\xFF\xFE"
+                            "A\0"s),
+            std::nullopt);
+  EXPECT_EQ(vn::utf32ToUtf8("\xFF\xFE\0\0\0\xD8\0\0"s), std::nullopt);
+  EXPECT_EQ(vn::utf32ToUtf8("\xFF\xFE\0\0\0\0\x11\0"s), std::nullopt);
+}
+
 TEST(TextCharsetTest, FilesAreJudgedByTheirFirstBytes) {
   auto write = [&](const std::string& name, const std::string& bytes) {
     const std::string path = vn::test::scratch(name);

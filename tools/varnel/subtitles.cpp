@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <map>
 #include <optional>
+#include <string>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -26,6 +28,11 @@ const std::map<std::string, vn::FilterImage::Color> kColorNames = {
     {"yellow", {1, 1, 0, 1}},
 };
 
+// Sizes of the style options are pixels of a picture this many lines high.
+constexpr double kStyleLines = 1080;
+// A day either way is more than any film needs.
+constexpr double kMaxDelay = 86400;
+
 // A number and nothing after it.
 bool parseNumber(const std::string& text, double* value) {
   char end = 0;
@@ -45,6 +52,38 @@ bool parseColor(const std::string& text, vn::FilterImage::Color* color) {
     parts[i] = std::stoi(text.substr(1 + 2 * i, 2), nullptr, 16) / 255.0;
   *color = {parts[0], parts[1], parts[2], parts[3]};
   return true;
+}
+
+// "Family [Bold] [Italic] [size]": the family's words, the weight and slant
+// words, and a size in pixels of a 1080-line picture.
+bool parseFont(const std::string& text, vn::SubtitleStyle* style) {
+  std::vector<std::string> words;
+  size_t at = 0;
+  while ((at = text.find_first_not_of(" \t", at)) != std::string::npos) {
+    const size_t end = std::min(text.find_first_of(" \t", at), text.size());
+    words.push_back(text.substr(at, end - at));
+    at = end;
+  }
+  double size = 0;
+  if (!words.empty() && parseNumber(words.back(), &size)) {
+    if (!(size > 0 && size <= kStyleLines))
+      return false;
+    style->size = size / kStyleLines;
+    words.pop_back();
+  }
+  std::string family;
+  for (const std::string& word : words) {
+    if (word == "Bold") {
+      style->bold = true;
+    } else if (word == "Italic" || word == "Oblique") {
+      style->italic = true;
+    } else {
+      family += (family.empty() ? "" : " ") + word;
+    }
+  }
+  if (!family.empty())
+    style->font = family;
+  return style->font || style->size;
 }
 
 bool parseTrack(const std::string& text, uint32_t* track) {
@@ -130,8 +169,8 @@ void SubtitleOptions::addTo(CLI::App* command) {
       ->type_name("NAME");
   command
       ->add_option("--subtitle-font", font,
-                   "Subtitle font, a Pango font description such as \"Sans 48\" (size in "
-                   "pixels)")
+                   "Font of plain-text subtitles: a family and a size, such as \"Sans 48\" "
+                   "(pixels of a 1080-line picture, scaled with the output)")
       ->type_name("DESC");
   command
       ->add_option("--subtitle-color", color,
@@ -144,13 +183,18 @@ void SubtitleOptions::addTo(CLI::App* command) {
       ->type_name("F");
   command
       ->add_option("--subtitle-outline", outline,
-                   "Width of the dark outline around the text, pixels (default 2; 0: none)")
+                   "Width of the dark outline around plain-text subtitles, pixels of a "
+                   "1080-line picture (default: the style's own; 0: none)")
       ->type_name("PX");
   command
       ->add_option("--subtitle-shadow", shadow,
-                   "Offset of the dark shadow below and right of the text, pixels (default 0: "
-                   "none)")
+                   "Offset of the shadow of plain-text subtitles, pixels of a 1080-line "
+                   "picture (default: the style's own; 0: none)")
       ->type_name("PX");
+  command
+      ->add_option("--subtitle-delay", delay,
+                   "Show the subtitles this many seconds later (negative: earlier)")
+      ->type_name("SECONDS");
 }
 
 int SubtitleOptions::apply(Input& input) const {
@@ -165,19 +209,24 @@ int SubtitleOptions::apply(Input& input) const {
     return usage("bad --subtitle-track", *track, "expected a track number from 0");
   if (charset && !iconvKnows(*charset))
     return usage("bad --subtitle-charset", *charset, "not a charset iconv knows");
-  if (font && font->find_first_not_of(" \t") == std::string::npos)
-    return usage("bad --subtitle-font", *font, "expected a font description such as \"Sans 48\"");
   vn::FilterImage::Color fill;
   if (color && !parseColor(*color, &fill))
     return usage("bad --subtitle-color", *color, "use #rrggbb, #rrggbbaa, white, black or yellow");
   double height = 0;
   if (position && !(parseNumber(*position, &height) && height >= 0 && height < 1))
     return usage("bad --subtitle-position", *position, "expected a fraction 0 <= F < 1");
-  double outlineWidth = 0, shadowOffset = 0;
-  if (!(parseNumber(outline, &outlineWidth) && outlineWidth >= 0 && outlineWidth <= kMaxDecoration))
-    return usage("bad --subtitle-outline", outline, "expected 0 to 100 pixels");
-  if (!(parseNumber(shadow, &shadowOffset) && shadowOffset >= 0 && shadowOffset <= kMaxDecoration))
-    return usage("bad --subtitle-shadow", shadow, "expected 0 to 100 pixels");
+  double outlineWidth = 0, shadowOffset = 0, delaySeconds = 0;
+  if (outline && !(parseNumber(*outline, &outlineWidth) && outlineWidth >= 0 &&
+                   outlineWidth <= kMaxDecoration))
+    return usage("bad --subtitle-outline", *outline, "expected 0 to 100 pixels");
+  if (shadow &&
+      !(parseNumber(*shadow, &shadowOffset) && shadowOffset >= 0 && shadowOffset <= kMaxDecoration))
+    return usage("bad --subtitle-shadow", *shadow, "expected 0 to 100 pixels");
+  if (delay && !(parseNumber(*delay, &delaySeconds) && std::fabs(delaySeconds) <= kMaxDelay))
+    return usage("bad --subtitle-delay", *delay, "expected seconds, -86400 to 86400");
+  vn::SubtitleStyle style;
+  if (font && !parseFont(*font, &style))
+    return usage("bad --subtitle-font", *font, "expected a family and a size such as \"Sans 48\"");
 
   // The input's own subtitles are shown only when asked for.
   movie.setSelectSubtitleStreams(VNIndexSet{});
@@ -208,14 +257,20 @@ int SubtitleOptions::apply(Input& input) const {
       return fail("cannot read subtitles", path, "track " + *track + " cannot be decoded");
   }
 
-  if (font)
-    movie.setSubtitleFont(*font);
+  // Text subtitles are drawn as their scripts style them; the options
+  // change a plain text's default style, sizes scaled from 1080 lines.
+  movie.setStyledSubtitles(true);
   if (color)
-    movie.setSubtitleColor(fill);
+    style.color = fill;
   if (position)
-    movie.setSubtitlePosition(static_cast<float>(height));
-  movie.setSubtitleOutlineWidth(static_cast<float>(outlineWidth));
-  movie.setSubtitleShadowOffset(static_cast<float>(shadowOffset));
+    style.position = height;
+  if (outline)
+    style.outline = outlineWidth / kStyleLines;
+  if (shadow)
+    style.shadow = shadowOffset / kStyleLines;
+  if (font || color || position || outline || shadow)
+    movie.setSubtitleStyle(style);
+  movie.setSubtitleDelay(std::llround(delaySeconds * 1e6));
   return kExitOk;
 }
 

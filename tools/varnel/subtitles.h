@@ -10,14 +10,24 @@
 //   --subtitle-charset NAME   the charset of a text subtitle (an iconv name);
 //                             default: UTF-8, UTF-16 with a byte-order mark,
 //                             else detected
-//   --subtitle-font DESC      a Pango font description, "Sans 48" (points are
-//                             pixels)
+//   --subtitle-font DESC      a font family and size, "Sans 48" or "DejaVu
+//                             Serif Bold 40"; the size is in pixels of a
+//                             1080-line picture and scales with the output
 //   --subtitle-color C        #rrggbb, #rrggbbaa, white, black or yellow
 //   --subtitle-position F     the text's bottom edge above the frame's bottom,
 //                             a fraction of its height, 0 <= F < 1
-//   --subtitle-outline PX     a dark outline this wide (default 2; 0: none)
-//   --subtitle-shadow PX      a dark shadow this far below and to the right
-//                             (default 0: none)
+//   --subtitle-outline PX     the dark outline's width, pixels of a 1080-line
+//                             picture (0: none)
+//   --subtitle-shadow PX      the shadow's offset, pixels of a 1080-line
+//                             picture (0: none)
+//   --subtitle-delay SECONDS  show the subtitles this much later (negative:
+//                             earlier) than their own times
+//
+// Text subtitles are drawn by the library's styled renderer (libass): an
+// ASS/SSA script keeps its own styles, and the font, colour, position,
+// outline and shadow options change only the default style of a plain-text
+// subtitle (SRT, WebVTT, mov_text). Unset, that style is the decoder's,
+// sized to the picture's height.
 //
 // Without --subtitles or --subtitle-track no subtitle is shown, not even
 // the input's own.
@@ -40,8 +50,9 @@ struct SubtitleOptions {
   std::optional<std::string> font;
   std::optional<std::string> color;
   std::optional<std::string> position;
-  std::string outline = "2";
-  std::string shadow = "0";
+  std::optional<std::string> outline;
+  std::optional<std::string> shadow;
+  std::optional<std::string> delay;
 
   // Adds the options to a command.
   void addTo(CLI::App* command);

@@ -1,0 +1,192 @@
+// End-to-end: text subtitles drawn as their scripts style them, against ffmpeg's subtitles
+// filter (both draw with libass), and bitmap subtitles that carry no end time.
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+using vn::test::fixture;
+using vn::test::psnr;
+using vn::test::Raster;
+using vn::test::readPicture;
+using vn::test::runVarnel;
+using vn::test::scratch;
+
+Raster frame(const std::string& input,
+             double t,
+             const std::string& size,
+             const std::vector<std::string>& extra = {}) {
+  const std::string png = scratch("styled.png");
+  std::remove(png.c_str());
+  std::vector<std::string> args = {"frame", input, "-t", std::to_string(t), "-o", png};
+  if (!size.empty())
+    args.insert(args.end(), {"--size", size});
+  args.insert(args.end(), extra.begin(), extra.end());
+  const vn::test::CommandResult r = runVarnel(args);
+  EXPECT_EQ(r.status, 0) << r.err;
+  return readPicture(png);
+}
+
+// ffmpeg's picture at t: scaled to the size first, so that libass draws in the output frame as
+// varnel's renderer does, and blended in RGB (not on subsampled YUV). -copyts keeps the
+// picture's own time, which the filter renders at.
+Raster ffmpegFrame(const std::string& input, double t, int w, int h, const std::string& subs) {
+  std::string filters = "scale=" + std::to_string(w) + ":" + std::to_string(h) + ",format=rgb24";
+  if (!subs.empty())
+    filters += ",subtitles=" + subs;
+  return readPicture(input, filters, "-copyts -ss " + std::to_string(t));
+}
+
+// The rows where two pictures differ (a subtitle over a plain background), with a margin; the
+// whole picture when they do not.
+Raster band(const Raster& picture, const Raster& blank, const Raster& drawn) {
+  int top = drawn.height, bottom = -1;
+  for (int y = 0; y < drawn.height; ++y) {
+    for (int x = 0; x < drawn.width; ++x) {
+      const uint8_t *a = drawn.at(x, y), *b = blank.at(x, y);
+      if (std::abs(a[0] - b[0]) + std::abs(a[1] - b[1]) + std::abs(a[2] - b[2]) > 48) {
+        top = std::min(top, y);
+        bottom = std::max(bottom, y);
+        break;
+      }
+    }
+  }
+  if (bottom < 0)
+    return picture;
+  top = std::max(0, top - 4);
+  bottom = std::min(drawn.height - 1, bottom + 4);
+  return picture.part(0, top, picture.width, bottom - top + 1);
+}
+
+struct Case {
+  const char* file;
+  std::vector<double> cues;  // times inside a cue (on a picture's start)
+  std::vector<double> gaps;  // times between cues
+};
+
+TEST(StyledSubtitleTest, PicturesMatchFfmpegsSubtitlesFilterAtEveryCueAndSize) {
+  const std::string clip = fixture("styled_clip.mp4");
+  // Midpoints of the cues; the karaoke line (8.5-9.5 s, a syllable every 0.25 s) is taken
+  // inside a syllable, as a picture starts at 9.12 s.
+  const std::vector<Case> cases = {
+      {"styled.srt", {1.52, 3.0, 4.52, 6.0, 7.52, 9.0}, {0.4, 2.2, 9.8}},
+      {"styled.ass", {1.52, 3.0, 4.52, 6.0, 7.52, 9.12}, {3.8}},
+      {"styled.vtt", {1.52, 4.52}, {3.0}},
+  };
+  const std::vector<std::pair<int, int>> sizes = {{1920, 1080}, {854, 480}, {320, 180}};
+  for (const auto& [w, h] : sizes) {
+    const std::string size = std::to_string(w) + "x" + std::to_string(h);
+    const Raster blank = ffmpegFrame(clip, 0.4, w, h, "");
+    const Raster plain = frame(clip, 0.4, size);
+    for (const Case& c : cases) {
+      const std::string subs = fixture(c.file);
+      for (const double t : c.cues) {
+        SCOPED_TRACE(std::string(c.file) + " at " + std::to_string(t) + " s, " + size);
+        const Raster ours = frame(clip, t, size, {"--subtitles", subs});
+        const Raster theirs = ffmpegFrame(clip, t, w, h, subs);
+        ASSERT_EQ(ours.width, w);
+        ASSERT_EQ(ours.height, h);
+        EXPECT_GE(psnr(ours, theirs), 30);
+        // The lines the subtitle covers, where a missing or misplaced word shows (a missing
+        // word gives less than 20 dB there; the edges of the glyphs, blended in linear light
+        // here and in sRGB by the filter, keep it under 30 at the largest size).
+        EXPECT_GE(psnr(band(ours, blank, theirs), band(theirs, blank, theirs)), 25);
+        EXPECT_LT(psnr(band(ours, blank, theirs), band(plain, blank, theirs)), 25)
+            << "nothing drawn";
+      }
+      for (const double t : c.gaps) {
+        SCOPED_TRACE(std::string(c.file) + " gap at " + std::to_string(t) + " s, " + size);
+        EXPECT_GE(psnr(frame(clip, t, size, {"--subtitles", subs}), plain), 50);
+      }
+    }
+  }
+}
+
+TEST(StyledSubtitleTest, StyleOptionsChangePlainTextOnlyAndScaleWithThePicture) {
+  const std::string clip = fixture("styled_clip.mp4");
+  const std::string srt = fixture("styled.srt"), ass = fixture("styled.ass");
+  auto yellowPixels = [](const Raster& r) {
+    int n = 0;
+    for (int y = 0; y < r.height; ++y) {
+      for (int x = 0; x < r.width; ++x) {
+        const uint8_t* p = r.at(x, y);
+        n += p[0] > 200 && p[1] > 200 && p[2] < 80;
+      }
+    }
+    return n;
+  };
+  const std::vector<std::string> yellow = {"--subtitle-color", "yellow"};
+  // An SRT cue takes the colour; an ASS script keeps its own white.
+  EXPECT_EQ(yellowPixels(frame(clip, 1.52, "854x480", {"--subtitles", srt})), 0);
+  std::vector<std::string> args = {"--subtitles", srt};
+  args.insert(args.end(), yellow.begin(), yellow.end());
+  EXPECT_GT(yellowPixels(frame(clip, 1.52, "854x480", args)), 200);
+  args = {"--subtitles", ass};
+  args.insert(args.end(), yellow.begin(), yellow.end());
+  EXPECT_EQ(
+      psnr(frame(clip, 1.52, "854x480", args), frame(clip, 1.52, "854x480", {"--subtitles", ass})),
+      99);
+
+  // "Sans 108" is a tenth of the picture's height at every size: the text's rows scale with it.
+  auto inkRows = [](const Raster& r, const Raster& blank) {
+    int rows = 0;
+    for (int y = 0; y < r.height; ++y) {
+      for (int x = 0; x < r.width; ++x) {
+        if (std::abs(r.at(x, y)[0] - blank.at(x, y)[0]) > 60) {
+          ++rows;
+          break;
+        }
+      }
+    }
+    return rows;
+  };
+  const std::vector<std::string> big = {"--subtitles", srt, "--subtitle-font", "Sans 108"};
+  const int large = inkRows(frame(clip, 1.52, "1920x1080", big), frame(clip, 0.4, "1920x1080"));
+  const int small = inkRows(frame(clip, 1.52, "480x270", big), frame(clip, 0.4, "480x270"));
+  EXPECT_NEAR(large, 108, 40);
+  EXPECT_NEAR(small * 4, large, 16);
+
+  vn::test::expectError(runVarnel({"frame", clip, "-t", "1", "-o", scratch("x.png"), "--subtitles",
+                                   srt, "--subtitle-delay", "soon"}),
+                        2, "--subtitle-delay");
+}
+
+TEST(StyledSubtitleTest, ADelayMovesEveryCue) {
+  const std::string clip = fixture("styled_clip.mp4"), srt = fixture("styled.srt");
+  const Raster plain = frame(clip, 0.4, "854x480");
+  const Raster first = frame(clip, 1.52, "854x480", {"--subtitles", srt});
+  // One second later: the first cue is at 2.52 s, and nothing at its own time.
+  const std::vector<std::string> later = {"--subtitles", srt, "--subtitle-delay", "1"};
+  EXPECT_GE(psnr(frame(clip, 1.52 - 1.1, "854x480", later), plain), 50);
+  EXPECT_GE(psnr(frame(clip, 2.52, "854x480", later), first), 50);
+  // Half a second earlier: at 1.02 s.
+  const std::vector<std::string> earlier = {"--subtitles", srt, "--subtitle-delay", "-0.5"};
+  EXPECT_GE(psnr(frame(clip, 1.02, "854x480", earlier), first), 50);
+  EXPECT_GE(psnr(frame(clip, 1.6, "854x480", earlier), plain), 50);
+}
+
+// Display sets without an end time stay up until the next set of the track, which clears them;
+// ones with an end time keep it.
+TEST(StyledSubtitleTest, BitmapSubtitlesWithoutAnEndStayUpUntilTheNextSet) {
+  for (const char* name : {"dvbsub_open.ts", "dvbsub.ts"}) {
+    SCOPED_TRACE(name);
+    const std::string ts = fixture(name);
+    // The page is shown from 2.000 s to 3.991 s after the first picture.
+    for (const double t : {2.1, 3.0, 3.9}) {
+      EXPECT_LT(psnr(frame(ts, t, "", {"--subtitle-track", "0"}), frame(ts, t, "")), 30)
+          << "at " << t;
+    }
+    for (const double t : {1.5, 4.2, 5.5})
+      EXPECT_EQ(psnr(frame(ts, t, "", {"--subtitle-track", "0"}), frame(ts, t, "")), 99)
+          << "at " << t;
+    // At another output size the picture is scaled with the video.
+    EXPECT_LT(psnr(frame(ts, 3.0, "360x240", {"--subtitle-track", "0"}), frame(ts, 3.0, "360x240")),
+              30);
+  }
+}
+
+}  // namespace
