@@ -24,7 +24,7 @@ struct VNFFMovieFileOutputFormat {
   //
   // Constant quality on the video encoder's own scale: the CRF of x264,
   // x265, VP8, VP9 and AV1 (lower is better), the quantiser scale of MPEG-1,
-  // MPEG-2 and MPEG-4 part 2 (1 to 31, lower is better), Theora's 0 to 10
+  // MPEG-2 and MPEG-4 Visual (1 to 31, lower is better), Theora's 0 to 10
   // (higher is better). Below 0: bit-rate mode at video_bitrate. VP8 keeps
   // video_bitrate as its ceiling; ProRes, Animation and GIF have no
   // quality to set.

@@ -173,7 +173,7 @@ struct QualityScale {
 };
 
 // Defaults near what each encoder's own users get (x264 23, x265 28, VP9
-// 31, AV1 35); the quantiser of MPEG-1, 2 and 4 part 2 is set to land near
+// 31, AV1 35); the quantiser of MPEG-1, MPEG-2 and MPEG-4 Visual is set to land near
 // the size of FFmpeg's own defaults for them.
 constexpr QualityScale kQualityScales[] = {
     {AV_CODEC_ID_H264, 23, 0, 51},       {AV_CODEC_ID_HEVC, 28, 0, 51},
