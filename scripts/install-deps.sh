@@ -8,7 +8,7 @@ packages=(
   libavformat-dev libavcodec-dev libavfilter-dev libavutil-dev
   libswresample-dev libswscale-dev ffmpeg
   libdvdread-dev dvdauthor genisoimage lsdvd
-  libvips-dev
+  libvips-dev libpng-dev libjpeg-dev
   libpango1.0-dev libcairo2-dev fonts-dejavu-core libass-dev
   libsdl2-dev libsoundtouch-dev xvfb
   libicu-dev
