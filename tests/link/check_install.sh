@@ -20,8 +20,11 @@ for prefix in "$work/prefix" "$work/moved"; do
   version=$(env -u LD_LIBRARY_PATH "$prefix/bin/varnel" --version)
   echo "installed program: $version"
   [[ $version == varnel* ]]
+  # A command loads the installed commands, which use the installed library.
+  env -u LD_LIBRARY_PATH "$prefix/bin/varnel" info "$fixtures/h264_aac.mp4" | grep -q "h264"
+  commands=$(find "$prefix" -name libvarnel-commands.so)
   # Read ldd's whole answer first: grep -q stopping early would fail the pipe.
-  libs=$(env -u LD_LIBRARY_PATH ldd "$prefix/bin/varnel")
+  libs=$(env -u LD_LIBRARY_PATH ldd "$commands")
   grep -q "libvarnel.so.* => $prefix/" <<<"$libs"
 done
 rm -rf "$work/moved"

@@ -251,6 +251,7 @@ bool isStillImageFormat(const AVFormatContext* context) {
 // is, a movie's frame that covers the time (the last one past the end).
 std::optional<Picture> pictureAt(const std::string& path, double time, int* status) {
   Input input;
+  input.picturesOnly = true;
   std::string reason;
   const bool opened = input.open(path, &reason);
   // Pictures go to the image layer's reader, which keeps their alpha and

@@ -143,11 +143,15 @@ bool Input::chooseStreams(std::optional<VNIndexSet>* streams, std::string* reaso
     chosen = decodes != videos.end() ? *decodes : videos.front();
   }
   videoStream_ = chosen ? chosen : videos.empty() ? std::nullopt : std::optional(videos.front());
-  if (!chosen)
+  const bool soundLeftOut = picturesOnly && !videos.empty();
+  if (!chosen && !soundLeftOut)
     return true;
   VNIndexSet kept;
   for (uint32_t i = 0; i < context->nb_streams; ++i) {
-    if (i == *chosen || context->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_VIDEO ||
+    const AVCodecParameters* codec = context->streams[i]->codecpar;
+    if (soundLeftOut && codec->codec_type == AVMEDIA_TYPE_AUDIO)
+      continue;
+    if (i == videoStream_ || codec->codec_type != AVMEDIA_TYPE_VIDEO ||
         (context->streams[i]->disposition & AV_DISPOSITION_ATTACHED_PIC))
       kept.insert(i);
   }

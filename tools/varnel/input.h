@@ -20,6 +20,10 @@ struct Input {
   // pictures left out). None: the one with the default disposition, else the
   // first, of those that decode a picture. Set before open.
   std::optional<int> videoTrack;
+  // Leaves the sound tracks out, for a command that only takes pictures: no
+  // sound media is opened. A file without video keeps them (the command
+  // then says it has no video). Set before open.
+  bool picturesOnly = false;
   // The disc, when the input is one (a folder, a device, an .iso or .img
   // image, or any path given with a title).
   std::shared_ptr<VNDVD> disc;

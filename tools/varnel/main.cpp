@@ -1,4 +1,6 @@
-// varnel: the command-line front end of libvarnel.
+// varnel: the command-line front end of libvarnel. The commands are a
+// library of their own, which the program (tools/launcher) loads and enters
+// through varnel_commands_main.
 #include <signal.h>
 #include <unistd.h>
 
@@ -64,7 +66,7 @@ void warn(const std::string& path, const std::string& message) {
 
 }  // namespace varnel_cli
 
-int main(int argc, char** argv) {
+extern "C" __attribute__((visibility("default"))) int varnel_commands_main(int argc, char** argv) {
   using namespace varnel_cli;
   CLI::App app{"varnel: open, inspect, play and convert media files"};
   app.set_version_flag("--version", std::string("varnel ") + VARNEL_VERSION);

@@ -143,6 +143,7 @@ int PictureOptions::apply(Input& input) const {
 }
 
 int openForPictures(Input& input, const std::string& path, Input::Extent* extent) {
+  input.picturesOnly = true;
   if (const int status = input.openWithTracks(path, ""); status != kExitOk)
     return status;
   if (!input.movie->videoMedia())

@@ -57,9 +57,10 @@ struct PictureOptions {
   int apply(Input& input) const;
 };
 
-// Opens path to take pictures from, as frame and thumbnail do: kExitOk with
-// the input open, its video found and its extent measured (a file cut short
-// is warned of), or the exit status once the error line is printed.
+// Opens path to take pictures from, as frame and thumbnail do, its sound
+// tracks left out: kExitOk with the input open, its video found and its
+// extent measured (a file cut short is warned of), or the exit status once
+// the error line is printed.
 int openForPictures(Input& input, const std::string& path, Input::Extent* extent);
 // Checks a time given with option (-t, --start) against where the input can
 // be read: kExitOk, or once the error line is printed kExitUsage (not a time

@@ -1,0 +1,72 @@
+// varnel: the program users run. `varnel --version` is answered here; every
+// other command line goes to the commands, which live in a library of their
+// own beside the program (libvarnel-commands.so, or lib/varnel/ of an
+// installed tree) and are loaded only then: the media libraries they link
+// (FFmpeg and every codec library it brings) are not mapped for a question
+// about the version.
+//
+// Only the C library is used here, so that the program itself maps nothing
+// else.
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+using CommandsMain = int (*)(int, char**);
+
+// Exit status of a failure that is not the user's (as the commands use).
+constexpr int kExitFailed = 1;
+
+// The folder of the running program, with its slash; empty when unknown.
+bool programFolder(char (&folder)[PATH_MAX]) {
+  const ssize_t n = readlink("/proc/self/exe", folder, sizeof folder - 1);
+  if (n <= 0)
+    return false;
+  folder[n] = 0;
+  char* slash = std::strrchr(folder, '/');
+  if (!slash)
+    return false;
+  slash[1] = 0;
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    std::puts("varnel " VARNEL_VERSION);
+    return 0;
+  }
+  char folder[PATH_MAX];
+  if (!programFolder(folder)) {
+    std::fprintf(stderr, "varnel: error: cannot find where the program is installed\n");
+    return kExitFailed;
+  }
+  // Beside the program in a build tree; under the library folder when
+  // installed.
+  const char* const places[] = {"libvarnel-commands.so", VARNEL_COMMANDS_FROM_BIN};
+  void* commands = nullptr;
+  char path[PATH_MAX + 256];
+  const char* reason = "not found";
+  for (const char* place : places) {
+    std::snprintf(path, sizeof path, "%s%s", folder, place);
+    if (access(path, R_OK) != 0)
+      continue;
+    commands = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    if (commands)
+      break;
+    reason = dlerror();
+  }
+  CommandsMain run =
+      commands ? reinterpret_cast<CommandsMain>(dlsym(commands, "varnel_commands_main")) : nullptr;
+  if (!run) {
+    std::fprintf(stderr, "varnel: error: cannot load the commands '%s': %s\n", path,
+                 commands ? "no entry point" : reason);
+    return kExitFailed;
+  }
+  return run(argc, argv);
+}
