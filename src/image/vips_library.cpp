@@ -23,18 +23,13 @@ LoadedTable<VipsLibrary> load() {
                    bind("vips_error_buffer", &t.error_buffer) &&
                    bind("vips_error_clear", &t.error_clear) &&
                    bind("vips_image_new_from_file", &t.image_new_from_file) &&
-                   bind("vips_image_new_from_memory", &t.image_new_from_memory) &&
                    bind("vips_image_get_width", &t.image_get_width) &&
                    bind("vips_image_get_height", &t.image_get_height) &&
                    bind("vips_image_get_bands", &t.image_get_bands) &&
                    bind("vips_image_hasalpha", &t.image_hasalpha) &&
                    bind("vips_image_write_to_memory", &t.image_write_to_memory) &&
                    bind("vips_colourspace", &t.colourspace) &&
-                   bind("vips_bandjoin_const1", &t.bandjoin_const1) && bind("vips_cast", &t.cast) &&
-                   bind("vips_copy", &t.copy) && bind("vips_flatten", &t.flatten) &&
-                   bind("vips_array_double_new", &t.array_double_new) &&
-                   bind("vips_area_unref", &t.area_unref) && bind("vips_pngsave", &t.pngsave) &&
-                   bind("vips_jpegsave", &t.jpegsave);
+                   bind("vips_bandjoin_const1", &t.bandjoin_const1) && bind("vips_cast", &t.cast);
   if (!all)
     return loaded;
   if (init("varnel") != 0) {

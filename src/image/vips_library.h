@@ -1,4 +1,4 @@
-// libvips, loaded the first time an image file is read or written.
+// libvips, loaded the first time an image file is read.
 //
 // libvips brings some forty libraries into a process (OpenEXR, HDF5, FITS,
 // MAT files, curl, ...). Linked in, the dynamic loader maps and relocates
@@ -21,7 +21,6 @@ struct VipsLibrary {
   decltype(&::vips_error_buffer) error_buffer;
   decltype(&::vips_error_clear) error_clear;
   decltype(&::vips_image_new_from_file) image_new_from_file;
-  decltype(&::vips_image_new_from_memory) image_new_from_memory;
   decltype(&::vips_image_get_width) image_get_width;
   decltype(&::vips_image_get_height) image_get_height;
   decltype(&::vips_image_get_bands) image_get_bands;
@@ -30,12 +29,6 @@ struct VipsLibrary {
   decltype(&::vips_colourspace) colourspace;
   decltype(&::vips_bandjoin_const1) bandjoin_const1;
   decltype(&::vips_cast) cast;
-  decltype(&::vips_copy) copy;
-  decltype(&::vips_flatten) flatten;
-  decltype(&::vips_array_double_new) array_double_new;
-  decltype(&::vips_area_unref) area_unref;
-  decltype(&::vips_pngsave) pngsave;
-  decltype(&::vips_jpegsave) jpegsave;
 
   // The library, started (vips_init) with its operation cache off; loaded
   // once per process. Null when it cannot be loaded, with the reason in
