@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "image/image_kernels.h"
+#include "image/point_table.h"
 #include "image/srgb.h"
 
 namespace vn {
@@ -291,27 +292,13 @@ void runMonochrome(const MonochromeOp& mono, float* row, int width) {
 
 // A spotlight on the flat picture.
 void runSpotLight(const SpotLightOp& s, float* row, int width, double x0, double y) {
-  const double ax = s.pointsAt[0] - s.position[0], ay = s.pointsAt[1] - s.position[1],
-               az = s.pointsAt[2] - s.position[2];
-  const double an = std::sqrt(ax * ax + ay * ay + az * az);
-  const float exponent = static_cast<float>(1 / std::max(s.concentration, 0.001));
-  const double ly = s.position[1] - y, lz = s.position[2];
+  thread_local std::vector<float> factors;
+  factors.resize(size_t(width));
+  spotLightFactors(s, x0, y, width, factors.data());
   for (int i = 0; i < width; ++i) {
     float* c = row + size_t(i) * 4;
-    // From the surface point to the light, against the light's axis.
-    const double lx = s.position[0] - (x0 + i);
-    const double ln = std::sqrt(lx * lx + ly * ly + lz * lz);
-    float factor = 0;
-    if (ln > 0 && an > 0) {
-      const double dot = -(lx * ax + ly * ay + lz * az) / (ln * an);
-      const double lambert = lz / ln;
-      if (dot > 0 && lambert > 0) {
-        const float spot = std::exp2(exponent * std::log2(static_cast<float>(dot)));
-        factor = static_cast<float>(s.brightness * lambert) * spot;
-      }
-    }
     for (int n = 0; n < 3; ++n)
-      c[n] *= s.color[n] * factor;
+      c[n] *= s.color[n] * factors[size_t(i)];
   }
 }
 
@@ -455,6 +442,42 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
       }
     }
   }
+}
+
+void executeBytes(const Program& program,
+                  const BytePass& pass,
+                  int threads,
+                  uint8_t* out,
+                  size_t stride) {
+  const IntRect& region = program.region;
+  const Source& s = pass.source;
+  const int rows = region.height;
+  const int bands = (rows + kBandRows - 1) / kBandRows;
+  // Output pixel x reads source column x + shift; the row as copyRow finds
+  // it.
+  const int shift = pass.copyDx - static_cast<int>(s.originX);
+  const int x0 = std::clamp(s.c0 - shift, region.x, region.right());
+  const int x1 = std::clamp(s.c1 - shift, x0, region.right());
+  std::shared_ptr<const std::vector<float>> factors;
+  if (pass.table->positional())
+    factors = pass.table->factorsFor(region, threads);
+  parallelFor(bands, threads, [&](int band) {
+    for (int j = band * kBandRows; j < std::min(rows, (band + 1) * kBandRows); ++j) {
+      uint8_t* o = out + size_t(j) * stride;
+      const double y = region.top() - j - 0.5;
+      const int r = static_cast<int>(std::floor(s.height - (y + pass.copyDy - s.originY)));
+      if (r < s.r0 || r >= s.r1 || x1 <= x0) {
+        std::memset(o, 0, size_t(region.width) * 4);
+        continue;
+      }
+      std::memset(o, 0, size_t(x0 - region.x) * 4);
+      std::memset(o + size_t(x1 - region.x) * 4, 0, size_t(region.right() - x1) * 4);
+      const uint8_t* in = s.raster->bytes + size_t(r) * s.raster->stride + size_t(x0 + shift) * 4;
+      const float* rowFactors =
+          factors ? factors->data() + size_t(j) * region.width + (x0 - region.x) : nullptr;
+      pass.table->apply(in, s.raster->bgra, o + size_t(x0 - region.x) * 4, x1 - x0, rowFactors);
+    }
+  });
 }
 
 std::shared_ptr<const PixelBuffer> reduce(const Source& s, int kx, int ky, int threads) {
