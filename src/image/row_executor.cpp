@@ -405,6 +405,8 @@ void runMask(const RowOp& op, float* row, double y, const IntRect& region) {
   const Span span = maskSpan(op.masks, y, region);
   std::fill(row, row + size_t(span.x0 - region.x) * 4, 0.0f);
   std::fill(row + size_t(span.x1 - region.x) * 4, row + size_t(region.width) * 4, 0.0f);
+  if (std::all_of(op.masks.begin(), op.masks.end(), [](const Mask& m) { return m.axisAligned; }))
+    return;  // the span is all they keep
   for (int x = span.x0; x < span.x1; ++x) {
     if (!insideOtherMasks(op.masks, x + 0.5, y))
       std::fill(row + size_t(x - region.x) * 4, row + size_t(x - region.x + 1) * 4, 0.0f);
