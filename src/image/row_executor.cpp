@@ -118,15 +118,16 @@ struct SampleRow {
 };
 
 // Whole-pixel translation: output pixel x reads source column
-// x + dx - originX and row top - (y + dy - originY) - 0.5.
-void copyRow(const SampleRow& line, const Span& span) {
+// x + dx - originX and row top - (y + dy - originY) - 0.5. Returns where
+// the row may be other than transparent.
+Span copyRow(const SampleRow& line, const Span& span) {
   const RowOp& op = line.op;
   const Source& s = op.source;
   const IntRect& region = line.region;
   const int r = static_cast<int>(std::floor(line.top - (line.y + op.copyDy - s.originY)));
   if (r < s.r0 || r >= s.r1) {
     clearOutside(line.row, region, region.x, region.x);
-    return;
+    return Span{region.x, region.x};
   }
   const int shift = op.copyDx - static_cast<int>(s.originX);
   const int x0 = std::max(span.x0, s.c0 - shift);
@@ -136,6 +137,7 @@ void copyRow(const SampleRow& line, const Span& span) {
     const bool kept = line.plainMasks || insideOtherMasks(op.masks, x + 0.5, line.y);
     store4(line.row + size_t(x - region.x) * 4, kept ? fetch(s, line.lut, x + shift, r) : Float4{});
   }
+  return Span{x0, x1};
 }
 
 // Output pixel x sampled bilinearly, wherever it lies.
@@ -236,12 +238,13 @@ void sampleRasterSpan(const SampleRow& line, const Span& span) {
   }
 }
 
-void runSample(const RowOp& op, float* row, double y, const IntRect& region) {
+// Samples the row; returns where it may be other than transparent.
+Span runSample(const RowOp& op, float* row, double y, const IntRect& region) {
   Span span = maskSpan(op.masks, y, region);
   const Source& s = op.source;
   if (s.c1 <= s.c0 || s.r1 <= s.r0) {
     clearOutside(row, region, region.x, region.x);
-    return;
+    return Span{region.x, region.x};
   }
   const AffineTransform& t = op.inverse;
   const SampleRow line{
@@ -259,17 +262,16 @@ void runSample(const RowOp& op, float* row, double y, const IntRect& region) {
     limitSpan(span, line.sx0, t.a, s.c0 - 0.5, s.c1 + 0.5);
     limitSpan(span, line.sy0, t.b, line.top - s.r1 - 0.5, line.top - s.r0 + 0.5);
   }
-  if (op.copy && !s.clamp) {
-    copyRow(line, span);
-    return;
-  }
+  if (op.copy && !s.clamp)
+    return copyRow(line, span);
   clearOutside(row, region, span.x0, span.x1);
   if (line.plainMasks && !s.clamp && s.raster) {
     sampleRasterSpan(line, span);
-    return;
+    return span;
   }
   for (int x = span.x0; x < span.x1; ++x)
     samplePixel(line, x);
+  return span;
 }
 
 constexpr float kLumaR = 0.2125f, kLumaG = 0.7154f, kLumaB = 0.0721f;
@@ -419,16 +421,25 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
   const IntRect& region = program.region;
   const size_t width4 = size_t(region.width) * 4;
   const double y = region.top() - j - 0.5;
+  // Where each register may hold other than transparent pixels, as floats
+  // of the row [first, last): a composite reads no further.
+  thread_local std::vector<std::pair<size_t, size_t>> held;
+  held.assign(size_t(program.registers), {0, width4});
   for (const RowOp& op : program.ops) {
     float* dst = registers.data() + op.dst * width4;
     switch (op.kind) {
-      case RowOp::Kind::kSample:
-        runSample(op, dst, y, region);
+      case RowOp::Kind::kSample: {
+        const Span span = runSample(op, dst, y, region);
+        const int x0 = std::clamp(span.x0, region.x, region.right());
+        const int x1 = std::clamp(span.x1, x0, region.right());
+        held[size_t(op.dst)] = {size_t(x0 - region.x) * 4, size_t(x1 - region.x) * 4};
         break;
+      }
       case RowOp::Kind::kFill: {
         const Float4 color = load4(op.color);
         for (size_t i = 0; i < width4; i += 4)
           store4(dst + i, color);
+        held[size_t(op.dst)] = {0, width4};
         break;
       }
       case RowOp::Kind::kPoint:
@@ -439,7 +450,11 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
         break;
       case RowOp::Kind::kOver: {
         const float* src = registers.data() + op.src * width4;
-        for (size_t i = 0; i < width4; i += 4) {
+        const auto [first, last] = held[size_t(op.src)];
+        auto& mine = held[size_t(op.dst)];
+        if (first < last)
+          mine = {std::min(mine.first, first), std::max(mine.second, last)};
+        for (size_t i = first; i < last; i += 4) {
           if (src[i + 3] == 0)
             continue;
           store4(dst + i, load4(src + i) + load4(dst + i) * (1 - src[i + 3]));
@@ -448,6 +463,7 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
       }
       case RowOp::Kind::kIn: {
         const float* src = registers.data() + op.src * width4;
+        held[size_t(op.dst)] = {0, width4};
         for (size_t i = 0; i < width4; i += 4) {
           const float coverage = dst[i + 3];
           for (int k = 0; k < 4; ++k)
