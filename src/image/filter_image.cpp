@@ -226,9 +226,13 @@ bool FilterImage::render(const Rect& rect,
     return false;
   try {
     Program program = compile(node_, region, options.threads);
-    execute(program, options.threads, [&](int j, const float* row) {
-      encodeRow(row, out + size_t(j) * stride, region.width);
-    });
+    if (const std::optional<BytePass> pass = bytePass(program)) {
+      executeBytes(program, *pass, options.threads, out, size_t(stride));
+    } else {
+      execute(program, options.threads, [&](int j, const float* row) {
+        encodeRow(row, out + size_t(j) * stride, region.width);
+      });
+    }
     addStats(options.stats, program.stats);
   } catch (const std::bad_alloc&) {
     return false;

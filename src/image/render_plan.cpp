@@ -327,6 +327,27 @@ Program compile(const NodePtr& root, const IntRect& region, int threads) {
   return program;
 }
 
+std::optional<BytePass> bytePass(const Program& program) {
+  const std::vector<RowOp>& ops = program.ops;
+  if (ops.empty() || ops.size() > 2)
+    return std::nullopt;
+  const RowOp& sample = ops[0];
+  if (sample.kind != RowOp::Kind::kSample || sample.dst != program.result || !sample.copy ||
+      !sample.source.raster || sample.source.clamp || !sample.masks.empty())
+    return std::nullopt;
+  static const std::vector<PointOp> kNone;
+  const std::vector<PointOp>* stages = &kNone;
+  if (ops.size() == 2) {
+    if (ops[1].kind != RowOp::Kind::kPoint || ops[1].dst != program.result)
+      return std::nullopt;
+    stages = &ops[1].stages;
+  }
+  std::shared_ptr<const PointTable> table = PointTable::forStages(*stages);
+  if (!table)
+    return std::nullopt;
+  return BytePass{sample.source, sample.copyDx, sample.copyDy, std::move(table)};
+}
+
 void addStats(FilterImage::RenderStats* to, const FilterImage::RenderStats& from) {
   if (!to)
     return;

@@ -9,9 +9,11 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "image/filter_graph.h"
+#include "image/point_table.h"
 
 namespace vn {
 
@@ -68,6 +70,18 @@ struct Program {
 // filters and whatever else it samples as a source are made while it is
 // compiled, with `threads` (0: every core).
 Program compile(const NodePtr& root, const IntRect& region, int threads);
+
+// A program whose result is a whole-pixel copy of an 8-bit raster, under a
+// run of point operations that tables hold (or none), made for an 8-bit
+// output: the bytes go through the table and no row of floats is made.
+struct BytePass {
+  Source source;  // as the program's resampling has it
+  int copyDx = 0, copyDy = 0;
+  std::shared_ptr<const PointTable> table;
+};
+
+// The byte pass that makes program's result, when there is one.
+std::optional<BytePass> bytePass(const Program& program);
 
 // Adds what a render did to *to, when to is set.
 void addStats(FilterImage::RenderStats* to, const FilterImage::RenderStats& from);

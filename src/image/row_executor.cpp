@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "image/image_kernels.h"
+#include "image/point_table.h"
 #include "image/srgb.h"
 
 namespace vn {
@@ -117,15 +118,16 @@ struct SampleRow {
 };
 
 // Whole-pixel translation: output pixel x reads source column
-// x + dx - originX and row top - (y + dy - originY) - 0.5.
-void copyRow(const SampleRow& line, const Span& span) {
+// x + dx - originX and row top - (y + dy - originY) - 0.5. Returns where
+// the row may be other than transparent.
+Span copyRow(const SampleRow& line, const Span& span) {
   const RowOp& op = line.op;
   const Source& s = op.source;
   const IntRect& region = line.region;
   const int r = static_cast<int>(std::floor(line.top - (line.y + op.copyDy - s.originY)));
   if (r < s.r0 || r >= s.r1) {
     clearOutside(line.row, region, region.x, region.x);
-    return;
+    return Span{region.x, region.x};
   }
   const int shift = op.copyDx - static_cast<int>(s.originX);
   const int x0 = std::max(span.x0, s.c0 - shift);
@@ -135,6 +137,7 @@ void copyRow(const SampleRow& line, const Span& span) {
     const bool kept = line.plainMasks || insideOtherMasks(op.masks, x + 0.5, line.y);
     store4(line.row + size_t(x - region.x) * 4, kept ? fetch(s, line.lut, x + shift, r) : Float4{});
   }
+  return Span{x0, x1};
 }
 
 // Output pixel x sampled bilinearly, wherever it lies.
@@ -205,7 +208,20 @@ void sampleRasterSpan(const SampleRow& line, const Span& span) {
   int x = span.x0;
   double fx = line.sx0 + t.a * x - 0.5 + kOffset,
          fy = line.top - (line.sy0 + t.b * x) - 0.5 + kOffset;
-  for (; x < span.x1; ++x, fx += t.a, fy -= t.b) {
+  // A turned picture is read across its rows, which the processor does not
+  // see coming: the two rows of the taps some pixels ahead are asked for
+  // early, so that they come from memory while this pixel is worked out.
+  constexpr int kAhead = 24;
+  const bool across = t.b != 0;
+  double ax = fx + kAhead * t.a, ay = fy - kAhead * t.b;
+  for (; x < span.x1; ++x, fx += t.a, fy -= t.b, ax += t.a, ay -= t.b) {
+    if (across) {
+      const int ac = std::clamp(static_cast<int>(ax) - kOffset, s.c0, s.c1 - 1);
+      const int ar = std::clamp(static_cast<int>(ay) - kOffset, s.r0, std::max(s.r0, s.r1 - 2));
+      const uint8_t* ahead = bytes + size_t(ar) * stride + size_t(ac) * 4;
+      __builtin_prefetch(ahead);
+      __builtin_prefetch(ahead + stride);
+    }
     const int c = static_cast<int>(fx) - kOffset, r = static_cast<int>(fy) - kOffset;
     if (fx < 0 || fy < 0 || c < s.c0 || c + 1 >= s.c1 || r < s.r0 || r + 1 >= s.r1) {
       samplePixel(line, x);  // near an edge
@@ -222,12 +238,13 @@ void sampleRasterSpan(const SampleRow& line, const Span& span) {
   }
 }
 
-void runSample(const RowOp& op, float* row, double y, const IntRect& region) {
+// Samples the row; returns where it may be other than transparent.
+Span runSample(const RowOp& op, float* row, double y, const IntRect& region) {
   Span span = maskSpan(op.masks, y, region);
   const Source& s = op.source;
   if (s.c1 <= s.c0 || s.r1 <= s.r0) {
     clearOutside(row, region, region.x, region.x);
-    return;
+    return Span{region.x, region.x};
   }
   const AffineTransform& t = op.inverse;
   const SampleRow line{
@@ -245,17 +262,16 @@ void runSample(const RowOp& op, float* row, double y, const IntRect& region) {
     limitSpan(span, line.sx0, t.a, s.c0 - 0.5, s.c1 + 0.5);
     limitSpan(span, line.sy0, t.b, line.top - s.r1 - 0.5, line.top - s.r0 + 0.5);
   }
-  if (op.copy && !s.clamp) {
-    copyRow(line, span);
-    return;
-  }
+  if (op.copy && !s.clamp)
+    return copyRow(line, span);
   clearOutside(row, region, span.x0, span.x1);
   if (line.plainMasks && !s.clamp && s.raster) {
     sampleRasterSpan(line, span);
-    return;
+    return span;
   }
   for (int x = span.x0; x < span.x1; ++x)
     samplePixel(line, x);
+  return span;
 }
 
 constexpr float kLumaR = 0.2125f, kLumaG = 0.7154f, kLumaB = 0.0721f;
@@ -291,27 +307,13 @@ void runMonochrome(const MonochromeOp& mono, float* row, int width) {
 
 // A spotlight on the flat picture.
 void runSpotLight(const SpotLightOp& s, float* row, int width, double x0, double y) {
-  const double ax = s.pointsAt[0] - s.position[0], ay = s.pointsAt[1] - s.position[1],
-               az = s.pointsAt[2] - s.position[2];
-  const double an = std::sqrt(ax * ax + ay * ay + az * az);
-  const float exponent = static_cast<float>(1 / std::max(s.concentration, 0.001));
-  const double ly = s.position[1] - y, lz = s.position[2];
+  thread_local std::vector<float> factors;
+  factors.resize(size_t(width));
+  spotLightFactors(s, x0, y, width, factors.data());
   for (int i = 0; i < width; ++i) {
     float* c = row + size_t(i) * 4;
-    // From the surface point to the light, against the light's axis.
-    const double lx = s.position[0] - (x0 + i);
-    const double ln = std::sqrt(lx * lx + ly * ly + lz * lz);
-    float factor = 0;
-    if (ln > 0 && an > 0) {
-      const double dot = -(lx * ax + ly * ay + lz * az) / (ln * an);
-      const double lambert = lz / ln;
-      if (dot > 0 && lambert > 0) {
-        const float spot = std::exp2(exponent * std::log2(static_cast<float>(dot)));
-        factor = static_cast<float>(s.brightness * lambert) * spot;
-      }
-    }
     for (int n = 0; n < 3; ++n)
-      c[n] *= s.color[n] * factor;
+      c[n] *= s.color[n] * factors[size_t(i)];
   }
 }
 
@@ -405,6 +407,8 @@ void runMask(const RowOp& op, float* row, double y, const IntRect& region) {
   const Span span = maskSpan(op.masks, y, region);
   std::fill(row, row + size_t(span.x0 - region.x) * 4, 0.0f);
   std::fill(row + size_t(span.x1 - region.x) * 4, row + size_t(region.width) * 4, 0.0f);
+  if (std::all_of(op.masks.begin(), op.masks.end(), [](const Mask& m) { return m.axisAligned; }))
+    return;  // the span is all they keep
   for (int x = span.x0; x < span.x1; ++x) {
     if (!insideOtherMasks(op.masks, x + 0.5, y))
       std::fill(row + size_t(x - region.x) * 4, row + size_t(x - region.x + 1) * 4, 0.0f);
@@ -417,16 +421,25 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
   const IntRect& region = program.region;
   const size_t width4 = size_t(region.width) * 4;
   const double y = region.top() - j - 0.5;
+  // Where each register may hold other than transparent pixels, as floats
+  // of the row [first, last): a composite reads no further.
+  thread_local std::vector<std::pair<size_t, size_t>> held;
+  held.assign(size_t(program.registers), {0, width4});
   for (const RowOp& op : program.ops) {
     float* dst = registers.data() + op.dst * width4;
     switch (op.kind) {
-      case RowOp::Kind::kSample:
-        runSample(op, dst, y, region);
+      case RowOp::Kind::kSample: {
+        const Span span = runSample(op, dst, y, region);
+        const int x0 = std::clamp(span.x0, region.x, region.right());
+        const int x1 = std::clamp(span.x1, x0, region.right());
+        held[size_t(op.dst)] = {size_t(x0 - region.x) * 4, size_t(x1 - region.x) * 4};
         break;
+      }
       case RowOp::Kind::kFill: {
         const Float4 color = load4(op.color);
         for (size_t i = 0; i < width4; i += 4)
           store4(dst + i, color);
+        held[size_t(op.dst)] = {0, width4};
         break;
       }
       case RowOp::Kind::kPoint:
@@ -437,7 +450,11 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
         break;
       case RowOp::Kind::kOver: {
         const float* src = registers.data() + op.src * width4;
-        for (size_t i = 0; i < width4; i += 4) {
+        const auto [first, last] = held[size_t(op.src)];
+        auto& mine = held[size_t(op.dst)];
+        if (first < last)
+          mine = {std::min(mine.first, first), std::max(mine.second, last)};
+        for (size_t i = first; i < last; i += 4) {
           if (src[i + 3] == 0)
             continue;
           store4(dst + i, load4(src + i) + load4(dst + i) * (1 - src[i + 3]));
@@ -446,6 +463,7 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
       }
       case RowOp::Kind::kIn: {
         const float* src = registers.data() + op.src * width4;
+        held[size_t(op.dst)] = {0, width4};
         for (size_t i = 0; i < width4; i += 4) {
           const float coverage = dst[i + 3];
           for (int k = 0; k < 4; ++k)
@@ -455,6 +473,42 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
       }
     }
   }
+}
+
+void executeBytes(const Program& program,
+                  const BytePass& pass,
+                  int threads,
+                  uint8_t* out,
+                  size_t stride) {
+  const IntRect& region = program.region;
+  const Source& s = pass.source;
+  const int rows = region.height;
+  const int bands = (rows + kBandRows - 1) / kBandRows;
+  // Output pixel x reads source column x + shift; the row as copyRow finds
+  // it.
+  const int shift = pass.copyDx - static_cast<int>(s.originX);
+  const int x0 = std::clamp(s.c0 - shift, region.x, region.right());
+  const int x1 = std::clamp(s.c1 - shift, x0, region.right());
+  std::shared_ptr<const std::vector<float>> factors;
+  if (pass.table->positional())
+    factors = pass.table->factorsFor(region, threads);
+  parallelFor(bands, threads, [&](int band) {
+    for (int j = band * kBandRows; j < std::min(rows, (band + 1) * kBandRows); ++j) {
+      uint8_t* o = out + size_t(j) * stride;
+      const double y = region.top() - j - 0.5;
+      const int r = static_cast<int>(std::floor(s.height - (y + pass.copyDy - s.originY)));
+      if (r < s.r0 || r >= s.r1 || x1 <= x0) {
+        std::memset(o, 0, size_t(region.width) * 4);
+        continue;
+      }
+      std::memset(o, 0, size_t(x0 - region.x) * 4);
+      std::memset(o + size_t(x1 - region.x) * 4, 0, size_t(region.right() - x1) * 4);
+      const uint8_t* in = s.raster->bytes + size_t(r) * s.raster->stride + size_t(x0 + shift) * 4;
+      const float* rowFactors =
+          factors ? factors->data() + size_t(j) * region.width + (x0 - region.x) : nullptr;
+      pass.table->apply(in, s.raster->bgra, o + size_t(x0 - region.x) * 4, x1 - x0, rowFactors);
+    }
+  });
 }
 
 std::shared_ptr<const PixelBuffer> reduce(const Source& s, int kx, int ky, int threads) {

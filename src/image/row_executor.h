@@ -37,6 +37,14 @@ void execute(const Program& program, int threads, Finish&& finish) {
   });
 }
 
+// Makes the program's result as 8-bit straight-alpha RGBA rows (row j of
+// the region at out + j * stride) by its byte pass, band by band.
+void executeBytes(const Program& program,
+                  const BytePass& pass,
+                  int threads,
+                  uint8_t* out,
+                  size_t stride);
+
 // node's pixels over region, in the layer's own form; stats are added to.
 std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
                                                const IntRect& region,

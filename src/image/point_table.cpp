@@ -1,0 +1,329 @@
+#include "image/point_table.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <variant>
+
+#include "base/parallel.h"
+#include "image/srgb.h"
+
+namespace vn {
+
+// The run as [pre] [monochrome] [post], in double precision; `single` when
+// it is one matrix, whose float coefficients are then kept as they are so
+// that the sums match the float rows term for term.
+struct PointTable::Terms {
+  double pre[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+  double post[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+  bool mono = false;
+  double intensity = 0;
+  double color[3] = {0, 0, 0};
+  const ColorMatrixOp* single = nullptr;
+  const SpotLightOp* spot = nullptr;
+};
+
+namespace {
+
+// The luma weights of the monochrome (as the float rows use them).
+constexpr float kLuma[3] = {0.2125f, 0.7154f, 0.0721f};
+
+void toDouble(const ColorMatrixOp& op, double m[3][4]) {
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 4; ++c)
+      m[r][c] = op.m[r][c];
+}
+
+// The stages in the form the tables hold, or false.
+bool readStages(const std::vector<PointOp>& stages, PointTable::Terms* terms) {
+  enum { kStart, kAfterPre, kAfterMono, kEnd } state = kStart;
+  for (const PointOp& stage : stages) {
+    if (const auto* m = std::get_if<ColorMatrixOp>(&stage)) {
+      if (state == kStart) {
+        toDouble(*m, terms->pre);
+        state = kAfterPre;
+      } else if (state == kAfterMono) {
+        toDouble(*m, terms->post);
+        state = kEnd;
+      } else {
+        return false;
+      }
+    } else if (const auto* mono = std::get_if<MonochromeOp>(&stage)) {
+      if (state != kStart && state != kAfterPre)
+        return false;
+      terms->mono = true;
+      terms->intensity = mono->intensity;
+      for (int n = 0; n < 3; ++n)
+        terms->color[n] = mono->color[n];
+      state = kAfterMono;
+    } else if (const auto* spot = std::get_if<SpotLightOp>(&stage)) {
+      if (state != kStart && state != kAfterPre)
+        return false;
+      terms->spot = spot;
+      state = kEnd;
+    } else {
+      return false;
+    }
+  }
+  if (state == kAfterPre || (terms->spot && stages.size() == 2))
+    terms->single = std::get_if<ColorMatrixOp>(&stages.front());
+  return true;
+}
+
+bool diagonal(const double m[3][4]) {
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 3; ++c)
+      if (r != c && m[r][c] != 0)
+        return false;
+  return true;
+}
+
+// What identifies a run: its stages' kinds and parameters, byte for byte.
+std::string keyOf(const std::vector<PointOp>& stages) {
+  std::string key;
+  for (const PointOp& stage : stages) {
+    key.push_back(static_cast<char>(stage.index()));
+    if (const auto* m = std::get_if<ColorMatrixOp>(&stage))
+      key.append(reinterpret_cast<const char*>(m->m), sizeof m->m);
+    else if (const auto* mono = std::get_if<MonochromeOp>(&stage)) {
+      key.append(reinterpret_cast<const char*>(mono->color), sizeof mono->color);
+      key.append(reinterpret_cast<const char*>(&mono->intensity), sizeof mono->intensity);
+    } else if (const auto* spot = std::get_if<SpotLightOp>(&stage)) {
+      const double numbers[8] = {spot->position[0], spot->position[1],  spot->position[2],
+                                 spot->pointsAt[0], spot->pointsAt[1],  spot->pointsAt[2],
+                                 spot->brightness,  spot->concentration};
+      key.append(reinterpret_cast<const char*>(numbers), sizeof numbers);
+      key.append(reinterpret_cast<const char*>(spot->color), sizeof spot->color);
+    }
+  }
+  return key;
+}
+
+// The encoding of a sum: a table over the float's exponent and its leading
+// mantissa bits (1024 bins per octave from kLowest up to 1), each bin the
+// code of its middle. A bin is at most 1/1024 of its value wide, so a code
+// is off only for a value within a tenth of a code of a rounding boundary,
+// and then by one; below kLowest the code is 0.
+constexpr float kLowest = 1.0f / (1 << 20);
+constexpr int kDropped = 23 - 10;
+const int kFirstBin = std::bit_cast<int32_t>(kLowest) >> kDropped;
+
+const uint8_t* encodeTable() {
+  static const std::vector<uint8_t> table = [] {
+    const int last = std::bit_cast<int32_t>(1.0f) >> kDropped;
+    std::vector<uint8_t> codes(size_t(last - kFirstBin + 1));
+    for (int bin = kFirstBin; bin <= last; ++bin) {
+      const float lo = std::bit_cast<float>(bin << kDropped);
+      const float hi = std::bit_cast<float>((bin + 1) << kDropped);
+      codes[size_t(bin - kFirstBin)] = linearToSrgb(bin == last ? 1.0f : 0.5f * (lo + hi));
+    }
+    return codes;
+  }();
+  return table.data();
+}
+
+}  // namespace
+
+void spotLightFactors(const SpotLightOp& s, double x0, double y, int width, float* out) {
+  const double ax = s.pointsAt[0] - s.position[0], ay = s.pointsAt[1] - s.position[1],
+               az = s.pointsAt[2] - s.position[2];
+  const double an = std::sqrt(ax * ax + ay * ay + az * az);
+  const float exponent = static_cast<float>(1 / std::max(s.concentration, 0.001));
+  const double ly = s.position[1] - y, lz = s.position[2];
+  for (int i = 0; i < width; ++i) {
+    // From the surface point to the light, against the light's axis.
+    const double lx = s.position[0] - (x0 + i);
+    const double ln = std::sqrt(lx * lx + ly * ly + lz * lz);
+    float factor = 0;
+    if (ln > 0 && an > 0) {
+      const double dot = -(lx * ax + ly * ay + lz * az) / (ln * an);
+      const double lambert = lz / ln;
+      if (dot > 0 && lambert > 0) {
+        const float spot = std::exp2(exponent * std::log2(static_cast<float>(dot)));
+        factor = static_cast<float>(s.brightness * lambert) * spot;
+      }
+    }
+    out[i] = factor;
+  }
+}
+
+PointTable::PointTable(const Terms& t) {
+  const float* lin = srgbToLinearTable();
+  spot_ = t.spot != nullptr;
+  if (spot_) {
+    spotLight_ = *t.spot;
+    spotColor_ = Float4{t.spot->color[0], t.spot->color[1], t.spot->color[2], 0};
+  }
+  separable_ = !t.mono && !spot_ && diagonal(t.pre);
+  mono_ = t.mono;
+  if (separable_) {
+    // One channel at a time, as the float rows compute it: m * v + offset
+    // (the other terms are zeros).
+    for (int n = 0; n < 3; ++n) {
+      const float m = t.single ? t.single->m[n][n] : static_cast<float>(t.pre[n][n]);
+      const float off = t.single ? t.single->m[n][3] : static_cast<float>(t.pre[n][3]);
+      const SrgbEncodeTables codes = srgbEncodeTables();
+      for (int v = 0; v < 256; ++v)
+        codes_[n][v] = codes.encode(m * lin[v] + off);
+    }
+    return;
+  }
+  if (t.single) {
+    const auto& m = t.single->m;
+    for (int k = 0; k < 3; ++k) {
+      const Float4 column = {m[0][k], m[1][k], m[2][k], 0};
+      for (int v = 0; v < 256; ++v)
+        terms_[k][v] = column * lin[v];
+    }
+    offset_ = Float4{m[0][3], m[1][3], m[2][3], 0};
+    lowSlope_ = highBase_ = highSlope_ = Float4{0, 0, 0, 0};
+    return;
+  }
+  // c = pre x; u = (1 - t) c + t m(luma(c)), m_j(l) = 2 k_j l below a luma
+  // of 1/2 and (2 k_j - 1) + 2 (1 - k_j) l above; out = post u.
+  const double keep = t.mono ? 1 - t.intensity : 1;
+  double linear[3][3], constant[3];
+  for (int n = 0; n < 3; ++n) {
+    for (int k = 0; k < 3; ++k) {
+      double v = 0;
+      for (int j = 0; j < 3; ++j)
+        v += t.post[n][j] * t.pre[j][k];
+      linear[n][k] = keep * v;
+    }
+    double c = 0;
+    for (int j = 0; j < 3; ++j)
+      c += t.post[n][j] * t.pre[j][3];
+    constant[n] = keep * c + t.post[n][3];
+  }
+  double luma[4] = {0, 0, 0, 0};
+  for (int k = 0; k < 4; ++k)
+    for (int j = 0; j < 3; ++j)
+      luma[k] += kLuma[j] * t.pre[j][k];
+  for (int k = 0; k < 3; ++k) {
+    for (int v = 0; v < 256; ++v) {
+      Float4 term;
+      for (int n = 0; n < 3; ++n)
+        term[n] = static_cast<float>(linear[n][k] * lin[v]);
+      term[3] = t.mono ? static_cast<float>(luma[k] * lin[v]) : 0.0f;
+      terms_[k][v] = term;
+    }
+  }
+  offset_ = Float4{float(constant[0]), float(constant[1]), float(constant[2]), float(luma[3])};
+  lowSlope_ = highBase_ = highSlope_ = Float4{0, 0, 0, 0};
+  for (int n = 0; n < 3 && t.mono; ++n) {
+    double low = 0, base = 0, slope = 0;
+    for (int j = 0; j < 3; ++j) {
+      low += t.post[n][j] * 2 * t.color[j];
+      base += t.post[n][j] * (2 * t.color[j] - 1);
+      slope += t.post[n][j] * 2 * (1 - t.color[j]);
+    }
+    lowSlope_[n] = static_cast<float>(t.intensity * low);
+    highBase_[n] = static_cast<float>(t.intensity * base);
+    highSlope_[n] = static_cast<float>(t.intensity * slope);
+  }
+}
+
+std::shared_ptr<const PointTable> PointTable::forStages(const std::vector<PointOp>& stages) {
+  Terms terms;
+  if (!readStages(stages, &terms))
+    return nullptr;
+  // The last few runs, the newest last: a movie renders the same settings
+  // picture after picture.
+  static std::mutex mutex;
+  static std::vector<std::pair<std::string, std::shared_ptr<const PointTable>>> recent;
+  constexpr size_t kKept = 16;
+  std::string key = keyOf(stages);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (auto it = recent.begin(); it != recent.end(); ++it) {
+      if (it->first == key) {
+        auto found = std::move(*it);
+        recent.erase(it);
+        recent.push_back(found);
+        return found.second;
+      }
+    }
+  }
+  auto table = std::make_shared<const PointTable>(terms);
+  std::lock_guard<std::mutex> lock(mutex);
+  if (recent.size() >= kKept)
+    recent.erase(recent.begin());
+  recent.emplace_back(std::move(key), table);
+  return table;
+}
+
+void PointTable::applySeparable(const uint8_t* in, bool bgra, uint8_t* out, int n) const {
+  const int ri = bgra ? 2 : 0;
+  for (int i = 0; i < n; ++i, in += 4, out += 4) {
+    const uint8_t a = in[3];
+    const uint8_t r = in[ri], g = in[1], b = in[2 - ri];
+    if (a == 0) {
+      out[0] = out[1] = out[2] = out[3] = 0;
+      continue;
+    }
+    out[0] = codes_[0][r];
+    out[1] = codes_[1][g];
+    out[2] = codes_[2][b];
+    out[3] = a;
+  }
+}
+
+std::shared_ptr<const std::vector<float>> PointTable::factorsFor(const IntRect& region,
+                                                                 int threads) const {
+  std::lock_guard<std::mutex> lock(factorsMutex_);
+  if (factors_ && factorsRegion_ == region)
+    return factors_;
+  auto factors = std::make_shared<std::vector<float>>(size_t(region.width) * region.height);
+  parallelFor(region.height, threads, [&](int j) {
+    spotLightFactors(spotLight_, region.x + 0.5, region.top() - j - 0.5, region.width,
+                     factors->data() + size_t(j) * region.width);
+  });
+  factorsRegion_ = region;
+  factors_ = factors;
+  return factors_;
+}
+
+void PointTable::apply(const uint8_t* in,
+                       bool bgra,
+                       uint8_t* out,
+                       int n,
+                       const float* factors) const {
+  if (separable_) {
+    applySeparable(in, bgra, out, n);
+    return;
+  }
+  const int ri = bgra ? 2 : 0;
+  const uint8_t* encode = encodeTable();
+  typedef int32_t Int4 __attribute__((vector_size(16)));
+  const Float4 lowest = {kLowest, kLowest, kLowest, kLowest}, one = {1, 1, 1, 1};
+  for (int i = 0; i < n; ++i, in += 4, out += 4) {
+    const uint8_t a = in[3];
+    if (a == 0) {
+      out[0] = out[1] = out[2] = out[3] = 0;
+      continue;
+    }
+    Float4 s = terms_[0][in[ri]] + terms_[1][in[1]] + terms_[2][in[2 - ri]] + offset_;
+    if (mono_) {
+      const float luma = s[3];
+      s += luma < 0.5f ? lowSlope_ * luma : highBase_ + highSlope_ * luma;
+    }
+    if (spot_)
+      s *= spotColor_ * factors[i];
+    // Into [kLowest, 1] (NaN to kLowest), then the table's bin.
+    s = s > lowest ? s : lowest;
+    s = s < one ? s : one;
+    Int4 bin;
+    std::memcpy(&bin, &s, sizeof bin);
+    bin = (bin >> kDropped) - kFirstBin;
+    out[0] = encode[bin[0]];
+    out[1] = encode[bin[1]];
+    out[2] = encode[bin[2]];
+    out[3] = a;
+  }
+}
+
+}  // namespace vn
