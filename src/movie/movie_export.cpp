@@ -18,6 +18,9 @@ extern "C" {
 
 #include "core/formats.h"
 #include "ffmpeg/owners.h"
+#include "image/affine_transform.h"
+#include "image/filter_image.h"
+#include "image/rect.h"
 #include "media/media.h"
 #include "media/media_source.h"
 #include "media/media_stream.h"
@@ -26,6 +29,7 @@ extern "C" {
 #include "movie/movie.h"
 #include "movie/picture_queue.h"
 #include "output/movie_file_output.h"
+#include "text/styled_subtitles.h"
 
 namespace {
 
@@ -427,7 +431,8 @@ void VNFFMovieExport::writeVideo() {
   // queue decodes and composes the next picture while this thread renders
   // and encodes the current one.
   std::optional<VNFFPictureQueue> pictures;
-  if (pictures_ == kComposed) {
+  overlays_ = pictures_ == kDecodedWithSubtitles && overlaysSubtitles();
+  if (pictures_ == kComposed || (pictures_ == kDecodedWithSubtitles && !overlays_)) {
     movie_->setOutputVideoSize(vn::Size{double(format_.width), double(format_.height)});
     pictures.emplace(movie_, 1, VNFFPictureQueue::kComposed, VNFFPictureQueue::kImage);
     pictures->request(0, frameTime(0));
@@ -465,8 +470,93 @@ void VNFFMovieExport::writeDecodedFrame(int64_t n) {
   }
   if (!shown)
     shown = video_;
-  if (AVFrame* frame = shown->videoFrameAtTime(at - shown->movie_position()))
+  AVFrame* frame = shown->videoFrameAtTime(at - shown->movie_position());
+  if (!frame)
+    return;
+  if (overlays_)
+    writer_->writeVideoFrame(frame, subtitleOverlays(at, shown, frame));
+  else
     writer_->writeVideoFrame(frame);
+}
+
+bool VNFFMovieExport::overlaysSubtitles() {
+  const std::optional<VNFFFrameOverlay::Layout> layout = writer_->overlayLayout();
+  if (!layout)
+    return false;
+  overlayLayout_ = *layout;
+  const std::shared_ptr<VNFFMedia> subtitle = movie_->subtitle();
+  if (!subtitle)
+    return true;
+  // The plain renderer's text is drawn only by the composed path.
+  if (!movie_->styledSubtitles())
+    return false;
+  textRenderer_ = movie_->styledRendererFor(subtitle);
+  return textRenderer_ != nullptr;
+}
+
+const std::vector<VNFFFrameOverlay>& VNFFMovieExport::subtitleOverlays(
+    int64_t at,
+    const std::shared_ptr<VNFFMedia>& media,
+    const AVFrame* frame) {
+  const VNFFFrameOverlay::Layout& layout = overlayLayout_;
+  // A delayed subtitle shows at `at` what its own times put earlier.
+  const int64_t t = at - movie_->subtitleDelay();
+  OverlaySource source;
+  std::optional<vn::SubtitleRaster> text;
+  if (const std::shared_ptr<VNFFMedia> subtitle = textRenderer_ ? movie_->subtitle() : nullptr) {
+    const int64_t local = t - subtitle->movie_position();
+    textRenderer_->addEvents(subtitle->subtitleEventsUntil(local));
+    // Milliseconds, rounded down as the composed path rounds them.
+    const int64_t ms = local >= 0 ? local / 1000 : (local - 999) / 1000;
+    text = textRenderer_->rasterAtTime(ms, layout.width, layout.height);
+    if (text)
+      source.text = text->rgba;
+  }
+  // A bitmap subtitle belongs to its picture: it is scaled as the writer
+  // scales the frame.
+  std::optional<vn::FilterImage> bitmap = media->subtitleAtTime(t - media->movie_position());
+  if (bitmap && frame->width > 0 && frame->height > 0) {
+    const vn::Rect extent = bitmap->extent();
+    source.bitmapPts = media->subtitleStream()->frame()->pts;
+    source.bitmapX = extent.x, source.bitmapY = extent.y;
+    source.bitmapWidth = extent.width, source.bitmapHeight = extent.height;
+    source.pictureWidth = frame->width, source.pictureHeight = frame->height;
+  } else {
+    bitmap.reset();
+  }
+  if (source == overlaySource_)
+    return overlaysShown_;
+  overlaySource_ = source;
+  overlaysShown_.clear();
+  if (bitmap) {
+    const vn::FilterImage scaled = bitmap->transformed(
+        vn::AffineTransform::identity().scaled(static_cast<double>(layout.width) / frame->width,
+                                               static_cast<double>(layout.height) / frame->height));
+    const vn::Rect e = scaled.extent();
+    // Whole pixels inside the frame; the picture's y goes up, the frame's
+    // rows down.
+    const int left = std::max(0, static_cast<int>(std::floor(e.x)));
+    const int right = std::min(layout.width, static_cast<int>(std::ceil(e.x + e.width)));
+    const int bottom = std::max(0, static_cast<int>(std::floor(e.y)));
+    const int top = std::min(layout.height, static_cast<int>(std::ceil(e.y + e.height)));
+    if (left < right && bottom < top) {
+      const int w = right - left, h = top - bottom;
+      const std::vector<uint8_t> pixels = scaled.render(
+          vn::Rect{static_cast<double>(left), static_cast<double>(bottom), double(w), double(h)});
+      if (pixels.size() == static_cast<size_t>(w) * h * 4) {
+        if (std::optional<VNFFFrameOverlay> overlay = VNFFFrameOverlay::make(
+                pixels.data(), w * 4, left, layout.height - top, w, h, layout))
+          overlaysShown_.push_back(std::move(*overlay));
+      }
+    }
+  }
+  if (text) {
+    if (std::optional<VNFFFrameOverlay> overlay =
+            VNFFFrameOverlay::make(text->rgba->data(), text->width * 4, text->x, text->y,
+                                   text->width, text->height, layout))
+      overlaysShown_.push_back(std::move(*overlay));
+  }
+  return overlaysShown_;
 }
 
 void VNFFMovieExport::writeAudioUntil(int64_t frames) {

@@ -69,7 +69,14 @@ void VNFFMovieFileOutput::writeAudioData(const void* bytes, uint64_t length) {
   internal_->writeAudioData(bytes, length);
 }
 void VNFFMovieFileOutput::writeVideoFrame(const AVFrame* frame) {
-  internal_->writeVideoFrame(frame);
+  internal_->writeVideoFrame(frame, {});
+}
+void VNFFMovieFileOutput::writeVideoFrame(const AVFrame* frame,
+                                          const std::vector<VNFFFrameOverlay>& overlays) {
+  internal_->writeVideoFrame(frame, overlays);
+}
+std::optional<VNFFFrameOverlay::Layout> VNFFMovieFileOutput::overlayLayout() const {
+  return internal_->overlayLayout();
 }
 void VNFFMovieFileOutput::writeImage(const vn::BitmapImage& image) {
   internal_->writeImage(image);
