@@ -122,7 +122,7 @@ class VNFFMovieFileOutputInternal {
   // it with the next video timestamp (in the video time base
   // frameTime/framerate). A frame lasts one frameTime; duration is in ticks
   // of framerate.
-  void writeVideoFrame(const AVFrame* frame, const std::vector<VNFFFrameOverlay>& overlays);
+  void writeVideoFrame(const AVFrame* frame, const std::vector<VNFFFrameOverlay>& overlays = {});
   std::optional<VNFFFrameOverlay::Layout> overlayLayout() const;
   void writeImage(const vn::BitmapImage& image);
   void writeImage(const vn::FilterImage& image);
