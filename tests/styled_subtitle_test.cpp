@@ -172,6 +172,61 @@ TEST(StyledSubtitleTest, ADelayMovesEveryCue) {
   EXPECT_GE(psnr(frame(clip, 1.6, "854x480", earlier), plain), 50);
 }
 
+// A convert whose only change to the picture is the subtitles lays them over the scaled frames:
+// the frames that carry a cue are as many as ffmpeg's subtitles filter draws it on, from the same
+// first frame unless the cue starts at a frame's middle, and they look alike.
+TEST(StyledSubtitleTest, AConvertCarriesEachCueOnTheFramesFfmpegDrawsItOn) {
+  const std::string clip = fixture("styled_clip.mp4"), srt = fixture("styled.srt");
+  const std::string out = scratch("cues.mkv");
+  std::remove(out.c_str());
+  // 0.6 to 3.8 s: the first cue (1.0 to 2.0 s) and the second (2.5 to 3.5 s) whole.
+  const vn::test::CommandResult r =
+      runVarnel({"convert", clip, out, "--start", "0.6", "--duration", "3.2", "--size", "320x180",
+                 "--no-audio", "--vcodec", "h264", "--crf", "10", "--subtitles", srt});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<Raster> ours = vn::test::readPictures(out, "null");
+  const std::string scale = "scale=320:180,format=rgb24,";
+  const std::string span = ",trim=start=0.6:end=3.8";
+  const std::vector<Raster> theirs =
+      vn::test::readPictures(clip, scale + "subtitles=" + srt + span);
+  const std::vector<Raster> plain = vn::test::readPictures(clip, scale + "null" + span);
+  ASSERT_EQ(ours.size(), 80u);
+  ASSERT_EQ(theirs.size(), ours.size());
+  ASSERT_EQ(plain.size(), ours.size());
+  std::vector<size_t> carryOurs, carryTheirs;
+  for (size_t i = 0; i < ours.size(); ++i) {
+    if (psnr(ours[i], plain[i]) < 35)
+      carryOurs.push_back(i);
+    if (psnr(theirs[i], plain[i]) < 35) {
+      carryTheirs.push_back(i);
+      if (i != 47 && i != 72) {
+        EXPECT_GE(psnr(ours[i], theirs[i]), 30) << "frame " << i;
+      }
+    }
+  }
+  // 25 frames a cue. The first cue starts on a frame's start (1.0 s) and is on frames 10 to 34
+  // in both. The second starts at 2.5 s, the middle of frame 47 (2.48 to 2.52 s): convert takes
+  // each frame's picture and subtitle at its middle and shows it there, ffmpeg at the frame's
+  // start and from frame 48; each carries it on 25 frames.
+  const auto cue = [](const std::vector<size_t>& frames, size_t from, size_t to) {
+    std::vector<size_t> in;
+    for (const size_t i : frames) {
+      if (i >= from && i <= to)
+        in.push_back(i);
+    }
+    return in;
+  };
+  std::vector<size_t> first(25), second(25);
+  for (size_t i = 0; i < 25; ++i)
+    first[i] = 10 + i, second[i] = 47 + i;
+  EXPECT_EQ(cue(carryOurs, 0, 40), first);
+  EXPECT_EQ(cue(carryTheirs, 0, 40), first);
+  EXPECT_EQ(cue(carryOurs, 41, 79), second);
+  for (size_t& i : second)
+    ++i;
+  EXPECT_EQ(cue(carryTheirs, 41, 79), second);
+}
+
 // Display sets without an end time stay up until the next set of the track, which clears them;
 // ones with an end time keep it.
 TEST(StyledSubtitleTest, BitmapSubtitlesWithoutAnEndStayUpUntilTheNextSet) {
