@@ -28,6 +28,7 @@ extern "C" {
 #include "movie/export_packets.h"
 #include "movie/movie.h"
 #include "movie/picture_queue.h"
+#include "output/frame_overlay.h"
 #include "output/movie_file_output.h"
 #include "text/styled_subtitles.h"
 
@@ -111,6 +112,23 @@ vn::ff::Dictionary keptTags(const AVDictionary* tags) {
 }
 
 }  // namespace
+
+// The state of subtitles laid over decoded frames: the layout of the
+// encoder's pictures, the text renderer, and the overlays made last with
+// what they were made from, kept while the same pictures show.
+struct VNFFMovieExport::SubtitleOverlays {
+  VNFFOverlayLayout layout;
+  std::shared_ptr<vn::StyledSubtitleRenderer> text;
+  struct Source {
+    std::shared_ptr<const std::vector<uint8_t>> text;  // the renderer's pixels
+    int64_t bitmapPts = INT64_MIN;
+    double bitmapX = 0, bitmapY = 0, bitmapWidth = 0, bitmapHeight = 0;
+    int pictureWidth = 0, pictureHeight = 0;
+    bool operator==(const Source&) const = default;
+  };
+  Source source;
+  std::vector<VNFFFrameOverlay> shown;
+};
 
 VNFFMovieExport::VNFFMovieExport(std::shared_ptr<VNFFMovie> movie,
                                  const VNFFMovieFileOutputFormat& format,
@@ -431,8 +449,8 @@ void VNFFMovieExport::writeVideo() {
   // queue decodes and composes the next picture while this thread renders
   // and encodes the current one.
   std::optional<VNFFPictureQueue> pictures;
-  overlays_ = pictures_ == kDecodedWithSubtitles && overlaysSubtitles();
-  if (pictures_ == kComposed || (pictures_ == kDecodedWithSubtitles && !overlays_)) {
+  const bool overlays = pictures_ == kDecodedWithSubtitles && overlaysSubtitles();
+  if (pictures_ == kComposed || (pictures_ == kDecodedWithSubtitles && !overlays)) {
     movie_->setOutputVideoSize(vn::Size{double(format_.width), double(format_.height)});
     pictures.emplace(movie_, 1, VNFFPictureQueue::kComposed, VNFFPictureQueue::kImage);
     pictures->request(0, frameTime(0));
@@ -473,42 +491,45 @@ void VNFFMovieExport::writeDecodedFrame(int64_t n) {
   AVFrame* frame = shown->videoFrameAtTime(at - shown->movie_position());
   if (!frame)
     return;
-  if (overlays_)
-    writer_->writeVideoFrame(frame, subtitleOverlays(at, shown, frame));
-  else
+  if (overlays_) {
+    makeSubtitleOverlays(at, shown, frame);
+    writer_->writeVideoFrame(frame, overlays_->shown);
+  } else {
     writer_->writeVideoFrame(frame);
+  }
 }
 
 bool VNFFMovieExport::overlaysSubtitles() {
-  const std::optional<VNFFFrameOverlay::Layout> layout = writer_->overlayLayout();
-  if (!layout)
+  auto overlays = std::make_unique<SubtitleOverlays>();
+  if (!writer_->overlayLayout(&overlays->layout))
     return false;
-  overlayLayout_ = *layout;
-  const std::shared_ptr<VNFFMedia> subtitle = movie_->subtitle();
-  if (!subtitle)
-    return true;
-  // The plain renderer's text is drawn only by the composed path.
-  if (!movie_->styledSubtitles())
-    return false;
-  textRenderer_ = movie_->styledRendererFor(subtitle);
-  return textRenderer_ != nullptr;
+  if (const std::shared_ptr<VNFFMedia> subtitle = movie_->subtitle()) {
+    // The plain renderer's text is drawn only by the composed path.
+    if (!movie_->styledSubtitles())
+      return false;
+    overlays->text = movie_->styledRendererFor(subtitle);
+    if (!overlays->text)
+      return false;
+  }
+  overlays_ = std::move(overlays);
+  return true;
 }
 
-const std::vector<VNFFFrameOverlay>& VNFFMovieExport::subtitleOverlays(
-    int64_t at,
-    const std::shared_ptr<VNFFMedia>& media,
-    const AVFrame* frame) {
-  const VNFFFrameOverlay::Layout& layout = overlayLayout_;
+void VNFFMovieExport::makeSubtitleOverlays(int64_t at,
+                                           const std::shared_ptr<VNFFMedia>& media,
+                                           const AVFrame* frame) {
+  SubtitleOverlays& o = *overlays_;
+  const VNFFOverlayLayout& layout = o.layout;
   // A delayed subtitle shows at `at` what its own times put earlier.
   const int64_t t = at - movie_->subtitleDelay();
-  OverlaySource source;
+  SubtitleOverlays::Source source;
   std::optional<vn::SubtitleRaster> text;
-  if (const std::shared_ptr<VNFFMedia> subtitle = textRenderer_ ? movie_->subtitle() : nullptr) {
+  if (const std::shared_ptr<VNFFMedia> subtitle = o.text ? movie_->subtitle() : nullptr) {
     const int64_t local = t - subtitle->movie_position();
-    textRenderer_->addEvents(subtitle->subtitleEventsUntil(local));
+    o.text->addEvents(subtitle->subtitleEventsUntil(local));
     // Milliseconds, rounded down as the composed path rounds them.
     const int64_t ms = local >= 0 ? local / 1000 : (local - 999) / 1000;
-    text = textRenderer_->rasterAtTime(ms, layout.width, layout.height);
+    text = o.text->rasterAtTime(ms, layout.width, layout.height);
     if (text)
       source.text = text->rgba;
   }
@@ -524,10 +545,10 @@ const std::vector<VNFFFrameOverlay>& VNFFMovieExport::subtitleOverlays(
   } else {
     bitmap.reset();
   }
-  if (source == overlaySource_)
-    return overlaysShown_;
-  overlaySource_ = source;
-  overlaysShown_.clear();
+  if (source == o.source)
+    return;
+  o.source = source;
+  o.shown.clear();
   if (bitmap) {
     const vn::FilterImage scaled = bitmap->transformed(
         vn::AffineTransform::identity().scaled(static_cast<double>(layout.width) / frame->width,
@@ -546,7 +567,7 @@ const std::vector<VNFFFrameOverlay>& VNFFMovieExport::subtitleOverlays(
       if (pixels.size() == static_cast<size_t>(w) * h * 4) {
         if (std::optional<VNFFFrameOverlay> overlay = VNFFFrameOverlay::make(
                 pixels.data(), w * 4, left, layout.height - top, w, h, layout))
-          overlaysShown_.push_back(std::move(*overlay));
+          o.shown.push_back(std::move(*overlay));
       }
     }
   }
@@ -554,9 +575,8 @@ const std::vector<VNFFFrameOverlay>& VNFFMovieExport::subtitleOverlays(
     if (std::optional<VNFFFrameOverlay> overlay =
             VNFFFrameOverlay::make(text->rgba->data(), text->width * 4, text->x, text->y,
                                    text->width, text->height, layout))
-      overlaysShown_.push_back(std::move(*overlay));
+      o.shown.push_back(std::move(*overlay));
   }
-  return overlaysShown_;
 }
 
 void VNFFMovieExport::writeAudioUntil(int64_t frames) {

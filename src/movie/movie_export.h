@@ -39,7 +39,6 @@
 #include <vector>
 
 #include "media/index_set.h"
-#include "output/frame_overlay.h"
 #include "output/output_format.h"
 
 class VNFFMedia;
@@ -47,9 +46,6 @@ class VNFFMovie;
 class VNFFMovieFileOutput;
 class VNFFExportPackets;
 struct AVFrame;
-namespace vn {
-class StyledSubtitleRenderer;
-}
 
 class VNFFMovieExport {
  public:
@@ -191,10 +187,10 @@ class VNFFMovieExport {
   // kDecodedWithSubtitles); sets up the text renderer when they can.
   bool overlaysSubtitles();
   // The subtitles shown at movie time `at` over picture `frame` of media,
-  // as overlays in the encoder's layout (none when nothing is shown).
-  const std::vector<VNFFFrameOverlay>& subtitleOverlays(int64_t at,
-                                                        const std::shared_ptr<VNFFMedia>& media,
-                                                        const AVFrame* frame);
+  // laid into the subtitle overlays' list (empty when nothing is shown).
+  void makeSubtitleOverlays(int64_t at,
+                            const std::shared_ptr<VNFFMedia>& media,
+                            const AVFrame* frame);
   void writeAudioUntil(int64_t frames);
   // Everything up to `seconds` into the span without video frames: audio
   // and packets, for a file whose video is copied or absent.
@@ -240,21 +236,10 @@ class VNFFMovieExport {
   int64_t audioTotal_ = 0;    // sample frames to write
   int64_t audioFrames_ = 0;   // written
   std::vector<float> audio_;  // one chunk of mixed audio
-  // Subtitles over decoded frames: whether they are laid, the layout of the
-  // encoder's pictures, the text renderer, and the overlays made last with
-  // what they were made from, kept while the same pictures show.
-  bool overlays_ = false;
-  VNFFFrameOverlay::Layout overlayLayout_;
-  std::shared_ptr<vn::StyledSubtitleRenderer> textRenderer_;
-  struct OverlaySource {
-    std::shared_ptr<const std::vector<uint8_t>> text;  // the renderer's pixels
-    int64_t bitmapPts = INT64_MIN;
-    double bitmapX = 0, bitmapY = 0, bitmapWidth = 0, bitmapHeight = 0;
-    int pictureWidth = 0, pictureHeight = 0;
-    bool operator==(const OverlaySource&) const = default;
-  };
-  OverlaySource overlaySource_;
-  std::vector<VNFFFrameOverlay> overlaysShown_;
+  // Subtitles laid over decoded frames: set up by overlaysSubtitles, null
+  // when the pictures take none.
+  struct SubtitleOverlays;
+  std::unique_ptr<SubtitleOverlays> overlays_;
   std::chrono::steady_clock::time_point began_;
   std::chrono::steady_clock::time_point reported_;
   double reportedSeconds_ = 0;

@@ -17,17 +17,19 @@
 #include <optional>
 #include <vector>
 
+// How the frames an overlay is laid on are laid out.
+struct VNFFOverlayLayout {
+  int pix_fmt = -1;  // an AVPixelFormat
+  int width = 0;
+  int height = 0;
+  int matrix = -1;  // an AVColorSpace; anything unknown is read as BT.601
+  bool fullRange = false;
+  bool operator==(const VNFFOverlayLayout&) const = default;
+};
+
 class VNFFFrameOverlay {
  public:
-  // How the frames the overlay is laid on are laid out.
-  struct Layout {
-    int pix_fmt = -1;  // an AVPixelFormat
-    int width = 0;
-    int height = 0;
-    int matrix = -1;  // an AVColorSpace; anything unknown is read as BT.601
-    bool fullRange = false;
-    bool operator==(const Layout&) const = default;
-  };
+  using Layout = VNFFOverlayLayout;
 
   // Whether frames of pix_fmt can take an overlay.
   static bool supports(int pix_fmt);

@@ -1,5 +1,7 @@
 #include "output/movie_file_output.h"
 
+#include "output/frame_overlay.h"
+
 #include <new>
 
 #include "output/movie_file_output_internal.h"
@@ -75,8 +77,11 @@ void VNFFMovieFileOutput::writeVideoFrame(const AVFrame* frame,
                                           const std::vector<VNFFFrameOverlay>& overlays) {
   internal_->writeVideoFrame(frame, overlays);
 }
-std::optional<VNFFFrameOverlay::Layout> VNFFMovieFileOutput::overlayLayout() const {
-  return internal_->overlayLayout();
+bool VNFFMovieFileOutput::overlayLayout(VNFFOverlayLayout* layout) const {
+  const std::optional<VNFFOverlayLayout> taken = internal_->overlayLayout();
+  if (taken)
+    *layout = *taken;
+  return taken.has_value();
 }
 void VNFFMovieFileOutput::writeImage(const vn::BitmapImage& image) {
   internal_->writeImage(image);

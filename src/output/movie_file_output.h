@@ -16,12 +16,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "core/formats.h"
-#include "output/frame_overlay.h"
 #include "output/output_format.h"
 
 namespace vn {
@@ -30,7 +28,9 @@ class BitmapImage;
 class FilterImage;
 }  // namespace vn
 
+class VNFFFrameOverlay;
 class VNFFMovieFileOutputInternal;
+struct VNFFOverlayLayout;
 struct AVCodecParameters;
 struct AVDictionary;
 struct AVFrame;
@@ -99,9 +99,9 @@ class VNFFMovieFileOutput {
   void writeVideoFrame(const AVFrame* frame, const std::vector<VNFFFrameOverlay>& overlays);
   // How the pictures given to the encoder are laid out (its size and pixel
   // format, the YUV matrix and range they are written with), for overlays
-  // made to be laid over them; none before startOutput, without video, or
+  // made to be laid over them; false before startOutput, without video, or
   // when the encoder's pixel format takes no overlay.
-  std::optional<VNFFFrameOverlay::Layout> overlayLayout() const;
+  bool overlayLayout(VNFFOverlayLayout* layout) const;
 
   // Each picture lasts one frame (frameTime ticks of framerate), or
   // duration ticks of framerate.
