@@ -1,5 +1,5 @@
 // Overlays laid over YUV frames: the colours in the frame's matrix and range, the coverage of
-// each chroma sample, the edges of the frame, and the formats that take none.
+// each chroma sample, and the edges of the frame.
 #include "output/frame_overlay.h"
 
 #include <gtest/gtest.h>
@@ -104,16 +104,6 @@ TEST(FrameOverlayTest, ChromaTakesTheMeanCoverageOfThePixelsItStandsFor) {
     EXPECT_NEAR(frame.V(0, 0), 255 * (1 - a) + 128 * a, 1);
     EXPECT_EQ(frame.U(1, 1), 0);
   }
-  // 4:2:2 halves chroma across only: a white pixel pair on one row covers its sample whole.
-  const std::vector<uint8_t> pair = solid(2, 1, 255, 255, 255, 255);
-  const auto overlay = VNFFFrameOverlay::make(
-      pair.data(), 8, 2, 1, 2, 1, layout(AV_PIX_FMT_YUV422P, 4, 2, AVCOL_SPC_BT709, false));
-  ASSERT_TRUE(overlay);
-  Planes frame(4, 2, 1, 0, 16, 0, 0);
-  frame.blend(*overlay);
-  EXPECT_EQ(frame.U(1, 1), 128);
-  EXPECT_EQ(frame.U(1, 0), 0);
-  EXPECT_EQ(frame.U(0, 1), 0);
 }
 
 TEST(FrameOverlayTest, ThePartOutsideTheFrameIsLeftOutAndOddSizesKeepTheirLastSamples) {
@@ -136,15 +126,4 @@ TEST(FrameOverlayTest, ThePartOutsideTheFrameIsLeftOutAndOddSizesKeepTheirLastSa
   const auto l = layout(AV_PIX_FMT_YUV420P, 5, 5, AVCOL_SPC_BT709, true);
   EXPECT_FALSE(VNFFFrameOverlay::make(rgba.data(), 16, 5, 0, 4, 4, l));
   EXPECT_FALSE(VNFFFrameOverlay::make(rgba.data(), 16, -4, 0, 4, 4, l));
-}
-
-TEST(FrameOverlayTest, OnlyPlanarEightBitYuvTakesAnOverlay) {
-  for (const AVPixelFormat format : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_YUVJ420P, AV_PIX_FMT_YUV422P,
-                                     AV_PIX_FMT_YUV444P, AV_PIX_FMT_YUV440P, AV_PIX_FMT_YUVA420P})
-    EXPECT_TRUE(VNFFFrameOverlay::supports(format)) << format;
-  for (const AVPixelFormat format :
-       {AV_PIX_FMT_NV12, AV_PIX_FMT_RGB24, AV_PIX_FMT_RGBA, AV_PIX_FMT_YUV420P10LE,
-        AV_PIX_FMT_YUV410P, AV_PIX_FMT_YUV411P, AV_PIX_FMT_GRAY8, AV_PIX_FMT_PAL8,
-        AV_PIX_FMT_YUYV422, AV_PIX_FMT_GBRP})
-    EXPECT_FALSE(VNFFFrameOverlay::supports(format)) << format;
 }
