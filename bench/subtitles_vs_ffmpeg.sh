@@ -72,8 +72,8 @@ measure() { # label, command...: appends "seconds kilobytes" to $tmp/label.all
 median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 
-varnel_args=(--size "$size" --vcodec h264 --acodec aac --vbitrate "$vb" --abitrate 192000
-  --sample-rate 48000 --duration "$seconds")
+varnel_args=(--size "$size" --vcodec h264 --preset fast --keyint 12 --acodec aac --vbitrate "$vb"
+  --abitrate 192000 --sample-rate 48000 --duration "$seconds")
 ffmpeg_args=(-c:v libx264 -preset fast -profile:v main -g 12 -b:v "$vb" -pix_fmt yuv420p
   -c:a aac -b:a 192k -ar 48000 -ac 2)
 style="FontName=DejaVu Sans,FontSize=19.2,Outline=0.8,Shadow=0"

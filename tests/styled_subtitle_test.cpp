@@ -2,6 +2,8 @@
 // filter (both draw with libass), and bitmap subtitles that carry no end time.
 
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -172,6 +174,61 @@ TEST(StyledSubtitleTest, ADelayMovesEveryCue) {
   EXPECT_GE(psnr(frame(clip, 1.6, "854x480", earlier), plain), 50);
 }
 
+// A convert whose only change to the picture is the subtitles lays them over the scaled frames:
+// the frames that carry a cue are as many as ffmpeg's subtitles filter draws it on, from the same
+// first frame unless the cue starts at a frame's middle, and they look alike.
+TEST(StyledSubtitleTest, AConvertCarriesEachCueOnTheFramesFfmpegDrawsItOn) {
+  const std::string clip = fixture("styled_clip.mp4"), srt = fixture("styled.srt");
+  const std::string out = scratch("cues.mkv");
+  std::remove(out.c_str());
+  // 0.6 to 3.8 s: the first cue (1.0 to 2.0 s) and the second (2.5 to 3.5 s) whole.
+  const vn::test::CommandResult r =
+      runVarnel({"convert", clip, out, "--start", "0.6", "--duration", "3.2", "--size", "320x180",
+                 "--no-audio", "--vcodec", "h264", "--crf", "10", "--subtitles", srt});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<Raster> ours = vn::test::readPictures(out, "null");
+  const std::string scale = "scale=320:180,format=rgb24,";
+  const std::string span = ",trim=start=0.6:end=3.8";
+  const std::vector<Raster> theirs =
+      vn::test::readPictures(clip, scale + "subtitles=" + srt + span);
+  const std::vector<Raster> plain = vn::test::readPictures(clip, scale + "null" + span);
+  ASSERT_EQ(ours.size(), 80u);
+  ASSERT_EQ(theirs.size(), ours.size());
+  ASSERT_EQ(plain.size(), ours.size());
+  std::vector<size_t> carryOurs, carryTheirs;
+  for (size_t i = 0; i < ours.size(); ++i) {
+    if (psnr(ours[i], plain[i]) < 35)
+      carryOurs.push_back(i);
+    if (psnr(theirs[i], plain[i]) < 35) {
+      carryTheirs.push_back(i);
+      if (i != 47 && i != 72) {
+        EXPECT_GE(psnr(ours[i], theirs[i]), 30) << "frame " << i;
+      }
+    }
+  }
+  // 25 frames a cue. The first cue starts on a frame's start (1.0 s) and is on frames 10 to 34
+  // in both. The second starts at 2.5 s, the middle of frame 47 (2.48 to 2.52 s): convert takes
+  // each frame's picture and subtitle at its middle and shows it there, ffmpeg at the frame's
+  // start and from frame 48; each carries it on 25 frames.
+  const auto cue = [](const std::vector<size_t>& frames, size_t from, size_t to) {
+    std::vector<size_t> in;
+    for (const size_t i : frames) {
+      if (i >= from && i <= to)
+        in.push_back(i);
+    }
+    return in;
+  };
+  std::vector<size_t> first(25), second(25);
+  for (size_t i = 0; i < 25; ++i)
+    first[i] = 10 + i, second[i] = 47 + i;
+  EXPECT_EQ(cue(carryOurs, 0, 40), first);
+  EXPECT_EQ(cue(carryTheirs, 0, 40), first);
+  EXPECT_EQ(cue(carryOurs, 41, 79), second);
+  for (size_t& i : second)
+    ++i;
+  EXPECT_EQ(cue(carryTheirs, 41, 79), second);
+}
+
 // Display sets without an end time stay up until the next set of the track, which clears them;
 // ones with an end time keep it.
 TEST(StyledSubtitleTest, BitmapSubtitlesWithoutAnEndStayUpUntilTheNextSet) {
@@ -195,6 +252,116 @@ TEST(StyledSubtitleTest, BitmapSubtitlesWithoutAnEndStayUpUntilTheNextSet) {
           30);
     }
   }
+}
+
+// The pictures of a convert of the first `seconds` of `input` at 320x180, without sound.
+std::vector<Raster> converted(const std::string& input,
+                              double seconds,
+                              const std::vector<std::string>& extra) {
+  const std::string out = scratch("converted.mkv");
+  std::remove(out.c_str());
+  std::vector<std::string> args = {
+      "convert", input,     out,          "--duration", std::to_string(seconds),
+      "--size",  "320x180", "--no-audio", "--crf",      "10"};
+  args.insert(args.end(), extra.begin(), extra.end());
+  const vn::test::CommandResult r = runVarnel(args);
+  EXPECT_EQ(r.status, 0) << r.err;
+  return vn::test::readPictures(out, "null");
+}
+
+// The indices of the pictures of `drawn` that differ clearly from those of `plain`.
+std::vector<size_t> framesCarrying(const std::vector<Raster>& drawn,
+                                   const std::vector<Raster>& plain) {
+  EXPECT_EQ(drawn.size(), plain.size());
+  std::vector<size_t> frames;
+  for (size_t i = 0; i < drawn.size() && i < plain.size(); ++i) {
+    if (psnr(drawn[i], plain[i]) < 35)
+      frames.push_back(i);
+  }
+  return frames;
+}
+
+// A delay moves the input's own text track as it moves a subtitle file.
+TEST(StyledSubtitleTest, ADelayMovesTheInputsOwnTextTrack) {
+  // The first cue of styled.srt (1.0 to 2.0 s) in a Matroska file's own text track.
+  const std::string mkv = scratch("text_track.mkv");
+  int status = 0;
+  vn::test::runShell("ffmpeg -hide_banner -loglevel error -nostdin -y -i " +
+                         vn::test::shellQuote(fixture("styled_clip.mp4")) + " -i " +
+                         vn::test::shellQuote(fixture("styled.srt")) +
+                         " -t 3.2 -map 0:v -map 1 -c:v copy -c:s srt " + vn::test::shellQuote(mkv),
+                     &status);
+  ASSERT_EQ(status, 0);
+  // 25 frames a second, each taken at its middle: a second later the first cue is on frames 50
+  // to 74 (the second is past the end); half a second earlier on frames 12 to 36 (its start
+  // falls on the middle of frame 12), and the second (2.5 to 3.5 s) on frames 50 to 74.
+  const std::vector<Raster> plain = converted(mkv, 3.2, {});
+  const std::vector<size_t> later = framesCarrying(
+      converted(mkv, 3.2, {"--subtitle-track", "0", "--subtitle-delay", "1"}), plain);
+  ASSERT_EQ(later.size(), 25u);
+  EXPECT_EQ(later.front(), 50u);
+  EXPECT_EQ(later.back(), 74u);
+  const std::vector<size_t> earlier = framesCarrying(
+      converted(mkv, 3.2, {"--subtitle-track", "0", "--subtitle-delay", "-0.5"}), plain);
+  ASSERT_EQ(earlier.size(), 50u);
+  EXPECT_EQ(earlier[0], 12u);
+  EXPECT_EQ(earlier[24], 36u);
+  EXPECT_EQ(earlier[25], 50u);
+}
+
+// A font a Matroska file carries is used for the style that names its family, as ffmpeg's
+// filter uses it; without it another font stands in.
+TEST(StyledSubtitleTest, FontsAttachedToAMatroskaFileAreUsed) {
+  // A serif font under a family no installed font has (the name table patched in place).
+  std::ifstream in("/usr/share/fonts/truetype/dejavu/DejaVuSerif.ttf", std::ios::binary);
+  if (!in)
+    GTEST_SKIP() << "no DejaVu Serif here";
+  std::string font((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  auto replaceAll = [&font](const std::string& from, const std::string& to) {
+    for (size_t at = 0; (at = font.find(from, at)) != std::string::npos; at += to.size())
+      font.replace(at, from.size(), to);
+  };
+  auto utf16 = [](const std::string& ascii) {
+    std::string wide;
+    for (const char c : ascii)
+      wide += std::string(1, '\0') + c;
+    return wide;
+  };
+  replaceAll("DejaVu Serif", "VarnelTestSf");
+  replaceAll(utf16("DejaVu Serif"), utf16("VarnelTestSf"));
+  const std::string ttf = scratch("attached.ttf"), ass = scratch("attached.ass");
+  std::ofstream(ttf, std::ios::binary) << font;
+  std::ofstream(ass) << "[Script Info]\nScriptType: v4.00+\nPlayResX: 640\nPlayResY: 360\n\n"
+                        "[V4+ Styles]\nFormat: Name, Fontname, Fontsize, PrimaryColour, "
+                        "SecondaryColour, OutlineColour, BackColour, Bold, Italic, Underline, "
+                        "StrikeOut, ScaleX, ScaleY, Spacing, Angle, BorderStyle, Outline, Shadow, "
+                        "Alignment, MarginL, MarginR, MarginV, Encoding\n"
+                        "Style: Default,VarnelTestSf,48,&H00FFFFFF,&H000000FF,&H00000000,"
+                        "&H00000000,0,0,0,0,100,100,0,0,1,2,0,2,10,10,20,1\n\n"
+                        "[Events]\nFormat: Layer, Start, End, Style, Name, MarginL, MarginR, "
+                        "MarginV, Effect, Text\n"
+                        "Dialogue: 0,0:00:00.50,0:00:02.50,Default,,0,0,0,,Serif glyphs ag\n";
+  auto mux = [&](const std::string& name, const std::string& attach) {
+    const std::string mkv = scratch(name);
+    int status = 0;
+    vn::test::runShell("ffmpeg -hide_banner -loglevel error -nostdin -y -i " +
+                           vn::test::shellQuote(fixture("styled_clip.mp4")) + " -i " +
+                           vn::test::shellQuote(ass) + " -t 3 -map 0:v -map 1 -c:v copy -c:s ass " +
+                           attach + vn::test::shellQuote(mkv),
+                       &status);
+    EXPECT_EQ(status, 0);
+    return mkv;
+  };
+  const std::string with = mux("with_font.mkv", "-attach " + vn::test::shellQuote(ttf) +
+                                                    " -metadata:s:t "
+                                                    "mimetype=application/x-truetype-font ");
+  const std::string without = mux("without_font.mkv", "");
+  const Raster blank = readPicture(with, "format=rgb24", "-ss 0.2");
+  const Raster ours = frame(with, 1.52, "", {"--subtitle-track", "0"});
+  const Raster theirs = readPicture(with, "format=rgb24,subtitles=" + with, "-copyts -ss 1.52");
+  const Raster fallback = frame(without, 1.52, "", {"--subtitle-track", "0"});
+  EXPECT_GE(psnr(band(ours, blank, theirs), band(theirs, blank, theirs)), 30);
+  EXPECT_LT(psnr(band(fallback, blank, theirs), band(theirs, blank, theirs)), 25);
 }
 
 }  // namespace

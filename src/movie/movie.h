@@ -275,6 +275,14 @@ class VNFFMovie : public VNMovieLink,
   // they are. None: the decoder's default style.
   std::optional<vn::SubtitleStyle> subtitleStyle();
   void setSubtitleStyle(std::optional<vn::SubtitleStyle> style);
+  // The styled renderer of the subtitle media, made on first use with its
+  // decoder's script header, its fonts and the subtitle style (the media is
+  // then read again from its start, so that every event reaches it). Null
+  // when there is no subtitle media or libass cannot be set up. On the
+  // decode queue, or on a thread that drives the movie while nothing runs
+  // there (an export of decoded frames).
+  std::shared_ptr<vn::StyledSubtitleRenderer> styledRendererFor(
+      const std::shared_ptr<VNFFMedia>& subtitle);
   // How much later than its own times a subtitle is shown, microseconds
   // (negative: earlier); the subtitle file's or track's, and a bitmap
   // track's. 0 by default.
@@ -307,13 +315,6 @@ class VNFFMovie : public VNMovieLink,
   // subtitle media. With rewind, a t before the subtitle media's current
   // subtitle is found too (pictures taken out of order). On the decode queue.
   void showSubtitlesAt(int64_t t, const std::shared_ptr<VNFFMedia>& media, bool rewind = false);
-  // The styled renderer of the subtitle media, made on first use with its
-  // decoder's script header, its fonts and the subtitle style (the media is
-  // then read again from its start, so that every event reaches it). Null
-  // when there is no subtitle media or libass cannot be set up. On the
-  // decode queue.
-  std::shared_ptr<vn::StyledSubtitleRenderer> styledRendererFor(
-      const std::shared_ptr<VNFFMedia>& subtitle);
   // Runs work on the decode queue and waits for it; inline when already
   // there.
   void runOnDecodeQueue(const std::function<void()>& work);

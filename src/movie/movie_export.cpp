@@ -18,6 +18,9 @@ extern "C" {
 
 #include "core/formats.h"
 #include "ffmpeg/owners.h"
+#include "image/affine_transform.h"
+#include "image/filter_image.h"
+#include "image/rect.h"
 #include "media/media.h"
 #include "media/media_source.h"
 #include "media/media_stream.h"
@@ -25,7 +28,9 @@ extern "C" {
 #include "movie/export_packets.h"
 #include "movie/movie.h"
 #include "movie/picture_queue.h"
+#include "output/frame_overlay.h"
 #include "output/movie_file_output.h"
+#include "text/styled_subtitles.h"
 
 namespace {
 
@@ -107,6 +112,23 @@ vn::ff::Dictionary keptTags(const AVDictionary* tags) {
 }
 
 }  // namespace
+
+// The state of subtitles laid over decoded frames: the layout of the
+// encoder's pictures, the text renderer, and the overlays made last with
+// what they were made from, kept while the same pictures show.
+struct VNFFMovieExport::SubtitleOverlays {
+  VNFFOverlayLayout layout;
+  std::shared_ptr<vn::StyledSubtitleRenderer> text;
+  struct Source {
+    std::shared_ptr<const std::vector<uint8_t>> text;  // the renderer's pixels
+    int64_t bitmapPts = INT64_MIN;
+    double bitmapX = 0, bitmapY = 0, bitmapWidth = 0, bitmapHeight = 0;
+    int pictureWidth = 0, pictureHeight = 0;
+    bool operator==(const Source&) const = default;
+  };
+  Source source;
+  std::vector<VNFFFrameOverlay> shown;
+};
 
 VNFFMovieExport::VNFFMovieExport(std::shared_ptr<VNFFMovie> movie,
                                  const VNFFMovieFileOutputFormat& format,
@@ -427,7 +449,8 @@ void VNFFMovieExport::writeVideo() {
   // queue decodes and composes the next picture while this thread renders
   // and encodes the current one.
   std::optional<VNFFPictureQueue> pictures;
-  if (pictures_ == kComposed) {
+  const bool overlays = pictures_ == kDecodedWithSubtitles && overlaysSubtitles();
+  if (pictures_ == kComposed || (pictures_ == kDecodedWithSubtitles && !overlays)) {
     movie_->setOutputVideoSize(vn::Size{double(format_.width), double(format_.height)});
     pictures.emplace(movie_, 1, VNFFPictureQueue::kComposed, VNFFPictureQueue::kImage);
     pictures->request(0, frameTime(0));
@@ -465,8 +488,95 @@ void VNFFMovieExport::writeDecodedFrame(int64_t n) {
   }
   if (!shown)
     shown = video_;
-  if (AVFrame* frame = shown->videoFrameAtTime(at - shown->movie_position()))
+  AVFrame* frame = shown->videoFrameAtTime(at - shown->movie_position());
+  if (!frame)
+    return;
+  if (overlays_) {
+    makeSubtitleOverlays(at, shown, frame);
+    writer_->writeVideoFrame(frame, overlays_->shown);
+  } else {
     writer_->writeVideoFrame(frame);
+  }
+}
+
+bool VNFFMovieExport::overlaysSubtitles() {
+  auto overlays = std::make_unique<SubtitleOverlays>();
+  if (!writer_->overlayLayout(&overlays->layout))
+    return false;
+  if (const std::shared_ptr<VNFFMedia> subtitle = movie_->subtitle()) {
+    // The plain renderer's text is drawn only by the composed path.
+    if (!movie_->styledSubtitles())
+      return false;
+    overlays->text = movie_->styledRendererFor(subtitle);
+    if (!overlays->text)
+      return false;
+  }
+  overlays_ = std::move(overlays);
+  return true;
+}
+
+void VNFFMovieExport::makeSubtitleOverlays(int64_t at,
+                                           const std::shared_ptr<VNFFMedia>& media,
+                                           const AVFrame* frame) {
+  SubtitleOverlays& o = *overlays_;
+  const VNFFOverlayLayout& layout = o.layout;
+  // A delayed subtitle shows at `at` what its own times put earlier.
+  const int64_t t = at - movie_->subtitleDelay();
+  SubtitleOverlays::Source source;
+  std::optional<vn::SubtitleRaster> text;
+  if (const std::shared_ptr<VNFFMedia> subtitle = o.text ? movie_->subtitle() : nullptr) {
+    const int64_t local = t - subtitle->movie_position();
+    o.text->addEvents(subtitle->subtitleEventsUntil(local));
+    // Milliseconds, rounded down as the composed path rounds them.
+    const int64_t ms = local >= 0 ? local / 1000 : (local - 999) / 1000;
+    text = o.text->rasterAtTime(ms, layout.width, layout.height);
+    if (text)
+      source.text = text->rgba;
+  }
+  // A bitmap subtitle belongs to its picture: it is scaled as the writer
+  // scales the frame.
+  std::optional<vn::FilterImage> bitmap = media->subtitleAtTime(t - media->movie_position());
+  if (bitmap && frame->width > 0 && frame->height > 0) {
+    const vn::Rect extent = bitmap->extent();
+    source.bitmapPts = media->subtitleStream()->frame()->pts;
+    source.bitmapX = extent.x, source.bitmapY = extent.y;
+    source.bitmapWidth = extent.width, source.bitmapHeight = extent.height;
+    source.pictureWidth = frame->width, source.pictureHeight = frame->height;
+  } else {
+    bitmap.reset();
+  }
+  if (source == o.source)
+    return;
+  o.source = source;
+  o.shown.clear();
+  if (bitmap) {
+    const vn::FilterImage scaled = bitmap->transformed(
+        vn::AffineTransform::identity().scaled(static_cast<double>(layout.width) / frame->width,
+                                               static_cast<double>(layout.height) / frame->height));
+    const vn::Rect e = scaled.extent();
+    // Whole pixels inside the frame; the picture's y goes up, the frame's
+    // rows down.
+    const int left = std::max(0, static_cast<int>(std::floor(e.x)));
+    const int right = std::min(layout.width, static_cast<int>(std::ceil(e.x + e.width)));
+    const int bottom = std::max(0, static_cast<int>(std::floor(e.y)));
+    const int top = std::min(layout.height, static_cast<int>(std::ceil(e.y + e.height)));
+    if (left < right && bottom < top) {
+      const int w = right - left, h = top - bottom;
+      const std::vector<uint8_t> pixels = scaled.render(
+          vn::Rect{static_cast<double>(left), static_cast<double>(bottom), double(w), double(h)});
+      if (pixels.size() == static_cast<size_t>(w) * h * 4) {
+        if (std::optional<VNFFFrameOverlay> overlay = VNFFFrameOverlay::make(
+                pixels.data(), w * 4, left, layout.height - top, w, h, layout))
+          o.shown.push_back(std::move(*overlay));
+      }
+    }
+  }
+  if (text) {
+    if (std::optional<VNFFFrameOverlay> overlay =
+            VNFFFrameOverlay::make(text->rgba->data(), text->width * 4, text->x, text->y,
+                                   text->width, text->height, layout))
+      o.shown.push_back(std::move(*overlay));
+  }
 }
 
 void VNFFMovieExport::writeAudioUntil(int64_t frames) {

@@ -45,6 +45,7 @@ class VNFFMedia;
 class VNFFMovie;
 class VNFFMovieFileOutput;
 class VNFFExportPackets;
+struct AVFrame;
 
 class VNFFMovieExport {
  public:
@@ -57,6 +58,14 @@ class VNFFMovieExport {
     // The decoded frame as it is, scaled to the output size by the writer;
     // for when no setting changes the picture (faster).
     kDecoded,
+    // As kDecoded, with the movie's subtitles laid over each scaled frame
+    // in the encoder's own YUV: the bitmap subtitle of the picture's media
+    // scaled with the picture, and the subtitle media's text drawn by the
+    // styled renderer at the output size; for when subtitles are the only
+    // thing that changes the picture. Taken as kComposed when the encoder's
+    // pixel format takes no overlay, or when text is to be drawn by the
+    // plain renderer.
+    kDecodedWithSubtitles,
   };
 
   struct Progress {
@@ -174,6 +183,14 @@ class VNFFMovieExport {
   void prepareMovie();
   void writeVideo();
   void writeDecodedFrame(int64_t n);
+  // Whether subtitles can be laid over decoded frames here (see
+  // kDecodedWithSubtitles); sets up the text renderer when they can.
+  bool overlaysSubtitles();
+  // The subtitles shown at movie time `at` over picture `frame` of media,
+  // laid into the subtitle overlays' list (empty when nothing is shown).
+  void makeSubtitleOverlays(int64_t at,
+                            const std::shared_ptr<VNFFMedia>& media,
+                            const AVFrame* frame);
   void writeAudioUntil(int64_t frames);
   // Everything up to `seconds` into the span without video frames: audio
   // and packets, for a file whose video is copied or absent.
@@ -219,6 +236,10 @@ class VNFFMovieExport {
   int64_t audioTotal_ = 0;    // sample frames to write
   int64_t audioFrames_ = 0;   // written
   std::vector<float> audio_;  // one chunk of mixed audio
+  // Subtitles laid over decoded frames: set up by overlaysSubtitles, null
+  // when the pictures take none.
+  struct SubtitleOverlays;
+  std::unique_ptr<SubtitleOverlays> overlays_;
   std::chrono::steady_clock::time_point began_;
   std::chrono::steady_clock::time_point reported_;
   double reportedSeconds_ = 0;

@@ -1,5 +1,7 @@
 #include "output/movie_file_output.h"
 
+#include "output/frame_overlay.h"
+
 #include <new>
 
 #include "output/movie_file_output_internal.h"
@@ -69,7 +71,17 @@ void VNFFMovieFileOutput::writeAudioData(const void* bytes, uint64_t length) {
   internal_->writeAudioData(bytes, length);
 }
 void VNFFMovieFileOutput::writeVideoFrame(const AVFrame* frame) {
-  internal_->writeVideoFrame(frame);
+  internal_->writeVideoFrame(frame, {});
+}
+void VNFFMovieFileOutput::writeVideoFrame(const AVFrame* frame,
+                                          const std::vector<VNFFFrameOverlay>& overlays) {
+  internal_->writeVideoFrame(frame, overlays);
+}
+bool VNFFMovieFileOutput::overlayLayout(VNFFOverlayLayout* layout) const {
+  const std::optional<VNFFOverlayLayout> taken = internal_->overlayLayout();
+  if (taken)
+    *layout = *taken;
+  return taken.has_value();
 }
 void VNFFMovieFileOutput::writeImage(const vn::BitmapImage& image) {
   internal_->writeImage(image);

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/formats.h"
 #include "output/output_format.h"
@@ -27,7 +28,9 @@ class BitmapImage;
 class FilterImage;
 }  // namespace vn
 
+class VNFFFrameOverlay;
 class VNFFMovieFileOutputInternal;
+struct VNFFOverlayLayout;
 struct AVCodecParameters;
 struct AVDictionary;
 struct AVFrame;
@@ -90,8 +93,15 @@ class VNFFMovieFileOutput {
   void writeAudioData(const void* bytes, uint64_t length);
 
   // A decoded picture, converted to the encoder's size and format; it lasts
-  // one frame.
+  // one frame. Overlays are laid over the converted picture in order, each
+  // when it was made for overlayLayout() (and left out otherwise).
   void writeVideoFrame(const AVFrame* frame);
+  void writeVideoFrame(const AVFrame* frame, const std::vector<VNFFFrameOverlay>& overlays);
+  // How the pictures given to the encoder are laid out (its size and pixel
+  // format, the YUV matrix and range they are written with), for overlays
+  // made to be laid over them; false before startOutput, without video, or
+  // when the encoder's pixel format takes no overlay.
+  bool overlayLayout(VNFFOverlayLayout* layout) const;
 
   // Each picture lasts one frame (frameTime ticks of framerate), or
   // duration ticks of framerate.

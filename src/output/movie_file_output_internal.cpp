@@ -661,9 +661,37 @@ bool VNFFMovieFileOutputInternal::readAudioFrameFromBuffer(VNFFMpegAudioConverte
   return true;
 }
 
-void VNFFMovieFileOutputInternal::writeVideoFrame(const AVFrame* frame) {
+void VNFFMovieFileOutputInternal::writeVideoFrame(const AVFrame* frame,
+                                                  const std::vector<VNFFFrameOverlay>& overlays) {
   videoConverter_->convertFrame(frame);
+  if (!overlays.empty() && !videoConverter_->isOutputEmpty()) {
+    // Laid over the converter's own planes, which the encoder reads next.
+    const AVFrame* picture = videoConverter_->outputFrame();
+    const std::optional<VNFFFrameOverlay::Layout> layout = overlayLayout();
+    for (const VNFFFrameOverlay& overlay : overlays) {
+      const VNFFFrameOverlay::Layout& made = overlay.layout();
+      if (layout == made && picture->width == made.width && picture->height == made.height &&
+          picture->format == made.pix_fmt)
+        overlay.blend(picture->data, picture->linesize);
+    }
+  }
   writeVideoFrameDuration(movieFrameDuration());
+}
+
+std::optional<VNFFFrameOverlay::Layout> VNFFMovieFileOutputInternal::overlayLayout() const {
+  const AVCodecContext* c = codecOf(videoStream_);
+  if (!c || paletteGraph_ || !VNFFFrameOverlay::supports(c->pix_fmt))
+    return std::nullopt;
+  const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(c->pix_fmt);
+  // As tagColours says: the converter's matrix, else swscale's BT.601;
+  // limited range unless the format is a full-range ("J") one.
+  VNFFFrameOverlay::Layout layout;
+  layout.pix_fmt = c->pix_fmt;
+  layout.width = c->width;
+  layout.height = c->height;
+  layout.matrix = colors_.matrix != AVCOL_SPC_UNSPECIFIED ? colors_.matrix : AVCOL_SPC_SMPTE170M;
+  layout.fullRange = std::string_view(descriptor->name).starts_with("yuvj");
+  return layout;
 }
 
 void VNFFMovieFileOutputInternal::writeImage(const vn::BitmapImage& image) {

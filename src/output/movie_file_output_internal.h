@@ -27,11 +27,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "core/formats.h"
 #include "ffmpeg/owners.h"
+#include "output/frame_overlay.h"
 #include "output/output_format.h"
 
 struct AVCodec;
@@ -120,7 +122,8 @@ class VNFFMovieFileOutputInternal {
   // it with the next video timestamp (in the video time base
   // frameTime/framerate). A frame lasts one frameTime; duration is in ticks
   // of framerate.
-  void writeVideoFrame(const AVFrame* frame);
+  void writeVideoFrame(const AVFrame* frame, const std::vector<VNFFFrameOverlay>& overlays = {});
+  std::optional<VNFFFrameOverlay::Layout> overlayLayout() const;
   void writeImage(const vn::BitmapImage& image);
   void writeImage(const vn::FilterImage& image);
   void writeCGContext(const vn::BitmapContext& context);

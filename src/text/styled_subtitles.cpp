@@ -52,9 +52,10 @@ struct StyledSubtitleRenderer::State {
   std::set<std::tuple<int64_t, int64_t, std::string>> seen;
 
   mutable std::mutex lock;
-  int width = 0, height = 0;          // the frame size the renderer was last given
-  bool drawn = false;                 // cached holds the image of the last render
-  std::optional<FilterImage> cached;  // the last image composed
+  int width = 0, height = 0;               // the frame size the renderer was last given
+  bool drawn = false;                      // cached holds the picture of the last render
+  std::optional<SubtitleRaster> cached;    // the last picture composed
+  std::optional<FilterImage> cachedImage;  // it as an image, made when first asked for
   int64_t renders = 0;
 };
 
@@ -142,7 +143,7 @@ namespace {
 
 // The pictures of one render composed over each other into one straight-
 // alpha RGBA raster of their bounding box, placed in the frame.
-std::optional<FilterImage> compose(const ASS_Image* images, int height) {
+std::optional<SubtitleRaster> compose(const ASS_Image* images) {
   int left = INT_MAX, top = INT_MAX, right = INT_MIN, bottom = INT_MIN;
   for (const ASS_Image* image = images; image; image = image->next) {
     if (image->w <= 0 || image->h <= 0)
@@ -178,21 +179,16 @@ std::optional<FilterImage> compose(const ASS_Image* images, int height) {
       }
     }
   }
-  std::vector<uint8_t> rgba(sum.size());
+  auto rgba = std::make_shared<std::vector<uint8_t>>(sum.size());
   for (size_t i = 0; i < sum.size(); i += 4) {
     const float a = sum[i + 3];
     if (a <= 0)
       continue;
     for (int c = 0; c < 3; ++c)
-      rgba[i + c] = static_cast<uint8_t>(std::clamp(std::lround(sum[i + c] / a), 0L, 255L));
-    rgba[i + 3] = static_cast<uint8_t>(std::clamp(std::lround(a * 255.0f), 0L, 255L));
+      (*rgba)[i + c] = static_cast<uint8_t>(std::clamp(std::lround(sum[i + c] / a), 0L, 255L));
+    (*rgba)[i + 3] = static_cast<uint8_t>(std::clamp(std::lround(a * 255.0f), 0L, 255L));
   }
-  std::optional<FilterImage> raster =
-      FilterImage::fromRaster(rgba.data(), w, h, w * 4, FilterImage::ByteOrder::RGBA);
-  if (!raster)
-    return std::nullopt;
-  // libass counts rows from the top.
-  return raster->translated(left, height - bottom);
+  return SubtitleRaster{std::move(rgba), left, top, w, h};
 }
 
 }  // namespace
@@ -201,6 +197,32 @@ std::optional<FilterImage> StyledSubtitleRenderer::imageAtTime(int64_t ms, int w
   if (width <= 0 || height <= 0)
     return std::nullopt;
   std::lock_guard<std::mutex> guard(state_->lock);
+  State& s = *state_;
+  const bool changed = render(ms, width, height);
+  if (!s.cached)
+    return std::nullopt;
+  if (changed || !s.cachedImage) {
+    const SubtitleRaster& r = *s.cached;
+    s.cachedImage = FilterImage::fromRaster(r.rgba->data(), r.width, r.height, r.width * 4,
+                                            FilterImage::ByteOrder::RGBA);
+    // libass counts rows from the top.
+    if (s.cachedImage)
+      s.cachedImage = s.cachedImage->translated(r.x, height - (r.y + r.height));
+  }
+  return s.cachedImage;
+}
+
+std::optional<SubtitleRaster> StyledSubtitleRenderer::rasterAtTime(int64_t ms,
+                                                                   int width,
+                                                                   int height) {
+  if (width <= 0 || height <= 0)
+    return std::nullopt;
+  std::lock_guard<std::mutex> guard(state_->lock);
+  render(ms, width, height);
+  return state_->cached;
+}
+
+bool StyledSubtitleRenderer::render(int64_t ms, int width, int height) {
   State& s = *state_;
   bool resized = false;
   if (width != s.width || height != s.height) {
@@ -212,11 +234,12 @@ std::optional<FilterImage> StyledSubtitleRenderer::imageAtTime(int64_t ms, int w
   int change = 0;
   const ASS_Image* images = ass_render_frame(s.renderer.get(), s.track.get(), ms, &change);
   if (s.drawn && change == 0 && !resized)
-    return s.cached;
-  s.cached = compose(images, height);
+    return false;
+  s.cached = compose(images);
+  s.cachedImage.reset();
   s.drawn = true;
   ++s.renders;
-  return s.cached;
+  return true;
 }
 
 std::string assColor(const FilterImage::Color& color) {

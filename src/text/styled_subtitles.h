@@ -57,6 +57,16 @@ struct SubtitleStyle {
   std::optional<double> position;           // the bottom line's height above the frame's bottom
 };
 
+// The events shown at one time, composed into one picture: straight-alpha
+// sRGB RGBA rows, the top row first, with the top-left corner at (x, y) of
+// the output frame (origin at the top left, y down). Shared and never
+// changed once made: a new render makes new pixels, so the same pixels
+// mean the same picture.
+struct SubtitleRaster {
+  std::shared_ptr<const std::vector<uint8_t>> rgba;  // width * 4 bytes a row
+  int x = 0, y = 0, width = 0, height = 0;
+};
+
 class StyledSubtitleRenderer {
  public:
   // A renderer for a track with script header `header` (a decoder's ASS
@@ -84,11 +94,17 @@ class StyledSubtitleRenderer {
   // frame's coordinates (origin at the bottom left, y up). None when
   // nothing is shown or the size is not positive.
   std::optional<FilterImage> imageAtTime(int64_t ms, int width, int height);
+  // The same picture as raw pixels in the frame's own coordinates, cached
+  // with the image.
+  std::optional<SubtitleRaster> rasterAtTime(int64_t ms, int width, int height);
   // How many times an image was composed (not taken from the cache).
   int64_t renderCount() const;
 
  private:
   struct State;
+  // Renders the events shown at ms into the cache unless libass reports
+  // the same pictures; true when it composed anew. Under the lock.
+  bool render(int64_t ms, int width, int height);
   explicit StyledSubtitleRenderer(std::unique_ptr<State> state);
   std::unique_ptr<State> state_;
 };

@@ -4,10 +4,10 @@
 // The movie reads the input (a file with video and audio is two medias, each
 // with its own demuxer) with the picture and subtitle settings of the
 // options; the export job writes it. Pictures are decoded frames, scaled
-// straight to the output size, when nothing else changes them, else the
-// movie's composed pictures (picture settings, a size of another shape, a
-// video's own rotation, burnt-in subtitles). An interrupted or failed run
-// leaves nothing.
+// straight to the output size, when nothing else changes them (burnt-in
+// subtitles are then laid over the scaled frames), else the movie's
+// composed pictures (picture settings, a size of another shape, a video's
+// own rotation). An interrupted or failed run leaves nothing.
 //
 // Encoding serves the user rather than the library's defaults: each
 // container gets codecs it plays everywhere, video is encoded at constant
@@ -491,13 +491,13 @@ bool fillsWhenFitted(vn::Size from, int width, int height) {
 
 // Sets the movie's picture and subtitle settings and the picture part of
 // format (the input's shown size and exact rate unless the options say
-// otherwise); tells whether pictures must be composed. kExitOk or the
-// error's exit status.
+// otherwise); tells what the pictures are made of. kExitOk or the error's
+// exit status.
 int setUpPictures(const ConvertOptions& o,
                   Input& input,
                   AVRational fps,
                   VNFFMovieFileOutputFormat* format,
-                  bool* composed) {
+                  VNFFMovieExport::Pictures* pictures) {
   VNFFMovie& movie = *input.movie;
   const std::shared_ptr<VNFFMedia> video = movie.videoMedia();
   // FFmpeg learns a picture's size from the first one it decodes: without
@@ -526,17 +526,21 @@ int setUpPictures(const ConvertOptions& o,
   // Decoded frames go to the encoder, scaled once from the decoder's YUV to
   // the encoder's, unless something changes the picture: a size of another
   // shape is fitted into the frame between black bars by the composed path.
-  *composed = false;
+  // Burnt-in subtitles alone are laid over the scaled frames.
+  *pictures = VNFFMovieExport::kDecoded;
   if (video) {
     const vn::Size unturned = movie.shownVideoSize(0, false, true);
-    *composed = o.picture.changesPicture(input) || o.subtitles.shows() ||
-                !fillsWhenFitted(unturned, format->width, format->height);
+    if (o.picture.changesPicture(input) ||
+        !fillsWhenFitted(unturned, format->width, format->height))
+      *pictures = VNFFMovieExport::kComposed;
+    else if (o.subtitles.shows())
+      *pictures = VNFFMovieExport::kDecodedWithSubtitles;
   }
   if (fps.num > 0) {
     format->framerate = fps.num;
     format->frameTime = fps.den;
   }
-  if (o.vcodec == "copy" && (*composed || fps.num > 0))
+  if (o.vcodec == "copy" && (*pictures != VNFFMovieExport::kDecoded || fps.num > 0))
     return usage("bad options", "--vcodec copy",
                  "a copied video keeps its pictures: no picture option, size, rate or burnt-in "
                  "subtitle can go with it");
@@ -572,7 +576,7 @@ int findEnd(const ConvertOptions& o, Input& input, double* end) {
 struct Plan {
   bool writesVideo = true;
   bool writesAudio = true;
-  bool composed = false;
+  VNFFMovieExport::Pictures pictures = VNFFMovieExport::kDecoded;
   std::optional<VNIndexSet> subtitleTracks;  // null: all
 };
 
@@ -644,7 +648,7 @@ int runJob(const ConvertOptions& o,
   VNFFMovieExport job(movie, format, path);
   job.setStart(microseconds(o.start));
   job.setDuration(microseconds(end) - microseconds(o.start));
-  job.setPictures(plan.composed ? VNFFMovieExport::kComposed : VNFFMovieExport::kDecoded);
+  job.setPictures(plan.pictures);
   job.setWritesVideo(plan.writesVideo);
   job.setWritesAudio(plan.writesAudio && !firstPass);
   job.setAudioLayout(o.mix ? VNFFMovieExport::kMixedAudio : VNFFMovieExport::kSeparateAudio);
@@ -759,7 +763,7 @@ int run(const ConvertOptions& o) {
     return status;
   if (!plan.writesVideo)
     input.movie->setDisableVideo(true);
-  else if (const int status = setUpPictures(o, input, fps, &format, &plan.composed);
+  else if (const int status = setUpPictures(o, input, fps, &format, &plan.pictures);
            status != kExitOk)
     return status;
   applyAudioOptions(o, input, &format);
