@@ -309,6 +309,42 @@ TEST(StyledSubtitleTest, ADelayMovesTheInputsOwnTextTrack) {
   EXPECT_EQ(earlier[25], 50u);
 }
 
+// A delay moves an in-file bitmap track too, both ways: the page stays up after the stream has
+// read the set that clears it, shows before the stream has read it, and is found after a seek
+// that lands past its own start.
+TEST(StyledSubtitleTest, ADelayMovesABitmapTrack) {
+  const std::string ts = fixture("dvbsub_open.ts");
+  // The page is up from 2.000 s to 3.991 s after the first picture.
+  struct Delayed {
+    const char* delay;
+    std::vector<double> shown, hidden;
+  };
+  for (const Delayed& c : {Delayed{"1", {3.1, 4.1, 4.9}, {2.9, 5.1}},
+                           Delayed{"-1", {1.1, 2.9}, {0.9, 3.1}}}) {
+    SCOPED_TRACE(c.delay);
+    const std::vector<std::string> track = {"--subtitle-track", "0", "--subtitle-delay", c.delay};
+    for (const double t : c.shown)
+      EXPECT_LT(psnr(frame(ts, t, "", track), frame(ts, t, "")), 30) << "at " << t;
+    for (const double t : c.hidden)
+      EXPECT_EQ(psnr(frame(ts, t, "", track), frame(ts, t, "")), 99) << "at " << t;
+  }
+  // In a convert the page keeps its length and moves by a second's pictures (30000/1001 a
+  // second: 29 or 30 of them).
+  const std::vector<Raster> plain = converted(ts, 6, {});
+  const std::vector<size_t> own =
+      framesCarrying(converted(ts, 6, {"--subtitle-track", "0"}), plain);
+  ASSERT_GE(own.size(), 55u);
+  for (const char* delay : {"1", "-1"}) {
+    SCOPED_TRACE(delay);
+    const std::vector<size_t> moved = framesCarrying(
+        converted(ts, 6, {"--subtitle-track", "0", "--subtitle-delay", delay}), plain);
+    ASSERT_NEAR(static_cast<double>(moved.size()), static_cast<double>(own.size()), 1);
+    const double shift = std::string(delay) == "1" ? 29.97 : -29.97;
+    EXPECT_NEAR(static_cast<double>(moved.front()) - static_cast<double>(own.front()), shift, 1);
+    EXPECT_EQ(moved.back() - moved.front() + 1, moved.size()) << "one run of pictures";
+  }
+}
+
 // A font a Matroska file carries is used for the style that names its family, as ffmpeg's
 // filter uses it; without it another font stands in.
 TEST(StyledSubtitleTest, FontsAttachedToAMatroskaFileAreUsed) {

@@ -142,8 +142,14 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // without a video stream.
   AVFrame* videoFrameAtTime(int64_t t);
   // The bitmap subtitle shown at t (strictly after its start and before its
-  // end), without reading; null when none.
-  std::optional<vn::FilterImage> subtitleAtTime(int64_t t);
+  // end, and not yet replaced by a later one); null when none. A time the
+  // reading has not reached yet (a subtitle shown earlier than its own
+  // times say) is read ahead for: the packets of the other streams read on
+  // the way wait, in order, for the reads that follow, up to
+  // kSubtitleReadAhead bytes of them. *start, when given, receives the
+  // subtitle's start (the stream's timebase).
+  std::optional<vn::FilterImage> subtitleAtTime(int64_t t, int64_t* start = nullptr);
+  static constexpr size_t kSubtitleReadAhead = size_t{128} << 20;
   // The text subtitle shown at t, reading ahead as far as needed (for a
   // subtitle-only media, such as an external subtitle file); null when none.
   std::optional<std::string> subtitleStringAtTime(int64_t t);
@@ -214,6 +220,18 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // enabled stream) starts at or before `target`; what was read to find out
   // is kept in ahead_ for the reads that follow.
   void seekBackToKeyframe(int64_t target, int64_t timestamp);
+  // Before a seek to `target` (file clock) lands: reads the packets from
+  // kSubtitleLookBack plus the subtitle delay before it up to it, decoding
+  // only those of an enabled bitmap subtitle stream, so that a subtitle
+  // that went up before the landing (or before a delayed time) is known.
+  // Nothing without such a stream.
+  void lookBackForSubtitles(int64_t target);
+  static constexpr int64_t kSubtitleLookBack = 10000000;
+  // Reads on until a packet at or past `at` (file clock, microseconds) was
+  // read, decoding the packets of `subtitle` at once and keeping the others
+  // in ahead_. Nothing when the reading is there already or its position
+  // is unknown.
+  void readSubtitleAhead(VNFFMediaStream& subtitle, int64_t at);
   // Whether a packet is a picture of the video stream being decoded that
   // starts after `target` (file clock, microseconds).
   bool startsAfter(const AVPacket& packet, int64_t target);
@@ -236,4 +254,8 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // Packets a seek read ahead of the reading position, routed first by the
   // reads after it, in order. Emptied by every seek.
   std::deque<vn::ff::Packet> ahead_;
+  // Bytes in ahead_ read for a subtitle, and the file clock of the last of
+  // them; both reset by every seek.
+  size_t aheadBytes_ = 0;
+  int64_t aheadTo_ = INT64_MIN;
 };

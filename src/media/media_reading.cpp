@@ -6,6 +6,7 @@
 #include <cstring>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/mathematics.h>
 }
@@ -69,6 +70,8 @@ bool VNFFMedia::nextPacket() {
   if (!ahead_.empty()) {
     av_packet_move_ref(packet_.get(), ahead_.front().get());
     ahead_.pop_front();
+    const size_t size = static_cast<size_t>(std::max(packet_->size, 0));
+    aheadBytes_ = ahead_.empty() ? 0 : aheadBytes_ - std::min(aheadBytes_, size);
     return true;
   }
   return av_read_frame(context, packet_.get()) >= 0;
@@ -157,6 +160,8 @@ bool VNFFMedia::forwardStream(const std::shared_ptr<VNFFMediaStream>& stream, bo
 void VNFFMedia::seek(int64_t t) {
   last_pts_ = AV_NOPTS_VALUE;
   ahead_.clear();
+  aheadBytes_ = 0;
+  aheadTo_ = INT64_MIN;
   AVFormatContext* context = formatContext();
   if (!context)
     return;
@@ -175,6 +180,7 @@ void VNFFMedia::seek(int64_t t) {
     if (stream->isOpen())
       stream->seek(av_rescale_q(target, kMicroseconds, stream->timebase()));
   }
+  lookBackForSubtitles(target);
 
   if (av_seek_frame(context, -1, timestamp, AVSEEK_FLAG_BACKWARD) < 0) {
     // A plain subtitle file rewinds by bytes when its times cannot be sought.
@@ -246,6 +252,38 @@ void VNFFMedia::seek(int64_t t) {
 
   for (const auto& audio : audios())
     audio->forward();
+}
+
+void VNFFMedia::lookBackForSubtitles(int64_t target) {
+  std::shared_ptr<VNFFMediaStream> subtitle = subtitleStream();
+  if (!subtitle || !subtitle->isOpen() || !hasVideo())
+    return;
+  const AVCodecDescriptor* descriptor = avcodec_descriptor_get(subtitle->codecContext()->codec_id);
+  if (!descriptor || !(descriptor->props & AV_CODEC_PROP_BITMAP_SUB))
+    return;
+  std::shared_ptr<VNMovieLink> owner = movie();
+  const int64_t delay = std::clamp<int64_t>(owner ? owner->subtitleDelay() : 0, 0, INT32_MAX);
+  const int64_t from = target - kSubtitleLookBack - delay;
+  if (target <= 0 || av_seek_frame(formatContext(), -1, std::max<int64_t>(from, 0),
+                                   AVSEEK_FLAG_BACKWARD) < 0)
+    return;
+  // Only the demuxer works here: a look back costs no decoding but the
+  // subtitles'. The seek that follows puts the reading where it belongs.
+  vn::ff::Packet packet = vn::ff::makePacket();
+  const int index = subtitle->stream()->index;
+  for (int read = 0; packet && read < kReadBound; ++read) {
+    if (av_read_frame(formatContext(), packet.get()) < 0)
+      return;
+    if (packet->pts != AV_NOPTS_VALUE && packet->stream_index >= 0 &&
+        static_cast<unsigned>(packet->stream_index) < formatContext()->nb_streams &&
+        av_rescale_q(packet->pts, formatContext()->streams[packet->stream_index]->time_base,
+                     kMicroseconds) >= target) {
+      return;
+    }
+    if (packet->stream_index == index)
+      subtitle->decodePacket(packet.get());
+    av_packet_unref(packet.get());
+  }
 }
 
 void VNFFMedia::seekBackToKeyframe(int64_t target, int64_t timestamp) {
@@ -401,14 +439,50 @@ std::vector<vn::SubtitleEvent> VNFFMedia::subtitleEventsUntil(int64_t t) {
   return events;
 }
 
-std::optional<vn::FilterImage> VNFFMedia::subtitleAtTime(int64_t t) {
+std::optional<vn::FilterImage> VNFFMedia::subtitleAtTime(int64_t t, int64_t* start) {
   std::shared_ptr<VNFFMediaStream> subtitle = subtitleStream();
   if (!subtitle)
     return std::nullopt;
-  const int64_t want = av_rescale_q(start_time() + t, kMicroseconds, subtitle->timebase());
-  if (!shows(*subtitle, want))
+  int64_t at;
+  if (__builtin_add_overflow(start_time(), t, &at))
     return std::nullopt;
-  return subtitle->subtitle();
+  readSubtitleAhead(*subtitle, at);
+  const VNFFBitmapSubtitle* shown =
+      subtitle->bitmapSubtitleAt(av_rescale_q(at, kMicroseconds, subtitle->timebase()));
+  if (!shown)
+    return std::nullopt;
+  if (start)
+    *start = shown->pts;
+  return shown->image;
+}
+
+void VNFFMedia::readSubtitleAhead(VNFFMediaStream& subtitle, int64_t at) {
+  AVFormatContext* context = formatContext();
+  if (!context || last_pts_ == AV_NOPTS_VALUE)
+    return;
+  std::shared_ptr<VNMovieLink> owner = movie();
+  const bool noVideo = owner && owner->disableVideo();
+  for (int read = 0; read < kReadBound && std::max(last_pts_, aheadTo_) < at &&
+                     aheadBytes_ < kSubtitleReadAhead;
+       ++read) {
+    vn::ff::Packet packet = vn::ff::makePacket();
+    if (!packet || av_read_frame(context, packet.get()) < 0)
+      return;
+    if (packet->stream_index < 0)
+      continue;
+    std::shared_ptr<VNFFMediaStream> stream =
+        mediaStreamForStreamIndex(static_cast<uint32_t>(packet->stream_index));
+    if (!stream || !stream->enable() || (noVideo && stream->isVideo()))
+      continue;
+    if (packet->pts != AV_NOPTS_VALUE)
+      aheadTo_ = av_rescale_q(packet->pts, stream->timebase(), kMicroseconds);
+    if (stream.get() == &subtitle) {
+      subtitle.decodePacket(packet.get());
+      continue;
+    }
+    aheadBytes_ += static_cast<size_t>(std::max(packet->size, 0));
+    ahead_.push_back(std::move(packet));
+  }
 }
 
 bool VNFFMedia::shows(const VNFFMediaStream& subtitle, int64_t want) {

@@ -224,6 +224,7 @@ void VNFFMediaStream::open() {
 void VNFFMediaStream::close() {
   abuffer_.reset();
   subtitle_.reset();
+  bitmaps_.clear();
   subtitleString_.reset();
   if (!isOpen())
     return;
@@ -441,6 +442,8 @@ bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
       subtitle->start_display_time;
   const int64_t lengthMs =
       static_cast<uint32_t>(subtitle->end_display_time - subtitle->start_display_time);
+  // The regions of one page (a broadcast page's two lines) make one picture.
+  std::optional<vn::FilterImage> page;
   for (unsigned i = 0; i < subtitle->num_rects; ++i) {
     const AVSubtitleRect* rect = subtitle->rects[i];
     if (!rect)
@@ -450,10 +453,32 @@ bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
       if (keepsEvents_)
         events_.push_back(vn::SubtitleEvent{startMs, lengthMs, rect->ass});
     } else if (rect->type == SUBTITLE_BITMAP) {
-      takeBitmap(*rect);
+      if (std::optional<vn::FilterImage> region = takeBitmap(*rect))
+        page = page ? region->sourceOver(*page) : std::move(*region);
     }
   }
+  if (page)
+    subtitle_ = page;
+  const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec_->codec_id);
+  if (descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB) &&
+      times.pts != AV_NOPTS_VALUE && (page || staysUp)) {
+    if (bitmaps_.size() >= kKeptBitmaps)
+      bitmaps_.pop_front();
+    bitmaps_.push_back(VNFFBitmapSubtitle{times.pts, times.duration, std::move(page)});
+  }
   return true;
+}
+
+const VNFFBitmapSubtitle* VNFFMediaStream::bitmapSubtitleAt(int64_t want) const {
+  // Decoding order is display order within a track: the last one that has
+  // started is the one up, until its end or until the next one replaces it.
+  for (auto it = bitmaps_.rbegin(); it != bitmaps_.rend(); ++it) {
+    int64_t since;
+    if (__builtin_sub_overflow(want, it->pts, &since) || since <= 0)
+      continue;
+    return since < it->duration && it->image ? &*it : nullptr;
+  }
+  return nullptr;
 }
 
 bool VNFFMediaStream::isStayingBitmap() const {
@@ -462,10 +487,10 @@ bool VNFFMediaStream::isStayingBitmap() const {
          codec_->codec_id != AV_CODEC_ID_DVD_SUBTITLE;
 }
 
-void VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) {
+std::optional<vn::FilterImage> VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) const {
   const int w = rect.w, h = rect.h;
   if (w <= 0 || h <= 0 || !rect.data[0] || !rect.data[1] || rect.linesize[0] <= 0)
-    return;
+    return std::nullopt;
   // Row by row, so a source row wider or narrower than w never makes the
   // conversion write past the w x h destination.
   const int columns = std::min(w, rect.linesize[0]);
@@ -479,7 +504,7 @@ void VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) {
   std::optional<vn::FilterImage> image =
       vn::FilterImage::fromRaster(bgra.data(), w, h, w * 4, vn::FilterImage::ByteOrder::BGRA);
   if (!image)
-    return;
+    return std::nullopt;
   std::shared_ptr<VNFFMedia> owner = media_.lock();
   const VNFFVideoFormat video = owner ? owner->videoFormat() : VNFFVideoFormat{-1, 0, 0};
   // A picture made for another frame size than the video's (a 1080-line
@@ -487,13 +512,12 @@ void VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) {
   const int canvasWidth = codec_->width, canvasHeight = codec_->height;
   if (canvasWidth > 0 && canvasHeight > 0 && video.width > 0 && video.height > 0 &&
       (canvasWidth != video.width || canvasHeight != video.height)) {
-    subtitle_ = image->translated(rect.x, canvasHeight - rect.y - h)
-                    .transformed(vn::AffineTransform::identity().scaled(
-                        static_cast<double>(video.width) / canvasWidth,
-                        static_cast<double>(video.height) / canvasHeight));
-    return;
+    return image->translated(rect.x, canvasHeight - rect.y - h)
+        .transformed(vn::AffineTransform::identity().scaled(
+            static_cast<double>(video.width) / canvasWidth,
+            static_cast<double>(video.height) / canvasHeight));
   }
-  subtitle_ = image->translated(rect.x, video.height - rect.y - h);
+  return image->translated(rect.x, video.height - rect.y - h);
 }
 
 void VNFFMediaStream::queueAudio(AVFrame* frame, int64_t sampleOffset) {
@@ -518,6 +542,7 @@ void VNFFMediaStream::seek(int64_t t) {
   draining_ = false;
   next_pts_ = AV_NOPTS_VALUE;
   subtitle_.reset();
+  bitmaps_.clear();
   seek_pts_ = t;
   sync_pts_ = av_rescale_q(t, timebase(), framebase());
   last_pts_ = AV_NOPTS_VALUE;

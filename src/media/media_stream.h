@@ -6,8 +6,8 @@
 //   audio     decoded frames queued in abuffer(), taken one at a time into
 //             frame() by forward();
 //   subtitle  the timing of the last subtitle in frame() (pts, pkt_duration),
-//             its text in subtitleString(), its bitmap in subtitle(), hasFrame
-//             set.
+//             its text in subtitleString(), its bitmap in subtitle() and,
+//             with its times, among bitmapSubtitles(); hasFrame set.
 //
 //   created ──open──► open ──decodePacket/forward/seek──► ... ──close──► closed
 //                      ▲                                               │
@@ -22,6 +22,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,6 +42,14 @@ struct AVStream;
 struct AVSubtitleRect;
 class VNFFAudioBuffer;
 class VNFFMedia;
+
+// A decoded bitmap subtitle: its start and how long it shows (timebase
+// units), and its picture; none for one that takes the pictures down.
+struct VNFFBitmapSubtitle {
+  int64_t pts = 0;
+  int64_t duration = 0;
+  std::optional<vn::FilterImage> image;
+};
 
 class VNFFMediaStream {
  public:
@@ -131,7 +140,7 @@ class VNFFMediaStream {
   bool drain();
 
   // Flushes the decoder and resets timing for a new position t (timebase
-  // units): drops the subtitle image and the queued audio, sets seek_pts,
+  // units): drops the subtitle images and the queued audio, sets seek_pts,
   // sync_pts, unsets last_pts, then forward().
   void seek(int64_t t);
   // Audio: takes the next queued frame into frame() (or clears it); true when
@@ -143,6 +152,15 @@ class VNFFMediaStream {
   void setSubtitleString(std::optional<std::string> text) { subtitleString_ = std::move(text); }
   const std::optional<vn::FilterImage>& subtitle() const { return subtitle_; }
   void setSubtitle(std::optional<vn::FilterImage> image) { subtitle_ = std::move(image); }
+  // The bitmap subtitles decoded since the last seek, oldest first; the
+  // last kKeptBitmaps of them. A delayed subtitle is looked up among them
+  // after later ones were read, and a subtitle read ahead waits there.
+  static constexpr size_t kKeptBitmaps = 64;
+  const std::deque<VNFFBitmapSubtitle>& bitmapSubtitles() const { return bitmaps_; }
+  // The bitmap subtitle shown at `want` (timebase units): the last one
+  // decoded that starts strictly before it, when `want` is also before its
+  // end and it has a picture. Null otherwise.
+  const VNFFBitmapSubtitle* bitmapSubtitleAt(int64_t want) const;
   bool hasFrame() const { return hasFrame_; }
   void setHasFrame(bool value) { hasFrame_ = value; }
   std::shared_ptr<VNFFMedia> media() const { return media_.lock(); }
@@ -192,8 +210,9 @@ class VNFFMediaStream {
   // A bitmap subtitle codec whose pictures may come without an end time
   // (every bitmap codec but the DVD's).
   bool isStayingBitmap() const;
-  // One bitmap rectangle as an image placed in the media's picture space.
-  void takeBitmap(const AVSubtitleRect& rect);
+  // One bitmap rectangle as an image placed in the media's picture space;
+  // none when the rectangle is empty or damaged.
+  std::optional<vn::FilterImage> takeBitmap(const AVSubtitleRect& rect) const;
   // Audio bookkeeping of one decoded frame of a packet; sampleOffset counts
   // the samples of the frames before it.
   void queueAudio(AVFrame* frame, int64_t sampleOffset);
@@ -207,6 +226,7 @@ class VNFFMediaStream {
   vn::ff::Frame decoded_;
   std::optional<std::string> subtitleString_;  // text of the last text subtitle
   std::optional<vn::FilterImage> subtitle_;    // last bitmap subtitle, placed
+  std::deque<VNFFBitmapSubtitle> bitmaps_;     // see bitmapSubtitles()
   bool hasFrame_ = false;  // a picture or subtitle was decoded since last cleared
   // The owning media. Weak: the media owns its streams, but a stream handed
   // out may outlive it, and then it must not reach a dead media.

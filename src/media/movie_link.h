@@ -24,4 +24,7 @@ class VNMovieLink {
   // <= t < its end), false the one that ends there. False unless the owner
   // chooses otherwise.
   virtual bool startingPictureAtBoundary() { return false; }
+  // How much later than their own times subtitles are shown, microseconds
+  // (negative: earlier). 0 unless the owner sets one.
+  virtual int64_t subtitleDelay() { return 0; }
 };

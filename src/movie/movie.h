@@ -286,7 +286,7 @@ class VNFFMovie : public VNMovieLink,
   // How much later than its own times a subtitle is shown, microseconds
   // (negative: earlier); the subtitle file's or track's, and a bitmap
   // track's. 0 by default.
-  int64_t subtitleDelay();
+  int64_t subtitleDelay() override;
   void setSubtitleDelay(int64_t microseconds);
   // The output frame's size; a new size is kept as whole pixels (w + 0.1
   // and h + 0.1 truncated).

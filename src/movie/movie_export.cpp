@@ -535,10 +535,12 @@ void VNFFMovieExport::makeSubtitleOverlays(int64_t at,
   }
   // A bitmap subtitle belongs to its picture: it is scaled as the writer
   // scales the frame.
-  std::optional<vn::FilterImage> bitmap = media->subtitleAtTime(t - media->movie_position());
+  int64_t bitmapStart = 0;
+  std::optional<vn::FilterImage> bitmap =
+      media->subtitleAtTime(t - media->movie_position(), &bitmapStart);
   if (bitmap && frame->width > 0 && frame->height > 0) {
     const vn::Rect extent = bitmap->extent();
-    source.bitmapPts = media->subtitleStream()->frame()->pts;
+    source.bitmapPts = bitmapStart;
     source.bitmapX = extent.x, source.bitmapY = extent.y;
     source.bitmapWidth = extent.width, source.bitmapHeight = extent.height;
     source.pictureWidth = frame->width, source.pictureHeight = frame->height;
