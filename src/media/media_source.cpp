@@ -239,6 +239,7 @@ std::shared_ptr<VNMediaSource> VNMediaSource::copy() {
 
 void VNMediaSource::copyFieldsTo(VNMediaSource& copy) const {
   copy.fullpath_ = fullpath_;
+  copy.singlePictures_ = singlePictures_;
 }
 
 vn::ff::InputFormatContext VNMediaSource::openDemuxer() {

@@ -101,6 +101,14 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   // second demuxer of a file read as two medias is so spared decoding
   // pictures it never shows. None (the default): every stream.
   void setProbeStreams(std::optional<VNIndexSet> streams) { probeStreams_ = std::move(streams); }
+  // Whether the medias read from it decode pictures one at a time, for an
+  // application that takes a few pictures and stops: the video decoders
+  // then use slice threads only, so the first picture comes out of the
+  // first packets and no decoding context is set up per thread. False (the
+  // default): frame threads, the faster for reading a whole file. Copied
+  // with the source.
+  bool decodesSinglePictures() const { return singlePictures_; }
+  void setDecodesSinglePictures(bool value) { singlePictures_ = value; }
 
   // Reads the source as medias keeping only the given container streams
   // (null: all). A source holding video and audio becomes two medias, in
@@ -155,4 +163,5 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   vn::ff::InputFormatContext format_context_;  // the demuxer; null until opened
   std::string lastError_;                      // reason of the last failure
   std::optional<VNIndexSet> probeStreams_;     // what open() probes; none: all
+  bool singlePictures_ = false;                // see decodesSinglePictures()
 };

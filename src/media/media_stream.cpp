@@ -19,6 +19,7 @@ extern "C" {
 #include "image/affine_transform.h"
 #include "media/audio_buffer.h"
 #include "media/media.h"
+#include "media/media_source.h"
 #include "media/subtitle_text.h"
 
 namespace {
@@ -190,9 +191,12 @@ void VNFFMediaStream::open() {
   if (const AVCodec* decoder = avcodec_find_decoder(codec_->codec_id)) {
     if (isVideo()) {
       // Two frame threads: pictures decode in parallel, each coming out one
-      // packet later.
+      // packet later. Slice threads for a reader of single pictures.
+      const std::shared_ptr<VNFFMedia> owner = media_.lock();
+      const std::shared_ptr<VNMediaSource> source = owner ? owner->source() : nullptr;
       codec_->thread_count = 2;
-      codec_->thread_type = FF_THREAD_FRAME;
+      codec_->thread_type =
+          source && source->decodesSinglePictures() ? FF_THREAD_SLICE : FF_THREAD_FRAME;
     }
     // A text subtitle in another charset than UTF-8: the decoder converts
     // each packet with iconv first (bitmap decoders ignore the option), and

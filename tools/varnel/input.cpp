@@ -58,6 +58,7 @@ bool Input::openTitle(const std::string& path, std::string* reason) {
   if (!chosen)
     return false;
   source = chosen;
+  chosen->setDecodesSinglePictures(picturesOnly);
   const VNMediaSource::Medias medias = chosen->createMedias().value_or(VNMediaSource::Medias{});
   if (medias.empty()) {
     *reason = "title " + chosen->name() +
@@ -77,6 +78,8 @@ bool Input::open(const std::string& path, std::string* reason) {
     return false;
   }
   source = VNMediaSource::mediaWithPath(path);
+  // A command that takes a few pictures decodes them one at a time.
+  source->setDecodesSinglePictures(picturesOnly);
   source->open();
   if (!source->isOpen()) {
     *reason =
