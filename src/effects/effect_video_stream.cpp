@@ -6,11 +6,15 @@
 #include <cstring>
 
 extern "C" {
+#include <libavutil/cpu.h>
 #include <libavutil/error.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
 #include <libavutil/opt.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
 #include <libavutil/pixfmt.h>
+#include <libswscale/swscale.h>
 }
 
 #include "core/log.h"
@@ -132,6 +136,110 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame) {
 }
 
 void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider& provider) {
+  if (withScaler_.load()) {
+    free_frame_image_buffer();
+    if (frame && frame->data[0] && converting_)
+      buffer_ = convertWithScaler(*frame);
+  } else {
+    writeFrameThroughGraph(frame);
+  }
+  const int64_t size = buffer_ ? int64_t{buffer_->height} * buffer_->linesize[0] : 0;
+  DataBuffer data =
+      size > 0 && size <= INT32_MAX && provider ? provider(static_cast<int32_t>(size)) : nullptr;
+  if (data) {
+    // As many bytes as the provider's buffer holds (it is asked for exactly
+    // size), never more than the picture has.
+    std::memcpy(data->data(), buffer_->data[0],
+                std::min<size_t>(data->size(), static_cast<size_t>(size)));
+  }
+  setDataBuffer(std::move(data));
+}
+
+std::shared_ptr<AVFrame> VNFFEffectVideoStream::convertWithScaler(const AVFrame& frame) {
+  const int output = outputFormat().pix_fmt;
+  const AVPixFmtDescriptor* outputDescriptor =
+      av_pix_fmt_desc_get(static_cast<AVPixelFormat>(output));
+  if (!outputDescriptor || frame.width <= 0 || frame.height <= 0)
+    return nullptr;
+  if (frame.format == output)
+    return std::shared_ptr<AVFrame>(av_frame_clone(&frame), vn::ff::FrameDeleter{});
+  const int range = frame.color_range;
+  if (!scaler_ || scalerInput_.pix_fmt != frame.format || scalerInput_.width != frame.width ||
+      scalerInput_.height != frame.height || scalerOutput_ != output || scalerRange_ != range) {
+    scaler_.reset(sws_alloc_context());
+    if (!scaler_)
+      return nullptr;
+    SwsContext* s = scaler_.get();
+    const int cpus = av_cpu_count();
+    av_opt_set_int(s, "srcw", frame.width, 0);
+    av_opt_set_int(s, "srch", frame.height, 0);
+    av_opt_set_int(s, "src_format", frame.format, 0);
+    av_opt_set_int(s, "dstw", frame.width, 0);
+    av_opt_set_int(s, "dsth", frame.height, 0);
+    av_opt_set_int(s, "dst_format", output, 0);
+    av_opt_set_int(s, "sws_flags", SWS_BILINEAR, 0);
+    av_opt_set_int(s, "threads", cpus > 1 ? cpus + 1 : 1, 0);
+    if (range != AVCOL_RANGE_UNSPECIFIED)
+      av_opt_set_int(s, "src_range", range == AVCOL_RANGE_JPEG, 0);
+    // 4:2:0 chroma sits between the lines, as MPEG-2 places it.
+    if (frame.format == AV_PIX_FMT_YUV420P)
+      av_opt_set_int(s, "src_v_chr_pos", 128, 0);
+    if (const int status = sws_init_context(s, nullptr, nullptr); status < 0) {
+      vn::logFailure("sws_init_context", status);
+      scaler_.reset();
+      return nullptr;
+    }
+    scalerInput_ = VNFFVideoFormat{frame.format, frame.width, frame.height};
+    scalerOutput_ = output;
+    scalerRange_ = range;
+  }
+  SwsContext* s = scaler_.get();
+  // The frame's own matrix (BT.601 when it names none the scaler knows) and
+  // range, as the graph's scaler takes them for each picture.
+  int* inverse = nullptr;
+  int* table = nullptr;
+  int inFull = 0, outFull = 0, brightness = 0, contrast = 0, saturation = 0;
+  sws_getColorspaceDetails(s, &inverse, &inFull, &table, &outFull, &brightness, &contrast,
+                           &saturation);
+  const int space = frame.colorspace;
+  const int* coefficients = sws_getCoefficients(
+      space < AVCOL_SPC_BT709 || space > AVCOL_SPC_BT2020_CL || space == AVCOL_SPC_YCGCO
+          ? AVCOL_SPC_BT470BG
+          : space);
+  if (range != AVCOL_RANGE_UNSPECIFIED)
+    inFull = range == AVCOL_RANGE_JPEG;
+  sws_setColorspaceDetails(s, coefficients, inFull, coefficients, outFull, brightness, contrast,
+                           saturation);
+
+  std::shared_ptr<AVFrame> out(av_frame_alloc(), vn::ff::FrameDeleter{});
+  if (!out)
+    return nullptr;
+  out->format = output;
+  out->width = frame.width;
+  out->height = frame.height;
+  // Rows padded as the graph pads them: to the widest alignment the CPU uses.
+  const int align = static_cast<int>(av_cpu_max_align());
+  if (av_image_fill_linesizes(out->linesize, static_cast<AVPixelFormat>(output),
+                              FFALIGN(frame.width, align)) < 0) {
+    return nullptr;
+  }
+  for (int& linesize : out->linesize)
+    linesize = FFALIGN(linesize, align);
+  if (av_frame_get_buffer(out.get(), align) < 0 || av_frame_copy_props(out.get(), &frame) < 0)
+    return nullptr;
+  if (outputDescriptor->flags & AV_PIX_FMT_FLAG_RGB)
+    out->colorspace = AVCOL_SPC_RGB;
+  else if (out->colorspace == AVCOL_SPC_RGB)
+    out->colorspace = AVCOL_SPC_UNSPECIFIED;
+  out->color_range = outFull ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+  if (const int status = sws_scale_frame(s, out.get(), &frame); status < 0) {
+    vn::logFailure("sws_scale_frame", status);
+    return nullptr;
+  }
+  return out;
+}
+
+void VNFFEffectVideoStream::writeFrameThroughGraph(const AVFrame* frame) {
   // Pictures of another size or format than the media said (a broadcast
   // switching programmes, a stream whose format was not known when it was
   // opened) get a graph for what they are.
@@ -161,16 +269,6 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider&
     else if (frame && frame->data[0])
       vn::logFailure("av_buffersink_get_frame", status);
   }
-  const int64_t size = buffer_ ? int64_t{buffer_->height} * buffer_->linesize[0] : 0;
-  DataBuffer data =
-      size > 0 && size <= INT32_MAX && provider ? provider(static_cast<int32_t>(size)) : nullptr;
-  if (data) {
-    // As many bytes as the provider's buffer holds (it is asked for exactly
-    // size), never more than the picture has.
-    std::memcpy(data->data(), buffer_->data[0],
-                std::min<size_t>(data->size(), static_cast<size_t>(size)));
-  }
-  setDataBuffer(std::move(data));
 }
 
 std::optional<vn::BitmapImage> VNFFEffectVideoStream::imageForFrame(

@@ -27,6 +27,7 @@
 // copies them once at its start and uses only that copy (src/THREADS.md).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -92,6 +93,13 @@ class VNFFEffectVideoStream {
   // returns for the picture's byte count (dataBuffer).
   void writeFrame(const AVFrame* frame);
   void writeFrame(const AVFrame* frame, const DataProvider& provider);
+  // Whether pictures are converted by the scaler the graph would insert,
+  // called directly with the graph's settings (the same bytes), instead of
+  // by the graph: libavfilter is then never loaded and the pictures' memory
+  // is reused from one to the next. False (the default): the graph. Any
+  // thread; takes effect at the next picture written.
+  bool convertsWithScaler() const { return withScaler_.load(); }
+  void setConvertsWithScaler(bool value) { withScaler_.store(value); }
   // A raster image over the first plane of a frame in the output format,
   // sharing its pixels (owner keeps them alive); none without pixels.
   static std::optional<vn::BitmapImage> imageForFrame(const AVFrame* frame,
@@ -234,6 +242,14 @@ class VNFFEffectVideoStream {
   // Builds the graph for pictures of the given format; none on failure.
   void buildGraph(const VNFFVideoFormat& in, int outputPixelFormat);
   void releaseGraph();
+  // writeFrame's conversion by the graph, into buffer_.
+  void writeFrameThroughGraph(const AVFrame* frame);
+  // The picture of frame in the output format, as the graph would give it:
+  // the scaler the graph configures (bilinear, the frame's matrix and
+  // range, MPEG-2 chroma siting for 4:2:0), its output laid out as the
+  // graph lays out its pictures; the frame itself (a new reference) when it
+  // is in the output format already. Null when it cannot be converted.
+  std::shared_ptr<AVFrame> convertWithScaler(const AVFrame& frame);
   // Empties the subtitle cache; under lock_.
   void updateSubtitleLocked();
 
@@ -247,6 +263,11 @@ class VNFFEffectVideoStream {
   int graphOutput_ = 0;         // the pixel format it converts them to
   bool graphPending_ = false;   // to be built at the next picture written
   bool converting_ = false;     // updateConverter was called, free_graph was not
+  std::atomic<bool> withScaler_{false};  // see convertsWithScaler()
+  vn::ff::Sws scaler_;                   // the scaler of convertWithScaler, or null
+  VNFFVideoFormat scalerInput_;          // the pictures it was made for
+  int scalerOutput_ = 0;                 // the pixel format it makes
+  int scalerRange_ = 0;                  // the range of the pictures it was made for
 
   mutable std::mutex lock_;
   // Guarded by lock_.

@@ -16,6 +16,7 @@
 
 extern "C" {
 #include <libavutil/frame.h>
+#include <libavutil/pixdesc.h>
 #include <libavutil/pixfmt.h>
 }
 
@@ -275,6 +276,86 @@ TEST(EffectVideoStreamTest, PicturesComeFromTheGraphOrTheProvidersCopy) {
   // A frame without pixels only drops the picture.
   stream->writeFrame(nullptr);
   EXPECT_FALSE(stream->currentImage() || stream->currentEffectImage());
+}
+
+// The scaler called directly gives the graph's picture byte for byte, laid out as the graph lays
+// it out, for every kind of picture a decoder hands out: 4:2:0 with its chroma between the lines,
+// other subsamplings, more than 8 bits, semi-planar, grey, palettes and RGB; each matrix and
+// range a file may tag, and none. A picture already in the output format passes unchanged.
+TEST(EffectVideoStreamTest, TheScalerGivesTheGraphsPictureByteForByte) {
+  struct Kind {
+    AVPixelFormat format;
+    AVColorSpace space;
+    AVColorRange range;
+  };
+  const Kind kinds[] = {
+      {AV_PIX_FMT_YUV420P, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG},
+      {AV_PIX_FMT_YUV420P, AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_UNSPECIFIED},
+      {AV_PIX_FMT_YUV420P, AVCOL_SPC_SMPTE170M, AVCOL_RANGE_JPEG},
+      {AV_PIX_FMT_YUV420P, AVCOL_SPC_YCGCO, AVCOL_RANGE_MPEG},
+      {AV_PIX_FMT_YUVJ420P, AVCOL_SPC_BT470BG, AVCOL_RANGE_JPEG},
+      {AV_PIX_FMT_YUV422P, AVCOL_SPC_BT2020_NCL, AVCOL_RANGE_MPEG},
+      {AV_PIX_FMT_YUV444P, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG},
+      {AV_PIX_FMT_YUV420P10LE, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG},
+      {AV_PIX_FMT_NV12, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG},
+      {AV_PIX_FMT_GRAY8, AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_JPEG},
+      {AV_PIX_FMT_PAL8, AVCOL_SPC_RGB, AVCOL_RANGE_JPEG},
+      {AV_PIX_FMT_RGB24, AVCOL_SPC_RGB, AVCOL_RANGE_JPEG},
+      {AV_PIX_FMT_RGBA, AVCOL_SPC_RGB, AVCOL_RANGE_JPEG},
+  };
+  uint32_t seed = 12345;
+  auto random = [&seed] { return (seed = seed * 1664525u + 1013904223u) >> 24; };
+  for (const Kind& kind : kinds) {
+    for (const auto& [w, h] : {std::pair(64, 48), std::pair(853, 37), std::pair(1, 1)}) {
+      SCOPED_TRACE(std::string(av_get_pix_fmt_name(kind.format)) + " " + std::to_string(w) + "x" +
+                   std::to_string(h) + " space " + std::to_string(kind.space) + " range " +
+                   std::to_string(kind.range));
+      vn::ff::Frame frame(av_frame_alloc());
+      frame->format = kind.format;
+      frame->width = w;
+      frame->height = h;
+      frame->colorspace = kind.space;
+      frame->color_range = kind.range;
+      ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
+      for (int p = 0; p < 4 && frame->buf[p]; ++p) {
+        for (size_t i = 0; i < frame->buf[p]->size; ++i)
+          frame->buf[p]->data[i] = static_cast<uint8_t>(random());
+      }
+      // Samples of more than 8 bits inside their range.
+      if (kind.format == AV_PIX_FMT_YUV420P10LE) {
+        for (int p = 0; p < 3; ++p) {
+          for (int y = 0; y < (p ? (h + 1) / 2 : h); ++y) {
+            auto* row = reinterpret_cast<uint16_t*>(frame->data[p] + y * frame->linesize[p]);
+            for (int x = 0; x < (p ? (w + 1) / 2 : w); ++x)
+              row[x] &= 0x3ff;
+          }
+        }
+      }
+      std::vector<std::vector<uint8_t>> pictures;
+      std::vector<int> strides;
+      for (const bool scaler : {false, true}) {
+        auto stream = VNFFEffectVideoStream::create();
+        stream->setOutputFormat({AV_PIX_FMT_RGBA, w, h});
+        stream->setConvertsWithScaler(scaler);
+        stream->updateConverter();
+        // The second picture shows that a scaler kept from the first converts alike.
+        stream->writeFrame(frame.get());
+        stream->writeFrame(frame.get());
+        const std::optional<vn::BitmapImage> image = stream->currentImage();
+        ASSERT_TRUE(image);
+        ASSERT_EQ(std::pair(image->width(), image->height()), std::pair(w, h));
+        std::vector<uint8_t> bytes;
+        for (int y = 0; y < h; ++y) {
+          const uint8_t* row = image->data() + static_cast<size_t>(y) * image->bytesPerRow();
+          bytes.insert(bytes.end(), row, row + w * 4);
+        }
+        pictures.push_back(std::move(bytes));
+        strides.push_back(image->bytesPerRow());
+      }
+      EXPECT_EQ(strides[0], strides[1]);
+      EXPECT_TRUE(pictures[0] == pictures[1]);
+    }
+  }
 }
 
 TEST(EffectVideoStreamTest, AComposedFrameRendersInOneResamplingAndOneColourPass) {

@@ -39,12 +39,14 @@ std::string unreadableFile(const std::string& path) {
 namespace {
 
 // A movie whose times mean what a player shows: at the boundary of two
-// frames, the one that starts there; and whose sound starts where it is
-// asked to, not a frame later.
+// frames, the one that starts there; whose sound starts where it is asked
+// to, not a frame later; and whose pictures are converted by the scaler
+// alone (the same bytes, without loading the filter library).
 std::shared_ptr<VNFFMovie> newMovie() {
   std::shared_ptr<VNFFMovie> movie = VNFFMovie::create();
   movie->setStartingPictureAtBoundary(true);
   movie->audioEffectStream().setExactStarts(true);
+  movie->videoEffectStream().setConvertsWithScaler(true);
   return movie;
 }
 
