@@ -1,18 +1,22 @@
 #include "audio_out/audio_device.h"
 
-#include <SDL.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 
+#include "audio_out/sdl_library.h"
 #include "base/dynamic_library.h"
 #include "core/log.h"
 
 namespace vn {
 
 namespace {
+
+// SDL, once initializeAudio has loaded it (every open device implies so).
+const SdlLibrary& sdl() {
+  return *SdlLibrary::get();
+}
 
 // ALSA's own error lines, at debug level instead of on the terminal.
 void alsaError(const char* file, int line, const char* function, int err, const char* format, ...) {
@@ -47,13 +51,18 @@ bool initializeAudio(std::string* reason) {
   std::lock_guard<std::mutex> guard(lock);
   if (initialized)
     return true;
+  std::string why;
+  if (!SdlLibrary::get(&why)) {
+    *reason = "no sound device: " + why;
+    return false;
+  }
   // The audio subsystem brings up SDL's events, which would otherwise take
   // over SIGINT and SIGTERM from the application.
-  SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
-  SDL_SetHintWithPriority(SDL_HINT_AUDIO_DEVICE_APP_NAME, "varnel", SDL_HINT_DEFAULT);
+  sdl().SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+  sdl().SetHintWithPriority(SDL_HINT_AUDIO_DEVICE_APP_NAME, "varnel", SDL_HINT_DEFAULT);
   quietAlsa();
-  if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
-    *reason = std::string("no sound device: ") + SDL_GetError();
+  if (sdl().InitSubSystem(SDL_INIT_AUDIO) != 0) {
+    *reason = std::string("no sound device: ") + sdl().GetError();
     return false;
   }
   initialized = true;
@@ -84,9 +93,9 @@ bool AudioDevice::open() {
   SDL_AudioSpec have;
   // No change allowed: when the hardware differs, SDL converts behind the
   // callback, which always sees this format and this many frames.
-  const SDL_AudioDeviceID id = SDL_OpenAudioDevice(nullptr, 0, &want, &have, 0);
+  const SDL_AudioDeviceID id = sdl().OpenAudioDevice(nullptr, 0, &want, &have, 0);
   if (id == 0) {
-    failureReason_ = std::string("no sound device: ") + SDL_GetError();
+    failureReason_ = std::string("no sound device: ") + sdl().GetError();
     return false;
   }
   device_ = id;
@@ -95,7 +104,7 @@ bool AudioDevice::open() {
 
 void AudioDevice::close() {
   if (device_ != 0)
-    SDL_CloseAudioDevice(device_);
+    sdl().CloseAudioDevice(device_);
   device_ = 0;
 }
 
@@ -108,7 +117,7 @@ bool AudioDevice::start() {
     failureReason_ = "the sound device is not open";
     return false;
   }
-  SDL_PauseAudioDevice(device_, 0);
+  sdl().PauseAudioDevice(device_, 0);
   return true;
 }
 
@@ -116,11 +125,11 @@ void AudioDevice::stop() {
   // SDL pauses under the lock it holds around each render call, so no call
   // is in progress once this returns.
   if (device_ != 0)
-    SDL_PauseAudioDevice(device_, 1);
+    sdl().PauseAudioDevice(device_, 1);
 }
 
 bool AudioDevice::isRunning() const {
-  return device_ != 0 && SDL_GetAudioDeviceStatus(device_) == SDL_AUDIO_PLAYING;
+  return device_ != 0 && sdl().GetAudioDeviceStatus(device_) == SDL_AUDIO_PLAYING;
 }
 
 void AudioDevice::callback(void* self, uint8_t* stream, int length) {

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "audio_out/sdl_library.h"
 #include "input.h"
 #include "varnel.h"
 
@@ -21,6 +22,11 @@ constexpr char kStatusFont[] = "Sans 16";
 constexpr double kStatusSeconds = 2.0;
 // Pictures asked for or decoded ahead of the one on screen.
 constexpr size_t kPicturesAhead = 2;
+
+// SDL, once VideoWindow::open has loaded it (every window implies so).
+const vn::SdlLibrary& sdl() {
+  return *vn::SdlLibrary::get();
+}
 
 double steadySeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -37,10 +43,10 @@ int64_t steadyNanoseconds() {
 // after it is made.
 bool rastersOnTheCpu(SDL_Renderer* renderer) {
   SDL_RendererInfo info{};
-  if (SDL_GetRendererInfo(renderer, &info) != 0 || std::strncmp(info.name, "opengl", 6) != 0)
+  if (sdl().GetRendererInfo(renderer, &info) != 0 || std::strncmp(info.name, "opengl", 6) != 0)
     return false;
   using GetString = const GLubyte*(APIENTRY*)(GLenum);
-  const auto getString = reinterpret_cast<GetString>(SDL_GL_GetProcAddress("glGetString"));
+  const auto getString = reinterpret_cast<GetString>(sdl().GL_GetProcAddress("glGetString"));
   const GLubyte* name = getString ? getString(GL_RENDERER) : nullptr;
   if (!name)
     return false;
@@ -70,8 +76,10 @@ std::unique_ptr<VideoWindow> VideoWindow::open(std::shared_ptr<VNFFMovie> movie,
                                                const std::string& title,
                                                const Options& options,
                                                std::string* reason) {
-  if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
-    *reason = SDL_GetError();
+  if (!vn::SdlLibrary::get(reason))
+    return nullptr;
+  if (sdl().InitSubSystem(SDL_INIT_VIDEO) != 0) {
+    *reason = sdl().GetError();
     return nullptr;
   }
   std::unique_ptr<VideoWindow> w(new VideoWindow());
@@ -84,24 +92,24 @@ std::unique_ptr<VideoWindow> VideoWindow::open(std::shared_ptr<VNFFMovie> movie,
   w->shownH_ = height;
   const uint32_t flags =
       SDL_WINDOW_RESIZABLE | (options.fullscreen ? uint32_t{SDL_WINDOW_FULLSCREEN_DESKTOP} : 0u);
-  w->window_ = SDL_CreateWindow(title.c_str(), SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
+  w->window_ = sdl().CreateWindow(title.c_str(), SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
                                 options.width > 0 ? options.width : width,
                                 options.height > 0 ? options.height : height, flags);
   if (w->window_) {
-    SDL_SetHint(SDL_HINT_RENDER_SCALE_QUALITY, "linear");
-    w->renderer_ = SDL_CreateRenderer(w->window_, -1, 0);
-    if (w->renderer_ && !SDL_GetHint(SDL_HINT_RENDER_DRIVER) && rastersOnTheCpu(w->renderer_)) {
+    sdl().SetHint(SDL_HINT_RENDER_SCALE_QUALITY, "linear");
+    w->renderer_ = sdl().CreateRenderer(w->window_, -1, 0);
+    if (w->renderer_ && !sdl().GetHint(SDL_HINT_RENDER_DRIVER) && rastersOnTheCpu(w->renderer_)) {
       // A GL driver that draws on the CPU (a virtual display, a machine
       // without a GPU) costs a full core at 50 pictures a second; SDL's own
       // software renderer, shown through a shared-memory image, a tenth of
       // it.
-      SDL_DestroyRenderer(w->renderer_);
-      SDL_SetHint(SDL_HINT_FRAMEBUFFER_ACCELERATION, "0");
-      w->renderer_ = SDL_CreateRenderer(w->window_, -1, SDL_RENDERER_SOFTWARE);
+      sdl().DestroyRenderer(w->renderer_);
+      sdl().SetHint(SDL_HINT_FRAMEBUFFER_ACCELERATION, "0");
+      w->renderer_ = sdl().CreateRenderer(w->window_, -1, SDL_RENDERER_SOFTWARE);
     }
   }
   if (!w->renderer_) {
-    *reason = SDL_GetError();
+    *reason = sdl().GetError();
     return nullptr;  // the destructor closes what was opened
   }
   if (const char* trace = std::getenv("VARNEL_PLAY_TRACE"))
@@ -118,20 +126,20 @@ VideoWindow::~VideoWindow() {
   if (trace_)
     std::fclose(trace_);
   if (status_)
-    SDL_DestroyTexture(status_);
+    sdl().DestroyTexture(status_);
   if (texture_)
-    SDL_DestroyTexture(texture_);
+    sdl().DestroyTexture(texture_);
   if (renderer_)
-    SDL_DestroyRenderer(renderer_);
+    sdl().DestroyRenderer(renderer_);
   if (window_)
-    SDL_DestroyWindow(window_);
-  SDL_QuitSubSystem(SDL_INIT_VIDEO);
+    sdl().DestroyWindow(window_);
+  sdl().QuitSubSystem(SDL_INIT_VIDEO);
 }
 
 std::vector<VideoWindow::Event> VideoWindow::events() {
   std::vector<Event> out;
   SDL_Event e;
-  while (SDL_PollEvent(&e)) {
+  while (sdl().PollEvent(&e)) {
     if (e.type == SDL_QUIT) {
       out.push_back(Event::kQuit);
     } else if (e.type == SDL_WINDOWEVENT) {
@@ -190,8 +198,8 @@ std::vector<VideoWindow::Event> VideoWindow::events() {
   }
   for (Event event : out) {
     if (event == Event::kFullscreen) {
-      const bool full = SDL_GetWindowFlags(window_) & SDL_WINDOW_FULLSCREEN_DESKTOP;
-      SDL_SetWindowFullscreen(window_, full ? 0 : SDL_WINDOW_FULLSCREEN_DESKTOP);
+      const bool full = sdl().GetWindowFlags(window_) & SDL_WINDOW_FULLSCREEN_DESKTOP;
+      sdl().SetWindowFullscreen(window_, full ? 0 : SDL_WINDOW_FULLSCREEN_DESKTOP);
     }
   }
   return out;
@@ -225,7 +233,7 @@ void VideoWindow::preroll(double clock, double seconds) {
     const bool ready = shownIndex_ == frame && pictures_->idle();
     if (ready || (missing >= 0 && missing <= frame) || steadySeconds() > until)
       return;
-    SDL_Delay(4);
+    sdl().Delay(4);
   }
 }
 
@@ -250,14 +258,14 @@ void VideoWindow::update(double clock, double rate) {
       // The first picture, or one of another size (the pieces of a DVD
       // title may differ).
       if (texture_)
-        SDL_DestroyTexture(texture_);
+        sdl().DestroyTexture(texture_);
       width_ = picture.width;
       height_ = picture.height;
-      texture_ = SDL_CreateTexture(renderer_, SDL_PIXELFORMAT_RGBA32, SDL_TEXTUREACCESS_STREAMING,
+      texture_ = sdl().CreateTexture(renderer_, SDL_PIXELFORMAT_RGBA32, SDL_TEXTUREACCESS_STREAMING,
                                    width_, height_);
     }
     if (texture_) {
-      SDL_UpdateTexture(texture_, nullptr, picture.rgba.data(), width_ * 4);
+      sdl().UpdateTexture(texture_, nullptr, picture.rgba.data(), width_ * 4);
       onScreen_ = std::move(picture.rgba);
       changed = true;
     }
@@ -300,27 +308,27 @@ void VideoWindow::showStatus(const std::string& text) {
   const vn::Rect extent = image.extent();
   const std::vector<uint8_t> rgba = image.render(extent);
   if (status_)
-    SDL_DestroyTexture(status_);
+    sdl().DestroyTexture(status_);
   status_ = nullptr;
   if (!rgba.empty()) {
     statusWidth_ = static_cast<int>(std::ceil(extent.width));
     statusHeight_ = static_cast<int>(std::ceil(extent.height));
-    status_ = SDL_CreateTexture(renderer_, SDL_PIXELFORMAT_RGBA32, SDL_TEXTUREACCESS_STATIC,
+    status_ = sdl().CreateTexture(renderer_, SDL_PIXELFORMAT_RGBA32, SDL_TEXTUREACCESS_STATIC,
                                 statusWidth_, statusHeight_);
   }
   if (status_) {
-    SDL_UpdateTexture(status_, nullptr, rgba.data(), statusWidth_ * 4);
-    SDL_SetTextureBlendMode(status_, SDL_BLENDMODE_BLEND);
+    sdl().UpdateTexture(status_, nullptr, rgba.data(), statusWidth_ * 4);
+    sdl().SetTextureBlendMode(status_, SDL_BLENDMODE_BLEND);
   }
   statusUntil_ = steadySeconds() + kStatusSeconds;
   present();
 }
 
 void VideoWindow::present() {
-  SDL_SetRenderDrawColor(renderer_, 0, 0, 0, 255);
-  SDL_RenderClear(renderer_);
+  sdl().SetRenderDrawColor(renderer_, 0, 0, 0, 255);
+  sdl().RenderClear(renderer_);
   int outW = 0, outH = 0;
-  SDL_GetRendererOutputSize(renderer_, &outW, &outH);
+  sdl().GetRendererOutputSize(renderer_, &outW, &outH);
   if (outW > 0 && outH > 0) {
     // The whole picture, its aspect kept, centred; pictures to come are
     // made that size.
@@ -333,18 +341,18 @@ void VideoWindow::present() {
     to.y = (outH - to.h) / 2;
     pictures_->setRenderSize(to.w, to.h);
     if (texture_ && !onScreen_.empty())
-      SDL_RenderCopy(renderer_, texture_, nullptr, &to);
+      sdl().RenderCopy(renderer_, texture_, nullptr, &to);
   }
   statusShown_ = status_ && steadySeconds() <= statusUntil_;
   if (statusShown_) {
     const SDL_Rect box{8, 8, statusWidth_ + 16, statusHeight_ + 8};
-    SDL_SetRenderDrawBlendMode(renderer_, SDL_BLENDMODE_BLEND);
-    SDL_SetRenderDrawColor(renderer_, 0, 0, 0, 160);
-    SDL_RenderFillRect(renderer_, &box);
+    sdl().SetRenderDrawBlendMode(renderer_, SDL_BLENDMODE_BLEND);
+    sdl().SetRenderDrawColor(renderer_, 0, 0, 0, 160);
+    sdl().RenderFillRect(renderer_, &box);
     const SDL_Rect text{16, 12, statusWidth_, statusHeight_};
-    SDL_RenderCopy(renderer_, status_, nullptr, &text);
+    sdl().RenderCopy(renderer_, status_, nullptr, &text);
   }
-  SDL_RenderPresent(renderer_);
+  sdl().RenderPresent(renderer_);
 }
 
 bool VideoWindow::savePicture(const std::string& path, std::string* reason) const {
