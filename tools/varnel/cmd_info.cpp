@@ -442,6 +442,8 @@ int info(const std::string& path, bool json) {
   if (std::string why = unreadableFile(path); !why.empty())
     return fail("cannot open", path, why);
   std::shared_ptr<VNMediaSource> source = VNMediaSource::mediaWithPath(path);
+  // Its decoders are opened only to learn whether they open: the lightest way.
+  source->setDecodesSinglePictures(true);
   source->open();
   if (!source->isOpen())
     return fail("cannot open", path, source->lastError());
