@@ -4,6 +4,7 @@
 #pragma once
 
 #include "audio_out/output_audio_graph.h"
+#include "base/dynamic_library.h"
 #include "core/fifo_data_buffer.h"
 #include "core/formats.h"
 #include "core/log.h"

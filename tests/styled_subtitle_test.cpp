@@ -319,8 +319,8 @@ TEST(StyledSubtitleTest, ADelayMovesABitmapTrack) {
     const char* delay;
     std::vector<double> shown, hidden;
   };
-  for (const Delayed& c : {Delayed{"1", {3.1, 4.1, 4.9}, {2.9, 5.1}},
-                           Delayed{"-1", {1.1, 2.9}, {0.9, 3.1}}}) {
+  for (const Delayed& c :
+       {Delayed{"1", {3.1, 4.1, 4.9}, {2.9, 5.1}}, Delayed{"-1", {1.1, 2.9}, {0.9, 3.1}}}) {
     SCOPED_TRACE(c.delay);
     const std::vector<std::string> track = {"--subtitle-track", "0", "--subtitle-delay", c.delay};
     for (const double t : c.shown)

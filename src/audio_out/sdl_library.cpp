@@ -20,18 +20,9 @@ LoadedTable<SdlLibrary> load() {
     return bindFunction(handle, kSoname, name, slot, &why);
   };
 #define VN_BIND(name) bind("SDL_" #name, &t.name)
-  loaded.ok = VN_BIND(SetHint) && VN_BIND(SetHintWithPriority) && VN_BIND(GetHint) &&
-              VN_BIND(InitSubSystem) && VN_BIND(QuitSubSystem) && VN_BIND(GetError) &&
-              VN_BIND(OpenAudioDevice) && VN_BIND(CloseAudioDevice) &&
-              VN_BIND(PauseAudioDevice) && VN_BIND(GetAudioDeviceStatus) &&
-              VN_BIND(CreateWindow) && VN_BIND(DestroyWindow) && VN_BIND(GetWindowFlags) &&
-              VN_BIND(SetWindowFullscreen) && VN_BIND(PollEvent) && VN_BIND(Delay) &&
-              VN_BIND(GL_GetProcAddress) && VN_BIND(CreateRenderer) &&
-              VN_BIND(DestroyRenderer) && VN_BIND(GetRendererInfo) &&
-              VN_BIND(GetRendererOutputSize) && VN_BIND(SetRenderDrawColor) &&
-              VN_BIND(SetRenderDrawBlendMode) && VN_BIND(RenderClear) && VN_BIND(RenderCopy) &&
-              VN_BIND(RenderFillRect) && VN_BIND(RenderPresent) && VN_BIND(CreateTexture) &&
-              VN_BIND(DestroyTexture) && VN_BIND(UpdateTexture) && VN_BIND(SetTextureBlendMode);
+  loaded.ok = VN_BIND(SetHint) && VN_BIND(SetHintWithPriority) && VN_BIND(InitSubSystem) &&
+              VN_BIND(GetError) && VN_BIND(OpenAudioDevice) && VN_BIND(CloseAudioDevice) &&
+              VN_BIND(PauseAudioDevice) && VN_BIND(GetAudioDeviceStatus);
 #undef VN_BIND
   return loaded;
 }

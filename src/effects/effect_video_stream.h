@@ -259,10 +259,10 @@ class VNFFEffectVideoStream {
   // The last picture taken from the sink; shared with the images made from
   // it, so they outlive the next write.
   std::shared_ptr<AVFrame> buffer_;
-  VNFFVideoFormat graphInput_;  // the pictures the graph is built for
-  int graphOutput_ = 0;         // the pixel format it converts them to
-  bool graphPending_ = false;   // to be built at the next picture written
-  bool converting_ = false;     // updateConverter was called, free_graph was not
+  VNFFVideoFormat graphInput_;           // the pictures the graph is built for
+  int graphOutput_ = 0;                  // the pixel format it converts them to
+  bool graphPending_ = false;            // to be built at the next picture written
+  bool converting_ = false;              // updateConverter was called, free_graph was not
   std::atomic<bool> withScaler_{false};  // see convertsWithScaler()
   vn::ff::Sws scaler_;                   // the scaler of convertWithScaler, or null
   VNFFVideoFormat scalerInput_;          // the pictures it was made for

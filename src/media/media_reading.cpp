@@ -264,8 +264,8 @@ void VNFFMedia::lookBackForSubtitles(int64_t target) {
   std::shared_ptr<VNMovieLink> owner = movie();
   const int64_t delay = std::clamp<int64_t>(owner ? owner->subtitleDelay() : 0, 0, INT32_MAX);
   const int64_t from = target - kSubtitleLookBack - delay;
-  if (target <= 0 || av_seek_frame(formatContext(), -1, std::max<int64_t>(from, 0),
-                                   AVSEEK_FLAG_BACKWARD) < 0)
+  if (target <= 0 ||
+      av_seek_frame(formatContext(), -1, std::max<int64_t>(from, 0), AVSEEK_FLAG_BACKWARD) < 0)
     return;
   // Only the demuxer works here: a look back costs no decoding but the
   // subtitles'. The seek that follows puts the reading where it belongs.
@@ -462,8 +462,8 @@ void VNFFMedia::readSubtitleAhead(VNFFMediaStream& subtitle, int64_t at) {
     return;
   std::shared_ptr<VNMovieLink> owner = movie();
   const bool noVideo = owner && owner->disableVideo();
-  for (int read = 0; read < kReadBound && std::max(last_pts_, aheadTo_) < at &&
-                     aheadBytes_ < kSubtitleReadAhead;
+  for (int read = 0;
+       read < kReadBound && std::max(last_pts_, aheadTo_) < at && aheadBytes_ < kSubtitleReadAhead;
        ++read) {
     vn::ff::Packet packet = vn::ff::makePacket();
     if (!packet || av_read_frame(context, packet.get()) < 0)

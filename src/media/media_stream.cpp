@@ -464,8 +464,8 @@ bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
   if (page)
     subtitle_ = page;
   const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec_->codec_id);
-  if (descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB) &&
-      times.pts != AV_NOPTS_VALUE && (page || staysUp)) {
+  if (descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB) && times.pts != AV_NOPTS_VALUE &&
+      (page || staysUp)) {
     if (bitmaps_.size() >= kKeptBitmaps)
       bitmaps_.pop_front();
     bitmaps_.push_back(VNFFBitmapSubtitle{times.pts, times.duration, std::move(page)});

@@ -206,9 +206,10 @@ TEST(MovieExportTest, SubtitlesOverDecodedFramesLookAsComposedOnes) {
        },
        0.9, 1.2, 480, 270, 25, 35},  // 1.0 to 2.0 s at 25 frames a second
       // The page shows from 2.0 to 3.99 s: on the 60 pictures of 1.9 + k / 29.97 s for k = 3
-      // to 62 (its set is read ahead of the pictures it is muxed after). The composed path resamples the picture with its
-      // subtitle (even at its own size), softening the box's edges over a row or two; over the
-      // decoded frame they stay as sharp as the scaled page has them. Hence the lower bound.
+      // to 62 (its set is read ahead of the pictures it is muxed after). The composed path
+      // resamples the picture with its subtitle (even at its own size), softening the box's edges
+      // over a row or two; over the decoded frame they stay as sharp as the scaled page has them.
+      // Hence the lower bound.
       {"bitmap", "dvbsub_open.ts", showBitmapTrack, 1.9, 2.2, 360, 240, 60, 25},
   };
   for (const auto& c : kCases) {

@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "audio_out/sdl_library.h"
 #include "input.h"
+#include "sdl_video.h"
 #include "varnel.h"
 
 namespace varnel_cli {
@@ -24,8 +24,8 @@ constexpr double kStatusSeconds = 2.0;
 constexpr size_t kPicturesAhead = 2;
 
 // SDL, once VideoWindow::open has loaded it (every window implies so).
-const vn::SdlLibrary& sdl() {
-  return *vn::SdlLibrary::get();
+const SdlVideo& sdl() {
+  return *SdlVideo::get();
 }
 
 double steadySeconds() {
@@ -76,7 +76,7 @@ std::unique_ptr<VideoWindow> VideoWindow::open(std::shared_ptr<VNFFMovie> movie,
                                                const std::string& title,
                                                const Options& options,
                                                std::string* reason) {
-  if (!vn::SdlLibrary::get(reason))
+  if (!SdlVideo::get(reason))
     return nullptr;
   if (sdl().InitSubSystem(SDL_INIT_VIDEO) != 0) {
     *reason = sdl().GetError();
@@ -93,8 +93,8 @@ std::unique_ptr<VideoWindow> VideoWindow::open(std::shared_ptr<VNFFMovie> movie,
   const uint32_t flags =
       SDL_WINDOW_RESIZABLE | (options.fullscreen ? uint32_t{SDL_WINDOW_FULLSCREEN_DESKTOP} : 0u);
   w->window_ = sdl().CreateWindow(title.c_str(), SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
-                                options.width > 0 ? options.width : width,
-                                options.height > 0 ? options.height : height, flags);
+                                  options.width > 0 ? options.width : width,
+                                  options.height > 0 ? options.height : height, flags);
   if (w->window_) {
     sdl().SetHint(SDL_HINT_RENDER_SCALE_QUALITY, "linear");
     w->renderer_ = sdl().CreateRenderer(w->window_, -1, 0);
@@ -262,7 +262,7 @@ void VideoWindow::update(double clock, double rate) {
       width_ = picture.width;
       height_ = picture.height;
       texture_ = sdl().CreateTexture(renderer_, SDL_PIXELFORMAT_RGBA32, SDL_TEXTUREACCESS_STREAMING,
-                                   width_, height_);
+                                     width_, height_);
     }
     if (texture_) {
       sdl().UpdateTexture(texture_, nullptr, picture.rgba.data(), width_ * 4);
@@ -314,7 +314,7 @@ void VideoWindow::showStatus(const std::string& text) {
     statusWidth_ = static_cast<int>(std::ceil(extent.width));
     statusHeight_ = static_cast<int>(std::ceil(extent.height));
     status_ = sdl().CreateTexture(renderer_, SDL_PIXELFORMAT_RGBA32, SDL_TEXTUREACCESS_STATIC,
-                                statusWidth_, statusHeight_);
+                                  statusWidth_, statusHeight_);
   }
   if (status_) {
     sdl().UpdateTexture(status_, nullptr, rgba.data(), statusWidth_ * 4);
