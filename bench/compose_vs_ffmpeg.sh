@@ -18,9 +18,10 @@
 #    null -` (video only, as the movie reads no audio here). Wall time of the
 #    whole process, both using every core. Goal: varnel <= 0.5 of ffmpeg.
 # 2. Full conversion: `varnel convert IN OUT.mp4 --size 1280x720 ...` against
-#    ffmpeg with the chain and the encoder settings of varnel's writer
-#    (libx264 preset fast, profile main, 20 Mb/s, GOP 12, yuv420p tagged
-#    BT.601 limited range; AAC 192 kb/s, 44100 Hz stereo). Wall time and
+#    ffmpeg with the chain, both given the same encoder settings (libx264
+#    preset fast, 20 Mb/s, GOP 12, yuv420p, ffmpeg's tagged BT.601 limited
+#    range and profile main as varnel's writer makes them; AAC 192 kb/s,
+#    44100 Hz stereo). Wall time and
 #    peak memory (`/usr/bin/time -f "%e %M"`). Goals: time <= 0.9, memory
 #    <= 1.5 x. Left out with "convert: picture options not available" when
 #    this build's convert does not take the picture settings.
@@ -123,7 +124,8 @@ measure() { # label, command...: appends "seconds kilobytes" to $tmp/label.all
 if ((have_convert)); then
   for ((r = 0; r < rounds; r++)); do
     measure convert_varnel "$varnel" convert "$in" "$tmp/varnel.mp4" --size 1280x720 "${picture[@]}" \
-      --vcodec h264 --acodec aac --duration "$seconds"
+      --vcodec h264 --preset fast --keyint 12 --vbitrate 20M --acodec aac --abitrate 192k \
+      --sample-rate 44100 --duration "$seconds"
     measure convert_ffmpeg ffmpeg -hide_banner -loglevel error -nostdin -y -t "$seconds" -i "$in" \
       -i "$tmp/watermark.png" -filter_complex "$chain" -map "[out]" -map 0:a:0 \
       -c:v libx264 -preset fast -profile:v main -b:v 20M -g 12 -pix_fmt yuv420p \

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -315,6 +316,13 @@ TEST(StyledSubtitleTest, ADelayMovesTheInputsOwnTextTrack) {
 TEST(StyledSubtitleTest, ADelayMovesABitmapTrack) {
   const std::string ts = fixture("dvbsub_open.ts");
   // The page is up from 2.000 s to 3.991 s after the first picture.
+  std::map<double, Raster> plain;
+  auto plainAt = [&](double t) -> const Raster& {
+    auto [at, made] = plain.try_emplace(t);
+    if (made)
+      at->second = frame(ts, t, "");
+    return at->second;
+  };
   struct Delayed {
     const char* delay;
     std::vector<double> shown, hidden;
@@ -324,20 +332,20 @@ TEST(StyledSubtitleTest, ADelayMovesABitmapTrack) {
     SCOPED_TRACE(c.delay);
     const std::vector<std::string> track = {"--subtitle-track", "0", "--subtitle-delay", c.delay};
     for (const double t : c.shown)
-      EXPECT_LT(psnr(frame(ts, t, "", track), frame(ts, t, "")), 30) << "at " << t;
+      EXPECT_LT(psnr(frame(ts, t, "", track), plainAt(t)), 30) << "at " << t;
     for (const double t : c.hidden)
-      EXPECT_EQ(psnr(frame(ts, t, "", track), frame(ts, t, "")), 99) << "at " << t;
+      EXPECT_EQ(psnr(frame(ts, t, "", track), plainAt(t)), 99) << "at " << t;
   }
   // In a convert the page keeps its length and moves by a second's pictures (30000/1001 a
   // second: 29 or 30 of them).
-  const std::vector<Raster> plain = converted(ts, 6, {});
+  const std::vector<Raster> plainConvert = converted(ts, 6, {});
   const std::vector<size_t> own =
-      framesCarrying(converted(ts, 6, {"--subtitle-track", "0"}), plain);
+      framesCarrying(converted(ts, 6, {"--subtitle-track", "0"}), plainConvert);
   ASSERT_GE(own.size(), 55u);
   for (const char* delay : {"1", "-1"}) {
     SCOPED_TRACE(delay);
     const std::vector<size_t> moved = framesCarrying(
-        converted(ts, 6, {"--subtitle-track", "0", "--subtitle-delay", delay}), plain);
+        converted(ts, 6, {"--subtitle-track", "0", "--subtitle-delay", delay}), plainConvert);
     ASSERT_NEAR(static_cast<double>(moved.size()), static_cast<double>(own.size()), 1);
     const double shift = std::string(delay) == "1" ? 29.97 : -29.97;
     EXPECT_NEAR(static_cast<double>(moved.front()) - static_cast<double>(own.front()), shift, 1);
