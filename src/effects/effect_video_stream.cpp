@@ -163,9 +163,10 @@ std::shared_ptr<AVFrame> VNFFEffectVideoStream::convertWithScaler(const AVFrame&
     return nullptr;
   if (frame.format == output)
     return std::shared_ptr<AVFrame>(av_frame_clone(&frame), vn::ff::FrameDeleter{});
-  const int range = frame.color_range;
+  const int range = frame.color_range, space = frame.colorspace;
   if (!scaler_ || scalerInput_.pix_fmt != frame.format || scalerInput_.width != frame.width ||
-      scalerInput_.height != frame.height || scalerOutput_ != output || scalerRange_ != range) {
+      scalerInput_.height != frame.height || scalerOutput_ != output || scalerRange_ != range ||
+      scalerSpace_ != space) {
     scaler_.reset(sws_alloc_context());
     if (!scaler_)
       return nullptr;
@@ -189,28 +190,26 @@ std::shared_ptr<AVFrame> VNFFEffectVideoStream::convertWithScaler(const AVFrame&
       scaler_.reset();
       return nullptr;
     }
+    // The frame's own matrix (BT.601 when it names none the scaler knows)
+    // and range, as the graph's scaler takes them.
+    int* inverse = nullptr;
+    int* table = nullptr;
+    int inFull = 0, brightness = 0, contrast = 0, saturation = 0;
+    sws_getColorspaceDetails(s, &inverse, &inFull, &table, &scalerFullRange_, &brightness,
+                             &contrast, &saturation);
+    const int* coefficients = sws_getCoefficients(
+        space < AVCOL_SPC_BT709 || space > AVCOL_SPC_BT2020_CL || space == AVCOL_SPC_YCGCO
+            ? AVCOL_SPC_BT470BG
+            : space);
+    if (range != AVCOL_RANGE_UNSPECIFIED)
+      inFull = range == AVCOL_RANGE_JPEG;
+    sws_setColorspaceDetails(s, coefficients, inFull, coefficients, scalerFullRange_, brightness,
+                             contrast, saturation);
     scalerInput_ = VNFFVideoFormat{frame.format, frame.width, frame.height};
     scalerOutput_ = output;
     scalerRange_ = range;
+    scalerSpace_ = space;
   }
-  SwsContext* s = scaler_.get();
-  // The frame's own matrix (BT.601 when it names none the scaler knows) and
-  // range, as the graph's scaler takes them for each picture.
-  int* inverse = nullptr;
-  int* table = nullptr;
-  int inFull = 0, outFull = 0, brightness = 0, contrast = 0, saturation = 0;
-  sws_getColorspaceDetails(s, &inverse, &inFull, &table, &outFull, &brightness, &contrast,
-                           &saturation);
-  const int space = frame.colorspace;
-  const int* coefficients = sws_getCoefficients(
-      space < AVCOL_SPC_BT709 || space > AVCOL_SPC_BT2020_CL || space == AVCOL_SPC_YCGCO
-          ? AVCOL_SPC_BT470BG
-          : space);
-  if (range != AVCOL_RANGE_UNSPECIFIED)
-    inFull = range == AVCOL_RANGE_JPEG;
-  sws_setColorspaceDetails(s, coefficients, inFull, coefficients, outFull, brightness, contrast,
-                           saturation);
-
   std::shared_ptr<AVFrame> out(av_frame_alloc(), vn::ff::FrameDeleter{});
   if (!out)
     return nullptr;
@@ -231,8 +230,8 @@ std::shared_ptr<AVFrame> VNFFEffectVideoStream::convertWithScaler(const AVFrame&
     out->colorspace = AVCOL_SPC_RGB;
   else if (out->colorspace == AVCOL_SPC_RGB)
     out->colorspace = AVCOL_SPC_UNSPECIFIED;
-  out->color_range = outFull ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
-  if (const int status = sws_scale_frame(s, out.get(), &frame); status < 0) {
+  out->color_range = scalerFullRange_ ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+  if (const int status = sws_scale_frame(scaler_.get(), out.get(), &frame); status < 0) {
     vn::logFailure("sws_scale_frame", status);
     return nullptr;
   }

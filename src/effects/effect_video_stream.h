@@ -268,6 +268,8 @@ class VNFFEffectVideoStream {
   VNFFVideoFormat scalerInput_;          // the pictures it was made for
   int scalerOutput_ = 0;                 // the pixel format it makes
   int scalerRange_ = 0;                  // the range of the pictures it was made for
+  int scalerSpace_ = 0;                  // and their matrix
+  int scalerFullRange_ = 0;              // its output is full range
 
   mutable std::mutex lock_;
   // Guarded by lock_.

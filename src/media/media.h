@@ -212,6 +212,9 @@ class VNFFMedia : public std::enable_shared_from_this<VNFFMedia> {
   // Whether a subtitle stream's current frame is shown at `want` (its
   // timebase units): strictly after its start and before its end.
   static bool shows(const VNFFMediaStream& subtitle, int64_t want);
+  // The stream a packet is routed to: its container stream's, when that is
+  // enabled and is not a video of a movie without video; else null.
+  std::shared_ptr<VNFFMediaStream> receiver(const AVPacket& packet);
   // Reads the next packet into packet_: one read ahead by a seek first, else
   // from the demuxer. False at the end of the file or on a read error.
   bool nextPacket();

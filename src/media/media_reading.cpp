@@ -6,7 +6,6 @@
 #include <cstring>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/mathematics.h>
 }
@@ -96,18 +95,25 @@ bool VNFFMedia::forwardNextPacket() {
   return true;
 }
 
-void VNFFMedia::forwardPacket(AVPacket* packet) {
-  if (!packet || packet->stream_index < 0)
-    return;
+std::shared_ptr<VNFFMediaStream> VNFFMedia::receiver(const AVPacket& packet) {
+  if (packet.stream_index < 0)
+    return nullptr;
   std::shared_ptr<VNFFMediaStream> stream =
-      mediaStreamForStreamIndex(static_cast<uint32_t>(packet->stream_index));
+      mediaStreamForStreamIndex(static_cast<uint32_t>(packet.stream_index));
   if (!stream || !stream->enable())
-    return;
+    return nullptr;
   if (stream->isVideo()) {
     std::shared_ptr<VNMovieLink> owner = movie();
     if (owner && owner->disableVideo())
-      return;
+      return nullptr;
   }
+  return stream;
+}
+
+void VNFFMedia::forwardPacket(AVPacket* packet) {
+  std::shared_ptr<VNFFMediaStream> stream = packet ? receiver(*packet) : nullptr;
+  if (!stream)
+    return;
   if (packet->pts != AV_NOPTS_VALUE) {
     last_pts_ = av_rescale_q(packet->pts, stream->timebase(), kMicroseconds);
   }
@@ -255,28 +261,26 @@ void VNFFMedia::seek(int64_t t) {
 }
 
 void VNFFMedia::lookBackForSubtitles(int64_t target) {
+  AVFormatContext* context = formatContext();
   std::shared_ptr<VNFFMediaStream> subtitle = subtitleStream();
-  if (!subtitle || !subtitle->isOpen() || !hasVideo())
-    return;
-  const AVCodecDescriptor* descriptor = avcodec_descriptor_get(subtitle->codecContext()->codec_id);
-  if (!descriptor || !(descriptor->props & AV_CODEC_PROP_BITMAP_SUB))
+  if (!context || !subtitle || !subtitle->isOpen() || !subtitle->isBitmapSubtitle() ||
+      !hasVideo() || target <= 0)
     return;
   std::shared_ptr<VNMovieLink> owner = movie();
   const int64_t delay = std::clamp<int64_t>(owner ? owner->subtitleDelay() : 0, 0, INT32_MAX);
   const int64_t from = target - kSubtitleLookBack - delay;
-  if (target <= 0 ||
-      av_seek_frame(formatContext(), -1, std::max<int64_t>(from, 0), AVSEEK_FLAG_BACKWARD) < 0)
+  if (av_seek_frame(context, -1, std::max<int64_t>(from, 0), AVSEEK_FLAG_BACKWARD) < 0)
     return;
   // Only the demuxer works here: a look back costs no decoding but the
   // subtitles'. The seek that follows puts the reading where it belongs.
   vn::ff::Packet packet = vn::ff::makePacket();
   const int index = subtitle->stream()->index;
   for (int read = 0; packet && read < kReadBound; ++read) {
-    if (av_read_frame(formatContext(), packet.get()) < 0)
+    if (av_read_frame(context, packet.get()) < 0)
       return;
     if (packet->pts != AV_NOPTS_VALUE && packet->stream_index >= 0 &&
-        static_cast<unsigned>(packet->stream_index) < formatContext()->nb_streams &&
-        av_rescale_q(packet->pts, formatContext()->streams[packet->stream_index]->time_base,
+        static_cast<unsigned>(packet->stream_index) < context->nb_streams &&
+        av_rescale_q(packet->pts, context->streams[packet->stream_index]->time_base,
                      kMicroseconds) >= target) {
       return;
     }
@@ -288,8 +292,6 @@ void VNFFMedia::lookBackForSubtitles(int64_t target) {
 
 void VNFFMedia::seekBackToKeyframe(int64_t target, int64_t timestamp) {
   AVFormatContext* context = formatContext();
-  std::shared_ptr<VNMovieLink> owner = movie();
-  const bool noVideo = owner && owner->disableVideo();
   // The video leads: its pictures decode only from a keyframe. Without it,
   // every packet of an enabled stream starts something that can be decoded.
   const std::shared_ptr<VNFFMediaStream> lead = hasVideo() ? videoStream() : nullptr;
@@ -311,11 +313,8 @@ void VNFFMedia::seekBackToKeyframe(int64_t target, int64_t timestamp) {
         ended = true;
         break;
       }
-      if (packet->stream_index < 0)
-        continue;
-      std::shared_ptr<VNFFMediaStream> stream =
-          mediaStreamForStreamIndex(static_cast<uint32_t>(packet->stream_index));
-      if (!stream || !stream->enable() || (noVideo && stream->isVideo()))
+      std::shared_ptr<VNFFMediaStream> stream = receiver(*packet);
+      if (!stream)
         continue;
       const bool leads = !lead || stream == lead;
       if (lead && leads) {
@@ -349,14 +348,10 @@ void VNFFMedia::seekBackToKeyframe(int64_t target, int64_t timestamp) {
 }
 
 bool VNFFMedia::startsAfter(const AVPacket& packet, int64_t target) {
-  if (packet.pts == AV_NOPTS_VALUE || packet.stream_index < 0)
+  if (packet.pts == AV_NOPTS_VALUE)
     return false;
-  std::shared_ptr<VNFFMediaStream> stream =
-      mediaStreamForStreamIndex(static_cast<uint32_t>(packet.stream_index));
-  if (!stream || !stream->enable() || !stream->isVideo())
-    return false;
-  std::shared_ptr<VNMovieLink> owner = movie();
-  if (owner && owner->disableVideo())
+  std::shared_ptr<VNFFMediaStream> stream = receiver(packet);
+  if (!stream || !stream->isVideo())
     return false;
   return av_rescale_q(packet.pts, stream->timebase(), kMicroseconds) > target;
 }
@@ -460,19 +455,14 @@ void VNFFMedia::readSubtitleAhead(VNFFMediaStream& subtitle, int64_t at) {
   AVFormatContext* context = formatContext();
   if (!context || last_pts_ == AV_NOPTS_VALUE)
     return;
-  std::shared_ptr<VNMovieLink> owner = movie();
-  const bool noVideo = owner && owner->disableVideo();
   for (int read = 0;
        read < kReadBound && std::max(last_pts_, aheadTo_) < at && aheadBytes_ < kSubtitleReadAhead;
        ++read) {
     vn::ff::Packet packet = vn::ff::makePacket();
     if (!packet || av_read_frame(context, packet.get()) < 0)
       return;
-    if (packet->stream_index < 0)
-      continue;
-    std::shared_ptr<VNFFMediaStream> stream =
-        mediaStreamForStreamIndex(static_cast<uint32_t>(packet->stream_index));
-    if (!stream || !stream->enable() || (noVideo && stream->isVideo()))
+    std::shared_ptr<VNFFMediaStream> stream = receiver(*packet);
+    if (!stream)
       continue;
     if (packet->pts != AV_NOPTS_VALUE)
       aheadTo_ = av_rescale_q(packet->pts, stream->timebase(), kMicroseconds);

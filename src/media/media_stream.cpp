@@ -457,15 +457,14 @@ bool VNFFMediaStream::decodeSubtitle(AVPacket* packet, AVFrame* frame) {
       if (keepsEvents_)
         events_.push_back(vn::SubtitleEvent{startMs, lengthMs, rect->ass});
     } else if (rect->type == SUBTITLE_BITMAP) {
-      if (std::optional<vn::FilterImage> region = takeBitmap(*rect))
+      // subtitle() is the last region made; what is shown is the page.
+      if (std::optional<vn::FilterImage> region = takeBitmap(*rect)) {
+        subtitle_ = region;
         page = page ? region->sourceOver(*page) : std::move(*region);
+      }
     }
   }
-  if (page)
-    subtitle_ = page;
-  const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec_->codec_id);
-  if (descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB) && times.pts != AV_NOPTS_VALUE &&
-      (page || staysUp)) {
+  if (isBitmapSubtitle() && times.pts != AV_NOPTS_VALUE && (page || staysUp)) {
     if (bitmaps_.size() >= kKeptBitmaps)
       bitmaps_.pop_front();
     bitmaps_.push_back(VNFFBitmapSubtitle{times.pts, times.duration, std::move(page)});
@@ -485,10 +484,13 @@ const VNFFBitmapSubtitle* VNFFMediaStream::bitmapSubtitleAt(int64_t want) const 
   return nullptr;
 }
 
-bool VNFFMediaStream::isStayingBitmap() const {
+bool VNFFMediaStream::isBitmapSubtitle() const {
   const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec_->codec_id);
-  return descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB) &&
-         codec_->codec_id != AV_CODEC_ID_DVD_SUBTITLE;
+  return descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB);
+}
+
+bool VNFFMediaStream::isStayingBitmap() const {
+  return isBitmapSubtitle() && codec_->codec_id != AV_CODEC_ID_DVD_SUBTITLE;
 }
 
 std::optional<vn::FilterImage> VNFFMediaStream::takeBitmap(const AVSubtitleRect& rect) const {

@@ -70,6 +70,8 @@ class VNFFMediaStream {
   bool isVideo() const;
   bool isAudio() const;
   bool isSubtitle() const;
+  // A subtitle stream whose codec makes pictures (DVD, Blu-ray, DVB...).
+  bool isBitmapSubtitle() const;
   bool isValidAudio() const { return false; }
   // The decoder is open.
   bool isOpen() const;
