@@ -190,8 +190,16 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  // (a) Every preset.
+  // (a) Every preset (or only the one VARNEL_BENCH_ONLY names, for profiling).
+  const char* only = std::getenv("VARNEL_BENCH_ONLY");
   for (const std::string& name : EffectManager::allFilterNames()) {
+    if (only && name != only)
+      continue;
+    // VARNEL_BENCH_REPEAT runs it that many times over, for a profiler.
+    const char* repeat = std::getenv("VARNEL_BENCH_REPEAT");
+    for (int r = 1; only && repeat && r < std::atoi(repeat); ++r)
+      timePerPicture(
+          small, [&](const Picture& p) { return *applyEffectPreset(name, p.image()); }, "");
     const double ms = timePerPicture(
         small,
         [&](const Picture& p) {
@@ -206,6 +214,8 @@ int main(int argc, char** argv) {
     std::printf("preset\t%s\t%.2f\n", name.c_str(), ms);
     std::fflush(stdout);
   }
+  if (only)
+    return 0;
   std::printf("plain\t%.2f\n", timePerPicture(
                                    small, [](const Picture& p) { return p.image(); }, ""));
 

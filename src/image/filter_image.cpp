@@ -225,6 +225,11 @@ bool FilterImage::render(const Rect& rect,
   if (!out || !withinLimits(region) || stride / 4 < region.width)
     return false;
   try {
+    RenderStats kernelStats;
+    if (renderKernelBytes(node_, region, options.threads, out, size_t(stride), &kernelStats)) {
+      addStats(options.stats, kernelStats);
+      return true;
+    }
     Program program = compile(node_, region, options.threads);
     if (const std::optional<BytePass> pass = bytePass(program)) {
       executeBytes(program, *pass, options.threads, out, size_t(stride));

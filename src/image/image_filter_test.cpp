@@ -517,6 +517,35 @@ TEST(FilterImageTest, GeometryAndPointColourFoldIntoOnePassEach) {
     EXPECT_EQ(r, one);
 }
 
+// A pixellation of a raster is made from its bytes straight to bytes: the same bytes as through the
+// float pixels, for RGBA and BGRA rasters with any alpha, regions cut off by the extent or
+// reaching past it, and any number of threads.
+TEST(FilterImageTest, PixellatingARasterGivesTheBytesOfTheFloatPath) {
+  const int w = 97, h = 61;
+  const std::vector<uint8_t> bytes = noise(w, h, false);
+  const FilterImage rgba = picture(bytes, w, h);
+  const FilterImage bgra =
+      *FilterImage::fromRaster(bytes.data(), w, h, w * 4, FilterImage::ByteOrder::BGRA);
+  const std::tuple<vn::HexagonalPixellateOp, Rect> cases[] = {
+      {{{0, 0}, 8}, Rect{0, 0, w, h}},         {{{150.3, 77.7}, 8}, Rect{13, 7, 40, 30}},
+      {{{-5, 3}, 25}, Rect{-10, -4, 120, 70}}, {{{2, 2}, 1}, Rect{90, 50, 20, 20}},
+      {{{40, 30}, 300}, Rect{0, 0, w, h}},     {{{0, 0}, 8}, Rect{200, 0, 8, 8}},
+  };
+  for (const FilterImage& source : {rgba, bgra}) {
+    for (const auto& [op, region] : cases) {
+      SCOPED_TRACE(op.scale);
+      const FilterImage cells = source.applying(op).cropped(source.extent());
+      vn::ImageRenderStats stats;
+      const std::vector<uint8_t> direct = cells.render(region, {1, &stats});
+      EXPECT_EQ(std::tuple(stats.neighbourhoodPasses, stats.materialized), std::tuple(1, 0));
+      const FilterImage throughFloats = FilterImage::fromPixels(
+          std::make_shared<vn::PixelBuffer>(source.applying(op).renderPixels(region)));
+      EXPECT_EQ(direct, throughFloats.render(region));
+      EXPECT_EQ(cells.render(region, {0, nullptr}), direct);
+    }
+  }
+}
+
 // Shrinking far below half size averages: a fine checkerboard becomes an even mid grey.
 TEST(FilterImageTest, StrongShrinkingDoesNotAlias) {
   const int n = 256;

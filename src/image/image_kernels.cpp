@@ -4,10 +4,14 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <type_traits>
 #include <vector>
 
 #include "base/parallel.h"
+#include "image/row_executor.h"
+#include "image/srgb.h"
 
 // The hot loops are built twice, for machines with AVX2 and FMA and for the
 // baseline, and the loader picks one; every thread of a process runs the
@@ -804,20 +808,33 @@ int hexagonReach(double scale) {
 // Pixels [start, end) of a row of the area lie in cell (m, n).
 struct Run {
   int32_t start, end, m, n;
+  int32_t cell;  // the cell's place in a table of cells row by row (HexRuns)
 };
 
-void hexagonalPixellate(const HexagonalPixellateOp& op,
-                        const PixelBuffer& in,
-                        const IntRect& extent,
-                        PixelBuffer& out,
-                        int threads) {
-  const IntRect part = out.rect.intersected(extent);
-  if (part.isEmpty())
-    return;
-  const Lattice lattice = latticeOf(op);
-  const Source src = sourceOf(in, extent, false);
-  // Every cell an output pixel lies in is wholly inside `area`.
-  const IntRect area = grownSafely(part, hexagonReach(op.scale)).intersected(extent);
+// Where the cells of a pixellation lie over an area of its extent: each
+// raster row's runs of pixels in one cell (a cell meets a row in one run:
+// cells are convex), cells counted from one near the area's corner so that
+// they fit 32 bits, and the cells each row meets. They depend only on the
+// lattice and the area, so a picture pixellated frame after frame finds
+// them made.
+struct HexRuns {
+  IntRect area;
+  double cx = 0, cy = 0, scale = 0;
+  std::vector<std::vector<Run>> rows;
+  std::vector<int32_t> lowN, highN;  // the cell rows each raster row meets
+  int32_t firstN = 0, firstM = 0;    // the lowest cell row and column met
+  int cellRows = 0, cellColumns = 0;
+};
+
+std::shared_ptr<const HexRuns> makeHexRuns(const Lattice& lattice,
+                                           const IntRect& area,
+                                           int threads) {
+  auto made = std::make_shared<HexRuns>();
+  HexRuns& runs = *made;
+  runs.area = area;
+  runs.cx = lattice.cx;
+  runs.cy = lattice.cy;
+  runs.scale = lattice.s;
   const int w = area.width, h = area.height;
   const int paddedWidth = roundUp(w, kDoubleLanes);
 
@@ -828,85 +845,154 @@ void hexagonalPixellate(const HexagonalPixellateOp& op,
   for (int i = 0; i < h; ++i)
     vy[i] = (area.top() - 1 - i + 0.5 - lattice.cy) / lattice.s;
 
-  // Each row's runs of pixels in one cell (a cell meets a row in one run:
-  // cells are convex), with cells counted from one near the area's corner
-  // so that they fit 32 bits.
   const double refM = std::floor(vx[0] - vy[h - 1] / kRowStep / 2) - 1;
   const double refN = std::floor(vy[h - 1] / kRowStep) - 1;
-  std::vector<std::vector<Run>> runs(h);
-  std::vector<int32_t> rowLowN(h), rowHighN(h), rowLowM(h), rowHighM(h);
+  runs.rows.resize(h);
+  runs.lowN.resize(h);
+  runs.highN.resize(h);
+  std::vector<int32_t> rowLowM(h), rowHighM(h);
   forRows(h, threads, [&](int i) {
     Scratch<int32_t, kCells> cells(2 * static_cast<size_t>(paddedWidth));
     int32_t* ms = cells.data();
     int32_t* ns = cells.data() + paddedWidth;
     cellsOfRow(vx.data(), paddedWidth, vy[i], refM, refN, ms, ns);
-    std::vector<Run>& row = runs[i];
-    row.clear();
+    std::vector<Run>& row = runs.rows[i];
     for (int x = 0; x < w; ++x) {
       if (x > 0 && ms[x] == ms[x - 1] && ns[x] == ns[x - 1])
         ++row.back().end;
       else
-        row.push_back({x, x + 1, ms[x], ns[x]});
+        row.push_back({x, x + 1, ms[x], ns[x], 0});
     }
-    rowLowN[i] = rowLowM[i] = INT32_MAX;
-    rowHighN[i] = rowHighM[i] = INT32_MIN;
+    runs.lowN[i] = rowLowM[i] = INT32_MAX;
+    runs.highN[i] = rowHighM[i] = INT32_MIN;
     for (const Run& r : row) {
-      rowLowN[i] = std::min(rowLowN[i], r.n);
-      rowHighN[i] = std::max(rowHighN[i], r.n);
+      runs.lowN[i] = std::min(runs.lowN[i], r.n);
+      runs.highN[i] = std::max(runs.highN[i], r.n);
       rowLowM[i] = std::min(rowLowM[i], r.m);
       rowHighM[i] = std::max(rowHighM[i], r.m);
     }
   });
-  const int32_t lowN = *std::min_element(rowLowN.begin(), rowLowN.end());
-  const int32_t highN = *std::max_element(rowHighN.begin(), rowHighN.end());
-  const int32_t lowM = *std::min_element(rowLowM.begin(), rowLowM.end());
-  const int32_t highM = *std::max_element(rowHighM.begin(), rowHighM.end());
-  const int cellRows = highN - lowN + 1, cellColumns = highM - lowM + 1;
+  runs.firstN = *std::min_element(runs.lowN.begin(), runs.lowN.end());
+  runs.firstM = *std::min_element(rowLowM.begin(), rowLowM.end());
+  runs.cellRows = *std::max_element(runs.highN.begin(), runs.highN.end()) - runs.firstN + 1;
+  runs.cellColumns = *std::max_element(rowHighM.begin(), rowHighM.end()) - runs.firstM + 1;
+  for (std::vector<Run>& row : runs.rows)
+    for (Run& r : row)
+      r.cell = (r.n - runs.firstN) * runs.cellColumns + (r.m - runs.firstM);
+  return made;
+}
 
-  // Means per cell. One job sums one row of cells, over the pixel rows that
-  // meet it, top to bottom and left to right, so the sums do not depend on
-  // the threads or on the area around a cell.
-  Scratch<float, kCellMeans> means(static_cast<size_t>(cellRows) * cellColumns * 4);
-  parallelFor(cellRows, threads, [&](int job) {
-    const int32_t n = lowN + job;
-    std::vector<double> sum(static_cast<size_t>(cellColumns) * 5, 0.0);
-    for (int i = 0; i < h; ++i) {
-      if (n < rowLowN[i] || n > rowHighN[i])
+// The runs of the lattice over area: the ones last made when they are for
+// the same, else new ones.
+std::shared_ptr<const HexRuns> hexRunsOf(const Lattice& lattice, const IntRect& area, int threads) {
+  static std::mutex lock;
+  static std::shared_ptr<const HexRuns> last;  // guarded by lock
+  {
+    std::lock_guard<std::mutex> hold(lock);
+    if (last && last->area == area && last->cx == lattice.cx && last->cy == lattice.cy &&
+        last->scale == lattice.s)
+      return last;
+  }
+  std::shared_ptr<const HexRuns> made = makeHexRuns(lattice, area, threads);
+  std::lock_guard<std::mutex> hold(lock);
+  last = made;
+  return made;
+}
+
+// The mean of every cell the runs meet, four premultiplied channels, cells
+// row after row from (firstM, firstN). addRun(i, x0, x1, sum) adds the
+// pixels of picture columns [x0, x1) of the area's raster row i to sum.
+// One job sums one row of cells, over the pixel rows that meet it, top to
+// bottom and left to right, so the sums do not depend on the threads or on
+// the area around a cell.
+template <typename AddRun>
+void cellMeans(const HexRuns& runs, int threads, const AddRun& addRun, float* means) {
+  const int columns = runs.cellColumns;
+  parallelFor(runs.cellRows, threads, [&](int job) {
+    const int32_t n = runs.firstN + job;
+    std::vector<double> sum(static_cast<size_t>(columns) * 5, 0.0);
+    for (int i = 0; i < runs.area.height; ++i) {
+      if (n < runs.lowN[i] || n > runs.highN[i])
         continue;
-      const float* row = src.rowAt(area.top() - 1 - i);
-      for (const Run& r : runs[i]) {
+      for (const Run& r : runs.rows[i]) {
         if (r.n != n)
           continue;
-        double* s = sum.data() + static_cast<size_t>(r.m - lowM) * 5;
+        double* s = sum.data() + static_cast<size_t>(r.cell - job * columns) * 5;
         // Pixels of the extent that were not given count as transparent.
         s[4] += r.end - r.start;
-        const int lo = std::max(area.x + r.start, src.rect.x);
-        const int hi = std::min(area.x + r.end, src.rect.right());
-        for (int px = lo; row && px < hi; ++px) {
-          const float* p = row + static_cast<size_t>(px - src.rect.x) * 4;
-          s[0] += p[0];
-          s[1] += p[1];
-          s[2] += p[2];
-          s[3] += p[3];
-        }
+        addRun(i, runs.area.x + r.start, runs.area.x + r.end, s);
       }
     }
-    float* mean = means.data() + static_cast<size_t>(job) * cellColumns * 4;
-    for (int k = 0; k < cellColumns; ++k) {
+    float* mean = means + static_cast<size_t>(job) * columns * 4;
+    for (int k = 0; k < columns; ++k) {
       const double* s = sum.data() + static_cast<size_t>(k) * 5;
       for (int ch = 0; ch < 4; ++ch)
         mean[k * 4 + ch] = s[4] > 0 ? static_cast<float>(s[ch] / s[4]) : 0.0f;
     }
   });
+}
+
+// Adds pixels as sum does, two running sums of floats taking alternate
+// pixels (a run is a few pixels long), then their sum to the doubles.
+template <typename PixelAt>
+inline void addPixels(int x0, int x1, const PixelAt& pixelAt, double* sum) {
+  Pixel even{}, odd{};
+  int x = x0;
+  for (; x + 1 < x1; x += 2) {
+    even += pixelAt(x);
+    odd += pixelAt(x + 1);
+  }
+  if (x < x1)
+    even += pixelAt(x);
+  const Pixel total = even + odd;
+  for (int ch = 0; ch < 4; ++ch)
+    sum[ch] += total[ch];
+}
+
+// The area the cells of the output pixels of part lie in, wholly.
+IntRect hexagonArea(const HexagonalPixellateOp& op, const IntRect& part, const IntRect& extent) {
+  return grownSafely(part, hexagonReach(op.scale)).intersected(extent);
+}
+
+void hexagonalPixellate(const HexagonalPixellateOp& op,
+                        const PixelBuffer& in,
+                        const IntRect& extent,
+                        PixelBuffer& out,
+                        int threads) {
+  const IntRect part = out.rect.intersected(extent);
+  if (part.isEmpty())
+    return;
+  const std::shared_ptr<const HexRuns> runs =
+      hexRunsOf(latticeOf(op), hexagonArea(op, part, extent), threads);
+  const IntRect& area = runs->area;
+  const Source src = sourceOf(in, extent, false);
+
+  Scratch<float, kCellMeans> means(static_cast<size_t>(runs->cellRows) * runs->cellColumns * 4);
+  cellMeans(
+      *runs, threads,
+      [&](int i, int x0, int x1, double* sum) {
+        const float* row = src.rowAt(area.top() - 1 - i);
+        if (!row)
+          return;
+        const float* first = row - static_cast<ptrdiff_t>(src.rect.x) * 4;
+        addPixels(
+            std::max(x0, src.rect.x), std::min(x1, src.rect.right()),
+            [&](int x) {
+              Pixel p;
+              loadPixel(p, first + static_cast<ptrdiff_t>(x) * 4);
+              return p;
+            },
+            sum);
+      },
+      means.data());
 
   const Target dst = targetOf(out, part);
   const int dx = part.x - area.x, di = area.top() - part.top();
   forRows(part.height, threads, [&](int i) {
     float* o = dst.data + i * dst.stride;
-    for (const Run& r : runs[i + di]) {
+    for (const Run& r : runs->rows[i + di]) {
       const int lo = std::max(r.start, dx), hi = std::min(r.end, dx + part.width);
-      const float* mean =
-          means.data() + (static_cast<size_t>(r.n - lowN) * cellColumns + (r.m - lowM)) * 4;
+      const float* mean = means.data() + static_cast<size_t>(r.cell) * 4;
       for (int x = lo; x < hi; ++x)
         std::memcpy(o + static_cast<size_t>(x - dx) * 4, mean, sizeof(float) * 4);
     }
@@ -969,6 +1055,99 @@ PixelBuffer applyKernel(const NeighbourhoodOp& op,
       },
       op);
   return result;
+}
+
+// Output pixels a pixellation of bytes writes at a time.
+constexpr int kFillStep = 8;
+typedef uint32_t Codes8 __attribute__((vector_size(4 * kFillStep)));
+
+void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
+                             const Raster8& in,
+                             const IntRect& region,
+                             uint8_t* out,
+                             size_t stride,
+                             int threads) {
+  const IntRect extent{0, 0, in.width, in.height};
+  const IntRect part = region.intersected(extent);
+  // Outside the extent the output is transparent.
+  for (int j = 0; j < region.height; ++j) {
+    const int y = region.top() - 1 - j;
+    uint8_t* o = out + static_cast<size_t>(j) * stride;
+    if (part.isEmpty() || y < part.y || y >= part.top()) {
+      std::memset(o, 0, static_cast<size_t>(region.width) * 4);
+      continue;
+    }
+    std::memset(o, 0, static_cast<size_t>(part.x - region.x) * 4);
+    std::memset(o + static_cast<size_t>(part.right() - region.x) * 4, 0,
+                static_cast<size_t>(region.right() - part.right()) * 4);
+  }
+  if (part.isEmpty())
+    return;
+  const std::shared_ptr<const HexRuns> runs =
+      hexRunsOf(latticeOf(op), hexagonArea(op, part, extent), threads);
+  const IntRect& area = runs->area;
+
+  // The sums of the pixels as the float path decodes them.
+  const float* lut = srgbToLinearTable();
+  const int ri = in.bgra ? 2 : 0;
+  const size_t cells = static_cast<size_t>(runs->cellRows) * runs->cellColumns;
+  Scratch<float, kCellMeans> means(cells * 4);
+  cellMeans(
+      *runs, threads,
+      [&](int i, int x0, int x1, double* sum) {
+        const uint8_t* row =
+            in.bytes + static_cast<size_t>(in.height - (area.top() - i)) * in.stride;
+        // The float path's sums, lane for lane, in scalars: no shuffles.
+        float even[4] = {}, odd[4] = {};
+        const auto add = [&](float* to, const uint8_t* p) {
+          if (p[3] == 255) {
+            to[0] += lut[p[ri]];
+            to[1] += lut[p[1]];
+            to[2] += lut[p[2 - ri]];
+            to[3] += 1;
+          } else {
+            const float alpha = p[3] * (1.0f / 255);
+            to[0] += lut[p[ri]] * alpha;
+            to[1] += lut[p[1]] * alpha;
+            to[2] += lut[p[2 - ri]] * alpha;
+            to[3] += alpha;
+          }
+        };
+        int x = x0;
+        for (; x + 1 < x1; x += 2) {
+          add(even, row + static_cast<size_t>(x) * 4);
+          add(odd, row + static_cast<size_t>(x + 1) * 4);
+        }
+        if (x < x1)
+          add(even, row + static_cast<size_t>(x) * 4);
+        for (int ch = 0; ch < 4; ++ch)
+          sum[ch] += even[ch] + odd[ch];
+      },
+      means.data());
+  // Each cell's colour is encoded once.
+  std::vector<uint32_t> codes(cells);
+  encodeRow(means.data(), reinterpret_cast<uint8_t*>(codes.data()), static_cast<int>(cells));
+
+  const int dx = part.x - area.x, di = area.top() - part.top();
+  const int firstRow = region.top() - part.top(), firstColumn = part.x - region.x;
+  forRows(part.height, threads, [&](int i) {
+    uint8_t* o = out + static_cast<size_t>(firstRow + i) * stride +
+                 static_cast<ptrdiff_t>(firstColumn - dx) * 4;
+    const int end = dx + part.width;
+    for (const Run& r : runs->rows[i + di]) {
+      const int lo = std::max(r.start, dx), hi = std::min(r.end, end);
+      const uint32_t code = codes[r.cell];
+      // Eight at once where the row has room: what lies past the run is
+      // written again by the runs after it.
+      if (hi - lo <= kFillStep && end - lo >= kFillStep) {
+        const Codes8 eight = {code, code, code, code, code, code, code, code};
+        std::memcpy(o + static_cast<size_t>(lo) * 4, &eight, sizeof eight);
+        continue;
+      }
+      for (int x = lo; x < hi; ++x)
+        std::memcpy(o + static_cast<size_t>(x) * 4, &code, 4);
+    }
+  });
 }
 
 }  // namespace vn

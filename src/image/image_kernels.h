@@ -44,6 +44,7 @@
 // `out` outside it are transparent), and so does a clamp-mode blur.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "image/image_ops.h"
@@ -79,5 +80,26 @@ struct HexCell {
   bool operator==(const HexCell&) const = default;
 };
 HexCell hexagonalCell(const HexagonalPixellateOp& op, double x, double y);
+
+// An 8-bit straight-alpha sRGB raster, RGBA (BGRA when bgra is set), row 0
+// on top, lying over (0, 0, width, height) in picture space.
+struct Raster8 {
+  const uint8_t* bytes = nullptr;
+  int width = 0;
+  int height = 0;
+  size_t stride = 0;
+  bool bgra = false;
+};
+
+// The hexagonal pixellation of a raster made over region straight into
+// 8-bit straight-alpha RGBA rows (raster row j of the region at
+// out + j * stride): the bytes that applyKernel's pixels encode to, without
+// a float pixel of the picture being made.
+void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
+                             const Raster8& in,
+                             const IntRect& region,
+                             uint8_t* out,
+                             size_t stride,
+                             int threads);
 
 }  // namespace vn

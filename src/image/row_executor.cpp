@@ -534,6 +534,35 @@ std::shared_ptr<const PixelBuffer> reduce(const Source& s, int kx, int ky, int t
   return out;
 }
 
+bool renderKernelBytes(const NodePtr& node,
+                       const IntRect& region,
+                       int threads,
+                       uint8_t* out,
+                       size_t stride,
+                       FilterImage::RenderStats* stats) {
+  // Crops that keep every pixel of the region, or all of their input, change nothing.
+  const auto keeps = [](const Rect& crop, const Rect& r) {
+    return crop.x <= r.x && crop.y <= r.y && crop.x + crop.width >= r.x + r.width &&
+           crop.y + crop.height >= r.y + r.height;
+  };
+  const Node* n = node.get();
+  while (n->kind == Node::Kind::kCrop &&
+         (keeps(n->rect, toRect(region)) || keeps(n->rect, n->a->extent)))
+    n = n->a.get();
+  if (n->kind != Node::Kind::kKernel || n->a->kind != Node::Kind::kRaster)
+    return false;
+  const auto* op = std::get_if<HexagonalPixellateOp>(&n->kernel);
+  if (!op)
+    return false;
+  const Node& raster = *n->a;
+  hexagonalPixellateBytes(*op,
+                          Raster8{raster.bytes, raster.width, raster.height,
+                                  static_cast<size_t>(raster.stride), raster.bgra},
+                          region, out, stride, threads);
+  ++stats->neighbourhoodPasses;
+  return true;
+}
+
 std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
                                                const IntRect& region,
                                                int threads,

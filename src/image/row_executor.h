@@ -45,6 +45,18 @@ void executeBytes(const Program& program,
                   uint8_t* out,
                   size_t stride);
 
+// Makes node's pixels over region as 8-bit straight-alpha RGBA rows (row j
+// at out + j * stride) straight from the bytes of an 8-bit raster, when node
+// is a hexagonal pixellation of one under crops that keep the whole region:
+// the bytes the float pixels would encode to. False, with nothing written,
+// for any other node.
+bool renderKernelBytes(const NodePtr& node,
+                       const IntRect& region,
+                       int threads,
+                       uint8_t* out,
+                       size_t stride,
+                       FilterImage::RenderStats* stats);
+
 // node's pixels over region, in the layer's own form; stats are added to.
 std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
                                                const IntRect& region,
