@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <functional>
+#include <limits>
 #include <numbers>
 #include <random>
 #include <string>
@@ -17,6 +18,7 @@
 #include "image/bitmap_image.h"
 #include "image/filter_image.h"
 #include "image/pixel_buffer.h"
+#include "image/point_table.h"
 #include "image/srgb.h"
 
 namespace {
@@ -542,6 +544,45 @@ TEST(FilterImageTest, PixellatingARasterGivesTheBytesOfTheFloatPath) {
           std::make_shared<vn::PixelBuffer>(source.applying(op).renderPixels(region)));
       EXPECT_EQ(direct, throughFloats.render(region));
       EXPECT_EQ(cells.render(region, {0, nullptr}), direct);
+    }
+  }
+}
+
+// Colour runs compiled to tables give the same bytes through the wide loop and the plain one, for
+// every pixel count, byte order and alpha (NaN and out-of-range sums included), in place too.
+TEST(FilterImageTest, TheWideTableLoopGivesThePlainLoopsBytes) {
+  vn::ColorMatrixOp mix;  // channels mixed, one pushed past 1 and one below 0
+  mix.m[0][1] = 0.6f, mix.m[1][2] = -0.9f, mix.m[2][0] = 0.3f, mix.m[0][3] = 0.05f;
+  vn::ColorMatrixOp nan;
+  nan.m[1][1] = std::numeric_limits<float>::quiet_NaN();
+  vn::SpotLightOp spot;
+  spot.concentration = 0.4;
+  const std::vector<vn::PointOp> runs[] = {
+      {mix},
+      {saturation(0.3f), vn::MonochromeOp{{0.8f, 0.3f, 0.1f}, 0.7f}, mix},
+      {vn::MonochromeOp{{0.2f, 0.6f, 0.9f}, 1}},
+      {mix, spot},
+      {nan},
+  };
+  const int n = 301;  // odd: the wide loop leaves one
+  const std::vector<uint8_t> pixels = noise(n, 1, false, 3);
+  const vn::IntRect row{-7, 40, n, 1};
+  for (const auto& stages : runs) {
+    const std::shared_ptr<const vn::PointTable> table = vn::PointTable::forStages(stages);
+    ASSERT_TRUE(table);
+    std::shared_ptr<const std::vector<float>> factors;
+    if (table->positional())
+      factors = table->factorsFor(row, 1);
+    for (bool bgra : {false, true}) {
+      std::vector<uint8_t> plain(pixels.size()), wide(pixels.size()), inPlace = pixels;
+      vn::PointTable::allowWideLoop(false);
+      table->apply(pixels.data(), bgra, plain.data(), n, factors ? factors->data() : nullptr);
+      vn::PointTable::allowWideLoop(true);
+      table->apply(pixels.data(), bgra, wide.data(), n, factors ? factors->data() : nullptr);
+      table->apply(inPlace.data(), bgra, inPlace.data(), n, factors ? factors->data() : nullptr);
+      EXPECT_EQ(wide, plain);
+      EXPECT_EQ(inPlace, plain);
+      EXPECT_NE(plain, pixels);
     }
   }
 }

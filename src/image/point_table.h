@@ -56,6 +56,11 @@ class PointTable {
   // Every channel is one table of output codes.
   bool separable() const { return separable_; }
 
+  // Whether apply may take eight lanes at a time on a machine with AVX2
+  // (the default) or keeps to the plain loop; both give the same bytes.
+  // For tests and benchmarks.
+  static void allowWideLoop(bool allow);
+
   // Only for forStages (and std::make_shared).
   struct Terms;
   explicit PointTable(const Terms& terms);
@@ -64,6 +69,12 @@ class PointTable {
   typedef float Float4 __attribute__((vector_size(16)));
 
   void applySeparable(const uint8_t* in, bool bgra, uint8_t* out, int n) const;
+  // The mixing run over pixels [from, n).
+  void applyPlain(const uint8_t* in, bool bgra, uint8_t* out, int from, int n, const float* factors)
+      const;
+  // The mixing run two pixels at a time; returns how many were done (the
+  // rest are left for applyPlain).
+  int applyWide(const uint8_t* in, bool bgra, uint8_t* out, int n, const float* factors) const;
 
   bool separable_ = false;
   bool mono_ = false;
