@@ -133,6 +133,11 @@ Span copyRow(const SampleRow& line, const Span& span) {
   const int x0 = std::max(span.x0, s.c0 - shift);
   const int x1 = std::max(x0, std::min(span.x1, s.c1 - shift));
   clearOutside(line.row, region, x0, x1);
+  if (line.plainMasks && s.raster && x1 > x0) {
+    decodeRow(s.raster->bytes + size_t(r) * s.raster->stride + size_t(x0 + shift) * 4,
+              s.raster->bgra, x1 - x0, line.row + size_t(x0 - region.x) * 4);
+    return Span{x0, x1};
+  }
   for (int x = x0; x < x1; ++x) {
     const bool kept = line.plainMasks || insideOtherMasks(op.masks, x + 0.5, line.y);
     store4(line.row + size_t(x - region.x) * 4, kept ? fetch(s, line.lut, x + shift, r) : Float4{});
@@ -417,16 +422,19 @@ void runMask(const RowOp& op, float* row, double y, const IntRect& region) {
 
 }  // namespace
 
-void runRow(const Program& program, std::vector<float>& registers, int j) {
+void runRow(const Program& program, std::vector<float>& registers, int j, float* result) {
   const IntRect& region = program.region;
   const size_t width4 = size_t(region.width) * 4;
+  const auto reg = [&](int k) {
+    return result && k == program.result ? result : registers.data() + k * width4;
+  };
   const double y = region.top() - j - 0.5;
   // Where each register may hold other than transparent pixels, as floats
   // of the row [first, last): a composite reads no further.
   thread_local std::vector<std::pair<size_t, size_t>> held;
   held.assign(size_t(program.registers), {0, width4});
   for (const RowOp& op : program.ops) {
-    float* dst = registers.data() + op.dst * width4;
+    float* dst = reg(op.dst);
     switch (op.kind) {
       case RowOp::Kind::kSample: {
         const Span span = runSample(op, dst, y, region);
@@ -449,7 +457,7 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
         runMask(op, dst, y, region);
         break;
       case RowOp::Kind::kOver: {
-        const float* src = registers.data() + op.src * width4;
+        const float* src = reg(op.src);
         const auto [first, last] = held[size_t(op.src)];
         auto& mine = held[size_t(op.dst)];
         if (first < last)
@@ -462,7 +470,7 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
         break;
       }
       case RowOp::Kind::kIn: {
-        const float* src = registers.data() + op.src * width4;
+        const float* src = reg(op.src);
         held[size_t(op.dst)] = {0, width4};
         for (size_t i = 0; i < width4; i += 4) {
           const float coverage = dst[i + 3];
@@ -473,6 +481,27 @@ void runRow(const Program& program, std::vector<float>& registers, int j) {
       }
     }
   }
+}
+
+const float* directRow(const Program& program, int j) {
+  if (program.ops.size() != 1)
+    return nullptr;
+  const RowOp& op = program.ops.front();
+  const Source& s = op.source;
+  if (op.kind != RowOp::Kind::kSample || !op.copy || !s.pixels || s.clamp ||
+      op.dst != program.result ||
+      !std::all_of(op.masks.begin(), op.masks.end(), [](const Mask& m) { return m.axisAligned; }))
+    return nullptr;
+  const IntRect& region = program.region;
+  const double y = region.top() - j - 0.5;
+  const Span span = maskSpan(op.masks, y, region);
+  // The row and columns copyRow would read.
+  const int r = static_cast<int>(std::floor(s.height - (y + op.copyDy - s.originY)));
+  const int shift = op.copyDx - static_cast<int>(s.originX);
+  if (span.x0 != region.x || span.x1 != region.right() || r < s.r0 || r >= s.r1 ||
+      region.x + shift < s.c0 || region.right() + shift > s.c1)
+    return nullptr;
+  return s.pixels->row(r) + size_t(region.x + shift) * 4;
 }
 
 void executeBytes(const Program& program,
@@ -579,16 +608,30 @@ std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
         applyKernel(node->kernel, *input, inputExtent, region, threads));
   }
   Program program = compile(node, region, threads);
-  // Every row is written below.
+  // Every row is written below: the program makes its result in place.
   auto out = std::make_shared<PixelBuffer>(region, PixelBuffer::Unset{});
-  execute(program, threads, [&](int j, const float* row) {
-    std::copy(row, row + size_t(region.width) * 4, out->row(j));
+  const int bands = (region.height + kBandRows - 1) / kBandRows;
+  parallelFor(bands, threads, [&](int band) {
+    std::vector<float> registers(size_t(region.width) * 4 * program.registers);
+    for (int j = band * kBandRows; j < std::min(region.height, (band + 1) * kBandRows); ++j)
+      runRow(program, registers, j, out->row(j));
   });
   stats->resamplingPasses += program.stats.resamplingPasses;
   stats->colorPasses += program.stats.colorPasses;
   stats->neighbourhoodPasses += program.stats.neighbourhoodPasses;
   stats->materialized += program.stats.materialized;
   return out;
+}
+
+void decodeRow(const uint8_t* in, bool bgra, int n, float* out) {
+  const float* lut = srgbToLinearTable();
+  const int ri = bgra ? 2 : 0;
+  for (int i = 0; i < n; ++i) {
+    const uint8_t* p = in + size_t(i) * 4;
+    const float alpha = p[3] * (1.0f / 255);
+    store4(out + size_t(i) * 4,
+           Float4{lut[p[ri]] * alpha, lut[p[1]] * alpha, lut[p[2 - ri]] * alpha, alpha});
+  }
 }
 
 void encodeRow(const float* in, uint8_t* out, int width) {

@@ -18,8 +18,14 @@ namespace vn {
 // Rows a thread renders at a time.
 inline constexpr int kBandRows = 16;
 
-// Runs every operation of the program over raster row j of its region.
-void runRow(const Program& program, std::vector<float>& registers, int j);
+// Runs every operation of the program over raster row j of its region;
+// the result register is `result` when that is given.
+void runRow(const Program& program, std::vector<float>& registers, int j, float* result = nullptr);
+
+// Raster row j of the program's result as it lies in the pixels the program
+// copies, when the program is one whole-pixel copy of float pixels that
+// keeps every pixel of the row; null otherwise.
+const float* directRow(const Program& program, int j);
 
 // Runs the program band by band; `finish` gets each finished row (raster
 // row j of the region) from the thread that made it.
@@ -29,8 +35,14 @@ void execute(const Program& program, int threads, Finish&& finish) {
   const int bands = (rows + kBandRows - 1) / kBandRows;
   const size_t width4 = size_t(program.region.width) * 4;
   parallelFor(bands, threads, [&](int band) {
-    std::vector<float> registers(width4 * program.registers);
+    std::vector<float> registers;
     for (int j = band * kBandRows; j < std::min(rows, (band + 1) * kBandRows); ++j) {
+      if (const float* row = directRow(program, j)) {
+        finish(j, row);
+        continue;
+      }
+      if (registers.empty())
+        registers.resize(width4 * program.registers);
       runRow(program, registers, j);
       finish(j, registers.data() + program.result * width4);
     }
@@ -78,5 +90,8 @@ inline uint8_t alphaCode(float a) {
 
 // Encodes one premultiplied linear row as straight-alpha sRGB bytes.
 void encodeRow(const float* in, uint8_t* out, int width);
+// Decodes n straight-alpha sRGB pixels (RGBA, or BGRA when bgra is set) to
+// premultiplied linear RGBA floats.
+void decodeRow(const uint8_t* in, bool bgra, int n, float* out);
 
 }  // namespace vn
