@@ -35,7 +35,7 @@ constexpr int kEndlessHigh = 1 << 29;
 
 constexpr double kMinSigma = 0.16;
 constexpr double kMaxSigma = 1024;
-constexpr double kMaxExactSigma = 16;
+constexpr double kMaxExactSigma = 8;
 constexpr double kReducedSigma = 8;
 // Cells wider than any picture read no further than this.
 constexpr int kMaxHexagonReach = 1 << 15;
@@ -217,7 +217,7 @@ Target targetOf(PixelBuffer& out, const IntRect& part) {
 // How a blur of standard deviation sigma is carried out. Up to
 // kMaxExactSigma the normalised kernel exp(-k^2 / 2 sigma^2), |k| <= R =
 // ceil(3 sigma), runs as it is. Above it the input is box-averaged by a
-// whole factor f (sigma / f about kReducedSigma), the small picture blurred
+// whole factor f (at least 2, sigma / f about kReducedSigma), the small picture blurred
 // exactly with the sigma that gives the same overall variance once the box
 // (f^2 - 1) / 12 and the bilinear enlargement (about f^2 / 6) are added, and
 // the result enlarged bilinearly.
@@ -239,6 +239,16 @@ std::vector<float> gaussianWeights(double sigma, int reach) {
   std::vector<float> out(reach + 1);
   for (int k = 0; k <= reach; ++k)
     out[k] = static_cast<float>(w[k] / sum);
+  // The floats sum to exactly 1 in the order the filters add them (the
+  // centre, then each pair outwards), so that an opaque picture stays
+  // exactly opaque instead of a hair off it: the last pair takes what the
+  // others leave (a change far below its size).
+  if (reach > 0) {
+    float partial = out[0];
+    for (int k = 1; k < reach; ++k)
+      partial += out[k] * 2.0f;
+    out[reach] = (1.0f - partial) / 2;
+  }
   return out;
 }
 
@@ -253,7 +263,7 @@ BlurPlan planBlur(double sigma) {
     p.weights = gaussianWeights(sigma, p.reach);
     return p;
   }
-  const int f = static_cast<int>(sigma / kReducedSigma);
+  const int f = std::max(2, static_cast<int>(sigma / kReducedSigma));
   // Mean variance of the bilinear weights over the f phases: (f^2 - 1) / 6
   // for odd f (phases at whole steps), (2 f^2 + 1) / 12 for even f.
   const double box = (f * f - 1) / 12.0;

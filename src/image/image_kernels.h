@@ -16,17 +16,21 @@
 //  - Gaussian blur of standard deviation sigma: the separable kernel
 //    w_k ~ exp(-k^2 / 2 sigma^2), |k| <= R = ceil(3 sigma), normalised to a
 //    sum of 1, along rows then columns, on all four premultiplied channels.
-//    sigma < 0.16 is the identity; sigma is capped at 1024. Up to sigma = 16
-//    the kernel runs as it is. Above, the picture is box-averaged by the
-//    whole factor f = floor(sigma / 8) (blocks aligned to multiples of f in
-//    picture space), the small picture blurred exactly with
-//    sigma_s = sqrt(sigma^2 - (f^2 - 1) / 12 - v) / f, where v is the mean
-//    variance the bilinear enlargement adds ((f^2 - 1) / 6 for odd f,
-//    (2 f^2 + 1) / 12 for even f), and enlarged bilinearly (pixel centres
-//    aligned); its reach is then (ceil(3 sigma_s) + 2) f, a little over R.
-//    Measured against the exact kernel on a 1280x720 test card (sigma 16.5
-//    to 60, both modes): largest difference 2e-4 to 1e-3 in linear units,
-//    mean below 2e-4; opaque pixels stay within 2 codes in 8 bits.
+//    sigma < 0.16 is the identity; sigma is capped at 1024. The float
+//    weights are made to add up to exactly 1 in the order they are applied
+//    (the outermost pair takes the rest), so an opaque picture stays exactly
+//    opaque. Up to sigma = 8 the kernel runs as it is. Above, the picture
+//    is box-averaged by the whole factor f = max(2, floor(sigma / 8))
+//    (blocks aligned to multiples of f in picture space), the small picture
+//    blurred exactly with sigma_s = sqrt(sigma^2 - (f^2 - 1) / 12 - v) / f,
+//    where v is the mean variance the bilinear enlargement adds
+//    ((f^2 - 1) / 6 for odd f, (2 f^2 + 1) / 12 for even f), and enlarged
+//    bilinearly (pixel centres aligned); its reach is then
+//    (ceil(3 sigma_s) + 2) f, a little over R. Measured against the exact
+//    kernel on a test card of hard edges, thin lines and values above 1:
+//    largest difference 2.3e-3 in linear units at sigma 10, 1.5e-3 from 16
+//    up, in both modes; a lone pixel comes out spread a little wider than
+//    the exact kernel spreads it.
 //  - Luma sharpening: Y = 0.2125 r + 0.7154 g + 0.0721 b of the
 //    unpremultiplied colour (0 for transparent pixels), Yb its clamp-mode
 //    blur, and sharpness (Y - Yb) added to r, g and b; alpha is kept, a
