@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <bit>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -517,6 +518,37 @@ TEST(FilterImageTest, GeometryAndPointColourFoldIntoOnePassEach) {
     thread.join();
   for (const auto& r : results)
     EXPECT_EQ(r, one);
+}
+
+// Encoding gives round-half-up of 255 OETF(x) computed in double: over a sweep of every 61st float
+// from below the first bin to 1, and a few floats either side of every code's boundary.
+TEST(FilterImageTest, EncodingIsTheRoundedTransferFunction) {
+  const auto expected = [](float x) {
+    if (!(x > 0))
+      return 0;
+    if (x >= 1)
+      return 255;
+    return static_cast<int>(std::floor(255.0 * vn::srgbOetf(x) + 0.5));
+  };
+  std::vector<float> values = {0.0f,
+                               -1.0f,
+                               2.0f,
+                               std::numeric_limits<float>::quiet_NaN(),
+                               std::numeric_limits<float>::infinity(),
+                               1e-30f};
+  for (float x = 1.0f / (1 << 15); x <= 1.0f;)
+    values.push_back(x = std::bit_cast<float>(std::bit_cast<int32_t>(x) + 61));
+  for (int k = 0; k < 255; ++k) {
+    float x = static_cast<float>(vn::srgbEotf((k + 0.5) / 255.0));
+    for (int step = 0; step < 3; ++step)
+      x = std::nextafter(x, 0.0f);
+    for (int step = 0; step < 7; ++step, x = std::nextafter(x, 2.0f))
+      values.push_back(x);
+  }
+  int wrong = 0;
+  for (float x : values)
+    wrong += vn::linearToSrgb(x) != expected(x);
+  EXPECT_EQ(wrong, 0);
 }
 
 // A pixellation of a raster is made from its bytes straight to bytes: the same bytes as through the

@@ -636,22 +636,34 @@ void decodeRow(const uint8_t* in, bool bgra, int n, float* out) {
 
 void encodeRow(const float* in, uint8_t* out, int width) {
   const SrgbEncodeTables codes = srgbEncodeTables();
+  typedef int32_t Int4 __attribute__((vector_size(16)));
+  const Float4 floor = {SrgbEncodeTables::kFloor, SrgbEncodeTables::kFloor,
+                        SrgbEncodeTables::kFloor, SrgbEncodeTables::kFloor};
+  const Float4 one = {1, 1, 1, 1};
   for (int i = 0; i < width; ++i, in += 4, out += 4) {
     const float a = in[3];
-    if (a >= 1) {
-      out[0] = codes.encode(in[0]);
-      out[1] = codes.encode(in[1]);
-      out[2] = codes.encode(in[2]);
-      out[3] = 255;
-    } else if (a > 0) {
-      const float unpremultiply = 1 / a;
-      out[0] = codes.encode(in[0] * unpremultiply);
-      out[1] = codes.encode(in[1] * unpremultiply);
-      out[2] = codes.encode(in[2] * unpremultiply);
-      out[3] = alphaCode(a);
-    } else {
-      out[0] = out[1] = out[2] = out[3] = 0;
+    if (!(a > 0)) {
+      std::memset(out, 0, 4);
+      continue;
     }
+    Float4 c = load4(in);
+    uint32_t alpha = 255;
+    if (a < 1) {
+      c *= 1 / a;
+      alpha = alphaCode(a);
+    }
+    // SrgbEncodeTables::encode on the three colours at once, up to the
+    // table reads.
+    c = c > floor ? c : floor;
+    c = c < one ? c : one;
+    Int4 bin;
+    std::memcpy(&bin, &c, sizeof bin);
+    bin = (bin >> SrgbEncodeTables::kDropped) - SrgbEncodeTables::kFirstBin;
+    const uint32_t code = (codes.code[bin[0]] + uint32_t{c[0] >= codes.edge[bin[0]]}) |
+                          (codes.code[bin[1]] + uint32_t{c[1] >= codes.edge[bin[1]]}) << 8 |
+                          (codes.code[bin[2]] + uint32_t{c[2] >= codes.edge[bin[2]]}) << 16 |
+                          alpha << 24;
+    std::memcpy(out, &code, 4);
   }
 }
 

@@ -1,21 +1,31 @@
 #include "image/srgb.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 
 namespace vn {
 namespace {
 
-// Entries of the encode table over [0, 1]; fine enough that no bin holds
-// more than one code boundary (the steepest part of the curve, near 0,
-// moves 12.92 * 255 codes per unit).
-constexpr int kEncodeBins = SrgbEncodeTables::kBins;
+// Bins of the encode table: from kFloor up to 1.0, which has a bin of its
+// own.
+constexpr int32_t kOneBits = 127 << 23;
+constexpr int kEncodeBins =
+    (kOneBits >> SrgbEncodeTables::kDropped) - SrgbEncodeTables::kFirstBin + 1;
 
 struct Tables {
   std::array<float, 256> decode;
   // boundary[k]: the least linear value whose code is k + 1 (k < 255).
-  std::array<float, 256> boundary;
-  std::array<uint8_t, kEncodeBins + 1> lowest;  // the code at each bin's start
+  std::array<float, 255> boundary;
+  std::array<uint8_t, kEncodeBins> code;
+  std::array<float, kEncodeBins> edge;
+
+  // The code of x by the boundaries.
+  int codeOf(float x) const {
+    return static_cast<int>(std::upper_bound(boundary.begin(), boundary.end(), x) -
+                            boundary.begin());
+  }
 
   Tables() {
     for (int k = 0; k < 256; ++k)
@@ -24,21 +34,23 @@ struct Tables {
       // The linear value where 255 * OETF(l) reaches k + 0.5 (rounding
       // half up gives k + 1 from there), then nudged to the first float
       // that really encodes as k + 1.
-      const double edge = srgbEotf((k + 0.5) / 255.0);
-      float f = static_cast<float>(edge);
+      const double edgeValue = srgbEotf((k + 0.5) / 255.0);
+      float f = static_cast<float>(edgeValue);
       while (f > 0 && std::floor(255.0 * srgbOetf(std::nextafter(f, 0.0f)) + 0.5) >= k + 1)
         f = std::nextafter(f, 0.0f);
       while (std::floor(255.0 * srgbOetf(f) + 0.5) < k + 1)
         f = std::nextafter(f, 2.0f);
       boundary[k] = f;
     }
-    boundary[255] = 2.0f;  // never reached: 255 is the last code
-    int code = 0;
-    for (int i = 0; i <= kEncodeBins; ++i) {
-      const float start = static_cast<float>(i) / kEncodeBins;
-      while (code < 255 && start >= boundary[code])
-        ++code;
-      lowest[i] = static_cast<uint8_t>(code);
+    for (int b = 0; b < kEncodeBins; ++b) {
+      const int32_t first = (SrgbEncodeTables::kFirstBin + b) << SrgbEncodeTables::kDropped;
+      const float lo = std::bit_cast<float>(first);
+      const float hi = std::bit_cast<float>(first + (1 << SrgbEncodeTables::kDropped));
+      const int c = codeOf(lo);
+      code[b] = static_cast<uint8_t>(c);
+      // A bin is narrower than the space between two boundaries (checked
+      // by the tests), so at most this one lies inside it.
+      edge[b] = c < 255 && boundary[c] < hi ? boundary[c] : 2.0f;
     }
   }
 };
@@ -68,7 +80,7 @@ float srgbToLinear(uint8_t code) {
 
 SrgbEncodeTables srgbEncodeTables() {
   const Tables& t = tables();
-  return SrgbEncodeTables{t.boundary.data(), t.lowest.data()};
+  return SrgbEncodeTables{t.code.data(), t.edge.data()};
 }
 
 uint8_t linearToSrgb(float linear) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 namespace vn {
 
@@ -22,19 +23,31 @@ double srgbOetf(double l);
 uint8_t linearToSrgb(float linear);
 
 // The tables behind linearToSrgb, for loops that encode many values inline.
+// Values are put in bins by their float bits: 256 bins per octave from
+// 2^-13 (below which every value is code 0) up to 1, each narrower than the
+// distance between two code boundaries, so a bin holds at most one: its
+// code, and one more from its edge on. Two loads that do not wait for each
+// other, no multiply, and the exact code.
 struct SrgbEncodeTables {
-  static constexpr int kBins = 16384;
-  const float* boundary;  // boundary[k]: the least linear value whose code is k + 1
-  const uint8_t* lowest;  // the code at the start of each of kBins + 1 bins over [0, 1]
+  static constexpr int kDropped = 23 - 8;            // mantissa bits not looked at
+  static constexpr float kFloor = 1.0f / (1 << 13);  // the first bin's start
+  static constexpr int32_t kFirstBin = (127 - 13) << (23 - kDropped);  // its bits >> kDropped
+  const uint8_t* code;  // the code at each bin's start (the last bin is 1.0: 255)
+  const float* edge;    // where in the bin the code is one more (2 where it is not)
+
+  // The bin of a value already put into [kFloor, 1].
+  static int32_t binOf(float clamped) {
+    int32_t bits;
+    std::memcpy(&bits, &clamped, sizeof bits);
+    return (bits >> kDropped) - kFirstBin;
+  }
 
   uint8_t encode(float linear) const {
-    if (!(linear > 0))
-      return 0;
-    if (linear >= 1)
-      return 255;
-    int code = lowest[static_cast<int>(linear * kBins)];
-    code += linear >= boundary[code];
-    return static_cast<uint8_t>(code);
+    // Into [kFloor, 1]; NaN to kFloor (code 0).
+    float x = linear > kFloor ? linear : kFloor;
+    x = x < 1.0f ? x : 1.0f;
+    const int32_t bin = binOf(x);
+    return static_cast<uint8_t>(code[bin] + (x >= edge[bin]));
   }
 };
 SrgbEncodeTables srgbEncodeTables();
