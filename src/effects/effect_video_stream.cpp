@@ -155,6 +155,101 @@ void VNFFEffectVideoStream::writeFrame(const AVFrame* frame, const DataProvider&
   setDataBuffer(std::move(data));
 }
 
+namespace {
+
+// A scaler from pictures like frame to width x height in `format`: the
+// frame's own matrix (BT.601 when it names none the scaler knows) and
+// range, as libavfilter's scaler takes them, MPEG-2 chroma siting for
+// 4:2:0. *fullRange: whether its output is full range. Null on failure.
+vn::ff::Sws scalerFor(const AVFrame& frame,
+                      int width,
+                      int height,
+                      int format,
+                      int flags,
+                      int* fullRange) {
+  vn::ff::Sws scaler(sws_alloc_context());
+  if (!scaler)
+    return nullptr;
+  SwsContext* s = scaler.get();
+  const int range = frame.color_range, space = frame.colorspace;
+  const int cpus = av_cpu_count();
+  av_opt_set_int(s, "srcw", frame.width, 0);
+  av_opt_set_int(s, "srch", frame.height, 0);
+  av_opt_set_int(s, "src_format", frame.format, 0);
+  av_opt_set_int(s, "dstw", width, 0);
+  av_opt_set_int(s, "dsth", height, 0);
+  av_opt_set_int(s, "dst_format", format, 0);
+  av_opt_set_int(s, "sws_flags", flags, 0);
+  av_opt_set_int(s, "threads", cpus > 1 ? cpus + 1 : 1, 0);
+  if (range != AVCOL_RANGE_UNSPECIFIED)
+    av_opt_set_int(s, "src_range", range == AVCOL_RANGE_JPEG, 0);
+  // 4:2:0 chroma sits between the lines, as MPEG-2 places it.
+  if (frame.format == AV_PIX_FMT_YUV420P)
+    av_opt_set_int(s, "src_v_chr_pos", 128, 0);
+  if (const int status = sws_init_context(s, nullptr, nullptr); status < 0) {
+    vn::logFailure("sws_init_context", status);
+    return nullptr;
+  }
+  int* inverse = nullptr;
+  int* table = nullptr;
+  int inFull = 0, brightness = 0, contrast = 0, saturation = 0;
+  sws_getColorspaceDetails(s, &inverse, &inFull, &table, fullRange, &brightness, &contrast,
+                           &saturation);
+  const int* coefficients = sws_getCoefficients(
+      space < AVCOL_SPC_BT709 || space > AVCOL_SPC_BT2020_CL || space == AVCOL_SPC_YCGCO
+          ? AVCOL_SPC_BT470BG
+          : space);
+  if (range != AVCOL_RANGE_UNSPECIFIED)
+    inFull = range == AVCOL_RANGE_JPEG;
+  sws_setColorspaceDetails(s, coefficients, inFull, coefficients, *fullRange, brightness, contrast,
+                           saturation);
+  return scaler;
+}
+
+}  // namespace
+
+bool VNFFEffectVideoStream::showsPicturePlain(int width, int height) const {
+  std::lock_guard<std::mutex> hold(lock_);
+  const PictureSettings& s = settings_;
+  const VNFFVideoFormat& out = s.outputFormat;
+  const bool placed =
+      s.zoomType == kZoomStretch || s.zoomType == kZoomFit || s.zoomType == kZoomDefault;
+  return width > 0 && height > 0 && !s.hflip && !s.vflip && s.rotate == 0 && s.cropRect.x == 0 &&
+         s.cropRect.y == 0 && s.cropRect.width == width && s.cropRect.height == height && placed &&
+         int64_t{out.width} * height == int64_t{out.height} * width && s.saturation == 0.5f &&
+         s.brightness == 0.5f && s.contrast == 0.25f && s.hue == 0.5f && !s.effectName &&
+         !s.watermark && !mediaSubtitleImage_ && !subtitleCurrentString_ && !styledRenderer_;
+}
+
+std::optional<vn::BitmapImage> VNFFEffectVideoStream::scaledPicture(const AVFrame& frame,
+                                                                    int width,
+                                                                    int height) {
+  if (width <= 0 || height <= 0 || width > vn::kMaxImageSide || height > vn::kMaxImageSide)
+    return std::nullopt;
+  // At the picture's own size, the conversion writeFrame makes (the same
+  // bytes); smaller, averaged over the area each pixel covers.
+  const bool same = width == frame.width && height == frame.height;
+  int fullRange = 0;
+  const vn::ff::Sws scaler =
+      scalerFor(frame, width, height, AV_PIX_FMT_RGBA,
+                same ? SWS_BILINEAR : SWS_AREA | SWS_ACCURATE_RND, &fullRange);
+  if (!scaler)
+    return std::nullopt;
+  auto pixels = std::make_shared<std::vector<uint8_t>>(size_t(width) * height * 4);
+  uint8_t* planes[4] = {pixels->data(), nullptr, nullptr, nullptr};
+  const int strides[4] = {width * 4, 0, 0, 0};
+  if (const int status =
+          sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, planes, strides);
+      status <= 0) {
+    vn::logFailure("sws_scale", status);
+    return std::nullopt;
+  }
+  vn::BitmapImage image = vn::BitmapImage::borrow(pixels->data(), width, height, width * 4, pixels);
+  if (image.isEmpty())
+    return std::nullopt;
+  return image;
+}
+
 std::shared_ptr<AVFrame> VNFFEffectVideoStream::convertWithScaler(const AVFrame& frame) {
   const int output = outputFormat().pix_fmt;
   const AVPixFmtDescriptor* outputDescriptor =
@@ -167,44 +262,9 @@ std::shared_ptr<AVFrame> VNFFEffectVideoStream::convertWithScaler(const AVFrame&
   if (!scaler_ || scalerInput_.pix_fmt != frame.format || scalerInput_.width != frame.width ||
       scalerInput_.height != frame.height || scalerOutput_ != output || scalerRange_ != range ||
       scalerSpace_ != space) {
-    scaler_.reset(sws_alloc_context());
+    scaler_ = scalerFor(frame, frame.width, frame.height, output, SWS_BILINEAR, &scalerFullRange_);
     if (!scaler_)
       return nullptr;
-    SwsContext* s = scaler_.get();
-    const int cpus = av_cpu_count();
-    av_opt_set_int(s, "srcw", frame.width, 0);
-    av_opt_set_int(s, "srch", frame.height, 0);
-    av_opt_set_int(s, "src_format", frame.format, 0);
-    av_opt_set_int(s, "dstw", frame.width, 0);
-    av_opt_set_int(s, "dsth", frame.height, 0);
-    av_opt_set_int(s, "dst_format", output, 0);
-    av_opt_set_int(s, "sws_flags", SWS_BILINEAR, 0);
-    av_opt_set_int(s, "threads", cpus > 1 ? cpus + 1 : 1, 0);
-    if (range != AVCOL_RANGE_UNSPECIFIED)
-      av_opt_set_int(s, "src_range", range == AVCOL_RANGE_JPEG, 0);
-    // 4:2:0 chroma sits between the lines, as MPEG-2 places it.
-    if (frame.format == AV_PIX_FMT_YUV420P)
-      av_opt_set_int(s, "src_v_chr_pos", 128, 0);
-    if (const int status = sws_init_context(s, nullptr, nullptr); status < 0) {
-      vn::logFailure("sws_init_context", status);
-      scaler_.reset();
-      return nullptr;
-    }
-    // The frame's own matrix (BT.601 when it names none the scaler knows)
-    // and range, as the graph's scaler takes them.
-    int* inverse = nullptr;
-    int* table = nullptr;
-    int inFull = 0, brightness = 0, contrast = 0, saturation = 0;
-    sws_getColorspaceDetails(s, &inverse, &inFull, &table, &scalerFullRange_, &brightness,
-                             &contrast, &saturation);
-    const int* coefficients = sws_getCoefficients(
-        space < AVCOL_SPC_BT709 || space > AVCOL_SPC_BT2020_CL || space == AVCOL_SPC_YCGCO
-            ? AVCOL_SPC_BT470BG
-            : space);
-    if (range != AVCOL_RANGE_UNSPECIFIED)
-      inFull = range == AVCOL_RANGE_JPEG;
-    sws_setColorspaceDetails(s, coefficients, inFull, coefficients, scalerFullRange_, brightness,
-                             contrast, saturation);
     scalerInput_ = VNFFVideoFormat{frame.format, frame.width, frame.height};
     scalerOutput_ = output;
     scalerRange_ = range;

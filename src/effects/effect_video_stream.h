@@ -100,6 +100,16 @@ class VNFFEffectVideoStream {
   // thread; takes effect at the next picture written.
   bool convertsWithScaler() const { return withScaler_.load(); }
   void setConvertsWithScaler(bool value) { withScaler_.store(value); }
+
+  // The composed picture of a width x height frame would be the frame
+  // itself, scaled to the output size: no crop, flip, turn, colour control,
+  // effect, watermark or subtitle, and an output of the frame's own shape.
+  bool showsPicturePlain(int width, int height) const;
+  // frame scaled by the scaler straight to width x height RGBA (area
+  // averaging, the frame's matrix and range; at the frame's own size the
+  // bytes writeFrame's scaler makes): a plain picture's thumbnail without
+  // the picture ever being made at its full size. None on failure.
+  std::optional<vn::BitmapImage> scaledPicture(const AVFrame& frame, int width, int height);
   // A raster image over the first plane of a frame in the output format,
   // sharing its pixels (owner keeps them alive); none without pixels.
   static std::optional<vn::BitmapImage> imageForFrame(const AVFrame* frame,

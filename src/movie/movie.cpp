@@ -554,6 +554,18 @@ vn::Rect VNFFMovie::scaleRect(const vn::Rect& a, const vn::Rect& b) {
   return vn::Rect{b.x + (b.width - width) * 0.5, b.y + (b.height - height) * 0.5, width, height};
 }
 
+std::optional<vn::Size> VNFFMovie::thumbnailSize(const vn::Rect& extent, vn::Size box) {
+  const vn::Rect fitted = scaleRect(extent, vn::Rect{0, 0, box.width, box.height});
+  // At the origin, rounded out to whole pixels. A side a hair over a whole
+  // number (the fit is computed in single precision) stays that number, so
+  // the thumbnail never outgrows its box.
+  const double width = std::ceil(fitted.width - kWholeTolerance);
+  const double height = std::ceil(fitted.height - kWholeTolerance);
+  if (!(width >= 1) || !(height >= 1) || width > vn::kMaxImageSide || height > vn::kMaxImageSide)
+    return std::nullopt;
+  return vn::Size{width, height};
+}
+
 std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size size) {
   const std::shared_ptr<VNFFMedia> media = videoMediaAtTime(t);
   if (!media)
@@ -567,19 +579,22 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
         VNFFEffectVideoStream& stream = *self->videoEffectStream_;
         media->thumbnailAtTime(t - media->movie_position(), [&](AVFrame* frame) {
           self->showSubtitlesAt(t, media, true);
+          if (self->thumbnailsFromDecoded_.load() &&
+              stream.showsPicturePlain(frame->width, frame->height)) {
+            const VNFFVideoFormat out = stream.pictureSettings().outputFormat;
+            if (const std::optional<vn::Size> fitted =
+                    thumbnailSize(vn::Rect{0, 0, double(out.width), double(out.height)}, size)) {
+              result = stream.scaledPicture(*frame, int(fitted->width), int(fitted->height));
+            }
+            return;
+          }
           stream.writeFrame(frame);
           const std::optional<vn::FilterImage> effect = stream.currentEffectImage();
           const vn::Rect extent = effect ? effect->extent() : vn::Rect{};
-          const vn::Rect fitted = scaleRect(extent, vn::Rect{0, 0, size.width, size.height});
-          // At the origin, rounded out to whole pixels. A side a hair over a
-          // whole number (the fit is computed in single precision) stays
-          // that number, so the thumbnail never outgrows its box.
-          const double width = std::ceil(fitted.width - kWholeTolerance);
-          const double height = std::ceil(fitted.height - kWholeTolerance);
-          if (!effect || !(width >= 1) || !(height >= 1) || width > vn::kMaxImageSide ||
-              height > vn::kMaxImageSide) {
+          const std::optional<vn::Size> fitted = thumbnailSize(extent, size);
+          if (!effect || !fitted)
             return;
-          }
+          const double width = fitted->width, height = fitted->height;
           // The composed picture is made once at its own size, in 8 bits
           // (a quarter of the memory of the layer's own pixels), and that is
           // scaled into the thumbnail.

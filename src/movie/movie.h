@@ -213,11 +213,21 @@ class VNFFMovie : public VNMovieLink,
   // a fitted in b keeping its aspect, centred; never enlarged more than a
   // hundredfold. Not rounded.
   static vn::Rect scaleRect(const vn::Rect& a, const vn::Rect& b);
+  // The whole-pixel size of a picture of the given extent fitted into box;
+  // none when it is empty or too large.
+  static std::optional<vn::Size> thumbnailSize(const vn::Rect& extent, vn::Size box);
   // The composed picture at time t, fitted into a box of size (aspect kept,
   // no bars), rounded out to whole pixels; none when no video media covers
   // t. The media is seeked back to the clock afterwards. Blocks until done;
   // never call it from the decode queue.
   std::optional<vn::BitmapImage> thumbnailAtTime(int64_t t, vn::Size size);
+  // Whether the thumbnail of a picture shown plain (see
+  // VNFFEffectVideoStream::showsPicturePlain) is scaled straight from the
+  // decoded picture by the scaler, averaging in the video's own gamma as
+  // other thumbnailers do, instead of being composed at full size and
+  // scaled in linear light. False (the default): composed. Any thread.
+  bool thumbnailsFromDecodedPictures() const { return thumbnailsFromDecoded_.load(); }
+  void setThumbnailsFromDecodedPictures(bool value) { thumbnailsFromDecoded_.store(value); }
   // Decodes the picture at t on the decode queue (inline when called from
   // it) and hands it to the provider's calls; waits when asked.
   void decodeImageAtTime(int64_t t, std::shared_ptr<VNFFMovieImageProvider> provider, bool wait);
@@ -342,6 +352,7 @@ class VNFFMovie : public VNMovieLink,
   std::atomic<int> pictureRequests_{0};
   // The composed picture a thumbnail is scaled from; decode queue only.
   std::vector<uint8_t> thumbnailScratch_;
+  std::atomic<bool> thumbnailsFromDecoded_{false};  // see thumbnailsFromDecodedPictures()
   // The last seek posted to the decode queue; readSample waits for it.
   // Guarded by lock_.
   std::shared_ptr<vn::SerialQueue::Operation> lastSeek_;

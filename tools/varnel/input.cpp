@@ -40,13 +40,15 @@ namespace {
 
 // A movie whose times mean what a player shows: at the boundary of two
 // frames, the one that starts there; whose sound starts where it is asked
-// to, not a frame later; and whose pictures are converted by the scaler
-// alone (the same bytes, without loading the filter library).
+// to, not a frame later; whose pictures are converted by the scaler alone
+// (the same bytes, without loading the filter library); and whose plain
+// pictures' thumbnails are scaled straight from the decoded picture.
 std::shared_ptr<VNFFMovie> newMovie() {
   std::shared_ptr<VNFFMovie> movie = VNFFMovie::create();
   movie->setStartingPictureAtBoundary(true);
   movie->audioEffectStream().setExactStarts(true);
   movie->videoEffectStream().setConvertsWithScaler(true);
+  movie->setThumbnailsFromDecodedPictures(true);
   return movie;
 }
 
