@@ -93,6 +93,7 @@ enum ScratchUse {
   kBlendRow,
   kCells,
   kCellMeans,
+  kRunSums,
 };
 constexpr size_t kKeptScratchBytes = size_t{16} << 20;
 
@@ -832,7 +833,9 @@ struct HexRuns {
   double cx = 0, cy = 0, scale = 0;
   std::vector<std::vector<Run>> rows;
   std::vector<int32_t> lowN, highN;  // the cell rows each raster row meets
-  int32_t firstN = 0, firstM = 0;    // the lowest cell row and column met
+  std::vector<size_t> firstRun;      // each row's first run, counted over all rows
+  size_t runCount = 0;
+  int32_t firstN = 0, firstM = 0;  // the lowest cell row and column met
   int cellRows = 0, cellColumns = 0;
 };
 
@@ -886,9 +889,13 @@ std::shared_ptr<const HexRuns> makeHexRuns(const Lattice& lattice,
   runs.firstM = *std::min_element(rowLowM.begin(), rowLowM.end());
   runs.cellRows = *std::max_element(runs.highN.begin(), runs.highN.end()) - runs.firstN + 1;
   runs.cellColumns = *std::max_element(rowHighM.begin(), rowHighM.end()) - runs.firstM + 1;
-  for (std::vector<Run>& row : runs.rows)
-    for (Run& r : row)
+  runs.firstRun.resize(h);
+  for (int i = 0; i < h; ++i) {
+    runs.firstRun[i] = runs.runCount;
+    runs.runCount += runs.rows[i].size();
+    for (Run& r : runs.rows[i])
       r.cell = (r.n - runs.firstN) * runs.cellColumns + (r.m - runs.firstM);
+  }
   return made;
 }
 
@@ -910,13 +917,16 @@ std::shared_ptr<const HexRuns> hexRunsOf(const Lattice& lattice, const IntRect& 
 }
 
 // The mean of every cell the runs meet, four premultiplied channels, cells
-// row after row from (firstM, firstN). addRun(i, x0, x1, sum) adds the
-// pixels of picture columns [x0, x1) of the area's raster row i to sum.
-// One job sums one row of cells, over the pixel rows that meet it, top to
-// bottom and left to right, so the sums do not depend on the threads or on
-// the area around a cell.
-template <typename AddRun>
-void cellMeans(const HexRuns& runs, int threads, const AddRun& addRun, float* means) {
+// row after row from (firstM, firstN). sumRow(i, sums) gives the sum of the
+// pixels of each run of the area's raster row i (four floats a run, see
+// runSum). Rows are summed on their own, in parallel, reading each row
+// once from left to right; then one job adds up one row of cells, over the
+// pixel rows that meet it, top to bottom, in doubles, so the sums do not
+// depend on the threads or on the area around a cell.
+template <typename SumRow>
+void cellMeans(const HexRuns& runs, int threads, const SumRow& sumRow, float* means) {
+  Scratch<float, kRunSums> sums(runs.runCount * 4);
+  forRows(runs.area.height, threads, [&](int i) { sumRow(i, sums.data() + runs.firstRun[i] * 4); });
   const int columns = runs.cellColumns;
   parallelFor(runs.cellRows, threads, [&](int job) {
     const int32_t n = runs.firstN + job;
@@ -924,13 +934,16 @@ void cellMeans(const HexRuns& runs, int threads, const AddRun& addRun, float* me
     for (int i = 0; i < runs.area.height; ++i) {
       if (n < runs.lowN[i] || n > runs.highN[i])
         continue;
+      const float* rowSums = sums.data() + runs.firstRun[i] * 4;
       for (const Run& r : runs.rows[i]) {
+        const float* runSum = rowSums + (&r - runs.rows[i].data()) * 4;
         if (r.n != n)
           continue;
         double* s = sum.data() + static_cast<size_t>(r.cell - job * columns) * 5;
         // Pixels of the extent that were not given count as transparent.
         s[4] += r.end - r.start;
-        addRun(i, runs.area.x + r.start, runs.area.x + r.end, s);
+        for (int ch = 0; ch < 4; ++ch)
+          s[ch] += runSum[ch];
       }
     }
     float* mean = means + static_cast<size_t>(job) * columns * 4;
@@ -942,10 +955,10 @@ void cellMeans(const HexRuns& runs, int threads, const AddRun& addRun, float* me
   });
 }
 
-// Adds pixels as sum does, two running sums of floats taking alternate
-// pixels (a run is a few pixels long), then their sum to the doubles.
+// The sum of the pixels [x0, x1) into out[0..3]: two running sums of floats
+// taking alternate pixels (a run is a few pixels long), then their sum.
 template <typename PixelAt>
-inline void addPixels(int x0, int x1, const PixelAt& pixelAt, double* sum) {
+inline void runSum(int x0, int x1, const PixelAt& pixelAt, float* out) {
   Pixel even{}, odd{};
   int x = x0;
   for (; x + 1 < x1; x += 2) {
@@ -954,9 +967,7 @@ inline void addPixels(int x0, int x1, const PixelAt& pixelAt, double* sum) {
   }
   if (x < x1)
     even += pixelAt(x);
-  const Pixel total = even + odd;
-  for (int ch = 0; ch < 4; ++ch)
-    sum[ch] += total[ch];
+  storePixel(out, even + odd);
 }
 
 // The area the cells of the output pixels of part lie in, wholly.
@@ -980,19 +991,22 @@ void hexagonalPixellate(const HexagonalPixellateOp& op,
   Scratch<float, kCellMeans> means(static_cast<size_t>(runs->cellRows) * runs->cellColumns * 4);
   cellMeans(
       *runs, threads,
-      [&](int i, int x0, int x1, double* sum) {
+      [&](int i, float* sums) {
         const float* row = src.rowAt(area.top() - 1 - i);
-        if (!row)
-          return;
-        const float* first = row - static_cast<ptrdiff_t>(src.rect.x) * 4;
-        addPixels(
-            std::max(x0, src.rect.x), std::min(x1, src.rect.right()),
-            [&](int x) {
-              Pixel p;
-              loadPixel(p, first + static_cast<ptrdiff_t>(x) * 4);
-              return p;
-            },
-            sum);
+        const float* first = row ? row - static_cast<ptrdiff_t>(src.rect.x) * 4 : nullptr;
+        for (const Run& r : runs->rows[i]) {
+          const int x0 = row ? std::max(area.x + r.start, src.rect.x) : 0;
+          const int x1 = row ? std::min(area.x + r.end, src.rect.right()) : 0;
+          runSum(
+              x0, x1,
+              [&](int x) {
+                Pixel p;
+                loadPixel(p, first + static_cast<ptrdiff_t>(x) * 4);
+                return p;
+              },
+              sums);
+          sums += 4;
+        }
       },
       means.data());
 
@@ -1104,11 +1118,10 @@ void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
   Scratch<float, kCellMeans> means(cells * 4);
   cellMeans(
       *runs, threads,
-      [&](int i, int x0, int x1, double* sum) {
+      [&](int i, float* sums) {
         const uint8_t* row =
             in.bytes + static_cast<size_t>(in.height - (area.top() - i)) * in.stride;
         // The float path's sums, lane for lane, in scalars: no shuffles.
-        float even[4] = {}, odd[4] = {};
         const auto add = [&](float* to, const uint8_t* p) {
           if (p[3] == 255) {
             to[0] += lut[p[ri]];
@@ -1123,15 +1136,19 @@ void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
             to[3] += alpha;
           }
         };
-        int x = x0;
-        for (; x + 1 < x1; x += 2) {
-          add(even, row + static_cast<size_t>(x) * 4);
-          add(odd, row + static_cast<size_t>(x + 1) * 4);
+        for (const Run& r : runs->rows[i]) {
+          float even[4] = {}, odd[4] = {};
+          int x = area.x + r.start;
+          for (; x + 1 < area.x + r.end; x += 2) {
+            add(even, row + static_cast<size_t>(x) * 4);
+            add(odd, row + static_cast<size_t>(x + 1) * 4);
+          }
+          if (x < area.x + r.end)
+            add(even, row + static_cast<size_t>(x) * 4);
+          for (int ch = 0; ch < 4; ++ch)
+            sums[ch] = even[ch] + odd[ch];
+          sums += 4;
         }
-        if (x < x1)
-          add(even, row + static_cast<size_t>(x) * 4);
-        for (int ch = 0; ch < 4; ++ch)
-          sum[ch] += even[ch] + odd[ch];
       },
       means.data());
   // Each cell's colour is encoded once.
