@@ -143,7 +143,7 @@ awk -v v="$best_varnel" -v f="$best_ffmpeg" -v p="$per_frame" -v n="$frames" 'BE
   printf "  varnel_bench_compose  %7.2f s  (%.1f ms a picture; %.1f ms of it in the compose loop)\n",
     v / 1e9, v / n / 1e6, p
   printf "  ffmpeg -f null        %7.2f s  (%.1f ms a picture)\n", f / 1e9, f / n / 1e6
-  printf "  ratio %.2f (varnel / ffmpeg; goal <= 0.5)\n", v / f }'
+  printf "  ratio %.2f (varnel / ffmpeg; goal <= 0.35)\n", v / f }'
 echo
 if ((have_convert)); then
   vt=$(awk '{print $1}' "$tmp/convert_varnel.all" | sort -n | head -1)
@@ -162,9 +162,9 @@ if ((have_convert)); then
   echo "full conversion: h264 (fast, main, GOP 12, 20 Mb/s) + aac 192k"
   echo "  varnel convert  $(describe "$tmp/varnel.mp4")"
   echo "  ffmpeg          $(describe "$tmp/ffmpeg.mp4")"
-  printf '  wall time    varnel %6.2f s   ffmpeg %6.2f s   ratio %s (goal <= 0.9)\n' "$vt" "$ft" \
+  printf '  wall time    varnel %6.2f s   ffmpeg %6.2f s   ratio %s (goal <= 0.8)\n' "$vt" "$ft" \
     "$(ratio "$vt" "$ft")"
-  printf '  peak memory  varnel %6.0f MB  ffmpeg %6.0f MB  ratio %s (goal <= 1.5)\n' \
+  printf '  peak memory  varnel %6.0f MB  ffmpeg %6.0f MB  ratio %s (goal <= 1.2)\n' \
     "$(awk -v k="$vm" 'BEGIN { print k / 1024 }')" "$(awk -v k="$fm" 'BEGIN { print k / 1024 }')" \
     "$(ratio "$vm" "$fm")"
 else
