@@ -579,6 +579,7 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
         VNFFEffectVideoStream& stream = *self->videoEffectStream_;
         media->thumbnailAtTime(t - media->movie_position(), [&](AVFrame* frame) {
           self->showSubtitlesAt(t, media, true);
+          // A picture the scaler cannot take is composed after all.
           if (self->thumbnailsFromDecoded_.load() &&
               stream.showsPicturePlain(frame->width, frame->height)) {
             const VNFFVideoFormat out = stream.pictureSettings().outputFormat;
@@ -586,7 +587,8 @@ std::optional<vn::BitmapImage> VNFFMovie::thumbnailAtTime(int64_t t, vn::Size si
                     thumbnailSize(vn::Rect{0, 0, double(out.width), double(out.height)}, size)) {
               result = stream.scaledPicture(*frame, int(fitted->width), int(fitted->height));
             }
-            return;
+            if (result)
+              return;
           }
           stream.writeFrame(frame);
           const std::optional<vn::FilterImage> effect = stream.currentEffectImage();
