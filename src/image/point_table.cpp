@@ -367,7 +367,9 @@ typedef float Lanes4 __attribute__((vector_size(16)));
 
 // lo and hi in the two halves of a register.
 __attribute__((target("avx2"))) inline __m256 halves(const Lanes4& lo, const Lanes4& hi) {
-  return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_load_ps(&lo[0])), _mm_load_ps(&hi[0]), 1);
+  return _mm256_insertf128_ps(
+      _mm256_castps128_ps256(_mm_load_ps(reinterpret_cast<const float*>(&lo))),
+      _mm_load_ps(reinterpret_cast<const float*>(&hi)), 1);
 }
 
 }  // namespace
