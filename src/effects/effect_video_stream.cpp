@@ -214,11 +214,13 @@ bool VNFFEffectVideoStream::showsPicturePlain(int width, int height) const {
   const VNFFVideoFormat& out = s.outputFormat;
   const bool placed =
       s.zoomType == kZoomStretch || s.zoomType == kZoomFit || s.zoomType == kZoomDefault;
+  const PictureSettings neutral;  // colour controls that change nothing
   return width > 0 && height > 0 && !s.hflip && !s.vflip && s.rotate == 0 && s.cropRect.x == 0 &&
          s.cropRect.y == 0 && s.cropRect.width == width && s.cropRect.height == height && placed &&
-         int64_t{out.width} * height == int64_t{out.height} * width && s.saturation == 0.5f &&
-         s.brightness == 0.5f && s.contrast == 0.25f && s.hue == 0.5f && !s.effectName &&
-         !s.watermark && !mediaSubtitleImage_ && !subtitleCurrentString_ && !styledRenderer_;
+         int64_t{out.width} * height == int64_t{out.height} * width &&
+         s.saturation == neutral.saturation && s.brightness == neutral.brightness &&
+         s.contrast == neutral.contrast && s.hue == neutral.hue && !s.effectName && !s.watermark &&
+         !mediaSubtitleImage_ && !subtitleCurrentString_ && !styledRenderer_;
 }
 
 std::optional<vn::BitmapImage> VNFFEffectVideoStream::scaledPicture(const AVFrame& frame,

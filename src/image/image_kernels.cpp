@@ -955,19 +955,32 @@ void cellMeans(const HexRuns& runs, int threads, const SumRow& sumRow, float* me
   });
 }
 
-// The sum of the pixels [x0, x1) into out[0..3]: two running sums of floats
-// taking alternate pixels (a run is a few pixels long), then their sum.
+// The sums of the pixels of each run of a row of the area starting at
+// picture column areaX, four floats a run into sums: of the row's pixels,
+// those of columns [lo, hi) are given, pixelAt(x) making the one of column
+// x; the others are transparent. Each run is summed by two running sums of
+// floats taking alternate pixels (a run is a few pixels long), then their
+// sum.
 template <typename PixelAt>
-inline void runSum(int x0, int x1, const PixelAt& pixelAt, float* out) {
-  Pixel even{}, odd{};
-  int x = x0;
-  for (; x + 1 < x1; x += 2) {
-    even += pixelAt(x);
-    odd += pixelAt(x + 1);
+void sumRuns(const std::vector<Run>& row,
+             int areaX,
+             int lo,
+             int hi,
+             const PixelAt& pixelAt,
+             float* sums) {
+  for (const Run& r : row) {
+    const int x1 = std::min(areaX + r.end, hi);
+    Pixel even{}, odd{};
+    int x = std::max(areaX + r.start, lo);
+    for (; x + 1 < x1; x += 2) {
+      even += pixelAt(x);
+      odd += pixelAt(x + 1);
+    }
+    if (x < x1)
+      even += pixelAt(x);
+    storePixel(sums, even + odd);
+    sums += 4;
   }
-  if (x < x1)
-    even += pixelAt(x);
-  storePixel(out, even + odd);
 }
 
 // The area the cells of the output pixels of part lie in, wholly.
@@ -993,20 +1006,15 @@ void hexagonalPixellate(const HexagonalPixellateOp& op,
       *runs, threads,
       [&](int i, float* sums) {
         const float* row = src.rowAt(area.top() - 1 - i);
-        const float* first = row ? row - static_cast<ptrdiff_t>(src.rect.x) * 4 : nullptr;
-        for (const Run& r : runs->rows[i]) {
-          const int x0 = row ? std::max(area.x + r.start, src.rect.x) : 0;
-          const int x1 = row ? std::min(area.x + r.end, src.rect.right()) : 0;
-          runSum(
-              x0, x1,
-              [&](int x) {
-                Pixel p;
-                loadPixel(p, first + static_cast<ptrdiff_t>(x) * 4);
-                return p;
-              },
-              sums);
-          sums += 4;
-        }
+        // A row not given holds no pixels: every run sums to nothing.
+        sumRuns(
+            runs->rows[i], area.x, row ? src.rect.x : 0, row ? src.rect.right() : 0,
+            [&](int x) {
+              Pixel p;
+              loadPixel(p, row + static_cast<ptrdiff_t>(x - src.rect.x) * 4);
+              return p;
+            },
+            sums);
       },
       means.data());
 
@@ -1111,7 +1119,6 @@ void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
       hexRunsOf(latticeOf(op), hexagonArea(op, part, extent), threads);
   const IntRect& area = runs->area;
 
-  // The sums of the pixels as the float path decodes them.
   const float* lut = srgbToLinearTable();
   const int ri = in.bgra ? 2 : 0;
   const size_t cells = static_cast<size_t>(runs->cellRows) * runs->cellColumns;
@@ -1119,36 +1126,12 @@ void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
   cellMeans(
       *runs, threads,
       [&](int i, float* sums) {
+        // The pixels decoded as the float path decodes them.
         const uint8_t* row =
             in.bytes + static_cast<size_t>(in.height - (area.top() - i)) * in.stride;
-        // The float path's sums, lane for lane, in scalars: no shuffles.
-        const auto add = [&](float* to, const uint8_t* p) {
-          if (p[3] == 255) {
-            to[0] += lut[p[ri]];
-            to[1] += lut[p[1]];
-            to[2] += lut[p[2 - ri]];
-            to[3] += 1;
-          } else {
-            const float alpha = p[3] * (1.0f / 255);
-            to[0] += lut[p[ri]] * alpha;
-            to[1] += lut[p[1]] * alpha;
-            to[2] += lut[p[2 - ri]] * alpha;
-            to[3] += alpha;
-          }
-        };
-        for (const Run& r : runs->rows[i]) {
-          float even[4] = {}, odd[4] = {};
-          int x = area.x + r.start;
-          for (; x + 1 < area.x + r.end; x += 2) {
-            add(even, row + static_cast<size_t>(x) * 4);
-            add(odd, row + static_cast<size_t>(x + 1) * 4);
-          }
-          if (x < area.x + r.end)
-            add(even, row + static_cast<size_t>(x) * 4);
-          for (int ch = 0; ch < 4; ++ch)
-            sums[ch] = even[ch] + odd[ch];
-          sums += 4;
-        }
+        sumRuns(
+            runs->rows[i], area.x, area.x, area.right(),
+            [&](int x) { return decodePixel(row + static_cast<size_t>(x) * 4, ri, lut); }, sums);
       },
       means.data());
   // Each cell's colour is encoded once.

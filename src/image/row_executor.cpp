@@ -27,12 +27,20 @@ inline void store4(float* p, Float4 v) {
 // One source pixel as premultiplied linear light.
 inline Float4 fetch(const Source& s, const float* lut, int c, int r) {
   if (s.raster) {
-    const uint8_t* p = s.raster->bytes + size_t(r) * s.raster->stride + size_t(c) * 4;
-    const float alpha = p[3] * (1.0f / 255);
-    const int ri = s.raster->bgra ? 2 : 0;
-    return Float4{lut[p[ri]] * alpha, lut[p[1]] * alpha, lut[p[2 - ri]] * alpha, alpha};
+    return decodePixel(s.raster->bytes + size_t(r) * s.raster->stride + size_t(c) * 4,
+                       s.raster->bgra ? 2 : 0, lut);
   }
   return load4(s.pixels->row(r) + size_t(c) * 4);
+}
+
+// A whole-pixel copy of a source, moved by (dx, dy): output pixel x of the
+// row whose centres are at y reads source column x + copiedShift and raster
+// row copiedRow.
+inline int copiedRow(const Source& s, int dy, double y) {
+  return static_cast<int>(std::floor(s.height - (y + dy - s.originY)));
+}
+inline int copiedShift(const Source& s, int dx) {
+  return dx - static_cast<int>(s.originX);
 }
 
 // The x range [x0, x1) of the output pixels of a row whose centres lie
@@ -124,12 +132,12 @@ Span copyRow(const SampleRow& line, const Span& span) {
   const RowOp& op = line.op;
   const Source& s = op.source;
   const IntRect& region = line.region;
-  const int r = static_cast<int>(std::floor(line.top - (line.y + op.copyDy - s.originY)));
+  const int r = copiedRow(s, op.copyDy, line.y);
   if (r < s.r0 || r >= s.r1) {
     clearOutside(line.row, region, region.x, region.x);
     return Span{region.x, region.x};
   }
-  const int shift = op.copyDx - static_cast<int>(s.originX);
+  const int shift = copiedShift(s, op.copyDx);
   const int x0 = std::max(span.x0, s.c0 - shift);
   const int x1 = std::max(x0, std::min(span.x1, s.c1 - shift));
   clearOutside(line.row, region, x0, x1);
@@ -496,8 +504,8 @@ const float* directRow(const Program& program, int j) {
   const double y = region.top() - j - 0.5;
   const Span span = maskSpan(op.masks, y, region);
   // The row and columns copyRow would read.
-  const int r = static_cast<int>(std::floor(s.height - (y + op.copyDy - s.originY)));
-  const int shift = op.copyDx - static_cast<int>(s.originX);
+  const int r = copiedRow(s, op.copyDy, y);
+  const int shift = copiedShift(s, op.copyDx);
   if (span.x0 != region.x || span.x1 != region.right() || r < s.r0 || r >= s.r1 ||
       region.x + shift < s.c0 || region.right() + shift > s.c1)
     return nullptr;
@@ -515,7 +523,7 @@ void executeBytes(const Program& program,
   const int bands = (rows + kBandRows - 1) / kBandRows;
   // Output pixel x reads source column x + shift; the row as copyRow finds
   // it.
-  const int shift = pass.copyDx - static_cast<int>(s.originX);
+  const int shift = copiedShift(s, pass.copyDx);
   const int x0 = std::clamp(s.c0 - shift, region.x, region.right());
   const int x1 = std::clamp(s.c1 - shift, x0, region.right());
   std::shared_ptr<const std::vector<float>> factors;
@@ -525,7 +533,7 @@ void executeBytes(const Program& program,
     for (int j = band * kBandRows; j < std::min(rows, (band + 1) * kBandRows); ++j) {
       uint8_t* o = out + size_t(j) * stride;
       const double y = region.top() - j - 0.5;
-      const int r = static_cast<int>(std::floor(s.height - (y + pass.copyDy - s.originY)));
+      const int r = copiedRow(s, pass.copyDy, y);
       if (r < s.r0 || r >= s.r1 || x1 <= x0) {
         std::memset(o, 0, size_t(region.width) * 4);
         continue;
@@ -626,17 +634,12 @@ std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
 void decodeRow(const uint8_t* in, bool bgra, int n, float* out) {
   const float* lut = srgbToLinearTable();
   const int ri = bgra ? 2 : 0;
-  for (int i = 0; i < n; ++i) {
-    const uint8_t* p = in + size_t(i) * 4;
-    const float alpha = p[3] * (1.0f / 255);
-    store4(out + size_t(i) * 4,
-           Float4{lut[p[ri]] * alpha, lut[p[1]] * alpha, lut[p[2 - ri]] * alpha, alpha});
-  }
+  for (int i = 0; i < n; ++i)
+    store4(out + size_t(i) * 4, decodePixel(in + size_t(i) * 4, ri, lut));
 }
 
 void encodeRow(const float* in, uint8_t* out, int width) {
   const SrgbEncodeTables codes = srgbEncodeTables();
-  typedef int32_t Int4 __attribute__((vector_size(16)));
   const Float4 floor = {SrgbEncodeTables::kFloor, SrgbEncodeTables::kFloor,
                         SrgbEncodeTables::kFloor, SrgbEncodeTables::kFloor};
   const Float4 one = {1, 1, 1, 1};
@@ -652,17 +655,12 @@ void encodeRow(const float* in, uint8_t* out, int width) {
       c *= 1 / a;
       alpha = alphaCode(a);
     }
-    // SrgbEncodeTables::encode on the three colours at once, up to the
-    // table reads.
+    // The three colours clamped at once, then encoded.
     c = c > floor ? c : floor;
     c = c < one ? c : one;
-    Int4 bin;
-    std::memcpy(&bin, &c, sizeof bin);
-    bin = (bin >> SrgbEncodeTables::kDropped) - SrgbEncodeTables::kFirstBin;
-    const uint32_t code = (codes.code[bin[0]] + uint32_t{c[0] >= codes.edge[bin[0]]}) |
-                          (codes.code[bin[1]] + uint32_t{c[1] >= codes.edge[bin[1]]}) << 8 |
-                          (codes.code[bin[2]] + uint32_t{c[2] >= codes.edge[bin[2]]}) << 16 |
-                          alpha << 24;
+    const uint32_t code = uint32_t{codes.encodeClamped(c[0])} |
+                          uint32_t{codes.encodeClamped(c[1])} << 8 |
+                          uint32_t{codes.encodeClamped(c[2])} << 16 | alpha << 24;
     std::memcpy(out, &code, 4);
   }
 }

@@ -90,6 +90,14 @@ inline uint8_t alphaCode(float a) {
 
 // Encodes one premultiplied linear row as straight-alpha sRGB bytes.
 void encodeRow(const float* in, uint8_t* out, int width);
+// An 8-bit straight-alpha sRGB pixel (red at p[ri], ri 0 or 2) as
+// premultiplied linear light, red, green, blue, alpha; lut is
+// srgbToLinearTable().
+typedef float LinearPixel __attribute__((vector_size(16)));
+inline LinearPixel decodePixel(const uint8_t* p, int ri, const float* lut) {
+  const float alpha = p[3] * (1.0f / 255);
+  return LinearPixel{lut[p[ri]] * alpha, lut[p[1]] * alpha, lut[p[2 - ri]] * alpha, alpha};
+}
 // Decodes n straight-alpha sRGB pixels (RGBA, or BGRA when bgra is set) to
 // premultiplied linear RGBA floats.
 void decodeRow(const uint8_t* in, bool bgra, int n, float* out);

@@ -35,19 +35,19 @@ struct SrgbEncodeTables {
   const uint8_t* code;  // the code at each bin's start (the last bin is 1.0: 255)
   const float* edge;    // where in the bin the code is one more (2 where it is not)
 
-  // The bin of a value already put into [kFloor, 1].
-  static int32_t binOf(float clamped) {
+  // The code of a value already put into [kFloor, 1] (see encode).
+  uint8_t encodeClamped(float x) const {
     int32_t bits;
-    std::memcpy(&bits, &clamped, sizeof bits);
-    return (bits >> kDropped) - kFirstBin;
+    std::memcpy(&bits, &x, sizeof bits);
+    const int32_t bin = (bits >> kDropped) - kFirstBin;
+    return static_cast<uint8_t>(code[bin] + (x >= edge[bin]));
   }
 
   uint8_t encode(float linear) const {
     // Into [kFloor, 1]; NaN to kFloor (code 0).
     float x = linear > kFloor ? linear : kFloor;
     x = x < 1.0f ? x : 1.0f;
-    const int32_t bin = binOf(x);
-    return static_cast<uint8_t>(code[bin] + (x >= edge[bin]));
+    return encodeClamped(x);
   }
 };
 SrgbEncodeTables srgbEncodeTables();
