@@ -1,7 +1,5 @@
 #include "dvd/dvd.h"
 
-#include <dvdread/dvd_reader.h>
-#include <dvdread/ifo_read.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -13,6 +11,7 @@
 #include "core/varnel.h"
 #include "dvd/dvd_ifo.h"
 #include "dvd/dvd_source.h"
+#include "dvd/dvdread_library.h"
 
 namespace {
 
@@ -95,7 +94,7 @@ std::string displayName(const std::string& path) {
 void ignoreDvdMessage(void*, dvd_logger_level_t, const char*, va_list) {}
 
 struct IfoCloser {
-  void operator()(ifo_handle_t* ifo) const { ifoClose(ifo); }
+  void operator()(ifo_handle_t* ifo) const { vn::dvdread().ifoClose(ifo); }
 };
 using Ifo = std::unique_ptr<ifo_handle_t, IfoCloser>;
 
@@ -208,7 +207,7 @@ std::string VNDVDTitleSet::description() const {
 
 VNDVDInternal::~VNDVDInternal() {
   if (dvd)
-    DVDClose(dvd);
+    vn::dvdread().DVDClose(dvd);
 }
 
 std::shared_ptr<VNDVD> VNDVD::create() {
@@ -227,8 +226,14 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   struct stat there {};
   if (stat(path.c_str(), &there) != 0)
     return nullptr;
+  std::string why;
+  const vn::DvdreadLibrary* dvdread = vn::DvdreadLibrary::get(&why);
+  if (!dvdread) {
+    vn::logFailure("VNDVD::open", why);
+    return nullptr;
+  }
   static const dvd_logger_cb logger = {ignoreDvdMessage};
-  dvd_reader_t* reader = DVDOpen2(nullptr, &logger, path.c_str());
+  dvd_reader_t* reader = dvdread->DVDOpen2(nullptr, &logger, path.c_str());
   if (!reader)
     return nullptr;
   std::shared_ptr<VNDVD> disc = create();
@@ -237,7 +242,8 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   disc->path = path;
 
   char identifier[33] = {};
-  if (DVDUDFVolumeInfo(reader, identifier, 32, nullptr, 0) == 0 && identifier[0] != '\0')
+  if (vn::dvdread().DVDUDFVolumeInfo(reader, identifier, 32, nullptr, 0) == 0 &&
+      identifier[0] != '\0')
     disc->volume = latin1ToUtf8(identifier);
   if (disc->volume.empty())
     disc->volume = displayName(path);
@@ -245,7 +251,7 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   // Only the tables the model uses are read: each header, and a title set's
   // program chains and cell addresses. libdvdread's readers of the others
   // fault on some broken IFOs.
-  Ifo manager(ifoOpenVMGI(reader));
+  Ifo manager(vn::dvdread().ifoOpenVMGI(reader));
   const std::optional<vmgi_mat_t> header = manager && manager->vmgi_mat
                                                ? std::optional<vmgi_mat_t>(*manager->vmgi_mat)
                                                : vn::dvd::managerBackupHeader(reader);
@@ -257,13 +263,13 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   vn_log("title_sets %d Region 0x%02x", titleSets, disc->region ^ 0xFF);
 
   for (int t = 1; t <= titleSets; ++t) {
-    Ifo ifo(ifoOpenVTSI(reader, t));
+    Ifo ifo(vn::dvdread().ifoOpenVTSI(reader, t));
     if (!ifo || !ifo->vtsi_mat) {
       vn_log("title_set %d: its IFO cannot be read; left out", t);
       continue;
     }
-    if (!vn::dvd::titleTablesReadable(reader, t, *ifo->vtsi_mat) || !ifoRead_PGCIT(ifo.get()) ||
-        !ifoRead_TITLE_C_ADT(ifo.get())) {
+    if (!vn::dvd::titleTablesReadable(reader, t, *ifo->vtsi_mat) ||
+        !vn::dvdread().ifoRead_PGCIT(ifo.get()) || !vn::dvdread().ifoRead_TITLE_C_ADT(ifo.get())) {
       vn_log("title_set %d: its program chains or cell addresses cannot be read; left out", t);
       continue;
     }

@@ -1,7 +1,5 @@
 #include "dvd/dvd_ifo.h"
 
-#include <dvdread/dvd_reader.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstddef>
@@ -9,6 +7,8 @@
 #include <optional>
 #include <set>
 #include <vector>
+
+#include "dvd/dvdread_library.h"
 
 namespace {
 
@@ -30,10 +30,10 @@ uint32_t be32(const std::vector<uint8_t>& bytes, size_t at) {
 class IfoFile {
  public:
   IfoFile(dvd_reader_t* reader, int titleSet, dvd_read_domain_t domain)
-      : file_(DVDOpenFile(reader, titleSet, domain)) {}
+      : file_(vn::dvdread().DVDOpenFile(reader, titleSet, domain)) {}
   ~IfoFile() {
     if (file_)
-      DVDCloseFile(file_);
+      vn::dvdread().DVDCloseFile(file_);
   }
   IfoFile(const IfoFile&) = delete;
   IfoFile& operator=(const IfoFile&) = delete;
@@ -42,7 +42,7 @@ class IfoFile {
 
   // Whether [offset, offset + count) lies inside the file.
   bool holds(uint64_t offset, uint64_t count) const {
-    const ssize_t blocks = file_ ? DVDFileSize(file_) : -1;
+    const ssize_t blocks = file_ ? vn::dvdread().DVDFileSize(file_) : -1;
     const uint64_t end = blocks > 0 ? std::min<uint64_t>(blocks * kBlock, INT32_MAX) : 0;
     return offset <= end && count <= end - offset;
   }
@@ -64,8 +64,8 @@ class IfoFile {
     std::vector<uint8_t> bytes(count);
     if (count == 0)
       return bytes;
-    if (DVDFileSeek(file_, offset) != offset ||
-        DVDReadBytes(file_, bytes.data(), count) != static_cast<ssize_t>(count))
+    if (vn::dvdread().DVDFileSeek(file_, offset) != offset ||
+        vn::dvdread().DVDReadBytes(file_, bytes.data(), count) != static_cast<ssize_t>(count))
       return std::nullopt;
     return bytes;
   }

@@ -1,7 +1,5 @@
 #include "dvd/dvd_source.h"
 
-#include <dvdread/dvd_reader.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -13,6 +11,7 @@ extern "C" {
 }
 
 #include "core/formats.h"
+#include "dvd/dvdread_library.h"
 #include "media/media.h"
 
 namespace {
@@ -49,7 +48,7 @@ void VNDVDSource::closeReader() {
   if (!reader_)
     return;
   std::lock_guard<std::mutex> hold(dvd_->internal->lock);
-  DVDCloseFile(reader_);
+  vn::dvdread().DVDCloseFile(reader_);
   reader_ = nullptr;
 }
 
@@ -97,9 +96,10 @@ AVIOContext* VNDVDSource::avio_context() {
   vn::ff::AvBuffer<uint8_t> buffer(static_cast<uint8_t*>(av_malloc(kIOBufferSize)));
   if (!reader_ && dvd_ && dvd_->dvd_reader()) {
     std::lock_guard<std::mutex> hold(dvd_->internal->lock);
-    reader_ = DVDOpenFile(dvd_->dvd_reader(), title_set_->title_set, DVD_READ_TITLE_VOBS);
+    reader_ =
+        vn::dvdread().DVDOpenFile(dvd_->dvd_reader(), title_set_->title_set, DVD_READ_TITLE_VOBS);
     if (reader_)
-      blocks_ = static_cast<uint32_t>(std::max<ssize_t>(DVDFileSize(reader_), 0));
+      blocks_ = static_cast<uint32_t>(std::max<ssize_t>(vn::dvdread().DVDFileSize(reader_), 0));
   }
   if (buffer) {
     io_context_.reset(avio_alloc_context(buffer.get(), kIOBufferSize, 0, this, &readPacket, nullptr,
@@ -118,8 +118,8 @@ int64_t VNDVDSource::readBlock(uint32_t block, int64_t count, uint8_t* buffer) {
   if (wanted < 1 || !reader_)
     return 0;
   std::lock_guard<std::mutex> hold(dvd_->internal->lock);
-  const ssize_t read = DVDReadBlocks(reader_, start_sector() + static_cast<int>(block),
-                                     static_cast<size_t>(wanted), buffer);
+  const ssize_t read = vn::dvdread().DVDReadBlocks(
+      reader_, start_sector() + static_cast<int>(block), static_cast<size_t>(wanted), buffer);
   return read < 0 ? 0 : read;
 }
 

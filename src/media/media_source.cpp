@@ -263,19 +263,11 @@ void VNMediaSource::open() {
   if (!opened)
     return;
   AVFormatContext* context = opened.get();
-  // Streams left out of the probe are skipped by the demuxer while it runs.
-  const bool limited = probeStreams_ && !(context->ctx_flags & AVFMTCTX_NOHEADER);
-  for (unsigned i = 0; limited && i < context->nb_streams; ++i) {
-    if (!probeStreams_->count(i))
-      context->streams[i]->discard = AVDISCARD_ALL;
-  }
   std::lock_guard<std::recursive_mutex> hold(vn::codecLock());
   // The probe's status is not a verdict: a file whose streams could not all
   // be probed still opens with what was found.
   if (const int probed = avformat_find_stream_info(context, nullptr); probed < 0)
     vn::logFailure("avformat_find_stream_info", probed);
-  for (unsigned i = 0; limited && i < context->nb_streams; ++i)
-    context->streams[i]->discard = AVDISCARD_DEFAULT;
   format_context_ = std::move(opened);
   lastError_.clear();
 }
@@ -284,7 +276,7 @@ void VNMediaSource::openAsProbed(VNMediaSource& probed) {
   if (isOpen())
     return;
   const AVFormatContext* known = probed.formatContext();
-  if (!known || probeStreams_) {
+  if (!known) {
     open();
     return;
   }
@@ -347,10 +339,13 @@ std::optional<VNMediaSource::Medias> VNMediaSource::createMediasWithStreams(
 
   if (!video.empty() && !audio.empty()) {
     // Two medias over the same file, each with its own demuxer: one feeds
-    // only pictures, the other only sound.
+    // only pictures, the other only sound. The second takes what the first
+    // probe found where the header lists every stream: probing it again
+    // would read until FFmpeg's probe size waiting for the pictures it
+    // leaves out.
     std::shared_ptr<VNFFMedia> sound = media->copy();
     if (sound->source())
-      sound->source()->setProbeStreams(audio);
+      sound->source()->openAsProbed(*this);
     sound->setSelectStreams(std::move(audio));
     sound->open();
     media->setSelectStreams(std::move(video));

@@ -95,12 +95,6 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   // every stream, when the header gives the same streams. Anything else is
   // probed as open() does. For a second reader of a file already open.
   void openAsProbed(VNMediaSource& probed);
-  // Limits the probe of open() to these container streams when the
-  // container's header lists every stream (MP4, Matroska, ...): the others
-  // keep what the header says and are not decoded to learn more. The
-  // second demuxer of a file read as two medias is so spared decoding
-  // pictures it never shows. None (the default): every stream.
-  void setProbeStreams(std::optional<VNIndexSet> streams) { probeStreams_ = std::move(streams); }
   // Whether the medias read from it decode pictures one at a time, for an
   // application that takes a few pictures and stops: the video decoders
   // then use slice threads only, so the first picture comes out of the
@@ -162,6 +156,5 @@ class VNMediaSource : public std::enable_shared_from_this<VNMediaSource> {
   std::string fullpath_;                       // the path given at creation
   vn::ff::InputFormatContext format_context_;  // the demuxer; null until opened
   std::string lastError_;                      // reason of the last failure
-  std::optional<VNIndexSet> probeStreams_;     // what open() probes; none: all
   bool singlePictures_ = false;                // see decodesSinglePictures()
 };

@@ -9,23 +9,21 @@
 #include <set>
 #include <tuple>
 
-extern "C" {
-#include <ass/ass.h>
-}
-
 #include "core/log.h"
+#include "text/ass_library.h"
 
 namespace vn {
 namespace {
 
+// What libass made exists only once the library is loaded.
 struct LibraryFree {
-  void operator()(ASS_Library* library) const { ass_library_done(library); }
+  void operator()(ASS_Library* library) const { AssLibrary::get()->library_done(library); }
 };
 struct RendererFree {
-  void operator()(ASS_Renderer* renderer) const { ass_renderer_done(renderer); }
+  void operator()(ASS_Renderer* renderer) const { AssLibrary::get()->renderer_done(renderer); }
 };
 struct TrackFree {
-  void operator()(ASS_Track* track) const { ass_free_track(track); }
+  void operator()(ASS_Track* track) const { AssLibrary::get()->free_track(track); }
 };
 
 // libass's messages at level 0 (fatal) to 1 (errors) reach the log; the rest
@@ -68,31 +66,37 @@ std::shared_ptr<StyledSubtitleRenderer> StyledSubtitleRenderer::create(
     std::string_view header,
     const std::vector<SubtitleFont>& fonts,
     const std::optional<SubtitleStyle>& style) {
+  std::string why;
+  const AssLibrary* ass = AssLibrary::get(&why);
+  if (!ass) {
+    logFailure("StyledSubtitleRenderer", why);
+    return nullptr;
+  }
   auto state = std::make_unique<State>();
-  state->library.reset(ass_library_init());
+  state->library.reset(ass->library_init());
   if (!state->library)
     return nullptr;
   ASS_Library* library = state->library.get();
-  ass_set_message_cb(library, logMessage, nullptr);
-  ass_set_extract_fonts(library, 1);
+  ass->set_message_cb(library, logMessage, nullptr);
+  ass->set_extract_fonts(library, 1);
   for (const SubtitleFont& font : fonts) {
     if (font.data.empty() || font.data.size() > INT_MAX)
       continue;
-    ass_add_font(library, font.name.c_str(), reinterpret_cast<const char*>(font.data.data()),
-                 static_cast<int>(font.data.size()));
+    ass->add_font(library, font.name.c_str(), reinterpret_cast<const char*>(font.data.data()),
+                  static_cast<int>(font.data.size()));
   }
-  state->renderer.reset(ass_renderer_init(library));
+  state->renderer.reset(ass->renderer_init(library));
   if (!state->renderer)
     return nullptr;
   // Fonts through fontconfig, the media's own fonts beside them; a glyph
   // the chosen font lacks is looked up in the others.
-  ass_set_fonts(state->renderer.get(), nullptr, nullptr, ASS_FONTPROVIDER_AUTODETECT, nullptr, 1);
-  state->track.reset(ass_new_track(library));
+  ass->set_fonts(state->renderer.get(), nullptr, nullptr, ASS_FONTPROVIDER_AUTODETECT, nullptr, 1);
+  state->track.reset(ass->new_track(library));
   if (!state->track)
     return nullptr;
   if (!header.empty() && header.size() < INT_MAX) {
     std::string text(header);
-    ass_process_codec_private(state->track.get(), text.data(), static_cast<int>(text.size()));
+    ass->process_codec_private(state->track.get(), text.data(), static_cast<int>(text.size()));
   }
   const std::vector<std::string> overrides =
       style ? styleOverrides(*style, state->track->PlayResY) : std::vector<std::string>{};
@@ -102,8 +106,8 @@ std::shared_ptr<StyledSubtitleRenderer> StyledSubtitleRenderer::create(
     for (std::string& item : state->overrides)
       list.push_back(item.data());
     list.push_back(nullptr);
-    ass_set_style_overrides(library, list.data());
-    ass_process_force_style(state->track.get());
+    ass->set_style_overrides(library, list.data());
+    ass->process_force_style(state->track.get());
   }
   return std::shared_ptr<StyledSubtitleRenderer>(new StyledSubtitleRenderer(std::move(state)));
 }
@@ -119,8 +123,8 @@ void StyledSubtitleRenderer::addEvents(const std::vector<SubtitleEvent>& events)
     if (!state_->seen.insert({event.start, event.duration, event.line.substr(comma)}).second)
       continue;
     std::string line = std::to_string(state_->seen.size()) + event.line.substr(comma);
-    ass_process_chunk(state_->track.get(), line.data(), static_cast<int>(line.size()), event.start,
-                      event.duration);
+    AssLibrary::get()->process_chunk(state_->track.get(), line.data(),
+                                     static_cast<int>(line.size()), event.start, event.duration);
   }
 }
 
@@ -226,13 +230,14 @@ bool StyledSubtitleRenderer::render(int64_t ms, int width, int height) {
   State& s = *state_;
   bool resized = false;
   if (width != s.width || height != s.height) {
-    ass_set_frame_size(s.renderer.get(), width, height);
+    AssLibrary::get()->set_frame_size(s.renderer.get(), width, height);
     s.width = width;
     s.height = height;
     resized = true;
   }
   int change = 0;
-  const ASS_Image* images = ass_render_frame(s.renderer.get(), s.track.get(), ms, &change);
+  const ASS_Image* images =
+      AssLibrary::get()->render_frame(s.renderer.get(), s.track.get(), ms, &change);
   if (s.drawn && change == 0 && !resized)
     return false;
   s.cached = compose(images);

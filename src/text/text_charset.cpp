@@ -1,7 +1,5 @@
 #include "text/text_charset.h"
 
-#include <unicode/ucsdet.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -9,13 +7,11 @@
 #include <memory>
 #include <vector>
 
+#include "core/log.h"
+#include "text/charset_library.h"
+
 namespace vn {
 namespace {
-
-struct DetectorCloser {
-  void operator()(UCharsetDetector* detector) const { ucsdet_close(detector); }
-};
-using Detector = std::unique_ptr<UCharsetDetector, DetectorCloser>;
 
 bool startsWith(std::string_view bytes, std::string_view prefix) {
   return bytes.substr(0, prefix.size()) == prefix;
@@ -115,22 +111,29 @@ std::optional<std::string> textCharset(std::string_view bytes) {
   // Without a better guess: the commonest charset of the files that are
   // not UTF-8, and one that gives every byte but five a character.
   const std::string fallback = "WINDOWS-1252";
+  std::string why;
+  const CharsetLibrary* icu = CharsetLibrary::get(&why);
+  if (!icu) {
+    logFailure("textCharset", why);
+    return fallback;
+  }
   UErrorCode status = U_ZERO_ERROR;
-  Detector detector(ucsdet_open(&status));
+  const auto close = [icu](UCharsetDetector* detector) { icu->close(detector); };
+  std::unique_ptr<UCharsetDetector, decltype(close)> detector(icu->open(&status), close);
   if (U_FAILURE(status) || !detector)
     return fallback;
   // Markup (the <i> and <font> tags of SubRip) says nothing of the charset.
-  ucsdet_enableInputFilter(detector.get(), true);
+  icu->enableInputFilter(detector.get(), true);
   const auto length = static_cast<int32_t>(std::min<size_t>(bytes.size(), INT32_MAX));
-  ucsdet_setText(detector.get(), bytes.data(), length, &status);
+  icu->setText(detector.get(), bytes.data(), length, &status);
   int32_t count = 0;
-  const UCharsetMatch** matches = ucsdet_detectAll(detector.get(), &count, &status);
+  const UCharsetMatch** matches = icu->detectAll(detector.get(), &count, &status);
   if (U_FAILURE(status) || !matches)
     return fallback;
   // Best first, whatever the confidence.
   for (int32_t i = 0; i < count; ++i) {
     UErrorCode nameStatus = U_ZERO_ERROR;
-    const char* name = ucsdet_getName(matches[i], &nameStatus);
+    const char* name = icu->getName(matches[i], &nameStatus);
     if (U_SUCCESS(nameStatus) && name && canBe(name))
       return iconvName(name);
   }

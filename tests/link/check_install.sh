@@ -29,6 +29,16 @@ for prefix in "$work/prefix" "$work/moved"; do
 done
 rm -rf "$work/moved"
 
+# The libraries a short command never needs are loaded on first use, not
+# linked: the library names none of them.
+needed=$(readelf -d "$(find "$work/prefix" -name 'libvarnel.so.*' -type f | head -1)")
+for lazy in libvips libavfilter libSDL2 libdvdread libass libicui18n; do
+  if grep -q "NEEDED.*\[$lazy" <<<"$needed"; then
+    echo "the library links $lazy, which it should load on first use" >&2
+    exit 1
+  fi
+done
+
 export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig:$work/prefix/lib/x86_64-linux-gnu/pkgconfig"
 libdir=$(pkg-config --variable=libdir varnel)
 # shellcheck disable=SC2046

@@ -34,6 +34,24 @@ bool programFolder(char (&folder)[PATH_MAX]) {
   return true;
 }
 
+// Loads the libraries FFmpeg's dependencies look up most, where they are
+// there, into the global scope: every later look-up searches them right
+// after the program and the C library. They are libraries the commands
+// load anyway, written in C, and none defines a name another one does, so
+// every symbol still binds where it would have.
+void loadLookedUpFirst() {
+  char names[] = VARNEL_LOOKED_UP_FIRST;
+  for (char* name = names; *name;) {
+    char* end = std::strchr(name, ':');
+    if (end)
+      *end = 0;
+    (void)dlopen(name, RTLD_LAZY | RTLD_GLOBAL);
+    if (!end)
+      break;
+    name = end + 1;
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -48,6 +66,7 @@ int main(int argc, char** argv) {
   }
   // Beside the program in a build tree; under the library folder when
   // installed.
+  loadLookedUpFirst();
   const char* const places[] = {"libvarnel-commands.so", VARNEL_COMMANDS_FROM_BIN};
   void* commands = nullptr;
   char path[PATH_MAX + 256];
@@ -56,7 +75,10 @@ int main(int argc, char** argv) {
     std::snprintf(path, sizeof path, "%s%s", folder, place);
     if (access(path, R_OK) != 0)
       continue;
-    commands = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    // Bound lazily: of the hundred and more libraries FFmpeg brings, a
+    // command calls few functions, and the libraries that allow it then
+    // bind only those (a tenth of the loading time).
+    commands = dlopen(path, RTLD_LAZY | RTLD_LOCAL);
     if (commands)
       break;
     reason = dlerror();
