@@ -20,6 +20,7 @@
 #include "image/filter_image.h"
 #include "image/pixel_buffer.h"
 #include "image/point_table.h"
+#include "image/row_executor.h"
 #include "image/srgb.h"
 
 namespace {
@@ -549,6 +550,28 @@ TEST(FilterImageTest, EncodingIsTheRoundedTransferFunction) {
   for (float x : values)
     wrong += vn::linearToSrgb(x) != expected(x);
   EXPECT_EQ(wrong, 0);
+
+  // A row of pixels encodes each colour so (two pixels at a time where the
+  // machine can, one at a time for the rest): opaque ones as they are,
+  // translucent ones unpremultiplied, transparent ones (NaN alpha too) to 0.
+  std::vector<float> row;
+  std::vector<uint8_t> want;
+  const float alphas[] = {1, 0.5f, 0, std::numeric_limits<float>::quiet_NaN()};
+  for (size_t i = 0; i < values.size(); ++i) {
+    // Halving and doubling are exact: a translucent pixel gives back x.
+    const float a = alphas[i % 4], x = values[i], y = values[(i * 7) % values.size()];
+    const float m = a > 0 && a < 1 ? a : 1;
+    row.insert(row.end(), {x * m, y * m, 0.5f * m, a});
+    if (a > 0)
+      want.insert(want.end(),
+                  {static_cast<uint8_t>(expected(x)), static_cast<uint8_t>(expected(y)),
+                   static_cast<uint8_t>(expected(0.5f)), static_cast<uint8_t>(a == 1 ? 255 : 128)});
+    else
+      want.insert(want.end(), {0, 0, 0, 0});
+  }
+  std::vector<uint8_t> got(want.size());
+  vn::encodeRow(row.data(), got.data(), static_cast<int>(want.size() / 4));
+  EXPECT_EQ(got, want);
 }
 
 // A pixellation of a raster is made from its bytes straight to bytes: the same bytes as through the
@@ -576,6 +599,36 @@ TEST(FilterImageTest, PixellatingARasterGivesTheBytesOfTheFloatPath) {
           std::make_shared<vn::PixelBuffer>(source.applying(op).renderPixels(region)));
       EXPECT_EQ(direct, throughFloats.render(region));
       EXPECT_EQ(cells.render(region, {0, nullptr}), direct);
+    }
+  }
+}
+
+// A blur large enough to run on a reduced picture is made from a raster's bytes straight to bytes:
+// the same bytes as through the float pixels, in either mode, for RGBA and BGRA rasters with any
+// alpha, regions cut off by the extent or outside it, and any number of threads.
+TEST(FilterImageTest, BlurringARasterGivesTheBytesOfTheFloatPath) {
+  const int w = 97, h = 61;
+  const std::vector<uint8_t> bytes = noise(w, h, false);
+  const FilterImage rgba = picture(bytes, w, h);
+  const FilterImage bgra =
+      *FilterImage::fromRaster(bytes.data(), w, h, w * 4, FilterImage::ByteOrder::BGRA);
+  const std::tuple<vn::GaussianBlurOp, Rect> cases[] = {
+      {{10, true}, Rect{0, 0, w, h}},     {{10, false}, Rect{-31, -31, w + 62, h + 62}},
+      {{17, true}, Rect{13, 7, 40, 30}},  {{24, false}, Rect{-80, 20, 120, 30}},
+      {{12, true}, Rect{90, 50, 20, 20}}, {{10, true}, Rect{200, 0, 8, 8}},
+  };
+  for (const FilterImage& source : {rgba, bgra}) {
+    for (const auto& [op, region] : cases) {
+      SCOPED_TRACE(op.sigma);
+      const FilterImage blurred = source.applying(op);
+      const FilterImage kept = blurred.cropped(blurred.extent());
+      vn::ImageRenderStats stats;
+      const std::vector<uint8_t> direct = kept.render(region, {1, &stats});
+      EXPECT_EQ(std::tuple(stats.neighbourhoodPasses, stats.materialized), std::tuple(1, 0));
+      const FilterImage throughFloats =
+          FilterImage::fromPixels(std::make_shared<vn::PixelBuffer>(blurred.renderPixels(region)));
+      EXPECT_EQ(direct, throughFloats.render(region));
+      EXPECT_EQ(kept.render(region, {0, nullptr}), direct);
     }
   }
 }

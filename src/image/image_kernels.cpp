@@ -94,6 +94,7 @@ enum ScratchUse {
   kCells,
   kCellMeans,
   kRunSums,
+  kEncodedRow,
 };
 constexpr size_t kKeptScratchBytes = size_t{16} << 20;
 
@@ -135,44 +136,62 @@ struct Source {
   IntRect extent;
   bool clamp = false;
 
-  // Picture row y, or null when it reads transparent.
-  const float* rowAt(int y) const {
+  // The row of the given pixels (counted from rect's top) that picture row
+  // y reads, or -1 when it reads transparent.
+  int rowIndex(int y) const {
     if (rect.isEmpty())
-      return nullptr;
+      return -1;
     if (clamp)
       y = std::clamp(y, extent.y, extent.top() - 1);
     if (y < rect.y || y >= rect.top())
-      return nullptr;
-    return data + static_cast<size_t>(rect.top() - 1 - y) * stride;
+      return -1;
+    return rect.top() - 1 - y;
+  }
+
+  // Picture row y, or null when it reads transparent.
+  const float* rowAt(int y) const {
+    const int r = rowIndex(y);
+    return r < 0 ? nullptr : data + static_cast<size_t>(r) * stride;
   }
 
   // True when columns x0 .. x0 + n - 1 of a given row are all given.
   bool holds(int x0, int n) const { return x0 >= rect.x && x0 + n <= rect.right(); }
 
-  // Columns x0 .. x0 + n - 1 of a row from rowAt into dst.
-  void readSpan(const float* row, int x0, int n, float* dst) const {
+  // Columns x0 .. x0 + n - 1 of a row into dst: given(d, x, count) writes
+  // the given pixels x .. x + count - 1 of the row at d; present: whether
+  // the row is given at all (else it reads transparent).
+  template <typename Given>
+  void readSpanWith(bool present, int x0, int n, float* dst, const Given& given) const {
     const int c = channels;
     const int end = x0 + n;
-    if (!row) {
+    if (!present) {
       std::fill(dst, dst + static_cast<size_t>(n) * c, 0.0f);
       return;
     }
     // [x0, left) lies before the given pixels, [right, end) after them.
     const int left = std::clamp(rect.x, x0, end), right = std::clamp(rect.right(), x0, end);
     if (right > left)
-      std::memcpy(dst + static_cast<size_t>(left - x0) * c,
-                  row + static_cast<size_t>(left - rect.x) * c, sizeof(float) * (right - left) * c);
+      given(dst + static_cast<size_t>(left - x0) * c, left, right - left);
     // The given pixels lie inside the extent, so a clamped read beyond them
     // finds an edge pixel exactly when they reach the extent's edge.
-    const float* first = clamp && rect.x == extent.x ? row : nullptr;
-    const float* last = clamp && rect.right() == extent.right()
-                            ? row + static_cast<size_t>(rect.width - 1) * c
-                            : nullptr;
-    const float zero[4] = {};
-    for (int x = x0; x < left; ++x)
-      std::memcpy(dst + static_cast<size_t>(x - x0) * c, first ? first : zero, sizeof(float) * c);
-    for (int x = right; x < end; ++x)
-      std::memcpy(dst + static_cast<size_t>(x - x0) * c, last ? last : zero, sizeof(float) * c);
+    const bool first = clamp && rect.x == extent.x;
+    const bool last = clamp && rect.right() == extent.right();
+    for (int x = x0; x < left; ++x) {
+      float* d = dst + static_cast<size_t>(x - x0) * c;
+      first ? given(d, rect.x, 1) : std::fill(d, d + c, 0.0f);
+    }
+    for (int x = right; x < end; ++x) {
+      float* d = dst + static_cast<size_t>(x - x0) * c;
+      last ? given(d, rect.right() - 1, 1) : std::fill(d, d + c, 0.0f);
+    }
+  }
+
+  // Columns x0 .. x0 + n - 1 of a row from rowAt into dst.
+  void readSpan(const float* row, int x0, int n, float* dst) const {
+    readSpanWith(row != nullptr, x0, n, dst, [&](float* d, int x, int count) {
+      std::memcpy(d, row + static_cast<size_t>(x - rect.x) * channels,
+                  sizeof(float) * count * channels);
+    });
   }
 
   // A pointer to the span in place when it is given, else the span read into
@@ -184,6 +203,15 @@ struct Source {
     return line;
   }
 };
+
+// The geometry of a source that gives every pixel of its extent (its data
+// read elsewhere).
+Source wholeRaster(const IntRect& extent, bool clamp) {
+  Source s;
+  s.rect = s.extent = extent;
+  s.clamp = clamp;
+  return s;
+}
 
 Source sourceOf(const PixelBuffer& in, const IntRect& extent, bool clamp) {
   Source s;
@@ -470,9 +498,19 @@ void blurExact(const Source& src,
 // The reduced-size blur (see BlurPlan). Small pixel a covers the columns
 // [a f, a f + f) of picture space, so every output pixel is computed the
 // same way whatever rectangle is asked for.
-void blurReduced(const Source& src, const BlurPlan& p, const Target& dst, int threads) {
-  const IntRect& o = dst.rect;
-  const int f = p.factor, c = src.channels;
+// The reduced-size blur over o of a picture of c channels whose rows
+// spanOf(y, x0, n, line) gives (columns x0 .. x0 + n - 1 of picture row y,
+// as Source::span gives them, in line or in place); each output row i (top
+// first) is written by the function emit(i, fill) hands fill a row to
+// write.
+template <typename SpanOf, typename Emit>
+void blurReducedWith(const IntRect& o,
+                     int c,
+                     const BlurPlan& p,
+                     const SpanOf& spanOf,
+                     const Emit& emit,
+                     int threads) {
+  const int f = p.factor;
   // Output column x samples the small grid at u = (x + 0.5) / f - 0.5,
   // between small pixels floor(u) and floor(u) + 1.
   auto below = [f](int x) { return static_cast<int>(floorDiv(2 * int64_t{x} + 1 - f, 2 * f)); };
@@ -497,11 +535,10 @@ void blurReduced(const Source& src, const BlurPlan& p, const Target& dst, int th
     for (int r = job * kRowsPerJob; r < end; ++r) {
       const int b = reduced.top() - 1 - r;
       // f >= 2: the first two rows start the sums.
-      const float* first = src.span(src.rowAt(b * f), x0, n, sum.data());
-      addRows(first, src.span(src.rowAt(b * f + 1), x0, n, line.data()), lineFloats, sum.data());
+      const float* first = spanOf(b * f, x0, n, sum.data());
+      addRows(first, spanOf(b * f + 1, x0, n, line.data()), lineFloats, sum.data());
       for (int q = 2; q < f; ++q)
-        addRows(sum.data(), src.span(src.rowAt(b * f + q), x0, n, line.data()), lineFloats,
-                sum.data());
+        addRows(sum.data(), spanOf(b * f + q, x0, n, line.data()), lineFloats, sum.data());
       float* out = box.data() + static_cast<size_t>(r) * rw;
       for (int a = 0; a < reduced.width; ++a) {
         const float* group = sum.data() + static_cast<size_t>(a) * f * c;
@@ -555,19 +592,27 @@ void blurReduced(const Source& src, const BlurPlan& p, const Target& dst, int th
       const float* lower = blurred.data() + static_cast<size_t>(small.top() - 1 - b) * sw;
       const float* upper = lower - sw;  // row b + 1, one raster row up
       mixRows(lower, upper, ty, sw, mixed.data());
-      float* out = dst.data + i * dst.stride;
-      if (c == 4) {
-        enlargeRow(mixed.data(), column.data(), columnPhase.data(), o.width, out);
-        continue;
-      }
-      for (int x = 0; x < o.width; ++x) {
-        const float* m = mixed.data() + column[x];
-        const float tx = columnPhase[x];
-        for (int ch = 0; ch < c; ++ch)
-          out[x * c + ch] = m[ch] + tx * (m[c + ch] - m[ch]);
-      }
+      emit(i, [&](float* out) {
+        if (c == 4) {
+          enlargeRow(mixed.data(), column.data(), columnPhase.data(), o.width, out);
+          return;
+        }
+        for (int x = 0; x < o.width; ++x) {
+          const float* m = mixed.data() + column[x];
+          const float tx = columnPhase[x];
+          for (int ch = 0; ch < c; ++ch)
+            out[x * c + ch] = m[ch] + tx * (m[c + ch] - m[ch]);
+        }
+      });
     }
   });
+}
+
+void blurReduced(const Source& src, const BlurPlan& p, const Target& dst, int threads) {
+  blurReducedWith(
+      dst.rect, src.channels, p,
+      [&](int y, int x0, int n, float* line) { return src.span(src.rowAt(y), x0, n, line); },
+      [&](int i, const auto& fill) { fill(dst.data + i * dst.stride); }, threads);
 }
 
 // The blur of src over dst.rect; the identity copies.
@@ -1164,6 +1209,57 @@ void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
         std::memcpy(o + static_cast<size_t>(x) * 4, &code, 4);
     }
   });
+}
+
+bool gaussianBlurBytes(const GaussianBlurOp& op,
+                       const Raster8& in,
+                       const IntRect& region,
+                       uint8_t* out,
+                       size_t stride,
+                       int threads) {
+  const BlurPlan p = planBlur(op.sigma);
+  // An exact blur reads each input pixel many times: it is run on floats.
+  if (p.factor == 1)
+    return false;
+  const IntRect extent{0, 0, in.width, in.height};
+  // Beyond its reach a transparent-mode blur is transparent; a clamp-mode
+  // one is cropped to the extent.
+  const IntRect part = region.intersected(op.clamp ? extent : grownSafely(extent, p.reach));
+  const int top = region.top() - part.top(), left = part.x - region.x;
+  for (int j = 0; j < region.height; ++j) {
+    uint8_t* o = out + static_cast<size_t>(j) * stride;
+    if (part.isEmpty() || j < top || j >= top + part.height) {
+      std::memset(o, 0, static_cast<size_t>(region.width) * 4);
+      continue;
+    }
+    std::memset(o, 0, static_cast<size_t>(left) * 4);
+    std::memset(o + static_cast<size_t>(left + part.width) * 4, 0,
+                static_cast<size_t>(region.right() - part.right()) * 4);
+  }
+  if (part.isEmpty())
+    return true;
+  // The raster's rows decoded where the box averages read them, as the
+  // float path decodes them.
+  const auto geometry = wholeRaster(extent, op.clamp);
+  blurReducedWith(
+      part, 4, p,
+      [&](int y, int x0, int n, float* line) {
+        const int r = geometry.rowIndex(y);
+        const uint8_t* row = r < 0 ? nullptr : in.bytes + static_cast<size_t>(r) * in.stride;
+        geometry.readSpanWith(row != nullptr, x0, n, line, [&](float* d, int x, int count) {
+          decodeRow(row + static_cast<size_t>(x) * 4, in.bgra, count, d);
+        });
+        return static_cast<const float*>(line);
+      },
+      [&](int i, const auto& fill) {
+        Scratch<float, kEncodedRow> row(static_cast<size_t>(part.width) * 4);
+        fill(row.data());
+        encodeRow(row.data(),
+                  out + static_cast<size_t>(top + i) * stride + static_cast<size_t>(left) * 4,
+                  part.width);
+      },
+      threads);
+  return true;
 }
 
 }  // namespace vn

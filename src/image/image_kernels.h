@@ -106,4 +106,14 @@ void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
                              size_t stride,
                              int threads);
 
+// The Gaussian blur of a raster made over region straight into 8-bit rows
+// in the same way, when its plan blurs a reduced picture (which reads each
+// input pixel once); false, and nothing written, for an exact blur.
+bool gaussianBlurBytes(const GaussianBlurOp& op,
+                       const Raster8& in,
+                       const IntRect& region,
+                       uint8_t* out,
+                       size_t stride,
+                       int threads);
+
 }  // namespace vn

@@ -8,6 +8,11 @@
 #include "image/point_table.h"
 #include "image/srgb.h"
 
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define VN_WIDE_ENCODE 1
+#endif
+
 namespace vn {
 namespace {
 
@@ -588,14 +593,14 @@ bool renderKernelBytes(const NodePtr& node,
     n = n->a.get();
   if (n->kind != Node::Kind::kKernel || n->a->kind != Node::Kind::kRaster)
     return false;
-  const auto* op = std::get_if<HexagonalPixellateOp>(&n->kernel);
-  if (!op)
-    return false;
   const Node& raster = *n->a;
-  hexagonalPixellateBytes(*op,
-                          Raster8{raster.bytes, raster.width, raster.height,
-                                  static_cast<size_t>(raster.stride), raster.bgra},
-                          region, out, stride, threads);
+  const Raster8 bytes{raster.bytes, raster.width, raster.height, static_cast<size_t>(raster.stride),
+                      raster.bgra};
+  if (const auto* op = std::get_if<HexagonalPixellateOp>(&n->kernel))
+    hexagonalPixellateBytes(*op, bytes, region, out, stride, threads);
+  else if (const auto* blur = std::get_if<GaussianBlurOp>(&n->kernel);
+           !blur || !gaussianBlurBytes(*blur, bytes, region, out, stride, threads))
+    return false;
   ++stats->neighbourhoodPasses;
   return true;
 }
@@ -634,16 +639,89 @@ std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
 void decodeRow(const uint8_t* in, bool bgra, int n, float* out) {
   const float* lut = srgbToLinearTable();
   const int ri = bgra ? 2 : 0;
-  for (int i = 0; i < n; ++i)
+  for (int i = 0; i < n; ++i) {
+    // A cache line asked for a few lines ahead of its first read.
+    if ((i & 15) == 0)
+      __builtin_prefetch(in + size_t(i) * 4 + 1024);
     store4(out + size_t(i) * 4, decodePixel(in + size_t(i) * 4, ri, lut));
+  }
 }
+
+namespace {
+
+// The code of a pixel's three colours, already unpremultiplied and put into
+// [kFloor, 1], and of its alpha.
+inline uint32_t pixelCodeOf(const SrgbEncodeTables& codes, const float* c, uint32_t alpha) {
+  return uint32_t{codes.encodeClamped(c[0])} | uint32_t{codes.encodeClamped(c[1])} << 8 |
+         uint32_t{codes.encodeClamped(c[2])} << 16 | alpha << 24;
+}
+
+#ifdef VN_WIDE_ENCODE
+// encodeRow's arithmetic, operation for operation, on two pixels in the two
+// halves of a register; the codes are then read one by one. Returns how
+// many pixels it did (the rest are left for the plain loop).
+__attribute__((target("avx2"))) int encodeRowWide(const SrgbEncodeTables& codes,
+                                                  const float* in,
+                                                  uint8_t* out,
+                                                  int width) {
+  const __m256 floor = _mm256_set1_ps(SrgbEncodeTables::kFloor), one = _mm256_set1_ps(1),
+               zero = _mm256_setzero_ps();
+  const __m256i firstBin = _mm256_set1_epi32(SrgbEncodeTables::kFirstBin);
+  int i = 0;
+  for (; i + 2 <= width; i += 2, in += 8, out += 8) {
+    if ((i & 15) == 0)
+      __builtin_prefetch(out + 2048, 1);
+    __m256 c = _mm256_loadu_ps(in);
+    const __m256 a = _mm256_permute_ps(c, 0xFF);
+    const __m256 partial =
+        _mm256_and_ps(_mm256_cmp_ps(a, zero, _CMP_GT_OQ), _mm256_cmp_ps(a, one, _CMP_LT_OQ));
+    // (A division is slow: opaque pixels, the most, are spared it.)
+    if (_mm256_movemask_ps(partial))
+      c = _mm256_blendv_ps(c, _mm256_mul_ps(c, _mm256_div_ps(one, a)), partial);
+    // max returns its second operand for a NaN, as the plain loop's clamp does.
+    c = _mm256_min_ps(_mm256_max_ps(c, floor), one);
+    alignas(32) float clamped[8];
+    alignas(32) int32_t bin[8];
+    _mm256_store_ps(clamped, c);
+    _mm256_store_si256(
+        reinterpret_cast<__m256i*>(bin),
+        _mm256_sub_epi32(_mm256_srai_epi32(_mm256_castps_si256(c), SrgbEncodeTables::kDropped),
+                         firstBin));
+    const auto codeOf = [&](int k) -> uint64_t {
+      const float alpha = in[4 * k + 3];
+      const int32_t* b = bin + 4 * k;
+      const float* x = clamped + 4 * k;
+      return alpha > 0 ? (uint32_t{codes.code[b[0]]} + (x[0] >= codes.edge[b[0]])) |
+                             (uint32_t{codes.code[b[1]]} + (x[1] >= codes.edge[b[1]])) << 8 |
+                             (uint32_t{codes.code[b[2]]} + (x[2] >= codes.edge[b[2]])) << 16 |
+                             uint32_t{alphaCode(alpha)} << 24
+                       : 0;
+    };
+    // Put together in a register: two 4-byte stores read back as one
+    // 8-byte value would stall the loop.
+    const uint64_t two = codeOf(0) | codeOf(1) << 32;
+    std::memcpy(out, &two, sizeof two);
+  }
+  return i;
+}
+#endif
+
+}  // namespace
 
 void encodeRow(const float* in, uint8_t* out, int width) {
   const SrgbEncodeTables codes = srgbEncodeTables();
+  int done = 0;
+#ifdef VN_WIDE_ENCODE
+  static const bool wide = __builtin_cpu_supports("avx2");
+  if (wide)
+    done = encodeRowWide(codes, in, out, width);
+#endif
   const Float4 floor = {SrgbEncodeTables::kFloor, SrgbEncodeTables::kFloor,
                         SrgbEncodeTables::kFloor, SrgbEncodeTables::kFloor};
   const Float4 one = {1, 1, 1, 1};
-  for (int i = 0; i < width; ++i, in += 4, out += 4) {
+  in += size_t(done) * 4;
+  out += size_t(done) * 4;
+  for (int i = done; i < width; ++i, in += 4, out += 4) {
     // The output's cache lines (sixteen pixels each) asked for, to be
     // written, a few lines ahead: the loop is otherwise held up at each
     // line's first write.
@@ -655,17 +733,14 @@ void encodeRow(const float* in, uint8_t* out, int width) {
       continue;
     }
     Float4 c = load4(in);
-    uint32_t alpha = 255;
-    if (a < 1) {
+    if (a < 1)
       c *= 1 / a;
-      alpha = alphaCode(a);
-    }
     // The three colours clamped at once, then encoded.
     c = c > floor ? c : floor;
     c = c < one ? c : one;
-    const uint32_t code = uint32_t{codes.encodeClamped(c[0])} |
-                          uint32_t{codes.encodeClamped(c[1])} << 8 |
-                          uint32_t{codes.encodeClamped(c[2])} << 16 | alpha << 24;
+    float clamped[4];
+    std::memcpy(clamped, &c, sizeof clamped);
+    const uint32_t code = pixelCodeOf(codes, clamped, alphaCode(a));
     std::memcpy(out, &code, 4);
   }
 }
