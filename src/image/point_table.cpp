@@ -377,11 +377,12 @@ __attribute__((target("avx2"))) inline __m256 halves(const Lanes4& lo, const Lan
 // The plain loop's arithmetic, operation for operation (no fused
 // multiply-adds), on two pixels in the two halves of a register; the
 // codes are gathered from the table.
-__attribute__((target("avx2"))) int PointTable::applyWide(const uint8_t* in,
-                                                          bool bgra,
-                                                          uint8_t* out,
-                                                          int n,
-                                                          const float* factors) const {
+template <bool kMono, bool kSpot>
+__attribute__((target("avx2"))) int PointTable::applyWideAs(const uint8_t* in,
+                                                            bool bgra,
+                                                            uint8_t* out,
+                                                            int n,
+                                                            const float* factors) const {
   const int ri = bgra ? 2 : 0;
   const uint8_t* encode = encodeTable();
   const __m256 offset = halves(offset_, offset_), lowSlope = halves(lowSlope_, lowSlope_),
@@ -406,13 +407,13 @@ __attribute__((target("avx2"))) int PointTable::applyWide(const uint8_t* in,
                              halves(terms_[1][p[1]], terms_[1][q[1]]));
     s = _mm256_add_ps(s, halves(terms_[2][p[2 - ri]], terms_[2][q[2 - ri]]));
     s = _mm256_add_ps(s, offset);
-    if (mono_) {
+    if constexpr (kMono) {
       const __m256 luma = _mm256_permute_ps(s, 0xFF);
       const __m256 low = _mm256_mul_ps(lowSlope, luma);
       const __m256 high = _mm256_add_ps(highBase, _mm256_mul_ps(highSlope, luma));
       s = _mm256_add_ps(s, _mm256_blendv_ps(high, low, _mm256_cmp_ps(luma, half, _CMP_LT_OQ)));
     }
-    if (spot_) {
+    if constexpr (kSpot) {
       const __m256 f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_set1_ps(factors[i])),
                                             _mm_set1_ps(factors[i + 1]), 1);
       s = _mm256_mul_ps(s, _mm256_mul_ps(spotColor, f));
@@ -421,13 +422,24 @@ __attribute__((target("avx2"))) int PointTable::applyWide(const uint8_t* in,
     s = _mm256_min_ps(_mm256_max_ps(s, lowest), one);
     const __m256i bins =
         _mm256_sub_epi32(_mm256_srai_epi32(_mm256_castps_si256(s), kDropped), firstBin);
-    alignas(32) int32_t bin[8];
+    alignas(32) uint32_t bin[8];  // never negative: unsigned indices need no widening
     _mm256_store_si256(reinterpret_cast<__m256i*>(bin), bins);
     const uint32_t two[2] = {pixelCode(encode[bin[0]], encode[bin[1]], encode[bin[2]], alphaP),
                              pixelCode(encode[bin[4]], encode[bin[5]], encode[bin[6]], alphaQ)};
     std::memcpy(out, two, sizeof two);
   }
   return i;
+}
+int PointTable::applyWide(const uint8_t* in,
+                          bool bgra,
+                          uint8_t* out,
+                          int n,
+                          const float* factors) const {
+  if (mono_)
+    return spot_ ? applyWideAs<true, true>(in, bgra, out, n, factors)
+                 : applyWideAs<true, false>(in, bgra, out, n, factors);
+  return spot_ ? applyWideAs<false, true>(in, bgra, out, n, factors)
+               : applyWideAs<false, false>(in, bgra, out, n, factors);
 }
 #else
 int PointTable::applyWide(const uint8_t*, bool, uint8_t*, int, const float*) const {

@@ -75,6 +75,9 @@ class PointTable {
   // The mixing run two pixels at a time; returns how many were done (the
   // rest are left for applyPlain).
   int applyWide(const uint8_t* in, bool bgra, uint8_t* out, int n, const float* factors) const;
+  // applyWide's loop for a run with or without a monochrome and a spotlight.
+  template <bool kMono, bool kSpot>
+  int applyWideAs(const uint8_t* in, bool bgra, uint8_t* out, int n, const float* factors) const;
 
   bool separable_ = false;
   bool mono_ = false;
