@@ -32,6 +32,24 @@ bool bindFunction(void* library,
   return *slot != nullptr;
 }
 
+// What fills a table binds its functions through this: bind(name, &slot)
+// looks name up in the library into slot; false, with the reason kept, when
+// it is missing.
+class Binder {
+ public:
+  Binder(void* library, const char* soname, std::string* reason)
+      : library_(library), soname_(soname), reason_(reason) {}
+  template <typename Function>
+  bool operator()(const char* name, Function* slot) const {
+    return bindFunction(library_, soname_, name, slot, reason_);
+  }
+
+ private:
+  void* library_;
+  const char* soname_;
+  std::string* reason_;
+};
+
 // A table of a library's functions, and whether it could be filled.
 template <typename Table>
 struct LoadedTable {
@@ -39,6 +57,16 @@ struct LoadedTable {
   bool ok = false;
   std::string reason;  // why not
 };
+
+// The library soname opened and its table filled by fill(table, bind),
+// which returns whether it could fill it all (and may start the library).
+template <typename Table, typename Fill>
+LoadedTable<Table> loadTable(const char* soname, const Fill& fill) {
+  LoadedTable<Table> loaded;
+  if (void* library = openLibrary(soname, &loaded.reason))
+    loaded.ok = fill(loaded.table, Binder(library, soname, &loaded.reason));
+  return loaded;
+}
 
 // The table `load` fills, made the first time it is asked for; null when it
 // could not be, with the reason in *reason. Any thread.

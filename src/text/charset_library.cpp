@@ -12,22 +12,14 @@ namespace {
 #define VN_ICU_NAME_OF(name) #name
 
 LoadedTable<CharsetLibrary> load() {
-  LoadedTable<CharsetLibrary> loaded;
-  std::string& why = loaded.reason;
-  void* handle = openLibrary(VARNEL_ICU_I18N_SONAME, &why);
-  if (!handle)
-    return loaded;
-  CharsetLibrary& t = loaded.table;
-  const auto bind = [handle, &why](const char* name, auto* slot) {
-    return bindFunction(handle, VARNEL_ICU_I18N_SONAME, name, slot, &why);
-  };
-  loaded.ok = bind(VN_ICU_NAME(ucsdet_open), &t.open) &&
-              bind(VN_ICU_NAME(ucsdet_close), &t.close) &&
-              bind(VN_ICU_NAME(ucsdet_enableInputFilter), &t.enableInputFilter) &&
-              bind(VN_ICU_NAME(ucsdet_setText), &t.setText) &&
-              bind(VN_ICU_NAME(ucsdet_detectAll), &t.detectAll) &&
-              bind(VN_ICU_NAME(ucsdet_getName), &t.getName);
-  return loaded;
+  return loadTable<CharsetLibrary>(VARNEL_ICU_I18N_SONAME, [](CharsetLibrary& t,
+                                                              const Binder& bind) {
+    return bind(VN_ICU_NAME(ucsdet_open), &t.open) && bind(VN_ICU_NAME(ucsdet_close), &t.close) &&
+           bind(VN_ICU_NAME(ucsdet_enableInputFilter), &t.enableInputFilter) &&
+           bind(VN_ICU_NAME(ucsdet_setText), &t.setText) &&
+           bind(VN_ICU_NAME(ucsdet_detectAll), &t.detectAll) &&
+           bind(VN_ICU_NAME(ucsdet_getName), &t.getName);
+  });
 }
 
 #undef VN_ICU_NAME_OF
