@@ -691,9 +691,9 @@ __attribute__((target("avx2"))) int encodeRowWide(const SrgbEncodeTables& codes,
       const float alpha = in[4 * k + 3];
       const int32_t* b = bin + 4 * k;
       const float* x = clamped + 4 * k;
-      return alpha > 0 ? (uint32_t{codes.code[b[0]]} + (x[0] >= codes.edge[b[0]])) |
-                             (uint32_t{codes.code[b[1]]} + (x[1] >= codes.edge[b[1]])) << 8 |
-                             (uint32_t{codes.code[b[2]]} + (x[2] >= codes.edge[b[2]])) << 16 |
+      return alpha > 0 ? uint32_t{codes.encodeInBin(b[0], x[0])} |
+                             uint32_t{codes.encodeInBin(b[1], x[1])} << 8 |
+                             uint32_t{codes.encodeInBin(b[2], x[2])} << 16 |
                              uint32_t{alphaCode(alpha)} << 24
                        : 0;
     };

@@ -39,7 +39,11 @@ struct SrgbEncodeTables {
   uint8_t encodeClamped(float x) const {
     int32_t bits;
     std::memcpy(&bits, &x, sizeof bits);
-    const int32_t bin = (bits >> kDropped) - kFirstBin;
+    return encodeInBin((bits >> kDropped) - kFirstBin, x);
+  }
+  // The same, its bin already worked out (for loops that find the bins of
+  // several values at once).
+  uint8_t encodeInBin(int32_t bin, float x) const {
     return static_cast<uint8_t>(code[bin] + (x >= edge[bin]));
   }
 
