@@ -242,8 +242,7 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   disc->path = path;
 
   char identifier[33] = {};
-  if (vn::dvdread().DVDUDFVolumeInfo(reader, identifier, 32, nullptr, 0) == 0 &&
-      identifier[0] != '\0')
+  if (dvdread->DVDUDFVolumeInfo(reader, identifier, 32, nullptr, 0) == 0 && identifier[0] != '\0')
     disc->volume = latin1ToUtf8(identifier);
   if (disc->volume.empty())
     disc->volume = displayName(path);
@@ -251,7 +250,7 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   // Only the tables the model uses are read: each header, and a title set's
   // program chains and cell addresses. libdvdread's readers of the others
   // fault on some broken IFOs.
-  Ifo manager(vn::dvdread().ifoOpenVMGI(reader));
+  Ifo manager(dvdread->ifoOpenVMGI(reader));
   const std::optional<vmgi_mat_t> header = manager && manager->vmgi_mat
                                                ? std::optional<vmgi_mat_t>(*manager->vmgi_mat)
                                                : vn::dvd::managerBackupHeader(reader);
@@ -263,13 +262,13 @@ std::shared_ptr<VNDVD> VNDVD::open(const std::string& path) {
   vn_log("title_sets %d Region 0x%02x", titleSets, disc->region ^ 0xFF);
 
   for (int t = 1; t <= titleSets; ++t) {
-    Ifo ifo(vn::dvdread().ifoOpenVTSI(reader, t));
+    Ifo ifo(dvdread->ifoOpenVTSI(reader, t));
     if (!ifo || !ifo->vtsi_mat) {
       vn_log("title_set %d: its IFO cannot be read; left out", t);
       continue;
     }
     if (!vn::dvd::titleTablesReadable(reader, t, *ifo->vtsi_mat) ||
-        !vn::dvdread().ifoRead_PGCIT(ifo.get()) || !vn::dvdread().ifoRead_TITLE_C_ADT(ifo.get())) {
+        !dvdread->ifoRead_PGCIT(ifo.get()) || !dvdread->ifoRead_TITLE_C_ADT(ifo.get())) {
       vn_log("title_set %d: its program chains or cell addresses cannot be read; left out", t);
       continue;
     }

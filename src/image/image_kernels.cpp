@@ -495,14 +495,13 @@ void blurExact(const Source& src,
   });
 }
 
-// The reduced-size blur (see BlurPlan). Small pixel a covers the columns
-// [a f, a f + f) of picture space, so every output pixel is computed the
-// same way whatever rectangle is asked for.
-// The reduced-size blur over o of a picture of c channels whose rows
-// spanOf(y, x0, n, line) gives (columns x0 .. x0 + n - 1 of picture row y,
-// as Source::span gives them, in line or in place); each output row i (top
-// first) is written by the function emit(i, fill) hands fill a row to
-// write.
+// The reduced-size blur (see BlurPlan) over o, of a picture of c channels
+// whose rows spanOf(y, x0, n, line) gives (columns x0 .. x0 + n - 1 of
+// picture row y, as Source::span gives them, in line or in place); output
+// row i (top first) is written by the function that emit(i, fill) hands a
+// row to. Small pixel a covers the columns [a f, a f + f) of picture space,
+// so every output pixel is computed the same way whatever rectangle is
+// asked for.
 template <typename SpanOf, typename Emit>
 void blurReducedWith(const IntRect& o,
                      int c,
@@ -643,15 +642,23 @@ void forRows(int height, int threads, const Fn& fn) {
   });
 }
 
+// The part of region a blur of a picture over extent writes: beyond its
+// reach a transparent-mode blur is transparent; a clamp-mode one is cropped
+// to the extent.
+IntRect blurredPart(const GaussianBlurOp& op,
+                    const BlurPlan& p,
+                    const IntRect& region,
+                    const IntRect& extent) {
+  return region.intersected(op.clamp ? extent : grownSafely(extent, p.reach));
+}
+
 void gaussianBlur(const GaussianBlurOp& op,
                   const PixelBuffer& in,
                   const IntRect& extent,
                   PixelBuffer& out,
                   int threads) {
   const BlurPlan p = planBlur(op.sigma);
-  // Beyond its reach a transparent-mode blur is transparent; a clamp-mode
-  // one is cropped to the extent.
-  const IntRect part = out.rect.intersected(op.clamp ? extent : grownSafely(extent, p.reach));
+  const IntRect part = blurredPart(op, p, out.rect, extent);
   if (part.isEmpty())
     return;
   blur(sourceOf(in, extent, op.clamp), p, targetOf(out, part), threads);
@@ -1134,6 +1141,26 @@ PixelBuffer applyKernel(const NeighbourhoodOp& op,
   return result;
 }
 
+namespace {
+
+// Makes transparent the 8-bit pixels of region (its rows top first from
+// out, stride bytes apart) that lie outside part, a part of it.
+void clearOutside(uint8_t* out, size_t stride, const IntRect& region, const IntRect& part) {
+  for (int j = 0; j < region.height; ++j) {
+    const int y = region.top() - 1 - j;
+    uint8_t* o = out + static_cast<size_t>(j) * stride;
+    if (part.isEmpty() || y < part.y || y >= part.top()) {
+      std::memset(o, 0, static_cast<size_t>(region.width) * 4);
+      continue;
+    }
+    std::memset(o, 0, static_cast<size_t>(part.x - region.x) * 4);
+    std::memset(o + static_cast<size_t>(part.right() - region.x) * 4, 0,
+                static_cast<size_t>(region.right() - part.right()) * 4);
+  }
+}
+
+}  // namespace
+
 // Output pixels a pixellation of bytes writes at a time.
 constexpr int kFillStep = 8;
 typedef uint32_t Codes8 __attribute__((vector_size(4 * kFillStep)));
@@ -1147,17 +1174,7 @@ void hexagonalPixellateBytes(const HexagonalPixellateOp& op,
   const IntRect extent{0, 0, in.width, in.height};
   const IntRect part = region.intersected(extent);
   // Outside the extent the output is transparent.
-  for (int j = 0; j < region.height; ++j) {
-    const int y = region.top() - 1 - j;
-    uint8_t* o = out + static_cast<size_t>(j) * stride;
-    if (part.isEmpty() || y < part.y || y >= part.top()) {
-      std::memset(o, 0, static_cast<size_t>(region.width) * 4);
-      continue;
-    }
-    std::memset(o, 0, static_cast<size_t>(part.x - region.x) * 4);
-    std::memset(o + static_cast<size_t>(part.right() - region.x) * 4, 0,
-                static_cast<size_t>(region.right() - part.right()) * 4);
-  }
+  clearOutside(out, stride, region, part);
   if (part.isEmpty())
     return;
   const std::shared_ptr<const HexRuns> runs =
@@ -1222,22 +1239,11 @@ bool gaussianBlurBytes(const GaussianBlurOp& op,
   if (p.factor == 1)
     return false;
   const IntRect extent{0, 0, in.width, in.height};
-  // Beyond its reach a transparent-mode blur is transparent; a clamp-mode
-  // one is cropped to the extent.
-  const IntRect part = region.intersected(op.clamp ? extent : grownSafely(extent, p.reach));
-  const int top = region.top() - part.top(), left = part.x - region.x;
-  for (int j = 0; j < region.height; ++j) {
-    uint8_t* o = out + static_cast<size_t>(j) * stride;
-    if (part.isEmpty() || j < top || j >= top + part.height) {
-      std::memset(o, 0, static_cast<size_t>(region.width) * 4);
-      continue;
-    }
-    std::memset(o, 0, static_cast<size_t>(left) * 4);
-    std::memset(o + static_cast<size_t>(left + part.width) * 4, 0,
-                static_cast<size_t>(region.right() - part.right()) * 4);
-  }
+  const IntRect part = blurredPart(op, p, region, extent);
+  clearOutside(out, stride, region, part);
   if (part.isEmpty())
     return true;
+  const int top = region.top() - part.top(), left = part.x - region.x;
   // The raster's rows decoded where the box averages read them, as the
   // float path decodes them.
   const auto geometry = wholeRaster(extent, op.clamp);

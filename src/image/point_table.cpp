@@ -430,6 +430,7 @@ __attribute__((target("avx2"))) int PointTable::applyWideAs(const uint8_t* in,
   }
   return i;
 }
+
 int PointTable::applyWide(const uint8_t* in,
                           bool bgra,
                           uint8_t* out,

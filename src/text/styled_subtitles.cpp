@@ -39,6 +39,7 @@ void logMessage(int level, const char* format, va_list args, void*) {
 }  // namespace
 
 struct StyledSubtitleRenderer::State {
+  const AssLibrary* ass = nullptr;  // loaded before anything below is made
   // Freed in the reverse order: track and renderer before the library.
   std::unique_ptr<ASS_Library, LibraryFree> library;
   std::unique_ptr<ASS_Renderer, RendererFree> renderer;
@@ -73,6 +74,7 @@ std::shared_ptr<StyledSubtitleRenderer> StyledSubtitleRenderer::create(
     return nullptr;
   }
   auto state = std::make_unique<State>();
+  state->ass = ass;
   state->library.reset(ass->library_init());
   if (!state->library)
     return nullptr;
@@ -123,8 +125,8 @@ void StyledSubtitleRenderer::addEvents(const std::vector<SubtitleEvent>& events)
     if (!state_->seen.insert({event.start, event.duration, event.line.substr(comma)}).second)
       continue;
     std::string line = std::to_string(state_->seen.size()) + event.line.substr(comma);
-    AssLibrary::get()->process_chunk(state_->track.get(), line.data(),
-                                     static_cast<int>(line.size()), event.start, event.duration);
+    state_->ass->process_chunk(state_->track.get(), line.data(), static_cast<int>(line.size()),
+                               event.start, event.duration);
   }
 }
 
@@ -230,14 +232,13 @@ bool StyledSubtitleRenderer::render(int64_t ms, int width, int height) {
   State& s = *state_;
   bool resized = false;
   if (width != s.width || height != s.height) {
-    AssLibrary::get()->set_frame_size(s.renderer.get(), width, height);
+    s.ass->set_frame_size(s.renderer.get(), width, height);
     s.width = width;
     s.height = height;
     resized = true;
   }
   int change = 0;
-  const ASS_Image* images =
-      AssLibrary::get()->render_frame(s.renderer.get(), s.track.get(), ms, &change);
+  const ASS_Image* images = s.ass->render_frame(s.renderer.get(), s.track.get(), ms, &change);
   if (s.drawn && change == 0 && !resized)
     return false;
   s.cached = compose(images);

@@ -40,16 +40,9 @@ bool programFolder(char (&folder)[PATH_MAX]) {
 // load anyway, written in C, and none defines a name another one does, so
 // every symbol still binds where it would have.
 void loadLookedUpFirst() {
-  char names[] = VARNEL_LOOKED_UP_FIRST;
-  for (char* name = names; *name;) {
-    char* end = std::strchr(name, ':');
-    if (end)
-      *end = 0;
+  char names[] = VARNEL_LOOKED_UP_FIRST;  // "libA.so.1:libB.so.2:..."
+  for (char* name = std::strtok(names, ":"); name; name = std::strtok(nullptr, ":"))
     (void)dlopen(name, RTLD_LAZY | RTLD_GLOBAL);
-    if (!end)
-      break;
-    name = end + 1;
-  }
 }
 
 }  // namespace
@@ -64,9 +57,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "varnel: error: cannot find where the program is installed\n");
     return kExitFailed;
   }
+  loadLookedUpFirst();
   // Beside the program in a build tree; under the library folder when
   // installed.
-  loadLookedUpFirst();
   const char* const places[] = {"libvarnel-commands.so", VARNEL_COMMANDS_FROM_BIN};
   void* commands = nullptr;
   char path[PATH_MAX + 256];
