@@ -877,18 +877,28 @@ struct Run {
 // Where the cells of a pixellation lie over an area of its extent: each
 // raster row's runs of pixels in one cell (a cell meets a row in one run:
 // cells are convex), cells counted from one near the area's corner so that
-// they fit 32 bits, and the cells each row meets. They depend only on the
+// they fit 32 bits, and the runs that meet each row of cells. They depend only on the
 // lattice and the area, so a picture pixellated frame after frame finds
 // them made.
 struct HexRuns {
   IntRect area;
   double cx = 0, cy = 0, scale = 0;
   std::vector<std::vector<Run>> rows;
-  std::vector<int32_t> lowN, highN;  // the cell rows each raster row meets
   std::vector<size_t> firstRun;      // each row's first run, counted over all rows
   size_t runCount = 0;
   int32_t firstN = 0, firstM = 0;  // the lowest cell row and column met
   int cellRows = 0, cellColumns = 0;
+  // The runs in each row of cells, raster row after raster row, left to
+  // right: those of cell row k are runsOfCellRow[cellRowStart[k] ..
+  // cellRowStart[k + 1]), each its count over all rows and its cell's
+  // column. And the pixels of each cell.
+  struct CellRun {
+    uint32_t run;
+    int32_t column;
+  };
+  std::vector<CellRun> runsOfCellRow;
+  std::vector<size_t> cellRowStart;
+  std::vector<int32_t> cellPixels;
 };
 
 std::shared_ptr<const HexRuns> makeHexRuns(const Lattice& lattice,
@@ -913,9 +923,8 @@ std::shared_ptr<const HexRuns> makeHexRuns(const Lattice& lattice,
   const double refM = std::floor(vx[0] - vy[h - 1] / kRowStep / 2) - 1;
   const double refN = std::floor(vy[h - 1] / kRowStep) - 1;
   runs.rows.resize(h);
-  runs.lowN.resize(h);
-  runs.highN.resize(h);
-  std::vector<int32_t> rowLowM(h), rowHighM(h);
+  // The cell rows and columns each raster row meets.
+  std::vector<int32_t> rowLowN(h), rowHighN(h), rowLowM(h), rowHighM(h);
   forRows(h, threads, [&](int i) {
     Scratch<int32_t, kCells> cells(2 * static_cast<size_t>(paddedWidth));
     int32_t* ms = cells.data();
@@ -928,25 +937,41 @@ std::shared_ptr<const HexRuns> makeHexRuns(const Lattice& lattice,
       else
         row.push_back({x, x + 1, ms[x], ns[x], 0});
     }
-    runs.lowN[i] = rowLowM[i] = INT32_MAX;
-    runs.highN[i] = rowHighM[i] = INT32_MIN;
+    rowLowN[i] = rowLowM[i] = INT32_MAX;
+    rowHighN[i] = rowHighM[i] = INT32_MIN;
     for (const Run& r : row) {
-      runs.lowN[i] = std::min(runs.lowN[i], r.n);
-      runs.highN[i] = std::max(runs.highN[i], r.n);
+      rowLowN[i] = std::min(rowLowN[i], r.n);
+      rowHighN[i] = std::max(rowHighN[i], r.n);
       rowLowM[i] = std::min(rowLowM[i], r.m);
       rowHighM[i] = std::max(rowHighM[i], r.m);
     }
   });
-  runs.firstN = *std::min_element(runs.lowN.begin(), runs.lowN.end());
+  runs.firstN = *std::min_element(rowLowN.begin(), rowLowN.end());
   runs.firstM = *std::min_element(rowLowM.begin(), rowLowM.end());
-  runs.cellRows = *std::max_element(runs.highN.begin(), runs.highN.end()) - runs.firstN + 1;
+  runs.cellRows = *std::max_element(rowHighN.begin(), rowHighN.end()) - runs.firstN + 1;
   runs.cellColumns = *std::max_element(rowHighM.begin(), rowHighM.end()) - runs.firstM + 1;
   runs.firstRun.resize(h);
+  runs.cellRowStart.assign(static_cast<size_t>(runs.cellRows) + 1, 0);
+  runs.cellPixels.assign(static_cast<size_t>(runs.cellRows) * runs.cellColumns, 0);
   for (int i = 0; i < h; ++i) {
     runs.firstRun[i] = runs.runCount;
     runs.runCount += runs.rows[i].size();
-    for (Run& r : runs.rows[i])
+    for (Run& r : runs.rows[i]) {
       r.cell = (r.n - runs.firstN) * runs.cellColumns + (r.m - runs.firstM);
+      ++runs.cellRowStart[r.n - runs.firstN + 1];
+      runs.cellPixels[r.cell] += r.end - r.start;
+    }
+  }
+  for (int k = 0; k < runs.cellRows; ++k)
+    runs.cellRowStart[k + 1] += runs.cellRowStart[k];
+  runs.runsOfCellRow.resize(runs.runCount);
+  std::vector<size_t> next(runs.cellRowStart.begin(), runs.cellRowStart.end() - 1);
+  for (int i = 0; i < h; ++i) {
+    for (size_t k = 0; k < runs.rows[i].size(); ++k) {
+      const Run& r = runs.rows[i][k];
+      runs.runsOfCellRow[next[r.n - runs.firstN]++] = {
+          static_cast<uint32_t>(runs.firstRun[i] + k), r.m - runs.firstM};
+    }
   }
   return made;
 }
@@ -974,35 +999,29 @@ std::shared_ptr<const HexRuns> hexRunsOf(const Lattice& lattice, const IntRect& 
 // runSum). Rows are summed on their own, in parallel, reading each row
 // once from left to right; then one job adds up one row of cells, over the
 // pixel rows that meet it, top to bottom, in doubles, so the sums do not
-// depend on the threads or on the area around a cell.
+// depend on the threads or on the area around a cell. Pixels of the
+// extent that were not given count as transparent.
 template <typename SumRow>
 void cellMeans(const HexRuns& runs, int threads, const SumRow& sumRow, float* means) {
   Scratch<float, kRunSums> sums(runs.runCount * 4);
   forRows(runs.area.height, threads, [&](int i) { sumRow(i, sums.data() + runs.firstRun[i] * 4); });
   const int columns = runs.cellColumns;
   parallelFor(runs.cellRows, threads, [&](int job) {
-    const int32_t n = runs.firstN + job;
-    std::vector<double> sum(static_cast<size_t>(columns) * 5, 0.0);
-    for (int i = 0; i < runs.area.height; ++i) {
-      if (n < runs.lowN[i] || n > runs.highN[i])
-        continue;
-      const float* rowSums = sums.data() + runs.firstRun[i] * 4;
-      for (const Run& r : runs.rows[i]) {
-        const float* runSum = rowSums + (&r - runs.rows[i].data()) * 4;
-        if (r.n != n)
-          continue;
-        double* s = sum.data() + static_cast<size_t>(r.cell - job * columns) * 5;
-        // Pixels of the extent that were not given count as transparent.
-        s[4] += r.end - r.start;
-        for (int ch = 0; ch < 4; ++ch)
-          s[ch] += runSum[ch];
-      }
+    std::vector<double> sum(static_cast<size_t>(columns) * 4, 0.0);
+    for (size_t e = runs.cellRowStart[job]; e < runs.cellRowStart[job + 1]; ++e) {
+      const HexRuns::CellRun& c = runs.runsOfCellRow[e];
+      const float* runSum = sums.data() + static_cast<size_t>(c.run) * 4;
+      double* s = sum.data() + static_cast<size_t>(c.column) * 4;
+      for (int ch = 0; ch < 4; ++ch)
+        s[ch] += runSum[ch];
     }
     float* mean = means + static_cast<size_t>(job) * columns * 4;
+    const int32_t* pixels = runs.cellPixels.data() + static_cast<size_t>(job) * columns;
     for (int k = 0; k < columns; ++k) {
-      const double* s = sum.data() + static_cast<size_t>(k) * 5;
+      const double* s = sum.data() + static_cast<size_t>(k) * 4;
+      const double count = pixels[k];
       for (int ch = 0; ch < 4; ++ch)
-        mean[k * 4 + ch] = s[4] > 0 ? static_cast<float>(s[ch] / s[4]) : 0.0f;
+        mean[k * 4 + ch] = count > 0 ? static_cast<float>(s[ch] / count) : 0.0f;
     }
   });
 }
