@@ -884,7 +884,7 @@ struct HexRuns {
   IntRect area;
   double cx = 0, cy = 0, scale = 0;
   std::vector<std::vector<Run>> rows;
-  std::vector<size_t> firstRun;      // each row's first run, counted over all rows
+  std::vector<size_t> firstRun;  // each row's first run, counted over all rows
   size_t runCount = 0;
   int32_t firstN = 0, firstM = 0;  // the lowest cell row and column met
   int cellRows = 0, cellColumns = 0;
@@ -969,8 +969,8 @@ std::shared_ptr<const HexRuns> makeHexRuns(const Lattice& lattice,
   for (int i = 0; i < h; ++i) {
     for (size_t k = 0; k < runs.rows[i].size(); ++k) {
       const Run& r = runs.rows[i][k];
-      runs.runsOfCellRow[next[r.n - runs.firstN]++] = {
-          static_cast<uint32_t>(runs.firstRun[i] + k), r.m - runs.firstM};
+      runs.runsOfCellRow[next[r.n - runs.firstN]++] = {static_cast<uint32_t>(runs.firstRun[i] + k),
+                                                       r.m - runs.firstM};
     }
   }
   return made;
