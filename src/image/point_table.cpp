@@ -391,6 +391,10 @@ __attribute__((target("avx2"))) int PointTable::applyWideAs(const uint8_t* in,
   const __m256 lowest = _mm256_set1_ps(kLowest), one = _mm256_set1_ps(1),
                half = _mm256_set1_ps(0.5f);
   const __m256i firstBin = _mm256_set1_epi32(kFirstBin);
+  const __m256i gatherCodes =
+      _mm256_setr_epi8(0, 4, 8, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 4, 8, -1, -1,
+                       -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+  const __m128i alphaBytes = _mm_set1_epi32(static_cast<int>(0xFF000000u));
   int i = 0;
   for (; i + 2 <= n; i += 2, in += 8, out += 8) {
     // The cache lines of input and output (sixteen pixels each) asked for
@@ -402,7 +406,6 @@ __attribute__((target("avx2"))) int PointTable::applyWideAs(const uint8_t* in,
     }
     const uint8_t* p = in;
     const uint8_t* q = in + 4;
-    const uint8_t alphaP = p[3], alphaQ = q[3];
     __m256 s = _mm256_add_ps(halves(terms_[0][p[ri]], terms_[0][q[ri]]),
                              halves(terms_[1][p[1]], terms_[1][q[1]]));
     s = _mm256_add_ps(s, halves(terms_[2][p[2 - ri]], terms_[2][q[2 - ri]]));
@@ -422,11 +425,18 @@ __attribute__((target("avx2"))) int PointTable::applyWideAs(const uint8_t* in,
     s = _mm256_min_ps(_mm256_max_ps(s, lowest), one);
     const __m256i bins =
         _mm256_sub_epi32(_mm256_srai_epi32(_mm256_castps_si256(s), kDropped), firstBin);
-    alignas(32) uint32_t bin[8];  // never negative: unsigned indices need no widening
-    _mm256_store_si256(reinterpret_cast<__m256i*>(bin), bins);
-    const uint32_t two[2] = {pixelCode(encode[bin[0]], encode[bin[1]], encode[bin[2]], alphaP),
-                             pixelCode(encode[bin[4]], encode[bin[5]], encode[bin[6]], alphaQ)};
-    std::memcpy(out, two, sizeof two);
+    // Every lane's code, read as four bytes at its bin (the table has room
+    // past its end); each pixel's three codes side by side in the first
+    // bytes of its half; the two pixels side by side.
+    const __m256i read = _mm256_i32gather_epi32(reinterpret_cast<const int*>(encode), bins, 1);
+    const __m256i codes = _mm256_shuffle_epi8(read, gatherCodes);
+    __m128i two =
+        _mm_unpacklo_epi32(_mm256_castsi256_si128(codes), _mm256_extracti128_si256(codes, 1));
+    // The alpha codes kept; a transparent pixel becomes transparent black.
+    const __m128i alpha =
+        _mm_and_si128(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(in)), alphaBytes);
+    two = _mm_andnot_si128(_mm_cmpeq_epi32(alpha, _mm_setzero_si128()), _mm_or_si128(two, alpha));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), two);
   }
   return i;
 }
