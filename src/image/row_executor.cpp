@@ -658,15 +658,20 @@ inline uint32_t pixelCodeOf(const SrgbEncodeTables& codes, const float* c, uint3
 
 #ifdef VN_WIDE_ENCODE
 // encodeRow's arithmetic, operation for operation, on two pixels in the two
-// halves of a register; the codes are then read one by one. Returns how
-// many pixels it did (the rest are left for the plain loop).
+// halves of a register, the codes and edges of their bins gathered. Returns
+// how many pixels it did (the rest are left for the plain loop).
 __attribute__((target("avx2"))) int encodeRowWide(const SrgbEncodeTables& codes,
                                                   const float* in,
                                                   uint8_t* out,
                                                   int width) {
   const __m256 floor = _mm256_set1_ps(SrgbEncodeTables::kFloor), one = _mm256_set1_ps(1),
-               zero = _mm256_setzero_ps();
-  const __m256i firstBin = _mm256_set1_epi32(SrgbEncodeTables::kFirstBin);
+               zero = _mm256_setzero_ps(), scale = _mm256_set1_ps(255), half = _mm256_set1_ps(0.5f);
+  const __m256i firstBin = _mm256_set1_epi32(SrgbEncodeTables::kFirstBin),
+                byte = _mm256_set1_epi32(0xFF), alphaCodes = _mm256_set1_epi32(255);
+  // The first byte of each of a half's four lanes, side by side.
+  const __m256i lowBytes =
+      _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 4, 8, 12, -1,
+                       -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
   int i = 0;
   for (; i + 2 <= width; i += 2, in += 8, out += 8) {
     if ((i & 15) == 0)
@@ -680,27 +685,24 @@ __attribute__((target("avx2"))) int encodeRowWide(const SrgbEncodeTables& codes,
       c = _mm256_blendv_ps(c, _mm256_mul_ps(c, _mm256_div_ps(one, a)), partial);
     // max returns its second operand for a NaN, as the plain loop's clamp does.
     c = _mm256_min_ps(_mm256_max_ps(c, floor), one);
-    alignas(32) float clamped[8];
-    alignas(32) int32_t bin[8];
-    _mm256_store_ps(clamped, c);
-    _mm256_store_si256(
-        reinterpret_cast<__m256i*>(bin),
-        _mm256_sub_epi32(_mm256_srai_epi32(_mm256_castps_si256(c), SrgbEncodeTables::kDropped),
-                         firstBin));
-    const auto codeOf = [&](int k) -> uint64_t {
-      const float alpha = in[4 * k + 3];
-      const int32_t* b = bin + 4 * k;
-      const float* x = clamped + 4 * k;
-      return alpha > 0 ? uint32_t{codes.encodeInBin(b[0], x[0])} |
-                             uint32_t{codes.encodeInBin(b[1], x[1])} << 8 |
-                             uint32_t{codes.encodeInBin(b[2], x[2])} << 16 |
-                             uint32_t{alphaCode(alpha)} << 24
-                       : 0;
-    };
-    // Put together in a register: two 4-byte stores read back as one
-    // 8-byte value would stall the loop.
-    const uint64_t two = codeOf(0) | codeOf(1) << 32;
-    std::memcpy(out, &two, sizeof two);
+    const __m256i bin = _mm256_sub_epi32(
+        _mm256_srai_epi32(_mm256_castps_si256(c), SrgbEncodeTables::kDropped), firstBin);
+    // A bin's code, one more from its edge on.
+    const __m256i code = _mm256_and_si256(
+        _mm256_i32gather_epi32(reinterpret_cast<const int*>(codes.code), bin, 1), byte);
+    const __m256 edge = _mm256_i32gather_ps(codes.edge, bin, 4);
+    __m256i pixel = _mm256_sub_epi32(code, _mm256_castps_si256(_mm256_cmp_ps(c, edge, _CMP_GE_OQ)));
+    // The alpha code (alphaCode's arithmetic) in the fourth lane, and a
+    // pixel that is not opaque at all transparent black.
+    const __m256i alpha =
+        _mm256_blendv_epi8(_mm256_cvttps_epi32(_mm256_add_ps(_mm256_mul_ps(a, scale), half)),
+                           alphaCodes, _mm256_castps_si256(_mm256_cmp_ps(a, one, _CMP_GE_OQ)));
+    pixel = _mm256_blend_epi32(pixel, alpha, 0x88);
+    pixel = _mm256_and_si256(pixel, _mm256_castps_si256(_mm256_cmp_ps(a, zero, _CMP_GT_OQ)));
+    pixel = _mm256_shuffle_epi8(pixel, lowBytes);
+    _mm_storel_epi64(
+        reinterpret_cast<__m128i*>(out),
+        _mm_unpacklo_epi32(_mm256_castsi256_si128(pixel), _mm256_extracti128_si256(pixel, 1)));
   }
   return i;
 }

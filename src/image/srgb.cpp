@@ -18,7 +18,8 @@ struct Tables {
   std::array<float, 256> decode;
   // boundary[k]: the least linear value whose code is k + 1 (k < 255).
   std::array<float, 255> boundary;
-  std::array<uint8_t, kEncodeBins> code;
+  // Three bytes more: the wide encode reads four bytes at a bin.
+  std::array<uint8_t, kEncodeBins + 3> code{};
   std::array<float, kEncodeBins> edge;
 
   // The code of x by the boundaries.

@@ -32,18 +32,15 @@ struct SrgbEncodeTables {
   static constexpr int kDropped = 23 - 8;            // mantissa bits not looked at
   static constexpr float kFloor = 1.0f / (1 << 13);  // the first bin's start
   static constexpr int32_t kFirstBin = (127 - 13) << (23 - kDropped);  // its bits >> kDropped
-  const uint8_t* code;  // the code at each bin's start (the last bin is 1.0: 255)
+  const uint8_t* code;  // the code at each bin's start (the last bin is 1.0: 255), and three
+                        // bytes more
   const float* edge;    // where in the bin the code is one more (2 where it is not)
 
   // The code of a value already put into [kFloor, 1] (see encode).
   uint8_t encodeClamped(float x) const {
     int32_t bits;
     std::memcpy(&bits, &x, sizeof bits);
-    return encodeInBin((bits >> kDropped) - kFirstBin, x);
-  }
-  // The same, its bin already worked out (for loops that find the bins of
-  // several values at once).
-  uint8_t encodeInBin(int32_t bin, float x) const {
+    const int32_t bin = (bits >> kDropped) - kFirstBin;
     return static_cast<uint8_t>(code[bin] + (x >= edge[bin]));
   }
 
