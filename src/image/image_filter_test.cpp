@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
@@ -670,6 +671,29 @@ TEST(FilterImageTest, TheWideTableLoopGivesThePlainLoopsBytes) {
       EXPECT_EQ(wide, plain);
       EXPECT_EQ(inPlace, plain);
       EXPECT_NE(plain, pixels);
+    }
+  }
+}
+
+// Sampling eight pixels at a time gives the bytes of sampling one at a time: a turned, shrunk and
+// mirrored picture with translucent and transparent pixels, in either byte order, its edges within
+// the region and rows of every length the wide loop leaves a part of.
+TEST(FilterImageTest, TheWideSamplerGivesThePlainSamplersBytes) {
+  const int w = 301, h = 203;
+  std::vector<uint8_t> bytes = noise(w, h, false, 5);
+  for (size_t i = 3; i < bytes.size(); i += 4 * 13)
+    bytes[i] = 0;
+  for (auto order : {FilterImage::ByteOrder::RGBA, FilterImage::ByteOrder::BGRA}) {
+    const FilterImage turned = FilterImage::fromRaster(bytes.data(), w, h, w * 4, order)
+                                   ->transformed(AffineTransform{}.rotated(10 * M_PI / 180))
+                                   .transformed(AffineTransform{}.scaled(-0.74, 0.74))
+                                   .transformed(AffineTransform::makeTranslation(180, 20));
+    for (const Rect& region : {Rect{0, 0, 256, 200}, Rect{37, 11, 101, 77}, Rect{60, 40, 9, 3}}) {
+      vn::allowWideSampling(false);
+      const std::vector<uint8_t> plain = turned.render(region, {1, nullptr});
+      vn::allowWideSampling(true);
+      EXPECT_EQ(turned.render(region, {1, nullptr}), plain);
+      EXPECT_GT(std::count(plain.begin(), plain.end(), 0), 0);
     }
   }
 }

@@ -11,6 +11,7 @@
 #if defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
 #define VN_WIDE_ENCODE 1
+#define VN_WIDE_SAMPLE 1
 #endif
 
 namespace vn {
@@ -208,11 +209,147 @@ void samplePixel(const SampleRow& line, int x) {
   store4(out, upper + wy * (lower - upper));
 }
 
+// Column and row coordinates of the taps of output pixel x, offset by
+// kOffset to keep them positive so that truncation floors. The wide loop
+// works them out the same way, so both give the same bytes.
+constexpr int kOffset = 4;
+inline double tapColumn(const SampleRow& line, int x) {
+  return (line.sx0 + line.op.inverse.a * x) - 0.5 + kOffset;
+}
+inline double tapRow(const SampleRow& line, int x) {
+  return (line.top - (line.sy0 + line.op.inverse.b * x)) - 0.5 + kOffset;
+}
+
+// A turned picture is read across its rows, which the processor does not
+// see coming: the two rows of the taps of pixel x (some pixels ahead of the
+// one being worked out) are asked for early, so that they come from memory
+// meanwhile.
+constexpr int kAhead = 24;
+inline void prefetchTaps(const SampleRow& line, int x) {
+  const Source& s = line.op.source;
+  const int c = std::clamp(static_cast<int>(tapColumn(line, x)) - kOffset, s.c0, s.c1 - 1);
+  const int r =
+      std::clamp(static_cast<int>(tapRow(line, x)) - kOffset, s.r0, std::max(s.r0, s.r1 - 2));
+  const uint8_t* p = s.raster->bytes + size_t(r) * s.raster->stride + size_t(c) * 4;
+  __builtin_prefetch(p);
+  __builtin_prefetch(p + s.raster->stride);
+}
+
+bool wideSamplingAllowed = true;
+
+#ifdef VN_WIDE_SAMPLE
+// Eight taps, the pixels at base + at[k], as premultiplied linear light,
+// decoded as decodePixel does: each channel's eight values side by side.
+struct Taps {
+  __m256 ch[4];
+};
+__attribute__((target("avx2"))) inline Taps gatherTaps(const uint8_t* base,
+                                                       __m256i at,
+                                                       int ri,
+                                                       const float* lut) {
+  const __m256i p = _mm256_i32gather_epi32(reinterpret_cast<const int*>(base), at, 1);
+  const __m256 alpha =
+      _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(p, 24)), _mm256_set1_ps(1.0f / 255));
+  const __m256i byte = _mm256_set1_epi32(0xFF);
+  const int shifts[3] = {8 * ri, 8, 8 * (2 - ri)};
+  Taps t;
+  for (int k = 0; k < 3; ++k) {
+    const __m256i code = _mm256_and_si256(_mm256_srlv_epi32(p, _mm256_set1_epi32(shifts[k])), byte);
+    t.ch[k] = _mm256_mul_ps(_mm256_i32gather_ps(lut, code, 4), alpha);
+  }
+  t.ch[3] = alpha;
+  return t;
+}
+
+// sampleRasterSpan's arithmetic, operation for operation, on eight pixels
+// at a time: their taps and the codes' linear values are gathered, the
+// channels worked out side by side, then put back pixel by pixel. Eight
+// pixels of which one is near an edge are left to the caller, as are the
+// last few; returns the first pixel it did not do, from x on.
+__attribute__((target("avx2"))) int sampleRasterSpanWide(const SampleRow& line, int x, int end) {
+  const Source& s = line.op.source;
+  const AffineTransform& t = line.op.inverse;
+  const uint8_t* bytes = s.raster->bytes;
+  const size_t stride = s.raster->stride;
+  // Tap offsets are 32-bit.
+  if (size_t(s.r1) * stride > size_t{INT32_MAX} - stride - 8)
+    return x;
+  const int ri = s.raster->bgra ? 2 : 0;
+  const float* lut = line.lut;
+  const bool across = t.b != 0;
+  const __m256d step = _mm256_setr_pd(0, 1, 2, 3), half = _mm256_set1_pd(0.5),
+                offset = _mm256_set1_pd(kOffset), a = _mm256_set1_pd(t.a), b = _mm256_set1_pd(t.b),
+                sx0 = _mm256_set1_pd(line.sx0), sy0 = _mm256_set1_pd(line.sy0),
+                top = _mm256_set1_pd(line.top);
+  const __m256i one = _mm256_set1_epi32(1);
+  const __m256i c0 = _mm256_set1_epi32(s.c0), c1 = _mm256_set1_epi32(s.c1 - 1),
+                r0 = _mm256_set1_epi32(s.r0), r1 = _mm256_set1_epi32(s.r1 - 1),
+                pixelBytes = _mm256_set1_epi32(4), rowBytes = _mm256_set1_epi32(int(stride));
+  float* out = line.row + size_t(x - line.region.x) * 4;
+  for (; x + 8 <= end; x += 8, out += 32) {
+    if (across) {
+      prefetchTaps(line, x + kAhead);
+      prefetchTaps(line, x + kAhead + 4);
+    }
+    // Each half of the eight: the taps' coordinates, their integer parts
+    // and their fractions.
+    __m128i cs[2], rs[2];
+    __m128 wxs[2], wys[2];
+    __m256d low = _mm256_setzero_pd();
+    for (int h = 0; h < 2; ++h) {
+      const __m256d xs = _mm256_add_pd(_mm256_set1_pd(double(x + 4 * h)), step);
+      const __m256d fx =
+          _mm256_add_pd(_mm256_sub_pd(_mm256_add_pd(sx0, _mm256_mul_pd(a, xs)), half), offset);
+      const __m256d fy = _mm256_add_pd(
+          _mm256_sub_pd(_mm256_sub_pd(top, _mm256_add_pd(sy0, _mm256_mul_pd(b, xs))), half),
+          offset);
+      low = _mm256_or_pd(low, _mm256_or_pd(fx, fy));  // a negative one has its sign set
+      cs[h] = _mm_sub_epi32(_mm256_cvttpd_epi32(fx), _mm_set1_epi32(kOffset));
+      rs[h] = _mm_sub_epi32(_mm256_cvttpd_epi32(fy), _mm_set1_epi32(kOffset));
+      wxs[h] = _mm256_cvtpd_ps(_mm256_sub_pd(fx, _mm256_floor_pd(fx)));
+      wys[h] = _mm256_cvtpd_ps(_mm256_sub_pd(fy, _mm256_floor_pd(fy)));
+    }
+    const __m256i c = _mm256_set_m128i(cs[1], cs[0]), r = _mm256_set_m128i(rs[1], rs[0]);
+    // All four taps of every pixel inside the source, else the caller's.
+    const __m256i outside =
+        _mm256_or_si256(_mm256_or_si256(_mm256_cmpgt_epi32(c0, c),
+                                        _mm256_cmpgt_epi32(_mm256_add_epi32(c, one), c1)),
+                        _mm256_or_si256(_mm256_cmpgt_epi32(r0, r),
+                                        _mm256_cmpgt_epi32(_mm256_add_epi32(r, one), r1)));
+    if (_mm256_movemask_pd(low) || !_mm256_testz_si256(outside, outside))
+      return x;
+    const __m256 wx = _mm256_set_m128(wxs[1], wxs[0]), wy = _mm256_set_m128(wys[1], wys[0]);
+    const __m256i at =
+        _mm256_add_epi32(_mm256_mullo_epi32(r, rowBytes), _mm256_mullo_epi32(c, pixelBytes));
+    const Taps p00 = gatherTaps(bytes, at, ri, lut), p10 = gatherTaps(bytes + 4, at, ri, lut),
+               p01 = gatherTaps(bytes + stride, at, ri, lut),
+               p11 = gatherTaps(bytes + stride + 4, at, ri, lut);
+    __m256 ch[4];
+    for (int k = 0; k < 4; ++k) {
+      const __m256 upper =
+          _mm256_add_ps(p00.ch[k], _mm256_mul_ps(wx, _mm256_sub_ps(p10.ch[k], p00.ch[k])));
+      const __m256 lower =
+          _mm256_add_ps(p01.ch[k], _mm256_mul_ps(wx, _mm256_sub_ps(p11.ch[k], p01.ch[k])));
+      ch[k] = _mm256_add_ps(upper, _mm256_mul_ps(wy, _mm256_sub_ps(lower, upper)));
+    }
+    // Channels side by side back to pixels.
+    const __m256 rg0 = _mm256_unpacklo_ps(ch[0], ch[1]), rg1 = _mm256_unpackhi_ps(ch[0], ch[1]);
+    const __m256 ba0 = _mm256_unpacklo_ps(ch[2], ch[3]), ba1 = _mm256_unpackhi_ps(ch[2], ch[3]);
+    const __m256 q0 = _mm256_shuffle_ps(rg0, ba0, 0x44), q1 = _mm256_shuffle_ps(rg0, ba0, 0xEE);
+    const __m256 q2 = _mm256_shuffle_ps(rg1, ba1, 0x44), q3 = _mm256_shuffle_ps(rg1, ba1, 0xEE);
+    _mm256_storeu_ps(out, _mm256_permute2f128_ps(q0, q1, 0x20));
+    _mm256_storeu_ps(out + 8, _mm256_permute2f128_ps(q2, q3, 0x20));
+    _mm256_storeu_ps(out + 16, _mm256_permute2f128_ps(q0, q1, 0x31));
+    _mm256_storeu_ps(out + 24, _mm256_permute2f128_ps(q2, q3, 0x31));
+  }
+  return x;
+}
+#endif
+
 // The common case, kept tight: an 8-bit source, unmasked, its taps all
 // inside the source except near an edge.
 void sampleRasterSpan(const SampleRow& line, const Span& span) {
   const Source& s = line.op.source;
-  const AffineTransform& t = line.op.inverse;
   const float* lut = line.lut;
   const uint8_t* bytes = s.raster->bytes;
   const size_t stride = s.raster->stride;
@@ -220,26 +357,19 @@ void sampleRasterSpan(const SampleRow& line, const Span& span) {
   auto decode = [&](const uint8_t* p) {
     return Float4{lut[p[ri]], lut[p[1]], lut[p[2 - ri]], 1.0f} * (p[3] * (1.0f / 255));
   };
-  // Column and row coordinates of the taps, stepped along the row; the
-  // offset keeps them positive so that truncation floors.
-  constexpr int kOffset = 4;
-  int x = span.x0;
-  double fx = line.sx0 + t.a * x - 0.5 + kOffset,
-         fy = line.top - (line.sy0 + t.b * x) - 0.5 + kOffset;
-  // A turned picture is read across its rows, which the processor does not
-  // see coming: the two rows of the taps some pixels ahead are asked for
-  // early, so that they come from memory while this pixel is worked out.
-  constexpr int kAhead = 24;
-  const bool across = t.b != 0;
-  double ax = fx + kAhead * t.a, ay = fy - kAhead * t.b;
-  for (; x < span.x1; ++x, fx += t.a, fy -= t.b, ax += t.a, ay -= t.b) {
-    if (across) {
-      const int ac = std::clamp(static_cast<int>(ax) - kOffset, s.c0, s.c1 - 1);
-      const int ar = std::clamp(static_cast<int>(ay) - kOffset, s.r0, std::max(s.r0, s.r1 - 2));
-      const uint8_t* ahead = bytes + size_t(ar) * stride + size_t(ac) * 4;
-      __builtin_prefetch(ahead);
-      __builtin_prefetch(ahead + stride);
+  const bool across = line.op.inverse.b != 0;
+  for (int x = span.x0; x < span.x1; ++x) {
+#ifdef VN_WIDE_SAMPLE
+    static const bool wide = __builtin_cpu_supports("avx2");
+    if (wide && wideSamplingAllowed && (x - span.x0) % 8 == 0) {
+      x = sampleRasterSpanWide(line, x, span.x1);
+      if (x == span.x1)
+        break;
     }
+#endif
+    if (across)
+      prefetchTaps(line, x + kAhead);
+    const double fx = tapColumn(line, x), fy = tapRow(line, x);
     const int c = static_cast<int>(fx) - kOffset, r = static_cast<int>(fy) - kOffset;
     if (fx < 0 || fy < 0 || c < s.c0 || c + 1 >= s.c1 || r < s.r0 || r + 1 >= s.r1) {
       samplePixel(line, x);  // near an edge
@@ -634,6 +764,10 @@ std::shared_ptr<const PixelBuffer> materialize(const NodePtr& node,
   stats->neighbourhoodPasses += program.stats.neighbourhoodPasses;
   stats->materialized += program.stats.materialized;
   return out;
+}
+
+void allowWideSampling(bool allow) {
+  wideSamplingAllowed = allow;
 }
 
 void decodeRow(const uint8_t* in, bool bgra, int n, float* out) {
