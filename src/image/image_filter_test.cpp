@@ -675,14 +675,24 @@ TEST(FilterImageTest, TheWideTableLoopGivesThePlainLoopsBytes) {
   }
 }
 
-// Sampling eight pixels at a time gives the bytes of sampling one at a time: a turned, shrunk and
+// Sampling and decoding eight pixels at a time give what one at a time gives: a turned, shrunk and
 // mirrored picture with translucent and transparent pixels, in either byte order, its edges within
-// the region and rows of every length the wide loop leaves a part of.
+// the region and rows of every length the wide loops leave a part of; decoded rows likewise.
 TEST(FilterImageTest, TheWideSamplerGivesThePlainSamplersBytes) {
   const int w = 301, h = 203;
   std::vector<uint8_t> bytes = noise(w, h, false, 5);
   for (size_t i = 3; i < bytes.size(); i += 4 * 13)
     bytes[i] = 0;
+  for (bool bgra : {false, true}) {
+    for (int n : {1, 7, 8, 9, 23, w}) {
+      std::vector<float> plain(size_t(n) * 4), wide(size_t(n) * 4);
+      vn::allowWideSampling(false);
+      vn::decodeRow(bytes.data() + 12, bgra, n, plain.data());
+      vn::allowWideSampling(true);
+      vn::decodeRow(bytes.data() + 12, bgra, n, wide.data());
+      EXPECT_EQ(wide, plain);
+    }
+  }
   for (auto order : {FilterImage::ByteOrder::RGBA, FilterImage::ByteOrder::BGRA}) {
     const FilterImage turned = FilterImage::fromRaster(bytes.data(), w, h, w * 4, order)
                                    ->transformed(AffineTransform{}.rotated(10 * M_PI / 180))

@@ -238,27 +238,45 @@ inline void prefetchTaps(const SampleRow& line, int x) {
 bool wideSamplingAllowed = true;
 
 #ifdef VN_WIDE_SAMPLE
-// Eight taps, the pixels at base + at[k], as premultiplied linear light,
-// decoded as decodePixel does: each channel's eight values side by side.
-struct Taps {
+// Eight pixels' four channels, each channel's eight values side by side.
+struct Pixels8 {
   __m256 ch[4];
 };
-__attribute__((target("avx2"))) inline Taps gatherTaps(const uint8_t* base,
-                                                       __m256i at,
-                                                       int ri,
-                                                       const float* lut) {
-  const __m256i p = _mm256_i32gather_epi32(reinterpret_cast<const int*>(base), at, 1);
+
+// Eight straight-alpha sRGB pixels (their four bytes in each lane) as
+// premultiplied linear light, decoded as decodePixel does.
+__attribute__((target("avx2"))) inline Pixels8 decodePixels8(__m256i p, int ri, const float* lut) {
   const __m256 alpha =
       _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(p, 24)), _mm256_set1_ps(1.0f / 255));
   const __m256i byte = _mm256_set1_epi32(0xFF);
   const int shifts[3] = {8 * ri, 8, 8 * (2 - ri)};
-  Taps t;
+  Pixels8 t;
   for (int k = 0; k < 3; ++k) {
     const __m256i code = _mm256_and_si256(_mm256_srlv_epi32(p, _mm256_set1_epi32(shifts[k])), byte);
     t.ch[k] = _mm256_mul_ps(_mm256_i32gather_ps(lut, code, 4), alpha);
   }
   t.ch[3] = alpha;
   return t;
+}
+
+// The eight taps at base + at[k].
+__attribute__((target("avx2"))) inline Pixels8 gatherTaps(const uint8_t* base,
+                                                          __m256i at,
+                                                          int ri,
+                                                          const float* lut) {
+  return decodePixels8(_mm256_i32gather_epi32(reinterpret_cast<const int*>(base), at, 1), ri, lut);
+}
+
+// Writes the eight pixels to out, four floats each.
+__attribute__((target("avx2"))) inline void storePixels8(float* out, const __m256 (&ch)[4]) {
+  const __m256 rg0 = _mm256_unpacklo_ps(ch[0], ch[1]), rg1 = _mm256_unpackhi_ps(ch[0], ch[1]);
+  const __m256 ba0 = _mm256_unpacklo_ps(ch[2], ch[3]), ba1 = _mm256_unpackhi_ps(ch[2], ch[3]);
+  const __m256 q0 = _mm256_shuffle_ps(rg0, ba0, 0x44), q1 = _mm256_shuffle_ps(rg0, ba0, 0xEE);
+  const __m256 q2 = _mm256_shuffle_ps(rg1, ba1, 0x44), q3 = _mm256_shuffle_ps(rg1, ba1, 0xEE);
+  _mm256_storeu_ps(out, _mm256_permute2f128_ps(q0, q1, 0x20));
+  _mm256_storeu_ps(out + 8, _mm256_permute2f128_ps(q2, q3, 0x20));
+  _mm256_storeu_ps(out + 16, _mm256_permute2f128_ps(q0, q1, 0x31));
+  _mm256_storeu_ps(out + 24, _mm256_permute2f128_ps(q2, q3, 0x31));
 }
 
 // sampleRasterSpan's arithmetic, operation for operation, on eight pixels
@@ -321,9 +339,9 @@ __attribute__((target("avx2"))) int sampleRasterSpanWide(const SampleRow& line, 
     const __m256 wx = _mm256_set_m128(wxs[1], wxs[0]), wy = _mm256_set_m128(wys[1], wys[0]);
     const __m256i at =
         _mm256_add_epi32(_mm256_mullo_epi32(r, rowBytes), _mm256_mullo_epi32(c, pixelBytes));
-    const Taps p00 = gatherTaps(bytes, at, ri, lut), p10 = gatherTaps(bytes + 4, at, ri, lut),
-               p01 = gatherTaps(bytes + stride, at, ri, lut),
-               p11 = gatherTaps(bytes + stride + 4, at, ri, lut);
+    const Pixels8 p00 = gatherTaps(bytes, at, ri, lut), p10 = gatherTaps(bytes + 4, at, ri, lut),
+                  p01 = gatherTaps(bytes + stride, at, ri, lut),
+                  p11 = gatherTaps(bytes + stride + 4, at, ri, lut);
     __m256 ch[4];
     for (int k = 0; k < 4; ++k) {
       const __m256 upper =
@@ -332,15 +350,7 @@ __attribute__((target("avx2"))) int sampleRasterSpanWide(const SampleRow& line, 
           _mm256_add_ps(p01.ch[k], _mm256_mul_ps(wx, _mm256_sub_ps(p11.ch[k], p01.ch[k])));
       ch[k] = _mm256_add_ps(upper, _mm256_mul_ps(wy, _mm256_sub_ps(lower, upper)));
     }
-    // Channels side by side back to pixels.
-    const __m256 rg0 = _mm256_unpacklo_ps(ch[0], ch[1]), rg1 = _mm256_unpackhi_ps(ch[0], ch[1]);
-    const __m256 ba0 = _mm256_unpacklo_ps(ch[2], ch[3]), ba1 = _mm256_unpackhi_ps(ch[2], ch[3]);
-    const __m256 q0 = _mm256_shuffle_ps(rg0, ba0, 0x44), q1 = _mm256_shuffle_ps(rg0, ba0, 0xEE);
-    const __m256 q2 = _mm256_shuffle_ps(rg1, ba1, 0x44), q3 = _mm256_shuffle_ps(rg1, ba1, 0xEE);
-    _mm256_storeu_ps(out, _mm256_permute2f128_ps(q0, q1, 0x20));
-    _mm256_storeu_ps(out + 8, _mm256_permute2f128_ps(q2, q3, 0x20));
-    _mm256_storeu_ps(out + 16, _mm256_permute2f128_ps(q0, q1, 0x31));
-    _mm256_storeu_ps(out + 24, _mm256_permute2f128_ps(q2, q3, 0x31));
+    storePixels8(out, ch);
   }
   return x;
 }
@@ -770,10 +780,37 @@ void allowWideSampling(bool allow) {
   wideSamplingAllowed = allow;
 }
 
+#ifdef VN_WIDE_SAMPLE
+namespace {
+// decodeRow eight pixels at a time; returns how many it did.
+__attribute__((target("avx2"))) int decodeRowWide(const uint8_t* in,
+                                                  int ri,
+                                                  const float* lut,
+                                                  int n,
+                                                  float* out) {
+  int i = 0;
+  for (; i + 8 <= n; i += 8) {
+    if ((i & 15) == 0)
+      __builtin_prefetch(in + size_t(i) * 4 + 1024);
+    const Pixels8 p = decodePixels8(
+        _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + size_t(i) * 4)), ri, lut);
+    storePixels8(out + size_t(i) * 4, p.ch);
+  }
+  return i;
+}
+}  // namespace
+#endif
+
 void decodeRow(const uint8_t* in, bool bgra, int n, float* out) {
   const float* lut = srgbToLinearTable();
   const int ri = bgra ? 2 : 0;
-  for (int i = 0; i < n; ++i) {
+  int done = 0;
+#ifdef VN_WIDE_SAMPLE
+  static const bool wide = __builtin_cpu_supports("avx2");
+  if (wide && wideSamplingAllowed)
+    done = decodeRowWide(in, ri, lut, n, out);
+#endif
+  for (int i = done; i < n; ++i) {
     // A cache line asked for a few lines ahead of its first read.
     if ((i & 15) == 0)
       __builtin_prefetch(in + size_t(i) * 4 + 1024);

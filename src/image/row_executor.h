@@ -102,9 +102,9 @@ inline LinearPixel decodePixel(const uint8_t* p, int ri, const float* lut) {
 // premultiplied linear RGBA floats.
 void decodeRow(const uint8_t* in, bool bgra, int n, float* out);
 
-// Whether sampling an 8-bit source may take eight pixels at a time on a
-// machine with AVX2 (the default) or keeps to one at a time; both give the
-// same bytes. For tests and benchmarks.
+// Whether sampling an 8-bit source and decodeRow may take eight pixels at a
+// time on a machine with AVX2 (the default) or keep to one at a time; both
+// give the same results. For tests and benchmarks.
 void allowWideSampling(bool allow);
 
 }  // namespace vn
