@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -12,13 +13,30 @@
 namespace vn {
 namespace {
 
+// A thread about to sleep waiting for the other side first watches for it
+// this long: the jobs of a picture come one right after another, and a
+// thread woken from sleep starts tens of microseconds later, which the
+// short jobs of a picture's filters would otherwise pay at each step.
+constexpr auto kWatchBeforeSleep = std::chrono::microseconds(50);
+
+// Watches until done() holds or kWatchBeforeSleep has passed, yielding
+// between looks: on cores busy with other work (an encoder's threads) the
+// watch gives way to it.
+template <typename Done>
+void watchBriefly(const Done& done) {
+  const auto until = std::chrono::steady_clock::now() + kWatchBeforeSleep;
+  while (!done() && std::chrono::steady_clock::now() < until)
+    std::this_thread::yield();
+}
+
 struct Job {
   const std::function<void(int)>* fn;
   int count;
   int helpers;  // how many pool workers may join, at most
   std::atomic<int> next{0};
-  int joined = 0;    // guarded by the pool's lock
-  int finished = 0;  // guarded by doneLock
+  int joined = 0;                    // guarded by the pool's lock
+  int finished = 0;                  // guarded by doneLock
+  std::atomic<int> finishedSeen{0};  // finished, to be watched without the lock
   std::mutex doneLock;
   std::condition_variable doneChanged;
 
@@ -36,6 +54,7 @@ struct Job {
       return;
     std::lock_guard<std::mutex> lock(doneLock);
     finished += n;
+    finishedSeen.fetch_add(n, std::memory_order_release);
     if (finished == count)
       doneChanged.notify_all();
   }
@@ -58,6 +77,7 @@ class Pool {
     if (job->helpers > 0) {
       std::lock_guard<std::mutex> lock(lock_);
       jobs_.push_back(job);
+      queued_.fetch_add(1, std::memory_order_release);
       wake_.notify_all();
     }
     job->addFinished(job->runItems());
@@ -65,6 +85,7 @@ class Pool {
       std::lock_guard<std::mutex> lock(lock_);
       jobs_.erase(std::remove(jobs_.begin(), jobs_.end(), job), jobs_.end());
     }
+    watchBriefly([&] { return job->finishedSeen.load(std::memory_order_acquire) == job->count; });
     std::unique_lock<std::mutex> lock(job->doneLock);
     job->doneChanged.wait(lock, [&] { return job->finished == job->count; });
   }
@@ -80,6 +101,12 @@ class Pool {
   void work() {
     std::unique_lock<std::mutex> lock(lock_);
     for (;;) {
+      if (jobs_.empty()) {
+        const int seen = queued_.load(std::memory_order_acquire);
+        lock.unlock();
+        watchBriefly([&] { return queued_.load(std::memory_order_acquire) != seen; });
+        lock.lock();
+      }
       wake_.wait(lock, [this] { return !jobs_.empty(); });
       std::shared_ptr<Job> job = jobs_.front();
       if (++job->joined >= job->helpers)
@@ -94,6 +121,7 @@ class Pool {
   std::mutex lock_;
   std::condition_variable wake_;
   std::deque<std::shared_ptr<Job>> jobs_;  // guarded by lock_
+  std::atomic<int> queued_{0};             // jobs ever queued, to be watched without the lock
   std::vector<std::thread> workers_;
 };
 
