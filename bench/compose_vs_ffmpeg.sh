@@ -109,7 +109,11 @@ for ((r = 0; r < rounds; r++)); do
 done
 
 # 2. Full conversion.
-if "$varnel" convert --help 2>&1 | grep -q -- --crop; then
+# (The help is read whole first: grep -q stops reading at the first match,
+# and under pipefail the program's write to the closed pipe would fail the
+# test.)
+convert_help=$("$varnel" convert --help 2>&1 || true)
+if grep -q -- --crop <<<"$convert_help"; then
   have_convert=1
 else
   have_convert=0
