@@ -643,7 +643,11 @@ TEST(FilterImageTest, TheWideTableLoopGivesThePlainLoopsBytes) {
   nan.m[1][1] = std::numeric_limits<float>::quiet_NaN();
   vn::SpotLightOp spot;
   spot.concentration = 0.4;
+  vn::ColorMatrixOp invert;  // each channel one table
+  for (int n = 0; n < 3; ++n)
+    invert.m[n][n] = -1.3f + 0.2f * n, invert.m[n][3] = 1;
   const std::vector<vn::PointOp> runs[] = {
+      {invert},
       {mix},
       {saturation(0.3f), vn::MonochromeOp{{0.8f, 0.3f, 0.1f}, 0.7f}, mix},
       {vn::MonochromeOp{{0.2f, 0.6f, 0.9f}, 1}},
@@ -655,6 +659,7 @@ TEST(FilterImageTest, TheWideTableLoopGivesThePlainLoopsBytes) {
   for (int i = 0; i < n; i += 7)  // transparent pixels, in either place of a pair
     pixels[size_t(i) * 4 + 3] = 0;
   const vn::IntRect row{-7, 40, n, 1};
+  EXPECT_TRUE(vn::PointTable::forStages(runs[0])->separable());
   for (const auto& stages : runs) {
     const std::shared_ptr<const vn::PointTable> table = vn::PointTable::forStages(stages);
     ASSERT_TRUE(table);

@@ -56,9 +56,10 @@ class PointTable {
   // Every channel is one table of output codes.
   bool separable() const { return separable_; }
 
-  // Whether apply may take eight lanes at a time on a machine with AVX2
-  // (the default) or keeps to the plain loop; both give the same bytes.
-  // For tests and benchmarks.
+  // Whether apply may take several pixels at a time (two pixels' eight
+  // lanes with AVX2; sixteen pixels of one table per channel with AVX-512's
+  // byte permutes) where the machine has them (the default) or keeps to
+  // the plain loops; both give the same bytes. For tests and benchmarks.
   static void allowWideLoop(bool allow);
 
   // Only for forStages (and std::make_shared).
@@ -69,6 +70,8 @@ class PointTable {
   typedef float Float4 __attribute__((vector_size(16)));
 
   void applySeparable(const uint8_t* in, bool bgra, uint8_t* out, int n) const;
+  // applySeparable sixteen pixels at a time; returns how many were done.
+  int applySeparableWide(const uint8_t* in, bool bgra, uint8_t* out, int n) const;
   // The mixing run over pixels [from, n).
   void applyPlain(const uint8_t* in, bool bgra, uint8_t* out, int from, int n, const float* factors)
       const;
