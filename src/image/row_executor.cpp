@@ -259,14 +259,6 @@ __attribute__((target("avx2"))) inline Pixels8 decodePixels8(__m256i p, int ri, 
   return t;
 }
 
-// The eight taps at base + at[k].
-__attribute__((target("avx2"))) inline Pixels8 gatherTaps(const uint8_t* base,
-                                                          __m256i at,
-                                                          int ri,
-                                                          const float* lut) {
-  return decodePixels8(_mm256_i32gather_epi32(reinterpret_cast<const int*>(base), at, 1), ri, lut);
-}
-
 // Writes the eight pixels to out, four floats each.
 __attribute__((target("avx2"))) inline void storePixels8(float* out, const __m256 (&ch)[4]) {
   const __m256 rg0 = _mm256_unpacklo_ps(ch[0], ch[1]), rg1 = _mm256_unpackhi_ps(ch[0], ch[1]);
@@ -279,8 +271,20 @@ __attribute__((target("avx2"))) inline void storePixels8(float* out, const __m25
   _mm256_storeu_ps(out + 24, _mm256_permute2f128_ps(q2, q3, 0x31));
 }
 
+// The two taps side by side at row + offsets[k] of four pixels k: the left
+// taps in the lower half, the right ones in the upper.
+__attribute__((target("avx2"))) inline __m256i tapPairs(const uint8_t* row,
+                                                        const int32_t* offsets) {
+  uint64_t pair[4];
+  for (int k = 0; k < 4; ++k)
+    std::memcpy(&pair[k], row + offsets[k], sizeof pair[k]);
+  return _mm256_permutevar8x32_epi32(
+      _mm256_set_epi64x(int64_t(pair[3]), int64_t(pair[2]), int64_t(pair[1]), int64_t(pair[0])),
+      _mm256_setr_epi32(0, 2, 4, 6, 1, 3, 5, 7));
+}
+
 // sampleRasterSpan's arithmetic, operation for operation, on eight pixels
-// at a time: their taps and the codes' linear values are gathered, the
+// at a time: their taps are read and the codes' linear values gathered, the
 // channels worked out side by side, then put back pixel by pixel. Eight
 // pixels of which one is near an edge are left to the caller, as are the
 // last few; returns the first pixel it did not do, from x on.
@@ -339,9 +343,19 @@ __attribute__((target("avx2"))) int sampleRasterSpanWide(const SampleRow& line, 
     const __m256 wx = _mm256_set_m128(wxs[1], wxs[0]), wy = _mm256_set_m128(wys[1], wys[0]);
     const __m256i at =
         _mm256_add_epi32(_mm256_mullo_epi32(r, rowBytes), _mm256_mullo_epi32(c, pixelBytes));
-    const Pixels8 p00 = gatherTaps(bytes, at, ri, lut), p10 = gatherTaps(bytes + 4, at, ri, lut),
-                  p01 = gatherTaps(bytes + stride, at, ri, lut),
-                  p11 = gatherTaps(bytes + stride + 4, at, ri, lut);
+    // Each pixel's two taps of a row are side by side: read as one 8-byte
+    // value (reads of their own wait on memory apart from each other,
+    // where a gather waits for all eight), then parted into the left taps
+    // and the right ones.
+    alignas(32) int32_t offsets[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(offsets), at);
+    const __m256i upper0 = tapPairs(bytes, offsets), upper1 = tapPairs(bytes, offsets + 4);
+    const __m256i lower0 = tapPairs(bytes + stride, offsets),
+                  lower1 = tapPairs(bytes + stride, offsets + 4);
+    const Pixels8 p00 = decodePixels8(_mm256_permute2x128_si256(upper0, upper1, 0x20), ri, lut),
+                  p10 = decodePixels8(_mm256_permute2x128_si256(upper0, upper1, 0x31), ri, lut),
+                  p01 = decodePixels8(_mm256_permute2x128_si256(lower0, lower1, 0x20), ri, lut),
+                  p11 = decodePixels8(_mm256_permute2x128_si256(lower0, lower1, 0x31), ri, lut);
     __m256 ch[4];
     for (int k = 0; k < 4; ++k) {
       const __m256 upper =
