@@ -877,9 +877,9 @@ struct Run {
 // Where the cells of a pixellation lie over an area of its extent: each
 // raster row's runs of pixels in one cell (a cell meets a row in one run:
 // cells are convex), cells counted from one near the area's corner so that
-// they fit 32 bits, and the runs that meet each row of cells. They depend only on the
-// lattice and the area, so a picture pixellated frame after frame finds
-// them made.
+// they fit 32 bits, and the runs that meet each row of cells. They depend
+// only on the lattice and the area, so a picture pixellated frame after
+// frame finds them made.
 struct HexRuns {
   IntRect area;
   double cx = 0, cy = 0, scale = 0;
